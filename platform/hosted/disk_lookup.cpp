@@ -1,0 +1,147 @@
+// disk_lookup.cpp: from a parsed path to the file behind it.
+// The host path of a folder, once found, is remembered under the text it was asked by; it is tried first and looked for
+// anew when it is not there any more. A name in the exact case therefore costs one call of the host.
+#include "platform/hosted/disk.h"
+#include <cerrno>
+#include <mutex>
+#include <unordered_map>
+
+namespace hosted {
+namespace {
+
+constexpr size_t MAX_FOLDERS = 1024;
+
+std::mutex                                         &g_Mutex = *new std::mutex;
+std::unordered_map<std::u16string, std::string>    &g_aFolders = *new std::unordered_map<std::u16string, std::string>;
+
+bool Remembered(const std::u16string &sFull, std::string *psHost)
+{
+    const std::lock_guard<std::mutex> guard(g_Mutex);
+    const auto                        it = g_aFolders.find(sFull);
+    if (it == g_aFolders.end()) return false;
+    *psHost = it->second;
+    return true;
+}
+
+void Remember(const std::u16string &sFull, const std::string &sHost)
+{
+    const std::lock_guard<std::mutex> guard(g_Mutex);
+    if (g_aFolders.size() >= MAX_FOLDERS) g_aFolders.clear();
+    g_aFolders[sFull] = sHost;
+}
+
+// The host folder behind "C:\a\b". *pbRemembered: not looked at on disk. 0 or ERROR_PATH_NOT_FOUND.
+uint32_t FindFolder(const std::u16string &sFull, std::string *psHost, bool *pbRemembered)
+{
+    if (Remembered(sFull, psHost)) {
+        *pbRemembered = true;
+        return 0;
+    }
+    if (sFull.size() <= 3) {
+        *psHost = DriveFolder(static_cast<char>(sFull[0]));
+        if (psHost->empty()) return platform::ERROR_PATH_NOT_FOUND;
+        Remember(sFull, *psHost);
+        return 0;
+    }
+    const size_t nAt = sFull.rfind(u'\\');
+    std::string  sParent;
+    if (const uint32_t dwError = FindFolder(sFull.substr(0, nAt < 3 ? 3 : nAt), &sParent, pbRemembered)) return dwError;
+    const std::u16string_view sName = std::u16string_view(sFull).substr(nAt + 1);
+    std::string               sHost = sParent + '/' + HostName(sName);
+    struct stat               st;
+    if (lstat(sHost.c_str(), &st) != 0) {
+        std::string sStored;
+        if ((errno != ENOENT && errno != ENOTDIR) || FindInFolder(sParent, sName, &sStored) != IndexAnswer::Present)
+            return platform::ERROR_PATH_NOT_FOUND;
+        sHost = sParent + '/' + sStored;
+    }
+    *psHost = std::move(sHost);
+    Remember(sFull, *psHost);
+    return 0;
+}
+
+// Fills the rest in when sHost names something.
+bool Look(Located *pFound)
+{
+    pFound->bLink = false;
+    if (lstat(pFound->sHost.c_str(), &pFound->st) != 0) return false;
+    if (S_ISLNK(pFound->st.st_mode)) {
+        pFound->bLink = true;
+        struct stat st;
+        if (stat(pFound->sHost.c_str(), &st) == 0) pFound->st = st;
+    }
+    pFound->bExists = true;
+    return true;
+}
+
+uint32_t LocateOnce(const DiskPath &path, Located *pFound, bool bToMake, bool *pbRemembered)
+{
+    pFound->bExists = pFound->bIndexValid = false;
+    if (path.IsRoot()) {
+        if (const uint32_t dwError = FindFolder(path.sFull, &pFound->sHost, pbRemembered)) return dwError;
+        pFound->sFolder = pFound->sHost;
+        if (Look(pFound)) return 0;
+        return platform::ERROR_PATH_NOT_FOUND;
+    }
+    const size_t nLeaf = path.LeafAt();
+    if (const uint32_t dwError =
+            FindFolder(path.sFull.substr(0, nLeaf <= 3 ? 3 : nLeaf - 1), &pFound->sFolder, pbRemembered))
+        return dwError;
+    const std::u16string_view sName = std::u16string_view(path.sFull).substr(nLeaf);
+    pFound->sHost.reserve(pFound->sFolder.size() + sName.size() + 8);
+    pFound->sHost = pFound->sFolder;
+    pFound->sHost += '/';
+    pFound->sHost += HostName(sName);
+    pFound->bIndexValid = bToMake && IndexLacks(pFound->sFolder, sName);
+    if (pFound->bIndexValid || Look(pFound)) return 0;
+    if (errno == ENAMETOOLONG) return platform::ERROR_FILENAME_EXCED_RANGE; // the host's limit for a whole path
+    if (errno != ENOENT) return errno == ENOTDIR ? platform::ERROR_PATH_NOT_FOUND : ErrorFromErrno(errno);
+    std::string sStored;
+    switch (FindInFolder(pFound->sFolder, sName, &sStored)) {
+    case IndexAnswer::NoFolder: return platform::ERROR_PATH_NOT_FOUND;
+    case IndexAnswer::Absent:   pFound->bIndexValid = true; return 0;
+    case IndexAnswer::Present:  break;
+    }
+    std::string sWanted = std::move(pFound->sHost);
+    pFound->sHost       = pFound->sFolder + '/' + sStored;
+    if (!Look(pFound)) pFound->sHost = std::move(sWanted); // it went in between
+    return 0;
+}
+
+const OnUseMachine g_Reset(ForgetFolders);
+
+uint32_t LocateTwice(const DiskPath &path, Located *pFound, bool bToMake)
+{
+    bool     bRemembered = false;
+    uint32_t dwError     = LocateOnce(path, pFound, bToMake, &bRemembered);
+    if (dwError == platform::ERROR_PATH_NOT_FOUND && bRemembered) {
+        ForgetFolders();
+        dwError = LocateOnce(path, pFound, bToMake, &bRemembered);
+    }
+    return dwError;
+}
+
+} // namespace
+
+uint32_t Locate(const DiskPath &path, Located *pFound) { return LocateTwice(path, pFound, false); }
+uint32_t LocateToMake(const DiskPath &path, Located *pFound) { return LocateTwice(path, pFound, true); }
+
+void NameAdded(const Located &found)
+{
+    IndexAdded(found.sFolder, found.bIndexValid, std::string_view(found.sHost).substr(found.sFolder.size() + 1));
+}
+
+void NameAdded(const std::string &sFolder, bool bWasValid, std::string_view sHostName)
+{
+    IndexAdded(sFolder, bWasValid, sHostName);
+}
+
+void NameRemoved(const std::string &sFolder, bool bWasValid) { IndexRemoved(sFolder, bWasValid); }
+
+void ForgetFolders()
+{
+    const std::lock_guard<std::mutex> guard(g_Mutex);
+    g_aFolders.clear();
+}
+
+} // namespace hosted

@@ -1,0 +1,108 @@
+// faults.cpp: which call fails, and how often each was made.
+// Every public function of the backend comes through FailsNow, so a call without faults costs one hash and one atomic
+// addition: names live in a table that only grows and is read without a lock.
+#include "platform/hosted/internal.h"
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+namespace {
+
+struct Fault {
+    int64_t  nCall; // in the slot's count
+    uint32_t dwError;
+    bool     bFromThenOn;
+};
+
+struct Slot {
+    std::atomic<const char *> pszName{nullptr};
+    std::atomic<int64_t>      nCalls{0};
+    std::atomic<bool>         bArmed{false};
+    std::vector<Fault>        aFaults; // under g_Mutex
+};
+
+constexpr size_t SLOTS = 1024; // several times the number of names; a power of two
+Slot            &SlotAt(size_t i)
+{
+    static Slot *const s_pSlots = new Slot[SLOTS];
+    return s_pSlots[i & (SLOTS - 1)];
+}
+
+std::mutex &Mutex()
+{
+    static std::mutex &s_Mutex = *new std::mutex;
+    return s_Mutex;
+}
+
+// The slot of a name; made when it is missing and bMake.
+Slot *FindSlot(const char *pszName, bool bMake)
+{
+    uint32_t dwHash = 2166136261u;
+    for (const char *p = pszName; *p != '\0'; p++) dwHash = (dwHash ^ static_cast<unsigned char>(*p)) * 16777619u;
+    for (size_t i = 0; i < SLOTS; i++) {
+        Slot       &slot      = SlotAt(dwHash + i);
+        const char *pszStored = slot.pszName.load(std::memory_order_acquire);
+        if (pszStored == nullptr) {
+            if (!bMake) return nullptr;
+            const std::lock_guard<std::mutex> guard(Mutex());
+            pszStored = slot.pszName.load(std::memory_order_acquire);
+            if (pszStored == nullptr) {
+                slot.pszName.store(strdup(pszName), std::memory_order_release);
+                return &slot;
+            }
+        }
+        if (strcmp(pszStored, pszName) == 0) return &slot;
+    }
+    hosted::Fatal("more than %zu call names", SLOTS);
+}
+
+const hosted::OnUseMachine g_Reset(hosted::ClearFaults);
+
+} // namespace
+
+namespace hosted {
+
+void Start(); // control.cpp: reads the environment on first use
+
+void FailCall(const char *pszCall, int nth, uint32_t dwError, bool bFromThenOn)
+{
+    Slot                             *pSlot = FindSlot(pszCall, true);
+    const std::lock_guard<std::mutex> guard(Mutex());
+    pSlot->aFaults.push_back({pSlot->nCalls.load() + nth, dwError, bFromThenOn});
+    pSlot->bArmed.store(true);
+}
+
+void ClearFaults()
+{
+    const std::lock_guard<std::mutex> guard(Mutex());
+    for (size_t i = 0; i < SLOTS; i++) {
+        SlotAt(i).aFaults.clear();
+        SlotAt(i).bArmed.store(false);
+        SlotAt(i).nCalls.store(0);
+    }
+}
+
+int CallCount(const char *pszCall)
+{
+    const Slot *pSlot = FindSlot(pszCall, false);
+    return pSlot == nullptr ? 0 : static_cast<int>(pSlot->nCalls.load());
+}
+
+bool FailsNow(const char *pszCall, uint32_t *pdwError)
+{
+    Start();
+    Slot         *pSlot = FindSlot(pszCall, true);
+    const int64_t nCall = pSlot->nCalls.fetch_add(1, std::memory_order_relaxed) + 1;
+    if (!pSlot->bArmed.load(std::memory_order_acquire)) return false;
+    const std::lock_guard<std::mutex> guard(Mutex());
+    for (const Fault &fault : pSlot->aFaults) {
+        if (nCall == fault.nCall || (fault.bFromThenOn && nCall > fault.nCall)) {
+            SetError(fault.dwError);
+            if (pdwError != nullptr) *pdwError = fault.dwError;
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace hosted

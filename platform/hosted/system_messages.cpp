@@ -1,0 +1,196 @@
+// system_messages.cpp: the system's English texts for the codes that this system can meet, and LocalFree.
+// A code without a text fails as on Windows (ERROR_MR_MID_NOT_FOUND). IGNORE_INSERTS is always asked for, so the texts
+// hold no inserts.
+#include "platform/errors.h"
+#include "platform/hosted/internal.h"
+#include <algorithm>
+#include <iterator>
+
+namespace {
+
+constexpr uint32_t ERROR_MR_MID_NOT_FOUND = 317, ERROR_RESOURCE_LANG_NOT_FOUND = 1815;
+constexpr uint32_t LANGUAGE_DEFAULT = 0x0400, LANGUAGE_ENGLISH_US = 0x0409;
+
+struct SystemMessage {
+    uint32_t    dwCode;
+    const char *pszText; // ASCII, without the line break
+};
+
+// In the order of the codes.
+constexpr SystemMessage g_aMessages[] = {
+    {0, "The operation completed successfully."},
+    {1, "Incorrect function."},
+    {2, "The system cannot find the file specified."},
+    {3, "The system cannot find the path specified."},
+    {4, "The system cannot open the file."},
+    {5, "Access is denied."},
+    {6, "The handle is invalid."},
+    {8, "Not enough memory resources are available to process this command."},
+    {14, "Not enough memory resources are available to complete this operation."},
+    {15, "The system cannot find the drive specified."},
+    {17, "The system cannot move the file to a different disk drive."},
+    {18, "There are no more files."},
+    {19, "The media is write protected."},
+    {21, "The device is not ready."},
+    {23, "Data error (cyclic redundancy check)."},
+    {29, "The system cannot write to the specified device."},
+    {30, "The system cannot read from the specified device."},
+    {31, "A device attached to the system is not functioning."},
+    {32, "The process cannot access the file because it is being used by another process."},
+    {33, "The process cannot access the file because another process has locked a portion of the file."},
+    {38, "Reached the end of the file."},
+    {39, "The disk is full."},
+    {50, "The request is not supported."},
+    {53, "The network path was not found."},
+    {64, "The specified network name is no longer available."},
+    {80, "The file exists."},
+    {87, "The parameter is incorrect."},
+    {109, "The pipe has been ended."},
+    {111, "The file name is too long."},
+    {112, "There is not enough space on the disk."},
+    {121, "The semaphore timeout period has expired."},
+    {122, "The data area passed to a system call is too small."},
+    {123, "The filename, directory name, or volume label syntax is incorrect."},
+    {126, "The specified module could not be found."},
+    {127, "The specified procedure could not be found."},
+    {131, "An attempt was made to move the file pointer before the beginning of the file."},
+    {145, "The directory is not empty."},
+    {161, "The specified path is invalid."},
+    {170, "The requested resource is in use."},
+    {183, "Cannot create a file when that file already exists."},
+    {206, "The filename or extension is too long."},
+    {230, "The pipe state is invalid."},
+    {231, "All pipe instances are busy."},
+    {232, "The pipe is being closed."},
+    {233, "No process is on the other end of the pipe."},
+    {234, "More data is available."},
+    {258, "The wait operation timed out."},
+    {259, "No more data is available."},
+    {267, "The directory name is invalid."},
+    {535, "There is a process on other end of the pipe."},
+    {536, "Waiting for a process to open the other end of the pipe."},
+    {995, "The I/O operation has been aborted because of either a thread exit or an application request."},
+    {996, "Overlapped I/O event is not in a signaled state."},
+    {997, "Overlapped I/O operation is in progress."},
+    {998, "Invalid access to memory location."},
+    {1062, "The service has not been started."},
+    {1117, "The request could not be performed because of an I/O device error."},
+    {1168, "Element not found."},
+    {1223, "The operation was canceled by the user."},
+    {1314, "A required privilege is not held by the client."},
+    {1332, "No mapping between account names and security IDs was done."},
+    {1338, "The security descriptor structure is invalid."},
+    {1400, "Invalid window handle."},
+    {1407, "Cannot find window class."},
+    {1410, "Class already exists."},
+    {1411, "Class does not exist."},
+    {1450, "Insufficient system resources exist to complete the requested service."},
+    {1460, "This operation returned because the timeout period expired."},
+    {1812, "The specified image file did not contain a resource section."},
+    {1813, "The specified resource type cannot be found in the image file."},
+    {1814, "The specified resource name cannot be found in the image file."},
+    {1921, "The name of the file cannot be resolved by the system."},
+    {10004, "A blocking operation was interrupted by a call to WSACancelBlockingCall."},
+    {10009, "The file handle supplied is not valid."},
+    {10013, "An attempt was made to access a socket in a way forbidden by its access permissions."},
+    {10014, "The system detected an invalid pointer address in attempting to use a pointer argument in a call."},
+    {10022, "An invalid argument was supplied."},
+    {10024, "Too many open sockets."},
+    {10035, "A non-blocking socket operation could not be completed immediately."},
+    {10036, "A blocking operation is currently executing."},
+    {10037, "An operation was attempted on a non-blocking socket that already had an operation in progress."},
+    {10038, "An operation was attempted on something that is not a socket."},
+    {10039, "A required address was omitted from an operation on a socket."},
+    {10040,
+     "A message sent on a datagram socket was larger than the internal message buffer or some other network limit, "
+     "or the buffer used to receive a datagram into was smaller than the datagram itself."},
+    {10041,
+     "A protocol was specified in the socket function call that does not support the semantics of the socket type "
+     "requested."},
+    {10042, "An unknown, invalid, or unsupported option or level was specified in a getsockopt or setsockopt call."},
+    {10043, "The requested protocol has not been configured into the system, or no implementation for it exists."},
+    {10044, "The support for the specified socket type does not exist in this address family."},
+    {10045, "The attempted operation is not supported for the type of object referenced."},
+    {10047, "An address incompatible with the requested protocol was used."},
+    {10048, "Only one usage of each socket address (protocol/network address/port) is normally permitted."},
+    {10049, "The requested address is not valid in its context."},
+    {10050, "A socket operation encountered a dead network."},
+    {10051, "A socket operation was attempted to an unreachable network."},
+    {10052, "The connection has been broken due to keep-alive activity detecting a failure while the operation was in "
+            "progress."},
+    {10053, "An established connection was aborted by the software in your host machine."},
+    {10054, "An existing connection was forcibly closed by the remote host."},
+    {10055,
+     "An operation on a socket could not be performed because the system lacked sufficient buffer space or because a "
+     "queue was full."},
+    {10056, "A connect request was made on an already connected socket."},
+    {10057,
+     "A request to send or receive data was disallowed because the socket is not connected and (when sending on a "
+     "datagram socket using a sendto call) no address was supplied."},
+    {10058, "A request to send or receive data was disallowed because the socket had already been shut down in that "
+            "direction with a previous shutdown call."},
+    {10060,
+     "A connection attempt failed because the connected party did not properly respond after a period of time, or "
+     "established connection failed because connected host has failed to respond."},
+    {10061, "No connection could be made because the target machine actively refused it."},
+    {10064, "A socket operation failed because the destination host was down."},
+    {10065, "A socket operation was attempted to an unreachable host."},
+    {10091,
+     "WSAStartup cannot function at this time because the underlying system it uses to provide network services is "
+     "currently unavailable."},
+    {10092, "The Windows Sockets version requested is not supported."},
+    {10093, "Either the application has not called WSAStartup, or WSAStartup failed."},
+    {10109, "The specified class was not found."},
+    {11001, "No such host is known."},
+    {11002,
+     "This is usually a temporary error during hostname resolution and means that the local server did not receive a "
+     "response from an authoritative server."},
+    {11003, "A non-recoverable error occurred during a database lookup."},
+    {11004, "The requested name is valid, but no data of the requested type was found."},
+};
+
+} // namespace
+
+namespace platform {
+
+uint32_t FormatMessageW(uint32_t dwFlags, const void *pSource, uint32_t dwMessageId, uint32_t dwLanguageId,
+                        char16_t **ppszBuffer, uint32_t nSize, void *pArguments)
+{
+    constexpr uint32_t ONLY_FLAGS =
+        FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_SYSTEM;
+    if (hosted::FailsNow("FormatMessageW")) return 0;
+    if (dwFlags != ONLY_FLAGS || pSource != nullptr || pArguments != nullptr) {
+        hosted::SetError(ERROR_NOT_SUPPORTED);
+        return 0;
+    }
+    if (ppszBuffer == nullptr) {
+        hosted::SetError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    *ppszBuffer = nullptr;
+    if (dwLanguageId != 0 && dwLanguageId != LANGUAGE_DEFAULT && dwLanguageId != LANGUAGE_ENGLISH_US) {
+        hosted::SetError(ERROR_RESOURCE_LANG_NOT_FOUND);
+        return 0;
+    }
+    const auto *pMessage = std::lower_bound(std::begin(g_aMessages), std::end(g_aMessages), dwMessageId,
+                                            [](const SystemMessage &m, uint32_t dwCode) { return m.dwCode < dwCode; });
+    if (pMessage == std::end(g_aMessages) || pMessage->dwCode != dwMessageId) {
+        hosted::SetError(ERROR_MR_MID_NOT_FOUND);
+        return 0;
+    }
+    const std::string sText   = std::string(pMessage->pszText) + "\r\n";
+    const size_t      cchRoom = std::max<size_t>(nSize, sText.size() + 1);
+    auto             *pszText = static_cast<char16_t *>(hosted::AllocBlock(cchRoom * sizeof(char16_t)));
+    if (pszText == nullptr) return 0;
+    std::copy(sText.begin(), sText.end(), pszText);
+    *ppszBuffer = pszText;
+    return static_cast<uint32_t>(sText.size());
+}
+
+void *LocalFree(void *pMem)
+{
+    hosted::FreeBlock(pMem);
+    return nullptr;
+}
+
+} // namespace platform

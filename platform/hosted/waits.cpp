@@ -1,0 +1,89 @@
+// waits.cpp: WaitForSingleObject and WaitForMultipleObjects.
+#include "platform/hosted/waits.h"
+#include <vector>
+
+namespace hosted {
+
+Waits &TheWaits()
+{
+    static Waits &s_Waits = *new Waits;
+    return s_Waits;
+}
+
+Deadline DeadlineAfter(uint32_t dwMilliseconds)
+{
+    return dwMilliseconds == platform::INFINITE ? Deadline::max()
+                                                : std::chrono::steady_clock::now() + RealTime(dwMilliseconds);
+}
+
+bool WaitUntil(std::unique_lock<std::mutex> &lock, std::condition_variable &condition, const Deadline &deadline)
+{
+    if (deadline == Deadline::max()) {
+        condition.wait(lock);
+        return true;
+    }
+    return condition.wait_until(lock, deadline) == std::cv_status::no_timeout;
+}
+
+namespace {
+
+// The calling process, which does not end while somebody here waits for it.
+struct OwnProcess : Waitable {
+    OwnProcess() : Waitable(HandleKind::Thread) {}
+    bool TakeSignal() override { return false; }
+};
+
+std::shared_ptr<Waitable> WaitableOf(platform::HANDLE hObject)
+{
+    if (hObject == platform::GetCurrentProcess()) return std::make_shared<OwnProcess>();
+    std::shared_ptr<KernelObject> pObject = ObjectOf(hObject, platform::SYNCHRONIZE);
+    if (pObject == nullptr) return nullptr;
+    if (pObject->eKind == HandleKind::Event || pObject->eKind == HandleKind::Thread) {
+        return std::static_pointer_cast<Waitable>(std::move(pObject));
+    }
+    SetError(platform::ERROR_NOT_SUPPORTED); // Windows lets a program wait for mutexes, files and pipes too
+    return nullptr;
+}
+
+uint32_t WaitForAny(uint32_t nCount, const platform::HANDLE *pHandles, uint32_t dwMilliseconds)
+{
+    // Kept alive though a handle be closed meanwhile.
+    std::shared_ptr<Waitable> aObjects[platform::MAXIMUM_WAIT_OBJECTS];
+    for (uint32_t i = 0; i < nCount; i++) {
+        aObjects[i] = WaitableOf(pHandles[i]);
+        if (aObjects[i] == nullptr) return platform::WAIT_FAILED;
+    }
+    const Deadline               deadline  = DeadlineAfter(dwMilliseconds);
+    std::condition_variable     &condition = nCount == 1 ? aObjects[0]->Condition() : TheWaits().condition;
+    const uint32_t               nSeveral  = nCount == 1 ? 0 : 1;
+    std::unique_lock<std::mutex> lock(TheWaits().mutex);
+    for (bool bInTime = dwMilliseconds != 0;;) {
+        for (uint32_t i = 0; i < nCount; i++) {
+            if (aObjects[i]->TakeSignal()) return platform::WAIT_OBJECT_0 + i;
+        }
+        if (!bInTime) return platform::WAIT_TIMEOUT;
+        TheWaits().nSeveral += nSeveral;
+        bInTime = WaitUntil(lock, condition, deadline);
+        TheWaits().nSeveral -= nSeveral;
+    }
+}
+
+} // namespace
+} // namespace hosted
+
+uint32_t platform::WaitForSingleObject(HANDLE hHandle, uint32_t dwMilliseconds)
+{
+    if (hosted::FailsNow("WaitForSingleObject")) return WAIT_FAILED;
+    return hosted::WaitForAny(1, &hHandle, dwMilliseconds);
+}
+
+uint32_t platform::WaitForMultipleObjects(uint32_t nCount, const HANDLE *pHandles, BOOL bWaitAll,
+                                          uint32_t dwMilliseconds)
+{
+    if (hosted::FailsNow("WaitForMultipleObjects")) return WAIT_FAILED;
+    if (nCount == 0 || nCount > MAXIMUM_WAIT_OBJECTS || bWaitAll) {
+        hosted::SetError(bWaitAll ? ERROR_NOT_SUPPORTED : ERROR_INVALID_PARAMETER);
+        return WAIT_FAILED;
+    }
+    return hosted::WaitForAny(nCount, pHandles, dwMilliseconds);
+}

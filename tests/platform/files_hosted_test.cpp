@@ -1,0 +1,292 @@
+// files_hosted_test.cpp: what only a hosted machine can be made to show: planted names, a full drive, names longer than
+// the host's, other processes, and what Wine does not hold either (the limit of 260, read-only files against an
+// administrator).
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/hosted/control.h"
+#include "tests/support/test_machine.h"
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+using namespace platform;
+
+namespace {
+
+class HostedFiles : public MachineTest {};
+
+std::string HostOf(const std::u16string &sPath)
+{
+    char sz[4096];
+    EXPECT_TRUE(hosted::HostPath(sPath.c_str(), sz, sizeof sz));
+    return sz;
+}
+
+void Plant(const std::string &sHost, const std::string &sContent)
+{
+    std::ofstream(sHost, std::ios::binary) << sContent;
+}
+
+uint32_t ErrorOf(bool bFailed) { return bFailed ? GetLastError() : 0; }
+
+} // namespace
+
+TEST_F(HostedFiles, APlantedNameIsFoundInAnyCaseAlsoAfterAMiss)
+{
+    const std::u16string sFolder = TestFolder();
+    const std::string    sHost   = HostOf(sFolder);
+    for (int i = 0; i < 50; i++) {
+        const std::u16string sName =
+            sFolder + u"\\file" + static_cast<char16_t>(u'A' + i % 26) + static_cast<char16_t>(u'0' + i / 26);
+        EXPECT_FALSE(PathExists(sName)); // makes the folder's index
+        const std::string sPlanted = HostOf(sName);
+        Plant(sHost + "/FILE" + sPlanted.substr(sPlanted.size() - 2), "planted");
+        EXPECT_EQ("planted", ReadTestFile(sName)) << i;
+    }
+    for (const bool bRemove : {false, true}) { // a change of our own does not hide the one from outside before it
+        const std::u16string sOwn = sFolder + u"\\own", sWanted = sFolder + (bRemove ? u"\\PLANTED2" : u"\\PLANTED1");
+        EXPECT_FALSE(PathExists(sWanted));
+        Plant(sHost + (bRemove ? "/planted2" : "/planted1"), "planted");
+        if (bRemove) EXPECT_TRUE(DeleteFileW(sOwn.c_str()));
+        else WriteTestFile(sOwn, "");
+        EXPECT_EQ("planted", ReadTestFile(sWanted)) << bRemove;
+    }
+    mkdir((sHost + "/Sub").c_str(), 0777);
+    Plant(sHost + "/Sub/X", "1");
+    EXPECT_EQ("1", ReadTestFile(sFolder + u"\\SUB\\x"));
+    ASSERT_EQ(0, rename((sHost + "/Sub").c_str(), (sHost + "/sUB").c_str()));
+    EXPECT_EQ("1", ReadTestFile(sFolder + u"\\SUB\\x")) << "the remembered folder has another case now";
+    EXPECT_EQ(sHost + "/sUB/X", HostOf(sFolder + u"\\sub\\x"));
+    EXPECT_EQ(sHost + "/sUB/none/Deep", HostOf(sFolder + u"\\sub\\none\\Deep"));
+    Plant(sHost + "/both", "lower");
+    Plant(sHost + "/Both", "upper");
+    EXPECT_EQ("lower", ReadTestFile(sFolder + u"\\both")) << "the exact name comes first";
+    EXPECT_EQ("upper", ReadTestFile(sFolder + u"\\Both"));
+    EXPECT_EQ("upper", ReadTestFile(sFolder + u"\\BOTH")) << "then the first in order";
+    EXPECT_FALSE(hosted::HostPath(u"Q:\\x", nullptr, 0));
+}
+
+TEST_F(HostedFiles, TwoProcessesNeverMakeTwoNamesThatDifferInCaseOnly)
+{
+    const std::u16string sFolder = TestFolder();
+    constexpr int        NAMES   = 200;
+    const auto           make    = [&](char16_t chFirst) {
+        for (int i = 0; i < NAMES; i++) {
+            std::u16string sName = sFolder + u'\\' + chFirst;
+            for (const char ch : std::to_string(i)) sName += static_cast<char16_t>(ch);
+            PathExists(sName);
+            const HANDLE hFile =
+                CreateFileW(sName.c_str(), GENERIC_WRITE, 7, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+            if (hFile == INVALID_HANDLE_VALUE) return false;
+            CloseHandle(hFile);
+        }
+        return true;
+    };
+    for (int nRound = 0; nRound < 2; nRound++) { // one after the other, each with an index of its own
+        const pid_t nChild = fork();
+        if (nChild == 0) _exit(make(nRound == 0 ? u'x' : u'X') ? 0 : 1);
+        int nStatus = -1;
+        ASSERT_EQ(nChild, waitpid(nChild, &nStatus, 0));
+        ASSERT_EQ(0, nStatus);
+        ASSERT_TRUE(make(nRound == 0 ? u'X' : u'x'));
+    }
+    WIN32_FIND_DATAW data;
+    const HANDLE     hFind = FindFirstFileW((sFolder + u"\\*").c_str(), &data);
+    int              n     = 1;
+    while (FindNextFileW(hFind, &data)) n++;
+    FindClose(hFind);
+    EXPECT_EQ(NAMES + 2, n);
+}
+
+TEST_F(HostedFiles, SharingHoldsAcrossProcessesAndEndsWithThem)
+{
+    const std::u16string sFile = TestFolder() + u"\\shared";
+    int                  aReady[2], aGo[2];
+    WriteTestFile(sFile, "x");
+    ASSERT_EQ(0, pipe(aReady) | pipe(aGo));
+    const pid_t nChild = fork();
+    if (nChild == 0) {
+        CreateFileW(sFile.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        if (write(aReady[1], "r", 1) != 1) _exit(1);
+        char ch;
+        _exit(read(aGo[0], &ch, 1) == 1 ? 0 : 1); // dies without closing
+    }
+    char ch;
+    ASSERT_EQ(1, read(aReady[0], &ch, 1));
+    EXPECT_EQ("<missing>", ReadTestFile(sFile));
+    EXPECT_EQ(ERROR_SHARING_VIOLATION, GetLastError());
+    EXPECT_EQ(ERROR_SHARING_VIOLATION, ErrorOf(!DeleteFileW(sFile.c_str())));
+    kill(nChild, SIGKILL);
+    waitpid(nChild, nullptr, 0);
+    EXPECT_EQ("x", ReadTestFile(sFile));
+    for (const int nFd : {aReady[0], aReady[1], aGo[0], aGo[1]}) close(nFd);
+}
+
+TEST_F(HostedFiles, AFullDriveTakesWhatFitsAndNoMore)
+{
+    const std::u16string sFile = TestFolder() + u"\\f";
+    hosted::SetDriveLimit('C', 100);
+    const HANDLE      hFile = CreateFileW(sFile.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+    const std::string sData(60, 'x');
+    uint32_t          cb = 0;
+    int64_t           n  = 0;
+    EXPECT_TRUE(WriteFile(hFile, sData.data(), 60, &cb, nullptr));
+    EXPECT_EQ(ERROR_DISK_FULL, ErrorOf(!WriteFile(hFile, sData.data(), 60, &cb, nullptr)));
+    EXPECT_EQ(0u, cb);
+    EXPECT_TRUE(SetFilePointerEx(hFile, 0, &n, FILE_BEGIN));
+    EXPECT_TRUE(WriteFile(hFile, sData.data(), 60, &cb, nullptr)) << "written over: no room is needed";
+    EXPECT_TRUE(WriteFile(hFile, sData.data(), 40, &cb, nullptr));
+    EXPECT_EQ(ERROR_DISK_FULL, ErrorOf(!WriteFile(hFile, "x", 1, &cb, nullptr)));
+    hosted::SetDriveLimit('C', -1);
+    EXPECT_TRUE(WriteFile(hFile, "x", 1, &cb, nullptr));
+    CloseHandle(hFile);
+    EXPECT_EQ(101u, ReadTestFile(sFile).size());
+}
+
+TEST_F(HostedFiles, ReadOnlyHiddenAndSystemFilesRefuse)
+{
+    const std::u16string sFile = TestFolder() + u"\\f";
+    const auto           open  = [&](uint32_t dwAccess, uint32_t dwDisposition, uint32_t dwFlags) {
+        const HANDLE   hFile   = CreateFileW(sFile.c_str(), dwAccess, 7, nullptr, dwDisposition, dwFlags, nullptr);
+        const uint32_t dwError = ErrorOf(hFile == INVALID_HANDLE_VALUE);
+        if (dwError == 0) CloseHandle(hFile);
+        return dwError;
+    };
+    WriteTestFile(sFile, "abc");
+    SetFileAttributesW(sFile.c_str(), FILE_ATTRIBUTE_READONLY);
+    EXPECT_EQ(ERROR_ACCESS_DENIED, open(GENERIC_WRITE, OPEN_EXISTING, 0));
+    EXPECT_EQ(ERROR_ACCESS_DENIED, open(GENERIC_WRITE, CREATE_ALWAYS, 0));
+    EXPECT_EQ(0u, open(GENERIC_READ, OPEN_EXISTING, 0));
+    for (const uint32_t dwKept :
+         {FILE_ATTRIBUTE_HIDDEN, FILE_ATTRIBUTE_SYSTEM, FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM}) {
+        SetFileAttributesW(sFile.c_str(), dwKept);
+        EXPECT_EQ(ERROR_ACCESS_DENIED, open(GENERIC_WRITE, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL)) << dwKept;
+        EXPECT_EQ("abc", ReadTestFile(sFile)) << "a refusal cuts nothing";
+        EXPECT_EQ(0u, open(GENERIC_WRITE, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL)) << dwKept;
+    }
+    EXPECT_EQ(0u, open(GENERIC_WRITE, CREATE_ALWAYS, FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM));
+    EXPECT_EQ(FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE,
+              GetFileAttributesW(sFile.c_str()));
+}
+
+TEST_F(HostedFiles, PathsWithoutPrefixEndAt260)
+{
+    const std::u16string sFolder = TestFolder(); // 12 units
+    const std::u16string sFits = sFolder + u'\\' + std::u16string(246, u'x'), sLong = sFits + u'x';
+    WriteTestFile(sFits, "1");
+    EXPECT_EQ("1", ReadTestFile(sFits));
+    EXPECT_EQ(ERROR_PATH_NOT_FOUND, ErrorOf(ReadTestFile(sLong) == "<missing>"));
+    EXPECT_EQ(ERROR_PATH_NOT_FOUND, ErrorOf(!PathExists(sLong)));
+    EXPECT_EQ(ERROR_FILENAME_EXCED_RANGE,
+              ErrorOf(!CreateDirectoryW((sFolder + u'\\' + std::u16string(235, u'd')).c_str(), nullptr)));
+    EXPECT_TRUE(CreateDirectoryW((sFolder + u'\\' + std::u16string(234, u'd')).c_str(), nullptr));
+    EXPECT_EQ(ERROR_INVALID_NAME, ErrorOf(!PathExists(u"\\\\?\\" + sFolder + u'\\' + std::u16string(256, u'x'))));
+    WriteTestFile(u"\\\\?\\" + sFolder + u"\\dot.", "dot");
+    EXPECT_EQ("dot", ReadTestFile(u"\\\\?\\" + sFolder + u"\\dot."));
+    EXPECT_EQ("<missing>", ReadTestFile(sFolder + u"\\dot.")) << "the dot is not part of the name here";
+    WriteTestFile(sFolder + u"\\blank .. ", "b");
+    EXPECT_EQ("b", ReadTestFile(sFolder + u"\\.\\x\\..\\blank"));
+}
+
+TEST_F(HostedFiles, NamesLongerThanTheHostsAreKeptWhole)
+{
+    const std::u16string sFolder = TestFolder(), sVerbatim = u"\\\\?\\" + sFolder + u'\\';
+    std::u16string       sName(200, u'日'), sOther(200, u'Ж'), sLower(200, u'ж');
+    sName += u".txt";
+    WriteTestFile(sVerbatim + sName, "long");
+    WriteTestFile(sVerbatim + sOther, "cyrillic");
+    WriteTestFile(sFolder + u"\\short", "s");
+    EXPECT_EQ("long", ReadTestFile(sVerbatim + sName));
+    EXPECT_EQ("cyrillic", ReadTestFile(sVerbatim + sLower)) << "without regard to case";
+    WIN32_FIND_DATAW            data;
+    std::vector<std::u16string> aNames;
+    const HANDLE                hFind = FindFirstFileW((sFolder + u"\\*").c_str(), &data);
+    do aNames.push_back(data.cFileName);
+    while (FindNextFileW(hFind, &data));
+    FindClose(hFind);
+    EXPECT_EQ((std::vector<std::u16string>{u".", u"..", u"short", sOther, sName}), aNames);
+    EXPECT_TRUE(MoveFileExW((sVerbatim + sOther).c_str(), (sVerbatim + sName).c_str(), MOVEFILE_REPLACE_EXISTING));
+    EXPECT_EQ("cyrillic", ReadTestFile(sVerbatim + sName));
+    EXPECT_TRUE(MoveFileExW((sVerbatim + sName).c_str(), (sFolder + u"\\short2").c_str(), 0));
+    EXPECT_EQ("cyrillic", ReadTestFile(sFolder + u"\\short2"));
+    ASSERT_TRUE(CreateDirectoryW((sVerbatim + sLower).c_str(), nullptr));
+    WriteTestFile(sVerbatim + sLower + u"\\in", "in");
+    EXPECT_EQ("in", ReadTestFile(sVerbatim + sOther + u"\\in"));
+}
+
+TEST_F(HostedFiles, MakingAFileCostsTheSameInALargeFolder)
+{
+    const std::u16string sFolder = TestFolder();
+    const auto           make    = [&](int nFirst, int nCount) {
+        const auto tStart = std::chrono::steady_clock::now();
+        for (int i = nFirst; i < nFirst + nCount; i++) {
+            std::u16string sName = sFolder + u"\\f";
+            for (const char ch : std::to_string(i)) sName += static_cast<char16_t>(ch);
+            EXPECT_FALSE(PathExists(sName));
+            CloseHandle(
+                CreateFileW(sName.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        }
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - tStart).count();
+    };
+    make(0, 500);
+    const double nSmall = make(500, 500);
+    make(1000, 9000);
+    const double nLarge = make(10000, 500);
+    EXPECT_LT(nLarge, 5 * nSmall + 0.05) << "seconds for 500 files among 500: "
+                                         << nSmall; // a scan each would cost 20 times as much
+}
+
+TEST_F(HostedFiles, EveryFailingCallIsReportedAndLeaksNothing)
+{
+    const std::u16string sFile = TestFolder() + u"\\f";
+    for (const char *pszCall :
+         {"CreateFileW", "WriteFile", "SetFileAttributesW", "GetFileAttributesW", "DeleteFileW", "FindFirstFileW"}) {
+        const int nHandles = hosted::OpenHandles();
+        WriteTestFile(sFile, "x");
+        hosted::FailCall(pszCall, 1, 1117);
+        uint32_t         cb = 0;
+        WIN32_FIND_DATAW data;
+        int              nFailed = 0;
+        const HANDLE     hFile   = CreateFileW(sFile.c_str(), GENERIC_WRITE, 7, nullptr, OPEN_EXISTING, 0, nullptr);
+        nFailed += hFile == INVALID_HANDLE_VALUE && GetLastError() == 1117;
+        if (hFile != INVALID_HANDLE_VALUE) {
+            nFailed += !WriteFile(hFile, "y", 1, &cb, nullptr) && GetLastError() == 1117;
+            CloseHandle(hFile);
+        }
+        nFailed += !SetFileAttributesW(sFile.c_str(), FILE_ATTRIBUTE_NORMAL) && GetLastError() == 1117;
+        nFailed += GetFileAttributesW(sFile.c_str()) == INVALID_FILE_ATTRIBUTES && GetLastError() == 1117;
+        const HANDLE hFind = FindFirstFileW(sFile.c_str(), &data);
+        nFailed += hFind == INVALID_HANDLE_VALUE && GetLastError() == 1117;
+        if (hFind != INVALID_HANDLE_VALUE) FindClose(hFind);
+        nFailed += !DeleteFileW(sFile.c_str()) && GetLastError() == 1117;
+        EXPECT_EQ(1, nFailed) << pszCall;
+        EXPECT_EQ(nHandles, hosted::OpenHandles()) << pszCall;
+    }
+}
+
+TEST_F(HostedFiles, ThingsOfTheHostThatWindowsDoesNotHaveDoNoHarm)
+{
+    const std::u16string sFolder = TestFolder();
+    const std::string    sHost   = HostOf(sFolder);
+    ASSERT_EQ(0, mkfifo((sHost + "/fifo").c_str(), 0666));
+    ASSERT_EQ(0, symlink("/nowhere", (sHost + "/dangling").c_str()));
+    ASSERT_EQ(0, symlink(".", (sHost + "/loop").c_str()));
+    Plant(sHost + "/what?", "x");
+    EXPECT_EQ(ERROR_ACCESS_DENIED, ErrorOf(ReadTestFile(sFolder + u"\\fifo") == "<missing>"))
+        << "opening it does not wait for a writer";
+    EXPECT_EQ("<missing>", ReadTestFile(sFolder + u"\\dangling"));
+    EXPECT_EQ(FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT,
+              GetFileAttributesW((sFolder + u"\\loop").c_str()));
+    WIN32_FIND_DATAW data;
+    HANDLE           hFind = FindFirstFileW((sFolder + u"\\*").c_str(), &data);
+    int              n     = 1;
+    while (FindNextFileW(hFind, &data)) n++;
+    FindClose(hFind);
+    EXPECT_EQ(6, n) << "an entry that cannot be opened is listed, so that somebody reports it";
+    EXPECT_EQ(ERROR_NOT_SUPPORTED,
+              ErrorOf(FindFirstFileW((sFolder + u"\\*.txt").c_str(), &data) == INVALID_HANDLE_VALUE));
+}

@@ -1,0 +1,239 @@
+// pipes_test.cpp: what the two ends of a named pipe see of each other.
+#include "platform/pipes.h"
+#include "platform/errors.h"
+#include "tests/support/test_machine.h"
+#include <atomic>
+
+using namespace platform;
+
+namespace {
+
+constexpr uint32_t LONG_WAIT_MS = 20000; // never reached when all is well
+constexpr uint32_t IN_BUFFER    = 7920;
+const char16_t    *PIPE_NAME    = u"\\\\.\\pipe\\VORN pipes test_0x1";
+
+class Pipes : public MachineTest {
+};
+
+HANDLE NewInstance(uint32_t nMaxInstances = PIPE_UNLIMITED_INSTANCES)
+{
+    return CreateNamedPipeW(PIPE_NAME, PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED,
+                            PIPE_TYPE_MESSAGE | PIPE_READMODE_BYTE | PIPE_WAIT, nMaxInstances, IN_BUFFER, IN_BUFFER, 200,
+                            nullptr);
+}
+
+HANDLE OpenClient(const char16_t *pszName = PIPE_NAME, uint32_t dwAccess = GENERIC_WRITE)
+{
+    return CreateFileW(pszName, dwAccess, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
+                       nullptr);
+}
+
+// An overlapped ConnectNamedPipe with its event.
+struct Connecting {
+    OVERLAPPED overlapped{};
+    Connecting() { overlapped.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr); }
+    ~Connecting() { CloseHandle(overlapped.hEvent); }
+    // 0 when the call succeeded, else its error
+    uint32_t Start(HANDLE hPipe) { return ConnectNamedPipe(hPipe, &overlapped) ? 0 : GetLastError(); }
+    uint32_t Wait(uint32_t dwMs = LONG_WAIT_MS) const { return WaitForSingleObject(overlapped.hEvent, dwMs); }
+};
+
+std::string ReadSome(HANDLE hPipe, uint32_t cb = IN_BUFFER)
+{
+    std::string sOut(cb, '\0');
+    uint32_t    cbRead = 0;
+    if (!ReadFile(hPipe, sOut.data(), cb, &cbRead, nullptr)) return "<error " + std::to_string(GetLastError()) + ">";
+    sOut.resize(cbRead);
+    return sOut;
+}
+
+bool Write(HANDLE hPipe, const std::string &sData)
+{
+    uint32_t cbWritten = 0;
+    return WriteFile(hPipe, sData.data(), static_cast<uint32_t>(sData.size()), &cbWritten, nullptr) &&
+           cbWritten == sData.size();
+}
+
+} // namespace
+
+TEST_F(Pipes, ClientFindsNoneFreeOrBusyInstances)
+{
+    EXPECT_EQ(INVALID_HANDLE_VALUE, OpenClient());
+    EXPECT_EQ(2u, GetLastError());
+    EXPECT_FALSE(WaitNamedPipeW(PIPE_NAME, 50));
+    EXPECT_EQ(2u, GetLastError());
+
+    const HANDLE hServer = NewInstance();
+    ASSERT_NE(INVALID_HANDLE_VALUE, hServer);
+    EXPECT_TRUE(WaitNamedPipeW(PIPE_NAME, 50));
+    EXPECT_EQ(INVALID_HANDLE_VALUE, OpenClient(PIPE_NAME, GENERIC_READ));
+    EXPECT_EQ(5u, GetLastError());
+    const HANDLE hClient = OpenClient(u"\\\\.\\PIPE\\vorn PIPES test_0X1"); // before the server asks for one
+    ASSERT_NE(INVALID_HANDLE_VALUE, hClient) << GetLastError();
+    Connecting connecting;
+    EXPECT_EQ(535u, connecting.Start(hServer));
+
+    EXPECT_EQ(INVALID_HANDLE_VALUE, OpenClient());
+    EXPECT_EQ(231u, GetLastError());
+    EXPECT_FALSE(WaitNamedPipeW(PIPE_NAME, 20));
+    EXPECT_EQ(121u, GetLastError());
+    EXPECT_FALSE(WaitNamedPipeW(PIPE_NAME, 0)) << "the default time-out of the pipe";
+    EXPECT_EQ(121u, GetLastError());
+
+    const HANDLE hSecond = NewInstance();
+    EXPECT_TRUE(WaitNamedPipeW(PIPE_NAME, LONG_WAIT_MS));
+    for (const HANDLE h : {hClient, hServer, hSecond}) EXPECT_TRUE(CloseHandle(h));
+    EXPECT_EQ(INVALID_HANDLE_VALUE, OpenClient());
+    EXPECT_EQ(2u, GetLastError()) << "instances end with their handles";
+}
+
+TEST_F(Pipes, NumberOfInstancesIsBounded)
+{
+    const HANDLE hFirst = NewInstance(2), hSecond = NewInstance(2);
+    ASSERT_NE(INVALID_HANDLE_VALUE, hSecond);
+    EXPECT_EQ(INVALID_HANDLE_VALUE, NewInstance(2));
+    EXPECT_EQ(231u, GetLastError());
+    EXPECT_TRUE(CloseHandle(hFirst));
+    const HANDLE hThird = NewInstance(2);
+    EXPECT_NE(INVALID_HANDLE_VALUE, hThird);
+    EXPECT_TRUE(CloseHandle(hSecond));
+    EXPECT_TRUE(CloseHandle(hThird));
+}
+
+TEST_F(Pipes, ReaderGetsWhatIsThereThenTheEnd)
+{
+    const HANDLE hServer = NewInstance();
+    Connecting   connecting;
+    ASSERT_EQ(997u, connecting.Start(hServer));
+    EXPECT_EQ(static_cast<uint32_t>(WAIT_TIMEOUT), connecting.Wait(0));
+    const HANDLE hClient = OpenClient();
+    ASSERT_NE(INVALID_HANDLE_VALUE, hClient);
+    EXPECT_EQ(WAIT_OBJECT_0, connecting.Wait());
+    EXPECT_TRUE(Write(hClient, "first"));
+    EXPECT_EQ("fir", ReadSome(hServer, 3)) << "a part of a message";
+    EXPECT_EQ("st", ReadSome(hServer));
+    EXPECT_TRUE(Write(hClient, std::string(1584, 'a')));
+    EXPECT_TRUE(Write(hClient, std::string(1584, 'b')));
+    EXPECT_EQ(std::string(1584, 'a') + std::string(1584, 'b'), ReadSome(hServer)) << "messages may come together";
+    EXPECT_TRUE(Write(hClient, "last"));
+    EXPECT_TRUE(CloseHandle(hClient));
+    EXPECT_EQ("last", ReadSome(hServer));
+    EXPECT_EQ("<error 109>", ReadSome(hServer));
+    EXPECT_EQ("<error 109>", ReadSome(hServer));
+    EXPECT_EQ(232u, connecting.Start(hServer)) << "its client has gone and the pipe was not disconnected";
+
+    EXPECT_TRUE(DisconnectNamedPipe(hServer));
+    EXPECT_EQ(INVALID_HANDLE_VALUE, OpenClient());
+    EXPECT_EQ(231u, GetLastError()) << "not listening yet";
+    ASSERT_EQ(997u, connecting.Start(hServer));
+    const HANDLE hNext = OpenClient();
+    ASSERT_NE(INVALID_HANDLE_VALUE, hNext);
+    EXPECT_EQ(WAIT_OBJECT_0, connecting.Wait());
+    EXPECT_TRUE(Write(hNext, "again"));
+    EXPECT_EQ("again", ReadSome(hServer));
+    EXPECT_TRUE(CloseHandle(hNext));
+    EXPECT_TRUE(CloseHandle(hServer));
+}
+
+TEST_F(Pipes, WriterIsToldThatTheServerHasGone)
+{
+    for (const bool bDisconnect : {false, true}) {
+        const HANDLE hServer = NewInstance();
+        const HANDLE hClient = OpenClient();
+        ASSERT_NE(INVALID_HANDLE_VALUE, hClient);
+        EXPECT_TRUE(Write(hClient, "unread"));
+        if (bDisconnect) {
+            EXPECT_TRUE(DisconnectNamedPipe(hServer));
+            EXPECT_EQ("<error 233>", ReadSome(hServer));
+        }
+        EXPECT_TRUE(CloseHandle(hServer));
+        EXPECT_FALSE(Write(hClient, "more"));
+        EXPECT_EQ(bDisconnect ? 233u : 232u, GetLastError());
+        EXPECT_TRUE(CloseHandle(hClient));
+    }
+}
+
+TEST_F(Pipes, PendingConnectIsCancelled)
+{
+    const HANDLE hServer = NewInstance();
+    Connecting   connecting;
+    EXPECT_FALSE(CancelIoEx(hServer, &connecting.overlapped));
+    EXPECT_EQ(1168u, GetLastError());
+    ASSERT_EQ(997u, connecting.Start(hServer));
+    EXPECT_TRUE(CancelIoEx(hServer, &connecting.overlapped));
+    EXPECT_EQ(WAIT_OBJECT_0, connecting.Wait());
+    EXPECT_EQ(0xC0000120u, static_cast<uint32_t>(connecting.overlapped.Internal));
+    ASSERT_EQ(997u, connecting.Start(hServer)) << "and asked for again";
+    EXPECT_EQ(static_cast<uint32_t>(WAIT_TIMEOUT), connecting.Wait(0)) << "a new call resets the event";
+    EXPECT_TRUE(CloseHandle(hServer)) << "closing with a call pending";
+}
+
+namespace {
+
+struct SlowReader {
+    HANDLE                hClient;
+    std::atomic<uint32_t> nWritten{0};
+};
+
+uint32_t WriteRecordsThread(void *pParameter)
+{
+    auto *pReader = static_cast<SlowReader *>(pParameter);
+    for (int i = 0; i < 50; i++) {
+        if (!Write(pReader->hClient, std::string(1584, static_cast<char>('A' + i)))) return 1;
+        pReader->nWritten++;
+    }
+    return 0;
+}
+
+} // namespace
+
+TEST_F(Pipes, WriterWaitsWhenTheBufferIsFull)
+{
+    const HANDLE hServer = NewInstance();
+    SlowReader   reader{OpenClient()};
+    ASSERT_NE(INVALID_HANDLE_VALUE, reader.hClient);
+    const HANDLE hThread = CreateThread(nullptr, 0, WriteRecordsThread, &reader, 0, nullptr);
+    while (reader.nWritten.load() < 5) Sleep(1); // as many as the buffer holds
+    EXPECT_EQ(static_cast<uint32_t>(WAIT_TIMEOUT), WaitForSingleObject(hThread, 50));
+    EXPECT_LE(reader.nWritten.load(), 6u);
+    std::string sAll;
+    while (sAll.size() < 50 * 1584) {
+        const std::string sPart = ReadSome(hServer, 1000);
+        ASSERT_NE('<', sPart[0]) << sPart << " after " << sAll.size();
+        sAll += sPart;
+    }
+    for (int i = 0; i < 50; i++) EXPECT_EQ(std::string(1584, static_cast<char>('A' + i)), sAll.substr(i * 1584u, 1584));
+    uint32_t dwExit = 1;
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(hThread, LONG_WAIT_MS));
+    EXPECT_TRUE(GetExitCodeThread(hThread, &dwExit));
+    EXPECT_EQ(0u, dwExit);
+    for (const HANDLE h : {hThread, hServer, reader.hClient}) EXPECT_TRUE(CloseHandle(h));
+}
+
+namespace {
+
+uint32_t WaitForPipeThread(void *)
+{
+    return WaitNamedPipeW(PIPE_NAME, LONG_WAIT_MS) ? 0 : GetLastError();
+}
+
+} // namespace
+
+TEST_F(Pipes, WaitEndsWhenAnInstanceBecomesFree)
+{
+    const HANDLE hServer = NewInstance();
+    const HANDLE hClient = OpenClient();
+    Connecting   connecting;
+    EXPECT_EQ(535u, connecting.Start(hServer));
+    const HANDLE hThread = CreateThread(nullptr, 0, WaitForPipeThread, nullptr, 0, nullptr);
+    EXPECT_EQ(static_cast<uint32_t>(WAIT_TIMEOUT), WaitForSingleObject(hThread, 50));
+    EXPECT_TRUE(CloseHandle(hClient));
+    EXPECT_TRUE(DisconnectNamedPipe(hServer));
+    EXPECT_EQ(997u, connecting.Start(hServer));
+    uint32_t dwExit = 1;
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(hThread, LONG_WAIT_MS));
+    EXPECT_TRUE(GetExitCodeThread(hThread, &dwExit));
+    EXPECT_EQ(0u, dwExit);
+    EXPECT_TRUE(CloseHandle(hThread));
+    EXPECT_TRUE(CloseHandle(hServer));
+}

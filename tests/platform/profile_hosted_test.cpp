@@ -1,0 +1,265 @@
+// profile_hosted_test.cpp: what a hosted machine adds to the profile functions: lines kept byte for byte, malformed
+// files, several processes, a process killed while it writes, full drives, and a cost that does not grow with the file.
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/hosted/control.h"
+#include "platform/profile.h"
+#include "platform/security.h"
+#include "tests/support/test_machine.h"
+#include <chrono>
+#include <csignal>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace platform;
+
+namespace {
+
+class HostedProfile : public MachineTest {
+protected:
+    void SetUp() override
+    {
+        FreshMachine();
+        sFile = TestFolder() + u"\\t.ini";
+        char sz[4096];
+        ASSERT_TRUE(hosted::HostPath(sFile.c_str(), sz, sizeof sz));
+        sHost = sz;
+    }
+    std::u16string Get(const std::u16string &sSection, const std::u16string &sKey)
+    {
+        char16_t       sz[300];
+        const uint32_t n = GetPrivateProfileStringW(sSection.c_str(), sKey.c_str(), u"DEF", sz, 300, sFile.c_str());
+        return std::u16string(sz, n);
+    }
+    BOOL Put(const std::u16string &sSection, const std::u16string &sKey, const std::u16string &sValue)
+    {
+        return WritePrivateProfileStringW(sSection.c_str(), sKey.c_str(), sValue.c_str(), sFile.c_str());
+    }
+    std::u16string sFile;
+    std::string    sHost;
+};
+
+std::u16string Number(int n)
+{
+    std::u16string s;
+    for (const char ch : std::to_string(n)) s += static_cast<char16_t>(ch);
+    return s;
+}
+
+} // namespace
+
+TEST_F(HostedProfile, OtherLinesStayAsTheyAre)
+{
+    const struct {
+        const char *pszBefore, *pszAfter;
+    } aCases[] = {
+        {"\r\n  [ S ]  \n a = 1 \n\r\n\r\n; note\r\n\r\n[T]\r\nb = 2",
+         "\r\n  [ S ]  \n a = 1 \n\r\n\r\n; note\r\nk=v\r\n\r\n[T]\r\nb = 2"},
+        {"[S]\r\n\r\n[T]\r\n", "[S]\r\nk=v\r\n\r\n[T]\r\n"},
+        {"[S]\n k\t= old  \nz", "[S]\n k\t=v\nz"},
+        {"[S]\rk=\"1\"\rb=2", "[S]\rk=v\rb=2"},
+        {"\xEF\xBB\xBF[S]\r\n\xE4=1\r\n", "\xEF\xBB\xBF[S]\r\n\xE4=1\r\nk=v\r\n"},
+        {"[S\r\n", "[S\r\n[S]\r\nk=v\r\n"},
+    };
+    for (const auto &c : aCases) {
+        WriteTestFile(sFile, c.pszBefore);
+        EXPECT_TRUE(Put(u"S", u"k", u"v"));
+        EXPECT_EQ(c.pszAfter, ReadTestFile(sFile)) << c.pszBefore;
+        EXPECT_EQ(u"v", Get(u"S", u"k")) << c.pszBefore;
+    }
+}
+
+TEST_F(HostedProfile, ManyChangesGiveWhatAFreshReaderSees)
+{
+    WriteTestFile(sFile, "\xFF\xFE");
+    std::mt19937                                       random(20240607);
+    std::map<std::pair<int, int>, std::u16string>      aExpected;
+    const auto section = [](int n) { return u"Folder " + Number(n) + u" [x]\\"; };
+    const auto key = [](int n) { return u"\"Datei " + Number(n) + u" ä.txt\""; };
+    for (int i = 0; i < 3000; i++) {
+        const int nSection = static_cast<int>(random() % 12), nKey = static_cast<int>(random() % 60),
+                  nWhat = static_cast<int>(random() % 20);
+        if (nWhat == 0) {
+            ASSERT_TRUE(WritePrivateProfileStringW(section(nSection).c_str(), nullptr, nullptr, sFile.c_str()));
+            std::erase_if(aExpected, [&](const auto &e) { return e.first.first == nSection; });
+        } else if (nWhat == 1) {
+            ASSERT_TRUE(
+                WritePrivateProfileStringW(section(nSection).c_str(), key(nKey).c_str(), nullptr, sFile.c_str()));
+            aExpected.erase({nSection, nKey});
+        } else {
+            const std::u16string sValue = Number(static_cast<int>(random() % (nWhat < 10 ? 10 : 100000)));
+            ASSERT_TRUE(Put(section(nSection), key(nKey), sValue));
+            aExpected[{nSection, nKey}] = sValue;
+        }
+    }
+    for (int nPass = 0; nPass < 2; nPass++) {
+        for (int s = 0; s < 12; s++) {
+            for (int k = 0; k < 60; k++) {
+                const auto it = aExpected.find({s, k});
+                ASSERT_EQ(it == aExpected.end() ? u"DEF" : it->second, Get(section(s), key(k)))
+                    << nPass << ' ' << s << ' ' << k;
+            }
+        }
+        const std::string sBytes = ReadTestFile(sFile); // the second pass reads a file that nobody remembers
+        ASSERT_TRUE(DeleteFileW(sFile.c_str()));
+        WriteTestFile(sFile, sBytes);
+    }
+}
+
+TEST_F(HostedProfile, MalformedFilesAreReadAsFarAsTheyGo)
+{
+    const std::string aFiles[] = {
+        "",
+        "\xFF\xFE",
+        "\xFF",
+        "\xFE\xFF[\0S\0]\0",
+        std::string("\xFF\xFE[\0S\0]\0\r\0\n\0a\0=\0", 17),
+        "[",
+        "]",
+        "[]",
+        "=",
+        "[S]\r\n=\r\n===\r\n",
+        std::string(1000, '\0'),
+        "[S]\na=\0x",
+        std::string(3 << 20, 'x'),
+        "[S]\r\na=" + std::string(3 << 20, 'y'),
+        "\r\r\r\n\n[S]\r\r\na=1",
+        "[" + std::string(1 << 20, 'z') + "]\r\na=1\r\n",
+        std::string("\xFF\xFE\0\xD8=\0\0\xDC", 8),
+    };
+    for (const std::string &sContent : aFiles) {
+        std::ofstream(sHost, std::ios::binary | std::ios::trunc) << sContent;
+        char sz[64];
+        Get(u"S", u"a");
+        GetPrivateProfileStringA(nullptr, nullptr, "", sz, sizeof sz, "C:\\vorn-test\\t.ini");
+        GetPrivateProfileStringA("S", nullptr, "", sz, sizeof sz, "C:\\vorn-test\\t.ini");
+        EXPECT_TRUE(Put(u"New", u"k", u"v")) << sContent.substr(0, 20) << GetLastError();
+        EXPECT_EQ(u"v", Get(u"New", u"k")) << sContent.substr(0, 20);
+        EXPECT_TRUE(WritePrivateProfileStringW(u"New", nullptr, nullptr, sFile.c_str()));
+        EXPECT_EQ(u"DEF", Get(u"New", u"k"));
+    }
+}
+
+TEST_F(HostedProfile, ChangesFromOutsideAreSeen)
+{
+    WriteTestFile(sFile, "[S]\r\na=1\r\n");
+    EXPECT_EQ(u"1", Get(u"S", u"a"));
+    WriteTestFile(sFile, "[S]\r\na=2\r\n"); // same size, perhaps the same tick of the clock
+    EXPECT_EQ(u"2", Get(u"S", u"a"));
+    std::ofstream(sHost, std::ios::binary) << "[S]\r\na=345\r\n";
+    EXPECT_EQ(u"345", Get(u"S", u"a"));
+    for (int i = 0; i < 20; i++) {
+        const pid_t nChild = fork();
+        if (nChild == 0) _exit(Put(u"S", u"a", Number(100 + i)) ? 0 : 1);
+        waitpid(nChild, nullptr, 0);
+        ASSERT_EQ(Number(100 + i), Get(u"S", u"a"));
+    }
+    ASSERT_TRUE(DeleteFileW(sFile.c_str()));
+    EXPECT_EQ(u"DEF", Get(u"S", u"a"));
+}
+
+TEST_F(HostedProfile, ProcessesDoNotLoseEachOthersWrites)
+{
+    constexpr int PROCESSES = 4, KEYS = 100;
+    pid_t         aChildren[PROCESSES];
+    WriteTestFile(sFile, "\xFF\xFE");
+    for (int p = 0; p < PROCESSES; p++) {
+        aChildren[p] = fork();
+        if (aChildren[p] != 0) continue;
+        for (int i = 0; i < KEYS; i++)
+            if (!Put(u"S" + Number(i % 3), u"p" + Number(p) + u"-" + Number(i), Number(i))) _exit(1);
+        _exit(0);
+    }
+    for (const pid_t nChild : aChildren) {
+        int nStatus = -1;
+        waitpid(nChild, &nStatus, 0);
+        EXPECT_EQ(0, nStatus);
+    }
+    for (int p = 0; p < PROCESSES; p++)
+        for (int i = 0; i < KEYS; i++)
+            ASSERT_EQ(Number(i), Get(u"S" + Number(i % 3), u"p" + Number(p) + u"-" + Number(i)));
+}
+
+TEST_F(HostedProfile, AKilledWriterLeavesEveryFinishedValue)
+{
+    for (int nRound = 0; nRound < 20; nRound++) {
+        int aProgress[2];
+        ASSERT_EQ(0, pipe(aProgress));
+        WriteTestFile(sFile, "\xFF\xFE");
+        const pid_t nChild = fork();
+        if (nChild == 0) {
+            for (int i = 0;; i++) {
+                Put(u"Section " + Number(i % 5), u"key " + Number(i),
+                    Number(1000000 + i)); // in the middle and at the end
+                Put(u"Section 0", u"last", Number(i));
+                if (write(aProgress[1], &i, sizeof i) != sizeof i) _exit(1);
+            }
+        }
+        close(aProgress[1]);
+        int nDone = -1, n;
+        while (nDone < 20 + nRound * 7 && read(aProgress[0], &n, sizeof n) == sizeof n) nDone = n;
+        usleep(static_cast<useconds_t>(nRound * 37));
+        kill(nChild, SIGKILL);
+        waitpid(nChild, nullptr, 0);
+        while (read(aProgress[0], &n, sizeof n) == sizeof n) nDone = n;
+        close(aProgress[0]);
+        for (int i = 0; i <= nDone; i++)
+            ASSERT_EQ(Number(1000000 + i), Get(u"Section " + Number(i % 5), u"key " + Number(i))) << nRound;
+        const std::u16string sNext = Get(u"Section " + Number((nDone + 1) % 5), u"key " + Number(nDone + 1));
+        ASSERT_TRUE(sNext == u"DEF" || sNext == Number(1000000 + nDone + 1)) << "a value is there whole or not at all";
+        ASSERT_TRUE(Put(u"S", u"after", u"1")) << "and nobody waits for the dead";
+    }
+}
+
+TEST_F(HostedProfile, MarksStayWithARewrittenFile)
+{
+    SECURITY_ATTRIBUTES *pSecurity = CreateEveryoneSecurity(FILE_EVERYONE_ACCESS);
+    HANDLE               hFile =
+        CreateFileW(sFile.c_str(), GENERIC_WRITE, 0, pSecurity, CREATE_ALWAYS, FILE_ATTRIBUTE_HIDDEN, nullptr);
+    FreeSecurity(pSecurity);
+    CloseHandle(hFile);
+    ASSERT_TRUE(Put(u"A", u"a", u"1") && Put(u"B", u"b", u"1") && Put(u"A", u"c", u"1")); // the last is not at the end
+    EXPECT_EQ(FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_ARCHIVE, GetFileAttributesW(sFile.c_str()));
+    hFile = CreateFileW(sFile.c_str(), READ_CONTROL, 7, nullptr, OPEN_EXISTING, 0, nullptr);
+    uint32_t dwMask = 0, nEntries = 0;
+    EXPECT_TRUE(ReadEveryoneAccess(hFile, SecuredObject::File, &dwMask, &nEntries));
+    EXPECT_EQ(0x1F01FFu, dwMask);
+    CloseHandle(hFile);
+    SetFileAttributesW(sFile.c_str(), FILE_ATTRIBUTE_READONLY);
+    EXPECT_FALSE(Put(u"A", u"a", u"2"));
+    EXPECT_EQ(ERROR_ACCESS_DENIED, GetLastError());
+    EXPECT_EQ(u"1", Get(u"A", u"a"));
+}
+
+TEST_F(HostedProfile, AFullDriveLeavesTheOldText)
+{
+    ASSERT_TRUE(Put(u"A", u"a", u"1"));
+    hosted::SetDriveLimit('C', 0);
+    EXPECT_FALSE(Put(u"A", u"long", u"12345"));
+    EXPECT_EQ(ERROR_DISK_FULL, GetLastError());
+    EXPECT_TRUE(Put(u"A", u"a", u"2")) << "no longer than before";
+    EXPECT_EQ("[A]\r\na=2\r\n", ReadTestFile(sFile));
+    hosted::SetDriveLimit('C', -1);
+    EXPECT_TRUE(Put(u"A", u"long", u"12345"));
+}
+
+TEST_F(HostedProfile, ALineCostsTheSameInALongFile)
+{
+    WriteTestFile(sFile, "\xFF\xFE");
+    const auto put = [&](int nFirst, int nCount) {
+        const auto tStart = std::chrono::steady_clock::now();
+        for (int i = nFirst; i < nFirst + nCount; i++) {
+            EXPECT_EQ(u"DEF", Get(u"Folder " + Number(i / 1000) + u"\\", u"\"file " + Number(i) + u"\""));
+            EXPECT_TRUE(Put(u"Folder " + Number(i / 1000) + u"\\", u"\"file " + Number(i) + u"\"", u"1"));
+        }
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - tStart).count();
+    };
+    put(0, 500);
+    const double nShort = put(500, 500);
+    put(1000, 14000);
+    const double nLong = put(15000, 500);
+    EXPECT_LT(nLong, 5 * nShort + 0.05) << "seconds for 500 lines in a short file: " << nShort;
+}

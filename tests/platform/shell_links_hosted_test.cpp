@@ -1,0 +1,171 @@
+// shell_links_hosted_test.cpp: the bytes of .lnk files: links of other writers, what is kept of them, and cut or
+// damaged ones.
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/hosted/control.h"
+#include "platform/hosted/shell_link_format.h"
+#include "platform/shell.h"
+#include "tests/support/test_machine.h"
+#include <random>
+
+using namespace platform;
+
+namespace {
+
+class HostedShellLinks : public MachineTest {};
+
+// Written by another implementation of the shell: an id list with the whole name, link information in ANSI only, whose
+// '?' stands for a character that code page 1252 lacks, all five texts but the relative path, a hot key.
+const char g_szForeign[] =
+    "4c0000000114020000000000c000000000000046f7000000000000000000000000000000000000000000000000000000000000000000000003"
+    "00"
+    "000007000000410500000000000000000000230114001f00e04fd020ea3a6910a2d808002b30309d190023433a5c0000000000000000000000"
+    "00"
+    "000000000000003600310000000000775dec0210007573657273002200000000000000775dec02775df0020000000075007300650072007300"
+    "00"
+    "0014003400310000000000775dec021000616e6e6100002000000000000000775dec02775df0020000000061006e006e006100000014004200"
+    "31"
+    "0000000000775dec021000446f6bfc6d656e7465002a00000000000000775dec02775df0020000000044006f006b00fc006d0065006e007400"
+    "65"
+    "000000180048003200000000000000000000004272696566203f2e747874002e00000000000000000000000000000000000000420072006900"
+    "65"
+    "0066002000e5652e0074007800740000001a000000520000001c000000010000001c0000002d00000000000000510000001100000003000000"
+    "00"
+    "0000431000000000433a5c75736572735c616e6e615c446f6bfc6d656e74655c4272696566203f2e74787400000d0042006500730063006800"
+    "72"
+    "0065006900620075006e0067000000170043003a005c00550073006500720073005c0061006e006e0061005c00410072006200650069007400"
+    "20"
+    "00e565000009002d00780020002200790020007a0022000000090043003a005c0069002e00690063006f00000000000000";
+
+std::string Bytes(const std::string &sHex)
+{
+    std::string s;
+    for (size_t i = 0; i + 1 < sHex.size(); i += 2) s += static_cast<char>(std::stoi(sHex.substr(i, 2), nullptr, 16));
+    return s;
+}
+
+std::string Number(uint64_t n, size_t cb)
+{
+    std::string s;
+    for (size_t i = 0; i < cb; i++) s += static_cast<char>(n >> (8 * i));
+    return s;
+}
+
+std::string Header(uint32_t dwFlags)
+{
+    return Bytes(std::string(g_szForeign).substr(0, 40)) + Number(dwFlags, 4) + std::string(52, '\0');
+}
+
+std::string LocalInfo(const std::string &sBase, const std::string &sSuffix)
+{
+    const std::string sTail =
+        std::string("\x11\0\0\0\x03\0\0\0\0\0\0\0\x10\0\0\0\0", 17) + sBase + '\0' + sSuffix + '\0';
+    return Number(0x1C + sTail.size(), 4) + Number(0x1C, 4) + Number(1, 4) + Number(0x1C, 4) + Number(0x2D, 4) +
+           Number(0, 4) + Number(0x2D + sBase.size() + 1, 4) + sTail;
+}
+
+std::u16string Target(const std::string &sBytes)
+{
+    hosted::LinkParts parts;
+    return hosted::ParseLink(sBytes, &parts) ? hosted::LinkTarget(parts) : u"<bad>";
+}
+
+} // namespace
+
+TEST_F(HostedShellLinks, LinksOfOtherWritersAreRead)
+{
+    EXPECT_EQ(u"C:\\users\\anna\\Dokümente\\Brief 日.txt", Target(Bytes(g_szForeign)));
+    EXPECT_EQ(u"C:\\Daten\\a.txt", Target(Header(0x02) + LocalInfo("C:\\Daten", "a.txt")))
+        << "no id list, ANSI, no end block";
+    EXPECT_EQ(u"D:\\Ä€\\ß", Target(Header(0x02) + LocalInfo("D:\\\xC4\x80\\\xDF", ""))) << "code page 1252";
+    EXPECT_EQ(u"D:\\Äß", Target(Header(0x02) + LocalInfo("D:\\\xC3\x84\xC3\x9F", ""))) << "UTF-8";
+    const std::string sNet = Number(0x44, 4) + Number(0x1C, 4) + Number(2, 4) + Number(0, 8) + Number(0x1C, 4) +
+                             Number(0x39, 4) + Number(0x1D, 4) + Number(0, 4) + Number(0x14, 4) + Number(0, 8) +
+                             std::string("\\\\s\\h\0\0\0", 9) + std::string("a\\b.txt\0\0\0\0", 11);
+    EXPECT_EQ(u"\\\\s\\h\\a\\b.txt", Target(Header(0x02) + sNet));
+    EXPECT_EQ(u"", Target(Header(0x80))) << "a link without target";
+    EXPECT_EQ(u"<bad>", Target("L"));
+}
+
+TEST_F(HostedShellLinks, ANewTargetKeepsWhatDoesNotNameTheOldOne)
+{
+    const std::string sConsole = Number(12, 4) + Number(0xA0000004, 4) + "codp",
+                      sTracker = Number(12, 4) + Number(0xA0000003, 4) + "host";
+    std::string       sBytes   = Bytes(g_szForeign);
+    sBytes.resize(sBytes.size() - 4);
+    sBytes += sTracker + sConsole + Number(0, 4);
+    const std::u16string sLink = TestFolder() + u"\\a.lnk";
+    WriteTestFile(sLink, sBytes);
+    SetFileAttributesW(sLink.c_str(), FILE_ATTRIBUTE_HIDDEN);
+    const int nBlocks = hosted::LiveBlocks();
+    ASSERT_TRUE(InitializeShellLinks());
+    ShellLink *pLink = LoadShellLink(sLink.c_str());
+    ASSERT_NE(nullptr, pLink);
+    EXPECT_TRUE(SaveShellLink(pLink, nullptr));
+    EXPECT_TRUE(SetShellLinkPath(pLink, u"C:\\Users\\berta\\Brief 日.txt"));
+    hosted::LinkParts before, after;
+    ASSERT_TRUE(hosted::ParseLink(ReadTestFile(sLink), &before));
+    EXPECT_EQ(sTracker + sConsole, before.sExtra) << "saved unchanged, it keeps all";
+    EXPECT_TRUE(SaveShellLink(pLink, nullptr));
+    ReleaseShellLink(pLink);
+    UninitializeShellLinks();
+    ASSERT_TRUE(hosted::ParseLink(ReadTestFile(sLink), &after));
+    EXPECT_EQ(u"C:\\Users\\berta\\Brief 日.txt", hosted::LinkTarget(after));
+    EXPECT_EQ(sConsole, after.sExtra);
+    EXPECT_EQ(u"-x \"y z\"", after.aTexts[hosted::LINK_ARGUMENTS]);
+    EXPECT_EQ(u"Beschreibung", after.aTexts[hosted::LINK_NAME]);
+    EXPECT_EQ(u"C:\\i.ico", after.aTexts[hosted::LINK_ICON]);
+    EXPECT_EQ(u"..\\Users\\berta\\Brief 日.txt", after.aTexts[hosted::LINK_RELATIVE_PATH]);
+    EXPECT_EQ(3u, after.nIcon);
+    EXPECT_EQ(0x0541, after.nHotKey);
+    after.sLinkInfo.clear();
+    EXPECT_EQ(u"C:\\Users\\berta\\Brief 日.txt", hosted::LinkTarget(after)) << "the id list alone names it too";
+    EXPECT_EQ(FILE_ATTRIBUTE_HIDDEN, GetFileAttributesW(sLink.c_str()));
+    EXPECT_EQ(nBlocks, hosted::LiveBlocks());
+}
+
+TEST_F(HostedShellLinks, CutAndDamagedLinksDoNoHarm)
+{
+    const std::string sBytes = Bytes(g_szForeign);
+    for (size_t cb = 0; cb < sBytes.size(); cb++) {
+        if (cb < 500) {
+            EXPECT_EQ(u"<bad>", Target(sBytes.substr(0, cb))) << cb;
+        }
+        Target(sBytes.substr(0, cb));
+    }
+    std::mt19937 random(7);
+    for (int i = 0; i < 20000; i++) {
+        std::string sDamaged = sBytes;
+        for (int n = 0; n < 3; n++) sDamaged[20 + random() % (sDamaged.size() - 20)] = static_cast<char>(random());
+        hosted::LinkParts parts;
+        if (!hosted::ParseLink(sDamaged, &parts)) continue;
+        hosted::LinkTarget(parts);
+        hosted::SetLinkTarget(&parts, u"C:\\a\\b", false);
+        EXPECT_EQ(u"C:\\a\\b", Target(hosted::LinkBytes(parts)));
+    }
+}
+
+TEST_F(HostedShellLinks, FailuresLeaveTheOldLink)
+{
+    const std::u16string sLink = TestFolder() + u"\\a.lnk";
+    WriteTestFile(sLink, Bytes(g_szForeign));
+    EXPECT_EQ(nullptr, LoadShellLink(sLink.c_str())) << "before InitializeShellLinks";
+    ASSERT_TRUE(InitializeShellLinks());
+    ShellLink *pLink = LoadShellLink(sLink.c_str());
+    EXPECT_FALSE(SetShellLinkPath(pLink, u"no drive")) << "and " << GetLastError();
+    EXPECT_FALSE(SetShellLinkPath(pLink, u"\\\\server\\share\\x"));
+    EXPECT_TRUE(SetShellLinkPath(pLink, u"C:\\x"));
+    SetFileAttributesW(sLink.c_str(), FILE_ATTRIBUTE_READONLY);
+    EXPECT_FALSE(SaveShellLink(pLink, nullptr));
+    EXPECT_EQ(ERROR_ACCESS_DENIED, GetLastError());
+    EXPECT_EQ(nullptr, LoadShellLink(sLink.c_str())) << "it is loaded for writing";
+    SetFileAttributesW(sLink.c_str(), FILE_ATTRIBUTE_NORMAL);
+    const HANDLE hFile = CreateFileW(sLink.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+    EXPECT_FALSE(SaveShellLink(pLink, nullptr));
+    EXPECT_EQ(ERROR_SHARING_VIOLATION, GetLastError());
+    CloseHandle(hFile);
+    EXPECT_EQ(Bytes(g_szForeign), ReadTestFile(sLink));
+    EXPECT_TRUE(SaveShellLink(pLink, nullptr));
+    ReleaseShellLink(pLink);
+    UninitializeShellLinks();
+}

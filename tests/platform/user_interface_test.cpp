@@ -1,0 +1,172 @@
+// user_interface_test.cpp: windows and messages, reached as programs reach them: by LoadLibraryW and GetProcAddress.
+#include "platform/user_interface.h"
+#include "platform/errors.h"
+#include "platform/kernel.h"
+#include "platform/modules.h"
+#include "tests/support/test_machine.h"
+#include "tests/support/user32_functions.h"
+#include <vector>
+
+using namespace platform;
+
+namespace {
+
+constexpr uint32_t LONG_WAIT_MS = 20000; // never reached when all is well
+constexpr uint32_t WM_TEST      = WM_USER + 7;
+
+struct Seen {
+    uint32_t uMsg;
+    WPARAM   wParam;
+    LPARAM   lParam;
+    uint32_t dwThreadId;
+};
+std::vector<Seen> g_aSeen; // what the window was called with, of the messages that the tests send
+
+LRESULT Procedure(HWND hWnd, uint32_t uMsg, WPARAM wParam, LPARAM lParam)
+{
+    if (uMsg == WM_DESTROY || uMsg == WM_CLOSE || uMsg >= WM_USER) g_aSeen.push_back({uMsg, wParam, lParam, GetCurrentThreadId()});
+    if (uMsg == WM_DESTROY) User32().PostQuitMessage(5);
+    if (uMsg == WM_TEST) return static_cast<LRESULT>(wParam) + lParam;
+    return User32().DefWindowProcW(hWnd, uMsg, wParam, lParam);
+}
+
+HWND NewWindow(const char16_t *pszTitle = u"VORN user interface test")
+{
+    WNDCLASSEXW windowClass{};
+    windowClass.cbSize        = sizeof(windowClass);
+    windowClass.style         = CS_HREDRAW | CS_VREDRAW;
+    windowClass.lpfnWndProc   = Procedure;
+    windowClass.hCursor       = User32().LoadCursorW(nullptr, IDC_ARROW);
+    windowClass.lpszClassName = u"VORN User Interface Test Class";
+    EXPECT_NE(nullptr, windowClass.hCursor);
+    SetLastError(0);
+    EXPECT_TRUE(User32().RegisterClassExW(&windowClass) != 0 || GetLastError() == 1410) << "new, or there already";
+    g_aSeen.clear();
+    return User32().CreateWindowExW(0, windowClass.lpszClassName, pszTitle, WS_OVERLAPPEDWINDOW, CW_USEDEFAULT, 0, CW_USEDEFAULT, 0,
+                                    nullptr, nullptr, nullptr, nullptr);
+}
+
+class UserInterface : public MachineTest {
+protected:
+    void SetUp() override
+    {
+        MachineTest::SetUp();
+        MSG msg{};
+        while (User32().PeekMessageW(&msg, nullptr, 0, 0, 1)) {} // what the test before left to this thread, WM_QUIT too
+    }
+};
+
+} // namespace
+
+TEST_F(UserInterface, PostedMessagesComeInOrderAndQuitComesLast)
+{
+    const HWND hWnd = NewWindow();
+    ASSERT_NE(nullptr, hWnd) << GetLastError();
+    EXPECT_TRUE(User32().PostMessageW(hWnd, WM_TEST, 1, -1));
+    User32().PostQuitMessage(9);
+    EXPECT_TRUE(User32().PostMessageW(hWnd, WM_TEST, 2, -2));
+    MSG msg{};
+    for (const WPARAM wExpected : {1u, 2u}) {
+        ASSERT_GT(User32().GetMessageW(&msg, nullptr, 0, 0), 0);
+        while (msg.message != WM_TEST) ASSERT_GT(User32().GetMessageW(&msg, nullptr, 0, 0), 0);
+        EXPECT_EQ(hWnd, msg.hwnd);
+        EXPECT_EQ(wExpected, msg.wParam);
+        EXPECT_EQ(0, User32().DispatchMessageW(&msg)) << "the sum of both parameters";
+    }
+    while (User32().GetMessageW(&msg, nullptr, 0, 0) > 0) EXPECT_LT(msg.message, WM_USER);
+    EXPECT_EQ(WM_QUIT, msg.message);
+    EXPECT_EQ(9u, msg.wParam);
+    EXPECT_FALSE(User32().PeekMessageW(&msg, hWnd, WM_TEST, WM_TEST, 1)) << "taken once";
+    EXPECT_TRUE(User32().DestroyWindow(hWnd));
+}
+
+TEST_F(UserInterface, DestroyIsSynchronousAndOnlyForTheOwner)
+{
+    HWND hWnd = NewWindow();
+    ASSERT_NE(nullptr, hWnd);
+    const HANDLE hThread = CreateThread(
+        nullptr, 0,
+        [](void *pParameter) -> uint32_t { return User32().DestroyWindow(pParameter) ? 0 : GetLastError(); }, hWnd, 0, nullptr);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(hThread, LONG_WAIT_MS));
+    uint32_t dwExit = 0;
+    EXPECT_TRUE(GetExitCodeThread(hThread, &dwExit));
+    EXPECT_EQ(5u, dwExit);
+    EXPECT_TRUE(CloseHandle(hThread));
+    EXPECT_TRUE(g_aSeen.empty());
+
+    EXPECT_TRUE(User32().PostMessageW(hWnd, WM_TEST, 0, 0));
+    EXPECT_TRUE(User32().DestroyWindow(hWnd));
+    ASSERT_EQ(1u, g_aSeen.size());
+    EXPECT_EQ(WM_DESTROY, g_aSeen[0].uMsg);
+    EXPECT_FALSE(User32().DestroyWindow(hWnd));
+    EXPECT_EQ(UnderWine() ? 5u : 1400u, GetLastError());
+    EXPECT_FALSE(User32().PostMessageW(hWnd, WM_TEST, 0, 0));
+    EXPECT_EQ(1400u, GetLastError());
+    MSG msg{};
+    while (User32().GetMessageW(&msg, nullptr, 0, 0) > 0) EXPECT_NE(WM_TEST, msg.message) << "its messages went with it";
+    EXPECT_EQ(5u, msg.wParam);
+
+    hWnd = NewWindow();
+    EXPECT_TRUE(User32().PostMessageW(hWnd, WM_CLOSE, 0, 0)); // what DefWindowProcW makes of it
+    while (User32().GetMessageW(&msg, nullptr, 0, 0) > 0) User32().DispatchMessageW(&msg);
+    ASSERT_EQ(2u, g_aSeen.size());
+    EXPECT_EQ(WM_CLOSE, g_aSeen[0].uMsg);
+    EXPECT_EQ(WM_DESTROY, g_aSeen[1].uMsg);
+    EXPECT_EQ(0u, User32().GetWindowThreadProcessId(hWnd, nullptr));
+}
+
+TEST_F(UserInterface, WindowIsFoundByClassAndTitle)
+{
+    const HWND hWnd = NewWindow(u"VORN title \u00C4");
+    ASSERT_NE(nullptr, hWnd);
+    EXPECT_EQ(hWnd, User32().FindWindowW(u"VORN User Interface Test Class", u"VORN title \u00C4"));
+    EXPECT_EQ(hWnd, User32().FindWindowW(u"vorn user interface test CLASS", nullptr));
+    EXPECT_EQ(hWnd, User32().FindWindowW(nullptr, u"VORN title \u00C4"));
+    EXPECT_EQ(nullptr, User32().FindWindowW(u"VORN User Interface Test Class", u"another title"));
+    EXPECT_EQ(nullptr, User32().FindWindowW(u"VORN another class", nullptr));
+    uint32_t dwProcessId = 0;
+    EXPECT_EQ(GetCurrentThreadId(), User32().GetWindowThreadProcessId(hWnd, &dwProcessId));
+    EXPECT_EQ(GetCurrentProcessId(), dwProcessId);
+    EXPECT_TRUE(User32().DestroyWindow(hWnd));
+    EXPECT_EQ(nullptr, User32().FindWindowW(nullptr, u"VORN title \u00C4"));
+    EXPECT_EQ(nullptr, User32().CreateWindowExW(0, u"VORN class that nobody registered", u"", 0, 0, 0, 0, 0, nullptr, nullptr, nullptr,
+                                                nullptr));
+    EXPECT_EQ(UnderWine() ? 1411u : 1407u, GetLastError());
+}
+
+TEST_F(UserInterface, SentMessageRunsOnTheWindowsThreadAndIsAnswered)
+{
+    const HWND hWnd = NewWindow();
+    ASSERT_NE(nullptr, hWnd);
+    EXPECT_EQ(42, User32().SendMessageW(hWnd, WM_TEST, 40, 2)) << "the own thread's window: a call";
+    g_aSeen.clear();
+    const HANDLE hThread = CreateThread(
+        nullptr, 0,
+        [](void *pParameter) -> uint32_t {
+            const auto nAnswer = User32().SendMessageW(pParameter, WM_TEST, 100, 11);
+            User32().PostMessageW(pParameter, WM_TEST + 1, 0, 0);
+            return static_cast<uint32_t>(nAnswer);
+        },
+        hWnd, 0, nullptr);
+    MSG msg{};
+    do { // the sent message is handled inside GetMessageW
+        ASSERT_GT(User32().GetMessageW(&msg, nullptr, 0, 0), 0);
+    } while (msg.message != WM_TEST + 1);
+    ASSERT_EQ(1u, g_aSeen.size());
+    EXPECT_EQ(GetCurrentThreadId(), g_aSeen[0].dwThreadId);
+    uint32_t dwExit = 0;
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(hThread, LONG_WAIT_MS));
+    EXPECT_TRUE(GetExitCodeThread(hThread, &dwExit));
+    EXPECT_EQ(111u, dwExit);
+    EXPECT_TRUE(CloseHandle(hThread));
+    EXPECT_TRUE(User32().DestroyWindow(hWnd));
+}
+
+TEST_F(UserInterface, RegisteredMessageHasOneNumberForItsName)
+{
+    const uint32_t uFirst = User32().RegisterWindowMessageW(u"VORN test message");
+    EXPECT_GE(uFirst, 0xC000u);
+    EXPECT_LE(uFirst, 0xFFFFu);
+    EXPECT_NE(uFirst, User32().RegisterWindowMessageW(u"VORN another test message"));
+    EXPECT_EQ(uFirst, User32().RegisterWindowMessageW(u"VORN test MESSAGE"));
+}

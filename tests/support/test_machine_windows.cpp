@@ -1,0 +1,48 @@
+// test_machine_windows.cpp: the one machine there is, with the product's data folder and the tests' folder emptied.
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/modules.h"
+#include "platform/shell.h"
+#include "tests/support/test_machine.h"
+
+using namespace platform;
+
+namespace {
+
+// Removes what is in a folder, hidden, read-only and long names included; links are removed, not followed.
+void EmptyFolder(const std::u16string &sFolder)
+{
+    WIN32_FIND_DATAW found{};
+    const HANDLE     hFind = FindFirstFileW((sFolder + u"\\*").c_str(), &found);
+    if (hFind == INVALID_HANDLE_VALUE) return;
+    do {
+        const std::u16string sName = found.cFileName;
+        const std::u16string sPath = sFolder + u"\\" + sName;
+        if (sName == u"." || sName == u"..") continue;
+        SetFileAttributesW(sPath.c_str(), FILE_ATTRIBUTE_NORMAL);
+        if ((found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) {
+            EXPECT_TRUE(DeleteFileW(sPath.c_str())) << GetLastError();
+            continue;
+        }
+        if ((found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) EmptyFolder(sPath);
+        EXPECT_TRUE(RemoveDirectoryW(sPath.c_str())) << GetLastError();
+    } while (FindNextFileW(hFind, &found));
+    FindClose(hFind);
+}
+
+} // namespace
+
+bool UnderWine()
+{
+    return GetProcAddress(LoadLibraryW(u"ntdll.dll"), "wine_get_version") != nullptr;
+}
+
+void FreshMachine()
+{
+    char16_t *pszProgramData = nullptr;
+    ASSERT_EQ(S_OK, SHGetKnownFolderPath(FOLDERID_ProgramData, 0, nullptr, &pszProgramData));
+    EmptyFolder(u"\\\\?\\" + std::u16string(pszProgramData) + u"\\VORN");
+    CoTaskMemFree(pszProgramData);
+    EmptyFolder(u"\\\\?\\C:\\vorn-test");
+    SetLastError(0);
+}

@@ -1,0 +1,29 @@
+// command_pipe_server.h: the agent's own named pipe, on which the migration service writes records.
+// Threads  CommandPipeServerThread is started once by the main thread; one NetLoopThread for each connected client,
+//          which ends when its client closes the pipe.
+#pragma once
+#include "ipc/ipc_message.h"
+#include "platform/types.h"
+#include <atomic>
+#include <cstdint>
+
+constexpr uint32_t COMMAND_PIPE_BUFFER_BYTES = 7920; // five records
+static_assert(COMMAND_PIPE_BUFFER_BYTES == 5 * IPC_MESSAGE_SIZE);
+
+// Both names end in the session: "%s_0x%x".
+constexpr char16_t AGENT_MUTEX_NAME[] = u"Global\\VornMigrationNet_NamedPipeMux";
+constexpr char16_t AGENT_PIPE_NAME[]  = u"\\\\.\\pipe\\VornMigrationNet_NamedPipeCommand";
+
+// Manual-reset, made by the main thread for the time it waits for the server at start-up; null otherwise. Whoever
+// exchanges it for null owns it: the server takes it to signal it once its first connection is awaited (the main thread
+// then closes it after the signal), the main thread takes it back when its wait is over first.
+extern std::atomic<platform::HANDLE> g_hStartupEvent;
+
+// Result 0. Ends with the stop signal, or when the pipe cannot be created three times in a row.
+uint32_t CommandPipeServerThread(void *pUnused);
+// pPipe: the connected pipe's handle, owned by the thread from here on. Result 0.
+uint32_t NetLoopThread(void *pPipe);
+
+// Filters one record of the service (dwSessionId 0) and acts on it or hands it to a worker (service_requests.cpp).
+// Never waits. Any thread; takes no lock of its own. The record's texts may lack terminators.
+void NetHandleIPC(const IpcMessage *pRecord);

@@ -1,0 +1,85 @@
+// thread_execution_test.cpp: ids, cancellation, and a list that is closed while workers still use it.
+#include "ipc/thread_execution.h"
+#include <atomic>
+#include <gtest/gtest.h>
+#include <set>
+#include <thread>
+#include <vector>
+
+class ThreadExecution : public ::testing::Test {
+protected:
+    void SetUp() override { InitThreadExecutionList(); }
+    void TearDown() override { DeleteThreadExecutionList(); }
+};
+
+TEST_F(ThreadExecution, ManyAtOnceGetDifferentIdsAndLeaveInAnyOrder)
+{
+    std::vector<uint64_t> aIds;
+    for (int n = 0; n < 50; n++) aIds.push_back(AddThreadExecution()); // most within one tick
+    EXPECT_EQ(50u, std::set<uint64_t>(aIds.begin(), aIds.end()).size());
+    for (const size_t n : {25, 0, 49}) EXPECT_EQ(1, RemoveThreadExecution(aIds[n])); // middle, first, last
+    EXPECT_EQ(0, RemoveThreadExecution(aIds[25]));
+    EXPECT_EQ(1, CancelAllThreadExecutions());
+    for (size_t n = 0; n < 50; n++) {
+        const bool bGone = n == 25 || n == 0 || n == 49;
+        EXPECT_EQ(!bGone, IsThreadExecutionCancel(aIds[n])) << n;
+        EXPECT_EQ(!bGone, RemoveThreadExecution(aIds[n])) << n;
+    }
+    EXPECT_EQ(1, IsThreadExecutionListEmpty());
+    EXPECT_EQ(0, CancelAllThreadExecutions());
+}
+
+TEST_F(ThreadExecution, CancellingReachesRunningOnesOnlyAndTheirFlags)
+{
+    std::atomic<uint32_t> bTied{0}, bUntied{0};
+    const uint64_t        ullTied = AddThreadExecution(), ullUntied = AddThreadExecution();
+    EXPECT_EQ(1, SetThreadExecutionFlag(ullTied, &bTied));
+    EXPECT_EQ(1, SetThreadExecutionFlag(ullUntied, &bUntied));
+    EXPECT_EQ(1, SetThreadExecutionFlag(ullUntied, nullptr));
+    EXPECT_EQ(0, SetThreadExecutionFlag(0, &bUntied));
+    EXPECT_EQ(0, IsThreadExecutionCancel(ullTied));
+    CancelAllThreadExecutions();
+    const uint64_t ullLater = AddThreadExecution();
+    EXPECT_EQ(1u, bTied);
+    EXPECT_EQ(0u, bUntied);
+    EXPECT_EQ(1, IsThreadExecutionCancel(ullTied));
+    EXPECT_EQ(1, IsThreadExecutionCancel(ullUntied));
+    EXPECT_EQ(0, IsThreadExecutionCancel(ullLater));
+    EXPECT_EQ(0, IsThreadExecutionCancel(0));
+}
+
+TEST_F(ThreadExecution, AClosedListDoesNothing)
+{
+    const uint64_t ullOld = AddThreadExecution();
+    DeleteThreadExecutionList(); // frees the node that is left
+    EXPECT_EQ(0u, AddThreadExecution());
+    EXPECT_EQ(0, IsThreadExecutionCancel(ullOld));
+    EXPECT_EQ(0, RemoveThreadExecution(ullOld));
+    EXPECT_EQ(0, CancelAllThreadExecutions());
+    EXPECT_EQ(1, IsThreadExecutionListEmpty());
+    DeleteThreadExecutionList();
+    InitThreadExecutionList();
+    EXPECT_EQ(0, RemoveThreadExecution(ullOld));
+}
+
+TEST_F(ThreadExecution, WorkersThatOutliveTheListFindItClosed)
+{
+    std::atomic<bool>        bEnd{false};
+    std::vector<std::thread> aWorkers;
+    for (int n = 0; n < 4; n++) {
+        aWorkers.emplace_back([&] {
+            while (!bEnd) {
+                const uint64_t ullId = AddThreadExecution();
+                IsThreadExecutionCancel(ullId);
+                RemoveThreadExecution(ullId);
+            }
+        });
+    }
+    for (int n = 0; n < 200; n++) {
+        CancelAllThreadExecutions();
+        DeleteThreadExecutionList();
+        InitThreadExecutionList();
+    }
+    bEnd = true;
+    for (std::thread &worker : aWorkers) worker.join();
+}

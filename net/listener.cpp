@@ -1,0 +1,241 @@
+// listener.cpp: the one reader of a link: words in, handlers called, silence tested, the break reported.
+// Only the listener receives, so receiving takes no lock. It runs a whole file stream on its own thread; a probe sent
+// while the own side sends a file would be stored as file content, hence no keep-alive test while g_bSendingFile is
+// set. An orderly close of the peer is silence here: RecvBuffer reports it as a time-out, the probe after about 40
+// seconds of it cannot be sent or answered, and that breaks the link.
+// The own side's teardown looks to recv like any other break. The link's number tells the two apart: it has grown by
+// then.
+#include "net/client_role.h"
+#include "net/command_channel.h"
+#include "net/server_role.h"
+#include "net/session_control.h"
+#include "ipc/service_pipe_client.h"
+#include "platform/text.h"
+#include "trace/debug_output.h"
+#include "transfer/socket_io.h"
+#include <cstring>
+#include <new>
+
+using namespace platform;
+
+struct ListenerStart {
+    SOCKET      hSocket;
+    HANDLE      hExitEvent; // a duplicate: the role closes its own when it ends
+    LinkRelease link;       // what the listener may release when the link breaks
+};
+
+namespace {
+
+constexpr uint32_t SILENCE_STEP_S     = SOCKET_TIMEOUT_MS / 1000; // what a silent round after a silent round adds
+constexpr uint32_t SILENCE_LIMIT_S    = 30;                       // silence above this is tested
+constexpr int32_t  DISCONNECTED_STAGE = 102;                      // first parameter of code 818
+
+// What the two listeners call themselves, their peer and their event in the log, and how their role ends.
+struct ListenerRole {
+    const char     *pszThread;
+    const char16_t *pszOperation;
+    const char     *pszPeer;
+    const char16_t *pszReceiveFailed;
+    const char     *pszExitEvent;
+    void (*pUninit)(uint32_t dwGeneration);
+};
+constexpr ListenerRole SERVER_LISTENER = {"ServerListenThread",      u"ServerListenThread",
+                                          "client",                  u"wait client cmd failed (not timeout). Exit ",
+                                          "g_hServerExitEvent", ServerUninitLink};
+constexpr ListenerRole CLIENT_LISTENER = {"ClientListenThread",      u"ClientListenThread",
+                                          "server",                  u"wait server cmd failed (not timeout). Exit ",
+                                          "g_hClientExitEvent", ClientUninitLink};
+
+using CommandWord = char[COMMAND_WORD_BYTES + 1]; // the peer promises no terminator
+
+bool Is(const CommandWord &szWord, const char *pszWanted)
+{
+    return CompareTextNoCaseA(szWord, pszWanted) == 0;
+}
+
+void SetOutcome(std::atomic<uint8_t> *pFlag)
+{
+    *pFlag = 1;
+    SetEvent(GetFileOutcomeEvent());
+}
+
+void AnswerKeepAlive(const ListenerRole &role, SOCKET hSocket)
+{
+    TraceDebugA("[%s] Be4 send keepalive ack", role.pszThread);
+    TraceDebugA("[%s] Be4 CS (ack alive)", role.pszThread);
+    EnterCriticalSection(&g_csNetSocket);
+    TraceDebugA("[%s] Enter CS (ack alive)", role.pszThread);
+    if (!SendCommandWord(hSocket, WORD_ACK_ALIVE)) ReportWSAError(role.pszOperation, u"send keepalive ack failed");
+    TraceDebugA("[%s] Send keepalive ack done", role.pszThread);
+    LeaveCriticalSection(&g_csNetSocket);
+    TraceDebugA("[%s] Leave CS (ack alive)", role.pszThread);
+}
+
+void Dispatch(const ListenerRole &role, SOCKET hSocket, const CommandWord &szWord)
+{
+    TraceDebugA("[%s] == get %s cmd == [%s]", role.pszThread, role.pszPeer, szWord);
+    if (Is(szWord, WORD_SEND_DATA)) {
+        SendDataCMDHandler(hSocket);
+    } else if (Is(szWord, WORD_SEND_FILE)) {
+        SendFileCMDHandler(hSocket);
+    } else if (Is(szWord, WORD_FILE_DONE)) {
+        SetOutcome(&g_bRemoteFileDone);
+    } else if (Is(szWord, WORD_FILE_ERROR)) {
+        SetOutcome(&g_bRemoteFileError);
+    } else if (Is(szWord, WORD_FILE_DISK_FULL)) {
+        if (std::strcmp(szWord, WORD_FILE_ALL_DISKS_FULL) == 0) g_bRemoteFileAllFull = 1;
+        SetOutcome(&g_bRemoteFileFull);
+    } else if (Is(szWord, WORD_FILE_TYPE_WRONG)) {
+        SetOutcome(&g_bRemoteFileTypeUnknown);
+    } else if (Is(szWord, WORD_KEEP_ALIVE)) {
+        AnswerKeepAlive(role, hSocket);
+    } else if (!Is(szWord, WORD_ACK_ALIVE)) { // a late answer to a probe needs nothing
+        TraceDebugA("[%s] unknown cmd", role.pszThread);
+    }
+}
+
+// True when the own side has ended the link. The event is an auto-reset one; this consumes it.
+bool HasEnded(const ListenerRole &role, const ListenerStart &start)
+{
+    const bool bSignalled = WaitForSingleObject(start.hExitEvent, 0) == WAIT_OBJECT_0;
+    if (!bSignalled && start.link.dwGeneration == g_dwLinkGeneration) return false;
+    TraceDebugA("[%s] Connected, %s signaled -> Exit ...", role.pszThread, role.pszExitEvent);
+    return true;
+}
+
+// The silence of a link so far.
+struct Silence {
+    uint32_t nSeconds;
+    bool     bTimedOut; // the previous receive timed out
+};
+
+// One receive timed out. 0: go on, with a command in szWord when *pbCommand; else the listener's last error.
+int32_t CountSilence(const ListenerRole &role, SOCKET hSocket, Silence *pSilence, CommandWord &szWord, bool *pbCommand)
+{
+    if (pSilence->bTimedOut) pSilence->nSeconds += SILENCE_STEP_S;
+    pSilence->bTimedOut = true;
+    if (pSilence->nSeconds <= SILENCE_LIMIT_S) return 0;
+    if (g_bSendingFile) {
+        TraceDebugA("[%s] g_bSendingFile, skip KeepAliveTest", role.pszThread);
+        pSilence->nSeconds = 0;
+        return 0;
+    }
+    TraceDebugA("[%s] KeepAliveTest - Be4 CS", role.pszThread);
+    EnterCriticalSection(&g_csNetSocket);
+    TraceDebugA("[%s] KeepAliveTest - Enter CS", role.pszThread);
+    const int32_t nRet = KeepAliveTest(hSocket);
+    std::memcpy(szWord, g_szKeepAliveAck, COMMAND_WORD_BYTES);
+    LeaveCriticalSection(&g_csNetSocket);
+    TraceDebugA("[%s] KeepAliveTest - After CS. nRet[%d]", role.pszThread, nRet);
+    if (nRet != 0 && nRet != KEEP_ALIVE_OTHER_WORD) return nRet;
+    pSilence->nSeconds = 0;
+    if (nRet == KEEP_ALIVE_OTHER_WORD) {
+        pSilence->bTimedOut = false;
+        *pbCommand          = true;
+    }
+    return 0;
+}
+
+// Reads until the link ends. 0 when the own side has ended it, else why it is broken.
+int32_t Listen(const ListenerRole &role, const ListenerStart &start)
+{
+    Silence silence = {};
+    for (;;) {
+        CommandWord szWord = "";
+        TraceDebugA("[%s] == wait %s cmd begin ==", role.pszThread, role.pszPeer);
+        bool bCommand =
+            RecvBuffer(start.hSocket, szWord, COMMAND_WORD_BYTES) == static_cast<int32_t>(COMMAND_WORD_BYTES);
+        const int32_t nRecvErr = bCommand ? 0 : WSAGetLastError();
+        if (HasEnded(role, start)) return 0;
+        if (bCommand) {
+            silence = {};
+        } else if (nRecvErr == WSAETIMEDOUT) {
+            std::memset(szWord, 0, sizeof szWord); // a part of a word is no word
+            const int32_t nErr = CountSilence(role, start.hSocket, &silence, szWord, &bCommand);
+            if ((nErr != 0 || bCommand) && HasEnded(role, start)) return 0; // the probe may have taken its time
+            if (nErr != 0) return nErr;
+        } else {
+            WSASetLastError(nRecvErr);
+            ReportWSAError(role.pszOperation, role.pszReceiveFailed);
+            return nRecvErr;
+        }
+        if (bCommand) Dispatch(role, start.hSocket, szWord);
+    }
+}
+
+uint32_t RunListener(const ListenerRole &role, ListenerStart *pStart)
+{
+    BindThreadToLink(pStart->link.dwGeneration);
+    int32_t nErr = Listen(role, *pStart);
+    if (nErr != 0) {
+        // From here on the break is this thread's to report; a teardown that came first has nothing left to report.
+        pStart->link.dwGeneration = ClaimBrokenLink(pStart->link.dwGeneration);
+        if (pStart->link.dwGeneration == 0) nErr = 0;
+    }
+    TraceDebugA("[%s] End. nErr[%d]", role.pszThread, nErr);
+    if (nErr != 0) {
+        TraceDebugA("[%s] call ReportServiceError - MSTAGE_DISCONNECT", role.pszThread);
+        StartReleaseOfLink(&pStart->link);
+        CallServiceNamedPipe(NTOS_ERRORCONTROL, DISCONNECTED_STAGE, 0, 0, nullptr, nullptr, nullptr);
+        role.pUninit(pStart->link.dwGeneration);
+    }
+    TraceDebugA("[%s] Exit", role.pszThread);
+    CloseHandle(pStart->hExitEvent);
+    delete pStart;
+    SetEvent(GetFileOutcomeEvent()); // a sender that waits for an answer looks up at once
+    --g_nListeners;
+    return 0;
+}
+
+int32_t StartListener(const ListenerRole &role, ThreadProcedure pThread, bool bServer, SOCKET hSocket,
+                      HANDLE hExitEvent)
+{
+    auto *pStart =
+        new (std::nothrow) ListenerStart{hSocket, nullptr, {bServer, GetRoleStart(bServer), g_dwLinkGeneration}};
+    if (pStart == nullptr) return 0;
+    HANDLE hThread = nullptr;
+    if (DuplicateHandle(GetCurrentProcess(), hExitEvent, GetCurrentProcess(), &pStart->hExitEvent, 0, FALSE,
+                        DUPLICATE_SAME_ACCESS)) {
+        ++g_nListeners;
+        hThread = CreateThread(nullptr, 0, pThread, pStart, 0, nullptr);
+    }
+    if (hThread != nullptr) {
+        CloseHandle(hThread);
+        return 1;
+    }
+    ReportSocketError(role.pszOperation, u"CreateThread failed", false, REPORT_LAST_ERROR);
+    if (pStart->hExitEvent != nullptr) {
+        --g_nListeners;
+        CloseHandle(pStart->hExitEvent);
+    }
+    delete pStart;
+    return 0;
+}
+
+} // namespace
+
+HANDLE GetFileOutcomeEvent()
+{
+    static const HANDLE hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    return hEvent;
+}
+
+int32_t StartServerListener(SOCKET hSocket, HANDLE hExitEvent)
+{
+    return StartListener(SERVER_LISTENER, ServerListenThread, true, hSocket, hExitEvent);
+}
+
+int32_t StartClientListener(SOCKET hSocket, HANDLE hExitEvent)
+{
+    return StartListener(CLIENT_LISTENER, ClientListenThread, false, hSocket, hExitEvent);
+}
+
+uint32_t ServerListenThread(void *pStart)
+{
+    return RunListener(SERVER_LISTENER, static_cast<ListenerStart *>(pStart));
+}
+
+uint32_t ClientListenThread(void *pStart)
+{
+    return RunListener(CLIENT_LISTENER, static_cast<ListenerStart *>(pStart));
+}

@@ -1,0 +1,174 @@
+// network_link.cpp: what both roles share: flags, sockets, the password, the locks and the link's number.
+// The locks are made on first use and never deleted: threads of a former link may still be about to enter them.
+#include "net/network_link.h"
+#include "platform/files.h"
+#include "transfer/socket_io.h"
+
+using namespace platform;
+
+std::atomic<uint8_t>  g_bServer{0};
+std::atomic<uint8_t>  g_bClient{0};
+std::atomic<uint8_t>  g_bConnecting{0};
+std::atomic<SOCKET>   g_ServerSrvSocket{INVALID_SOCKET};
+std::atomic<SOCKET>   g_ServerSendSocket{INVALID_SOCKET};
+std::atomic<SOCKET>   g_ClientRecvSocket{INVALID_SOCKET};
+char                  g_szPW[10];
+CRITICAL_SECTION      g_csNetSocket;
+std::atomic<uint32_t> g_dwLinkGeneration{1};
+std::atomic<int32_t>  g_nListeners{0};
+
+namespace {
+
+constexpr uint32_t LISTENER_END_MS  = 2500; // as long as shut-down waits for a thread
+constexpr uint32_t LISTENER_POLL_MS = 15;
+constexpr uint16_t WINSOCK_2_2      = 0x0202;
+
+CRITICAL_SECTION      g_csRole;
+CRITICAL_SECTION      g_csPassword; // guards g_szPW
+thread_local uint32_t t_dwLink;     // 0: bound to no link
+
+CRITICAL_SECTION *PasswordLock()
+{
+    static const bool bMade = (InitializeCriticalSection(&g_csPassword), true);
+    static_cast<void>(bMade);
+    return &g_csPassword;
+}
+
+CRITICAL_SECTION *RoleLock()
+{
+    static const bool bMade = (InitializeCriticalSection(&g_csRole), true);
+    static_cast<void>(bMade);
+    return &g_csRole;
+}
+
+void SetLinkOption(SOCKET hSocket, int32_t nLevel, int32_t nOption, uint32_t dwValue)
+{
+    if (setsockopt(hSocket, nLevel, nOption, reinterpret_cast<const char *>(&dwValue), sizeof dwValue) == SOCKET_ERROR)
+        ReportWSAError(u"PrepareLinkSocket", u"setsockopt failed");
+}
+
+} // namespace
+
+void OpenNetSocketLock()
+{
+    static const bool bMade = (InitializeCriticalSection(&g_csNetSocket), true);
+    static_cast<void>(bMade);
+}
+
+void CloseNetSocketLock()
+{
+    if (++g_dwLinkGeneration == 0) ++g_dwLinkGeneration; // 0 means "no link" to BindThreadToLink
+}
+
+void SetPassword(const char *pszPassword)
+{
+    EnterCriticalSection(PasswordLock());
+    platform::strcpy_s(g_szPW, sizeof g_szPW, pszPassword);
+    LeaveCriticalSection(PasswordLock());
+}
+
+void GetPassword(char (&szPassword)[10])
+{
+    EnterCriticalSection(PasswordLock());
+    platform::strcpy_s(szPassword, sizeof szPassword, g_szPW);
+    LeaveCriticalSection(PasswordLock());
+}
+
+void BindThreadToLink(uint32_t dwGeneration)
+{
+    t_dwLink = dwGeneration;
+}
+
+uint32_t GetThreadLink()
+{
+    return t_dwLink;
+}
+
+bool IsThreadLinkCurrent()
+{
+    return t_dwLink == 0 || t_dwLink == g_dwLinkGeneration;
+}
+
+bool CloseLinkSocket(std::atomic<SOCKET> *pSocket)
+{
+    const SOCKET hSocket = pSocket->exchange(INVALID_SOCKET);
+    if (hSocket == INVALID_SOCKET) return false;
+    closesocket(hSocket);
+    return true;
+}
+
+void PrepareLinkSocket(SOCKET hSocket)
+{
+    SetLinkOption(hSocket, SOL_SOCKET, SO_SNDTIMEO, SOCKET_TIMEOUT_MS);
+    SetLinkOption(hSocket, SOL_SOCKET, SO_RCVTIMEO, SOCKET_TIMEOUT_MS);
+    // Answers of ten bytes go out at once: waiting for the peer's acknowledgement would cost 40 ms a file.
+    SetLinkOption(hSocket, IPPROTO_TCP, TCP_NODELAY, 1);
+}
+
+void EnterRoleChange()
+{
+    EnterCriticalSection(RoleLock());
+}
+
+void LeaveRoleChange()
+{
+    LeaveCriticalSection(RoleLock());
+}
+
+bool PublishLinkSocket(std::atomic<SOCKET> *pSocket, SOCKET hSocket, uint32_t dwGeneration)
+{
+    EnterRoleChange();
+    const bool bCurrent = dwGeneration == g_dwLinkGeneration;
+    if (bCurrent) {
+        CloseLinkSocket(pSocket);
+        pSocket->store(hSocket);
+    }
+    LeaveRoleChange();
+    if (!bCurrent) closesocket(hSocket);
+    return bCurrent;
+}
+
+uint32_t ClaimBrokenLink(uint32_t dwGeneration)
+{
+    uint32_t dwCurrent = 0;
+    EnterRoleChange();
+    if (dwGeneration == g_dwLinkGeneration) {
+        CloseNetSocketLock();
+        dwCurrent = g_dwLinkGeneration;
+    }
+    LeaveRoleChange();
+    return dwCurrent;
+}
+
+void AwaitFormerLink()
+{
+    const uint64_t ullStart = GetTickCount64();
+    while (g_nListeners > 0 && GetTickCount64() - ullStart < LISTENER_END_MS) Sleep(LISTENER_POLL_MS);
+    // A writer fails at its next send, since its socket has been closed, and leaves the lock.
+    OpenNetSocketLock();
+    EnterCriticalSection(&g_csNetSocket);
+    LeaveCriticalSection(&g_csNetSocket);
+}
+
+void BeginWinsock(std::atomic<uint8_t> *pbStarted)
+{
+    WSADATA data;
+    if (WSAStartup(WINSOCK_2_2, &data) != 0) return; // every socket call from here on fails and says why
+    if (pbStarted->exchange(1)) WSACleanup();
+}
+
+void EndWinsock(std::atomic<uint8_t> *pbStarted)
+{
+    if (pbStarted->exchange(0)) WSACleanup();
+}
+
+void ResetNetworkLink()
+{
+    CloseLinkSocket(&g_ServerSrvSocket);
+    CloseLinkSocket(&g_ServerSendSocket);
+    CloseLinkSocket(&g_ClientRecvSocket);
+    g_bServer = g_bClient = g_bConnecting = 0;
+    g_dwLinkGeneration                    = 1;
+    SetPassword("");
+    t_dwLink = 0;
+}

@@ -1,0 +1,326 @@
+// server_role.cpp: the server's side of the handshake.
+// ServerInit waits for a peer for as long as nobody comes; any thread may tear the role down meanwhile, and the next
+// ServerInit may start before this one has woken. So it keeps its link's number and changes globals only while that
+// number is current: what a late waker would clear or close may be its successor's.
+#include "net/server_role.h"
+#include "net/command_channel.h"
+#include "net/session_control.h"
+#include "net/settings.h"
+#include "platform/errors.h"
+#include "platform/text.h"
+#include "trace/debug_output.h"
+#include "transfer/socket_io.h"
+
+using namespace platform;
+
+std::atomic<HANDLE> g_hServerExitEvent{nullptr};
+
+namespace {
+
+constexpr char16_t SERVER_EXIT_EVENT[] = u"Global\\VORN Pendrel Server Socket Exit Event";
+constexpr char16_t OPERATION[]         = u"ServerInit";
+
+std::atomic<uint8_t> g_bServerWinsock{0}; // 1 while the role's WSAStartup is to be undone
+
+// What one ServerInit knows of its own start.
+struct ServerStart {
+    uint32_t dwGeneration;
+    SOCKET   hListen;           // also in g_ServerSrvSocket, which owns it
+    char     szPort[PORT_BYTES]; // the bound port
+};
+
+int32_t Failed(const char16_t *pszDescription, int32_t nStatus)
+{
+    ReportWSAError(OPERATION, pszDescription);
+    return nStatus;
+}
+
+// [role lock] The exit event of this start. 0 or -300.
+int32_t MakeExitEvent()
+{
+    const HANDLE hEvent = CreateEventW(nullptr, FALSE, FALSE, SERVER_EXIT_EVENT);
+    if (hEvent == nullptr) {
+        ReportSocketError(OPERATION, u"CreateEvent failed", false, GetLastError());
+        return -300;
+    }
+    const HANDLE hFormer = g_hServerExitEvent.exchange(hEvent);
+    if (hFormer != nullptr) CloseHandle(hFormer);
+    if (WaitForSingleObject(hEvent, 0) == WAIT_OBJECT_0)
+        TraceDebugA("[ServerInit] Last g_hServerExitEvent signaled, clear after wait.");
+    return 0;
+}
+
+// Takes the role from whatever an earlier start has left of it. 0, -201, -300 or -1001.
+int32_t TakeServerRole(const std::atomic<uint32_t> *pbWanted, uint32_t *pdwGeneration)
+{
+    EnterRoleChange();
+    if (pbWanted != nullptr && !*pbWanted) { // ended before it began: nobody would end it again
+        LeaveRoleChange();
+        TraceDebugA("[ServerInit] !bClientConn -> exit...");
+        return -1001;
+    }
+    if (g_bClient) {
+        LeaveRoleChange();
+        TraceDebugA("[ServerInit] g_bClient already true. Exit");
+        return -201;
+    }
+    if (g_bServer || g_ServerSendSocket != INVALID_SOCKET || g_ServerSrvSocket != INVALID_SOCKET) CloseNetSocketLock();
+    if (CloseLinkSocket(&g_ServerSendSocket)) TraceDebugA("[ServerInit] Last g_ServerSendSocket exit, clear.");
+    if (CloseLinkSocket(&g_ServerSrvSocket)) TraceDebugA("[ServerInit] Last g_ServerSrvSocket exit, clear.");
+    g_bServer           = 1;
+    g_bConnecting       = 0;
+    *pdwGeneration      = g_dwLinkGeneration;
+    const int32_t nErr = MakeExitEvent();
+    if (nErr == 0) BeginWinsock(&g_bServerWinsock);
+    LeaveRoleChange();
+    return nErr;
+}
+
+// The port that a client reached last is tried first, so that it stays the same over sessions. Null: reported.
+addrinfo *ResolveListeningAddress()
+{
+    addrinfo  hints          = {};
+    addrinfo *pAddress       = nullptr;
+    char      szPort[PORT_BYTES];
+    hints.ai_family          = AF_INET;
+    hints.ai_socktype        = SOCK_STREAM;
+    hints.ai_protocol        = IPPROTO_TCP;
+    hints.ai_flags           = AI_PASSIVE;
+    ReadSetting(SECTION_LAST_SERVER, KEY_PORT, szPort, sizeof szPort);
+    TraceDebugA("[ServerInit] server port is %s", szPort);
+    const char16_t *pszFailure = u"getaddrinfo (dynamic) failed";
+    if (szPort[0] != '\0') {
+        if (getaddrinfo(nullptr, szPort, &hints, &pAddress) == 0) return pAddress;
+        ReportWSAError(OPERATION, u"getaddrinfo (last port) failed");
+        pszFailure = u"getaddrinfo (retry dynamic) failed";
+    }
+    if (getaddrinfo(nullptr, "0", &hints, &pAddress) == 0) return pAddress;
+    ReportWSAError(OPERATION, pszFailure);
+    return nullptr;
+}
+
+// Makes, publishes and binds the listening socket; pStart gets it and its port. 0, -1, -2, -3 or -1001.
+int32_t BindListeningSocket(ServerStart *pStart)
+{
+    addrinfo *pAddress = ResolveListeningAddress();
+    if (pAddress == nullptr) return -1;
+    int32_t     nErr    = 0;
+    sockaddr_in name    = {};
+    int32_t     cbName  = sizeof name;
+    const SOCKET hListen = socket(pAddress->ai_family, pAddress->ai_socktype, pAddress->ai_protocol);
+    if (hListen == INVALID_SOCKET) {
+        nErr = Failed(u"socket failed", -2);
+    } else if (!PublishLinkSocket(&g_ServerSrvSocket, hListen, pStart->dwGeneration)) {
+        TraceDebugA("[ServerInit] !bClientConn -> exit...");
+        nErr = -1001; // torn down before it listened
+    } else if (bind(hListen, pAddress->ai_addr, static_cast<int32_t>(pAddress->ai_addrlen)) == SOCKET_ERROR ||
+               getsockname(hListen, reinterpret_cast<sockaddr *>(&name), &cbName) == SOCKET_ERROR) {
+        nErr = Failed(u"bind failed", -3);
+    }
+    freeaddrinfo(pAddress);
+    pStart->hListen = hListen;
+    FormatTextA(pStart->szPort, sizeof pStart->szPort, "%d", ntohs(name.sin_port));
+    return nErr;
+}
+
+void AnnounceServer(const ServerStart *pStart)
+{
+    TraceDebugA("[ServerInit] Server Port [%s]", pStart->szPort);
+    WriteSetting(SECTION_SERVER_MDNS, KEY_PORT, pStart->szPort);
+    EnterRoleChange(); // an announcement after the role's end would stay for ever
+    if (pStart->dwGeneration == g_dwLinkGeneration) RunDiscoveryServer();
+    LeaveRoleChange();
+}
+
+void ChoosePassword(const char *pszPassword)
+{
+    char szPassword[PASSWORD_BYTES];
+    if (CompareTextNoCaseA(pszPassword, "") != 0) {
+        SetServerPassword(pszPassword);
+    } else {
+        ReadSetting(SECTION_LAST_SERVER, KEY_PASSWORD, szPassword, sizeof szPassword);
+        SetPassword(szPassword);
+    }
+    GetPassword(szPassword);
+    TraceDebugA("[ServerInit] final PW [%s]", szPassword);
+}
+
+// Closes a peer that was too slow, unless the socket is no longer this start's.
+void DropPeer(SOCKET hPeer, uint32_t dwGeneration)
+{
+    EnterRoleChange();
+    if (dwGeneration == g_dwLinkGeneration && g_ServerSendSocket == hPeer) {
+        CloseLinkSocket(&g_ServerSendSocket);
+        g_bConnecting = 0;
+    }
+    LeaveRoleChange();
+}
+
+// The password was right. The listener runs before the peer learns of it, so that no word of the peer's waits unread.
+// 0; -300 no listener, -1000 the role has ended.
+int32_t AdmitPeer(const ServerStart *pStart, SOCKET hPeer, const char *pszPassword)
+{
+    int32_t nErr = 0;
+    EnterRoleChange();
+    if (pStart->dwGeneration != g_dwLinkGeneration) {
+        TraceDebugA("[ServerInit] bExit -> exit...");
+        nErr = -1000;
+    } else {
+        RunDiscoveryHelper("stop");
+        OpenNetSocketLock();
+        if (!StartServerListener(hPeer, g_hServerExitEvent)) nErr = -300;
+    }
+    LeaveRoleChange();
+    if (nErr != 0) return nErr;
+    WriteSetting(SECTION_LAST_SERVER, KEY_PORT, pStart->szPort);
+    WriteSetting(SECTION_LAST_SERVER, KEY_PASSWORD, pszPassword);
+    return 0;
+}
+
+// True when the exit event asks the handshake to end.
+bool IsExitSignalled()
+{
+    EnterRoleChange();
+    const HANDLE hEvent    = g_hServerExitEvent;
+    const bool   bSignalled = hEvent != nullptr && WaitForSingleObject(hEvent, 0) == WAIT_OBJECT_0;
+    LeaveRoleChange();
+    if (hEvent == nullptr) TraceDebugA("[ServerInit] g_hServerExitEvent NULL!!");
+    if (bSignalled) {
+        TraceDebugA("[ServerInit] Connected, but g_hServerExitEvent signaled ...");
+        TraceDebugA("[ServerInit] bExit -> exit...");
+    }
+    return bSignalled;
+}
+
+constexpr int32_t NEXT_PEER = 1; // of ShakeHands: listen on
+
+// One connected peer: password in, acknowledgement out. 0 admitted, NEXT_PEER, or a status of ServerInit.
+int32_t ShakeHands(const ServerStart *pStart, SOCKET hPeer)
+{
+    char szReceived[HANDSHAKE_FIELD_BYTES + 1] = ""; // the peer promises no terminator
+    char szAnswer[HANDSHAKE_FIELD_BYTES]       = "";
+    char szPassword[PASSWORD_BYTES];
+    TraceDebugA("[ServerInit] Connected, recv PW...");
+    if (RecvBuffer(hPeer, szReceived, HANDSHAKE_FIELD_BYTES) != HANDSHAKE_FIELD_BYTES) {
+        if (WSAGetLastError() != WSAETIMEDOUT) return Failed(u"recv PW failed", -5);
+        ReportWSAError(OPERATION, u"recv PW Timeout");
+        DropPeer(hPeer, pStart->dwGeneration);
+        return NEXT_PEER;
+    }
+    TraceDebugA("[ServerInit] Connected, send PW [%s] ...", szReceived);
+    GetPassword(szPassword);
+    const bool bAdmitted = CompareTextNoCaseA(szReceived, szPassword) == 0;
+    if (bAdmitted) {
+        const int32_t nErr = AdmitPeer(pStart, hPeer, szReceived);
+        if (nErr != 0) return nErr;
+    }
+    FormatTextA(szAnswer, sizeof szAnswer, "PWACK=%d", bAdmitted ? 1 : 0);
+    TraceDebugA("[ServerInit] Connected, send PWACK [%s] ...", szAnswer);
+    EnterCriticalSection(&g_csNetSocket); // nobody's command may come before the acknowledgement
+    const int32_t nSent  = SendBuffer(hPeer, szAnswer, HANDSHAKE_FIELD_BYTES);
+    const int32_t nError = WSAGetLastError();
+    LeaveCriticalSection(&g_csNetSocket);
+    if (nSent == HANDSHAKE_FIELD_BYTES) {
+        if (IsExitSignalled()) return -1000;
+    } else if (nError == WSAETIMEDOUT) {
+        ReportWSAError(OPERATION, u"send PWACK Timeout");
+        DropPeer(hPeer, pStart->dwGeneration);
+    } else {
+        return Failed(u"send PWACK failed", -6);
+    }
+    // A peer with a wrong password stays connected, and counts as connecting, until the next one comes: it relies on
+    // reading the answer, which a close from here could take away from it, and closes its end.
+    return bAdmitted ? 0 : NEXT_PEER;
+}
+
+// Rounds of accept until one peer is admitted. 0 or a status of ServerInit.
+int32_t AcceptPeers(const ServerStart *pStart)
+{
+    for (;;) {
+        TraceDebugA("[ServerInit] Wait client connect...");
+        const SOCKET hPeer = accept(pStart->hListen, nullptr, nullptr);
+        if (hPeer == INVALID_SOCKET) {
+            ReportWSAError(OPERATION, u"accept failed.");
+            TraceDebugA("[ServerInit] !bClientConn -> exit...");
+            return -1001;
+        }
+        PrepareLinkSocket(hPeer);
+        EnterRoleChange();
+        const bool bMine = PublishLinkSocket(&g_ServerSendSocket, hPeer, pStart->dwGeneration);
+        if (bMine) g_bConnecting = 1;
+        LeaveRoleChange();
+        if (!bMine) {
+            TraceDebugA("[ServerInit] !bClientConn -> exit...");
+            return -1001;
+        }
+        const int32_t nErr = ShakeHands(pStart, hPeer);
+        if (nErr != NEXT_PEER) return nErr;
+    }
+}
+
+} // namespace
+
+int32_t ServerInitLink(const char *pszPassword, const std::atomic<uint32_t> *pbWanted, uint32_t *pdwGeneration)
+{
+    ServerStart start = {};
+    GetConfigPath();
+    SocketDebugInit();
+    TraceDebugA("[ServerInit] PW[%s]", pszPassword);
+    RunDiscoveryHelper("stop");
+    int32_t nErr = TakeServerRole(pbWanted, &start.dwGeneration);
+    if (nErr != 0) return nErr;
+    *pdwGeneration = start.dwGeneration;
+    AwaitFormerLink();
+
+    nErr = BindListeningSocket(&start);
+    if (nErr == 0) {
+        AnnounceServer(&start);
+        if (listen(start.hListen, SOMAXCONN) == SOCKET_ERROR) nErr = Failed(u"listen failed", -4);
+    }
+    if (nErr == 0) {
+        ChoosePassword(pszPassword);
+        nErr = AcceptPeers(&start);
+    }
+    if (nErr == 0) return 0;
+
+    TraceDebugA("[ServerInit] create failed, call uninit, nErr[%d]", nErr);
+    EnterRoleChange();
+    // Also when the role was ended from outside, unless a later start owns the flag by now.
+    if (start.dwGeneration == g_dwLinkGeneration || !g_bServer) g_bConnecting = 0;
+    ServerUninitLink(start.dwGeneration);
+    LeaveRoleChange();
+    return nErr;
+}
+
+int32_t ServerInit(const char *pszPassword)
+{
+    uint32_t dwGeneration = 0;
+    return ServerInitLink(pszPassword, nullptr, &dwGeneration);
+}
+
+void ServerUninitLink(uint32_t dwGeneration)
+{
+    TraceDebugA("[ServerUninit] i am called...");
+    EnterRoleChange();
+    if (dwGeneration == 0 || dwGeneration == g_dwLinkGeneration) {
+        // The number grows first: a thread that wakes from its closed socket must find its link gone.
+        if (g_bServer || g_ServerSendSocket != INVALID_SOCKET || g_ServerSrvSocket != INVALID_SOCKET)
+            CloseNetSocketLock();
+        const HANDLE hEvent = g_hServerExitEvent.exchange(nullptr);
+        if (hEvent != nullptr) {
+            SetEvent(hEvent);
+            CloseHandle(hEvent);
+        }
+        RunDiscoveryHelper("stop");
+        g_bServer = 0;
+        CloseLinkSocket(&g_ServerSendSocket);
+        CloseLinkSocket(&g_ServerSrvSocket);
+        EndWinsock(&g_bServerWinsock);
+    }
+    LeaveRoleChange();
+}
+
+void ServerUninit()
+{
+    ServerUninitLink(0);
+}

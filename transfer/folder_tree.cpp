@@ -1,0 +1,244 @@
+// folder_tree.cpp: the walk that sends a folder, in the order in which the system enumerates it.
+// One walk has one buffer for the source path and one for the destination, which every level extends and cuts back; a
+// level keeps only what it needs after its subfolders, so that a deep tree costs little stack.
+#include "transfer/folder_tree.h"
+#include "ipc/thread_execution.h"
+#include "migration/folders.h"
+#include "migration/record_store.h"
+#include "migration/special_data.h"
+#include "net/command_channel.h"
+#include "platform/files.h"
+#include "platform/path.h"
+#include "platform/text.h"
+#include "trace/trace_log.h"
+#include "transfer/network_send.h"
+#include <cstring>
+#include <new>
+
+using namespace platform;
+
+int32_t g_bSendDesktopIni = 0;
+int32_t g_bTypedFiles     = 0;
+
+constexpr size_t TREE_PATH_UNITS = 1024;
+constexpr size_t FAIL_TEXT_UNITS = 780; // a longer path cannot be reported to the peer
+
+enum class FileKind { Plain, Shortcut, FolderSettings };
+
+// One walk's state. At each level szSource holds the folder's path, szTarget its destination root.
+struct TreeWalk {
+    const FolderTreeSend *pSend;
+    char16_t              szSource[TREE_PATH_UNITS];
+    char16_t              szTarget[TREE_PATH_UNITS];
+    char16_t              szWork[LONG_PATH_UNITS];
+};
+
+// What a level knows of its folder.
+struct TreeLevel {
+    size_t   cchSource; // lengths of the walk's paths without an entry's name
+    size_t   cchTarget;
+    char16_t szKey[3]; // the destination's drive, empty when there is none
+    uint32_t nCount;
+    bool     bHandled; // a file that counts was sent, found recorded, refused or failed, or a subfolder was entered
+};
+
+static void TraceFailure(int32_t nResult, const char16_t *pszPath)
+{
+    TraceValueText("!!SendNetworkFileEx", static_cast<uint32_t>(nResult), pszPath, TREE_PATH_UNITS);
+}
+
+static void ReportFailedFile(const char16_t *pszPath)
+{
+    if (TextLengthW(pszPath) < FAIL_TEXT_UNITS) SendFailItems(1, 1, pszPath);
+}
+
+static void MarkLinkEnd(const TreeWalk *pWalk, int32_t nResult)
+{
+    if (IsLinkEnd(nResult) && pWalk->pSend->pbFatal != nullptr) *pWalk->pSend->pbFatal = 1;
+    if (nResult == 0 && pWalk->pSend->pbUnanswered != nullptr) *pWalk->pSend->pbUnanswered = 1;
+}
+
+// Puts an entry's name behind the path of cch units. False when it does not fit: a cut path names something else.
+static bool AppendName(char16_t (&szPath)[TREE_PATH_UNITS], size_t cch, const char16_t *pszName)
+{
+    if (cch + 1 >= TREE_PATH_UNITS) return false;
+    szPath[cch] = u'\\';
+    return CopyTextW(szPath + cch + 1, TREE_PATH_UNITS - cch - 1, pszName);
+}
+
+// The folder's destination root into szTarget: its translation as a folder, or its own path.
+static void TranslateRoot(TreeWalk *pWalk)
+{
+    const size_t cch = TextLengthW(pWalk->szSource);
+    if (pWalk->pSend->pMap != nullptr && cch + 2 <= TREE_PATH_UNITS) {
+        CopyTextW(pWalk->szTarget, TREE_PATH_UNITS, pWalk->szSource);
+        AppendTextW(pWalk->szTarget, TREE_PATH_UNITS, u"\\");
+        if (TranslatePath(pWalk->pSend->pMap, pWalk->szTarget, TREE_PATH_UNITS, 0)) {
+            const size_t cchTarget = TextLengthW(pWalk->szTarget);
+            if (cchTarget > 0) pWalk->szTarget[cchTarget - 1] = 0;
+            return;
+        }
+    }
+    CopyTextW(pWalk->szTarget, TREE_PATH_UNITS, pWalk->szSource);
+}
+
+// Sends the entry for the folder itself, and records it.
+static void SendFolderEntry(TreeWalk *pWalk)
+{
+    const int32_t nResult =
+        SendNetworkFile(pWalk->szSource, pWalk->szTarget, FILE_TYPE_FOLDER, pWalk->pSend->ullExecution, 1, nullptr);
+    if (nResult != SEND_OK) {
+        TraceFailure(nResult, pWalk->szSource);
+        MarkLinkEnd(pWalk, nResult);
+    } else if (pWalk->pSend->pszRecordBase != nullptr) {
+        WriteRecordState(pWalk->pSend->pszRecordBase, pWalk->szSource, 1);
+    }
+}
+
+// The kind of a file, or false for one that is not sent. szSource still holds the folder.
+static bool ClassifyFile(const TreeWalk *pWalk, const WIN32_FIND_DATAW *pEntry, FileKind *peKind)
+{
+    constexpr uint32_t HIDDEN_SYSTEM = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM;
+    const uint32_t     dwMarks       = pEntry->dwFileAttributes & HIDDEN_SYSTEM;
+    if (dwMarks == 0) {
+        const bool bLink = CompareTextNoCaseW(PathFindExtensionW(pEntry->cFileName), u".lnk") == 0;
+        *peKind          = bLink ? FileKind::Shortcut : FileKind::Plain;
+        return true;
+    }
+    *peKind = FileKind::FolderSettings; // of a customised folder, whose mark is the read-only attribute
+    return g_bSendDesktopIni && dwMarks == HIDDEN_SYSTEM &&
+           CompareTextNoCaseW(pEntry->cFileName, u"desktop.ini") == 0 && IsFolderReadOnly(pWalk->szSource);
+}
+
+static uint32_t TypeOf(FileKind eKind)
+{
+    if (eKind == FileKind::FolderSettings) return FILE_TYPE_FOLDER_SETTINGS;
+    return eKind == FileKind::Plain && g_bTypedFiles ? FILE_TYPE_SHORTCUT : FILE_TYPE_COLLECTION;
+}
+
+// What a send that failed changes for the files after it.
+static void NoteFailure(const TreeWalk *pWalk, const TreeLevel *pLevel, int32_t nResult)
+{
+    const FolderTreeSend *pSend = pWalk->pSend;
+    MarkLinkEnd(pWalk, nResult);
+    if (nResult != SEND_DISK_FULL && nResult != SEND_DISK_ALL_FULL) return;
+    if (nResult == SEND_DISK_ALL_FULL) {
+        LowerDestinationLimit(pSend->pLimits, pLevel->szKey, 0);
+    } else {
+        const int64_t cbFile = GetFileSize64(pWalk->szSource);
+        if (cbFile > 0) LowerDestinationLimit(pSend->pLimits, pLevel->szKey, cbFile);
+    }
+    if (pSend->pbSpaceExhausted != nullptr) *pSend->pbSpaceExhausted = 1;
+}
+
+// A file of the level's folder. szSource and szTarget are cut back by the caller.
+static void SendFileEntry(TreeWalk *pWalk, TreeLevel *pLevel, const WIN32_FIND_DATAW *pEntry)
+{
+    const FolderTreeSend *pSend   = pWalk->pSend;
+    FileKind              eKind   = FileKind::Plain;
+    int32_t               nResult = SEND_OK;
+    if (!ClassifyFile(pWalk, pEntry, &eKind)) return;
+    const bool bCounts = eKind != FileKind::FolderSettings;
+    if (bCounts) pLevel->bHandled = true;
+    if (!AppendName(pWalk->szSource, pLevel->cchSource, pEntry->cFileName)) {
+        TraceFailure(SEND_BAD_SOURCE, pWalk->szSource);
+        return;
+    }
+    if (pSend->pszRecordBase != nullptr && ReadRecordState(pSend->pszRecordBase, pWalk->szSource) == RECORD_FILE_SENT) {
+        if (bCounts) ++pLevel->nCount;
+        return;
+    }
+    if (IsRefusedByLimit(FindDestinationLimit(pSend->pLimits, pLevel->szKey), pWalk->szSource)) {
+        if (bCounts) ReportFailedFile(pWalk->szSource);
+        return;
+    }
+    if (AppendName(pWalk->szTarget, pLevel->cchTarget, pEntry->cFileName))
+        nResult = SendNetworkFile(pWalk->szSource, pWalk->szTarget, TypeOf(eKind), pSend->ullExecution, 1, nullptr);
+    else nResult = SEND_BAD_DESTINATION;
+    if (nResult == SEND_OK) {
+        if (pSend->pszRecordBase != nullptr) WriteRecordState(pSend->pszRecordBase, pWalk->szSource, 0);
+        if (bCounts) ++pLevel->nCount;
+        return;
+    }
+    TraceFailure(nResult, pWalk->szSource);
+    if (bCounts) ReportFailedFile(pWalk->szSource);
+    NoteFailure(pWalk, pLevel, nResult);
+}
+
+static uint32_t SendFolder(TreeWalk *pWalk);
+
+static void SendSubfolder(TreeWalk *pWalk, TreeLevel *pLevel, const WIN32_FIND_DATAW *pEntry)
+{
+    const FolderTreeSend *pSend = pWalk->pSend;
+    if (CompareTextW(pEntry->cFileName, u".") == 0 || CompareTextW(pEntry->cFileName, u"..") == 0) return;
+    if ((pEntry->dwFileAttributes & (FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM)) != 0) return;
+    // Asked before the name is appended: the folder itself is the restricted one.
+    const bool bRestricted = pSend->pRestricted != nullptr && pSend->pIncluded != nullptr &&
+                             ContainsString(pSend->pRestricted, pWalk->szSource);
+    if (!AppendName(pWalk->szSource, pLevel->cchSource, pEntry->cFileName)) {
+        TraceFailure(SEND_BAD_SOURCE, pWalk->szSource);
+        pLevel->bHandled = true;
+        return;
+    }
+    if (ContainsString(pSend->pExcluded, pWalk->szSource)) return;
+    if (bRestricted && !ContainsString(pSend->pIncluded, pWalk->szSource)) return;
+    pLevel->bHandled = true;
+
+    // The subfolder's destination may lie elsewhere, so this level's has to be kept.
+    char16_t *pszTarget = new (std::nothrow) char16_t[pLevel->cchTarget + 1];
+    if (pszTarget == nullptr) {
+        TraceFailure(SEND_BAD_DESTINATION, pWalk->szSource);
+        return;
+    }
+    memcpy(pszTarget, pWalk->szTarget, (pLevel->cchTarget + 1) * sizeof(char16_t));
+    pLevel->nCount += SendFolder(pWalk);
+    memcpy(pWalk->szTarget, pszTarget, (pLevel->cchTarget + 1) * sizeof(char16_t));
+    delete[] pszTarget;
+}
+
+// The pattern under which a folder is enumerated, in the long form when it needs it; null when it does not fit.
+static const char16_t *FolderPattern(const char16_t *pszFolder, char16_t (&szWork)[LONG_PATH_UNITS])
+{
+    constexpr size_t PREFIX_UNITS = 4;
+    const int32_t    cch          = FormatTextW(szWork, LONG_PATH_UNITS, u"\\\\?\\%s\\*.*", pszFolder);
+    if (cch < 0) return nullptr;
+    const bool bPrefixed = CompareTextNoCaseN_W(pszFolder, u"\\\\?\\", PREFIX_UNITS) == 0;
+    return bPrefixed || static_cast<size_t>(cch) - PREFIX_UNITS < MAX_PATH ? szWork + PREFIX_UNITS : szWork;
+}
+
+// The folder in szSource, which is as it was on return.
+static uint32_t SendFolder(TreeWalk *pWalk)
+{
+    WIN32_FIND_DATAW entry;
+    TreeLevel        level = {};
+    TranslateRoot(pWalk);
+    SendFolderEntry(pWalk);
+    level.cchSource = TextLengthW(pWalk->szSource);
+    level.cchTarget = TextLengthW(pWalk->szTarget);
+    if (level.cchTarget >= 2) memcpy(level.szKey, pWalk->szTarget, 2 * sizeof(char16_t));
+
+    const char16_t *pszPattern = FolderPattern(pWalk->szSource, pWalk->szWork);
+    const HANDLE    hFind      = pszPattern != nullptr ? FindFirstFileW(pszPattern, &entry) : INVALID_HANDLE_VALUE;
+    if (hFind == INVALID_HANDLE_VALUE) return 0;
+    do {
+        if (IsThreadExecutionCancel(pWalk->pSend->ullExecution)) break;
+        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) SendFileEntry(pWalk, &level, &entry);
+        else SendSubfolder(pWalk, &level, &entry);
+        pWalk->szSource[level.cchSource] = 0;
+        pWalk->szTarget[level.cchTarget] = 0;
+    } while (FindNextFileW(hFind, &entry));
+    FindClose(hFind);
+    return level.nCount != 0 || level.bHandled ? level.nCount : 1;
+}
+
+uint32_t SendNetworkFileEx(const char16_t *pszFolder, const FolderTreeSend *pSend)
+{
+    uint32_t  nCount = 0;
+    TreeWalk *pWalk  = new (std::nothrow) TreeWalk;
+    if (pWalk == nullptr) return 0;
+    pWalk->pSend = pSend;
+    if (CopyTextW(pWalk->szSource, TREE_PATH_UNITS, pszFolder)) nCount = SendFolder(pWalk);
+    else TraceFailure(SEND_BAD_SOURCE, pszFolder);
+    delete pWalk;
+    return nCount;
+}

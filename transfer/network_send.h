@@ -1,0 +1,40 @@
+// network_send.h: the only way by which the agent sends records and files to the peer, and its result codes.
+// Threads  any; takes g_csNetSocket itself, so the caller holds no lock. A thread bound to a link (net/network_link.h)
+//          never sends on a later one: SEND_NO_SOCKET.
+// Answers  the peer's answer to a file carries no name, so it counts for the file that was sent last: a file whose
+//          answer is still on its way is waited for before the next one begins.
+#pragma once
+#include "ipc/ipc_message.h"
+#include <cstdint>
+
+constexpr int32_t SEND_OK                 = 1;
+constexpr int32_t SEND_LINK_ERROR         = 102; // a Winsock error other than a time-out
+constexpr int32_t SEND_DISK_FULL          = 107;
+constexpr int32_t SEND_DISK_ALL_FULL      = 108;
+constexpr int32_t SEND_FILE_ERROR         = 1001;
+constexpr int32_t SEND_TYPE_NOT_SUPPORTED = 2001;
+constexpr int32_t SEND_BAD_SOURCE         = -1001;
+constexpr int32_t SEND_BAD_DESTINATION    = -1002;
+constexpr int32_t SEND_BOTH_ROLES         = -1003;
+constexpr int32_t SEND_NO_ROLE            = -1004;
+constexpr int32_t SEND_NO_SOCKET          = -1005;
+constexpr int32_t SEND_SOURCE_MISSING     = -1006;
+
+constexpr uint32_t ANSWER_POLL_MS    = 25;
+constexpr uint32_t ANSWER_POLL_LIMIT = 400; // polls, so about 10 s
+
+// True for the results after which nothing further can be sent on this link.
+constexpr bool IsLinkEnd(int32_t nResult)
+{
+    return nResult == SEND_LINK_ERROR || nResult == SEND_NO_ROLE || nResult == SEND_NO_SOCKET;
+}
+
+// nUnused is not used. SEND_OK or a code above; others are the command layer's. No answer is awaited.
+int32_t SendNetworkCommand(const IpcMessage *pRecord, int32_t nUnused, uint64_t ullExecution);
+// SEND_OK once the peer has stored the file (or the folder, dwType 2). Others of the codes above, or the command
+// layer's own, which is 0 when the peer did not answer within about 10 s.
+//   pullElapsed  null, or receives the milliseconds between entering and leaving g_csNetSocket; untouched when the lock
+//   was not
+//                taken
+int32_t SendNetworkFile(const char16_t *pszSource, const char16_t *pszDestination, uint32_t dwType,
+                        uint64_t ullExecution, uint8_t bEncrypt, uint64_t *pullElapsed);

@@ -1,0 +1,220 @@
+// collection.cpp: the walk over a collection: resume, folders, files, and how it ends.
+// The walk belongs to the link it began on. Its thread is bound to that link, so that after the link's end nothing of
+// it, no file, no report, reaches a later one; and a link that has ended is not released a second time.
+#include "migration/collection.h"
+#include "ipc/service_pipe_client.h"
+#include "ipc/stop_signal.h"
+#include "ipc/thread_execution.h"
+#include "migration/collection_items.h"
+#include "migration/machine_info.h"
+#include "migration/record_store.h"
+#include "migration/special_data.h"
+#include "migration/state_files.h"
+#include "net/network_link.h"
+#include "net/session_control.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/profile.h"
+#include "platform/text.h"
+#include "trace/trace_log.h"
+#include "transfer/network_send.h"
+#include <atomic>
+#include <new>
+
+using namespace platform;
+
+constexpr char16_t COMPLETE_VALUE[] = u"1";
+constexpr uint32_t PEER_DISK_FULL   = 107; // parameters of 0x332
+constexpr int32_t  LINK_BROKEN      = 102;
+constexpr uint32_t TURN_PAUSE_MS    = 25;
+
+static std::atomic<uint32_t> g_bWalkRunning; // 1 while a walk has the state files; set and cleared by walks
+
+// One walk at a time has the state files. A second one is most often the next run after a broken link, whose walk has
+// still to notice: it ends as soon as its send does. False when this walk is over before its turn comes.
+static bool AwaitTurn(CollectionWalk *pWalk)
+{
+    while (g_bWalkRunning.exchange(1) != 0) {
+        if (!MayWalkGoOn(pWalk) || WaitForStop(TURN_PAUSE_MS)) return false;
+    }
+    return true;
+}
+
+// False when another try is of no use; otherwise it is time for it.
+static bool AwaitNextTry(uint32_t nTry, uint32_t dwErr)
+{
+    if (dwErr == ERROR_FILE_NOT_FOUND || dwErr == ERROR_PATH_NOT_FOUND || nTry == STATE_FILE_TRIES) return false;
+    Sleep(STATE_FILE_PAUSE_MS);
+    return true;
+}
+
+// False: both lists are empty.
+static bool ReadLines(const char16_t *pszFile, StringList *pFolders, StringList *pFiles)
+{
+    for (uint32_t nTry = 1;; ++nTry) {
+        if (ReadPathLines(pszFile, pFolders, pFiles)) return true;
+        const uint32_t dwErr = GetLastError();
+        FreeStringList(pFolders);
+        FreeStringList(pFiles);
+        if (AwaitNextTry(nTry, dwErr)) continue;
+        TraceValueText("!!ReadPathLines", dwErr, pszFile, STATE_PATH_UNITS);
+        return false;
+    }
+}
+
+static void ReadCompleteInfo(CollectionWalk *pWalk, StringList *pDoneFiles)
+{
+    char16_t szFile[STATE_PATH_UNITS];
+    if (!GetProgressFile(COMPLETE_INFO_FILE, szFile)) return;
+    const bool bFirstRun =
+        GetFileAttributesW(szFile) == INVALID_FILE_ATTRIBUTES && GetLastError() == ERROR_FILE_NOT_FOUND;
+    if (bFirstRun || !ReadLines(szFile, &pWalk->DoneFolders, pDoneFiles)) CreateStateFile(szFile);
+}
+
+static void GatherPaths(CollectionWalk *pWalk)
+{
+    char16_t szFile[STATE_PATH_UNITS];
+    GetProgressFile(TARGET_INFO_FILE, szFile); // empty without a progress folder: nothing is paired then
+    InitPathMap(&pWalk->Map, szFile, 0);
+    GetUpgradeFolders(&pWalk->Excluded, &pWalk->UserProfiles, &pWalk->Profiles);
+}
+
+// The folder that the run before was sending, if it is one of this collection's.
+static void ResumeFolder(CollectionWalk *pWalk)
+{
+    char16_t szFolder[PATH_LINE_UNITS];
+    if (IsThreadExecutionCancel(pWalk->ullExecution)) return;
+    if (!ReadWorkingFolder(szFolder, PATH_LINE_UNITS)) return;
+    if (!ContainsString(&pWalk->Folders, szFolder) || ContainsString(&pWalk->DoneFolders, szFolder)) return;
+    SendCollectionFolder(pWalk, szFolder, true);
+}
+
+static void SendFolders(CollectionWalk *pWalk)
+{
+    for (const StringEntry *pEntry = pWalk->Folders.pFirst; pEntry != nullptr && pWalk->bOk; pEntry = pEntry->pNext) {
+        const char16_t *pszFolder = StringText(pEntry);
+        if (ContainsString(&pWalk->DoneFolders, pszFolder)) continue;
+        pWalk->bOk = MayWalkGoOn(pWalk); // before the records of the folder that was under way are given up
+        if (pWalk->bOk) SendCollectionFolder(pWalk, pszFolder, false);
+    }
+}
+
+static void SendFiles(CollectionWalk *pWalk, const StringList *pDoneFiles)
+{
+    CollectionFile *pFiles = IndexCollectionFiles(pWalk, pDoneFiles);
+    if (pFiles == nullptr) {
+        pWalk->bOk = false;
+        return;
+    }
+    for (uint32_t i = 0; i < pWalk->Files.nCount && pWalk->bOk; ++i) {
+        if (pFiles[i].bDone) continue;
+        pWalk->bOk = MayWalkGoOn(pWalk);
+        if (pWalk->bOk) SendCollectionFile(pWalk, pFiles[i].pszPath);
+    }
+    delete[] pFiles;
+}
+
+// What stays behind would have the next collection's files taken for sent.
+static void DeleteStateFile(const char16_t *pszName)
+{
+    char16_t szFile[STATE_PATH_UNITS];
+    if (!GetProgressFile(pszName, szFile)) return;
+    for (uint32_t nTry = 1; !DeleteFileW(szFile); ++nTry) {
+        const uint32_t dwErr = GetLastError();
+        if (AwaitNextTry(nTry, dwErr)) continue;
+        if (nTry == STATE_FILE_TRIES) TraceValueText("!!DeleteStateFile", dwErr, szFile, STATE_PATH_UNITS);
+        return;
+    }
+}
+
+static bool IsWalkLinkOpen()
+{
+    return (g_ServerSendSocket != INVALID_SOCKET || g_ClientRecvSocket != INVALID_SOCKET) && IsThreadLinkCurrent();
+}
+
+static void MarkComplete()
+{
+    char16_t szFile[STATE_PATH_UNITS];
+    if (GetProgressFile(PROGRESS_INFO_FILE, szFile) &&
+        !WritePrivateProfileStringW(COLLECTION_SECTION, COMPLETE_KEY, COMPLETE_VALUE, szFile))
+        TraceValueText("!!MarkComplete", GetLastError(), szFile, STATE_PATH_UNITS);
+    if (!DeleteRecordStore()) DeleteStateFile(RECORD_INFO_FILE);
+    DeleteStateFile(COMPLETE_INFO_FILE);
+}
+
+// Once for each broken link: its listener notices too, and whoever is first ends it and says so.
+static void ReleaseBrokenLink(LinkRelease Link)
+{
+    Link.dwGeneration = ClaimBrokenLink(Link.dwGeneration);
+    if (Link.dwGeneration == 0) return;
+    if (!StartReleaseOfLink(&Link)) {
+        auto *pBlock = new (std::nothrow) LinkRelease(Link);
+        if (pBlock != nullptr) ReleaseNetworkThread(pBlock); // no thread to be had: this one is as good
+    }
+    CallServiceNamedPipe(NTOS_ERRORCONTROL, LINK_BROKEN, 0, 0, nullptr, nullptr, nullptr);
+}
+
+void ProcessCollection(CollectionRequest *pRequest)
+{
+    CollectionWalk    Walk           = {};
+    StringList        DoneFiles      = {};
+    const uint32_t    dwPreviousLink = GetThreadLink();
+    const bool        bServer        = g_bServer;
+    const LinkRelease Link           = {bServer, GetRoleStart(bServer), pRequest->dwLinkGeneration};
+    bool              bComplete      = false;
+    Walk.ullExecution                = AddThreadExecution();
+    Walk.bOk                         = true;
+    BindThreadToLink(Link.dwGeneration);
+
+    if (AwaitTurn(&Walk)) {
+        // A list that cannot be read leaves nothing to send, and a walk with nothing left to send is complete.
+        if (ReadLines(pRequest->szListFile, &Walk.Folders, &Walk.Files)) {
+            GatherPaths(&Walk);
+            ReadCompleteInfo(&Walk, &DoneFiles);
+            ResumeFolder(&Walk);
+            if (Walk.bOk) SendFolders(&Walk);
+            if (Walk.bOk) SendFiles(&Walk, &DoneFiles);
+        }
+        if (Walk.bOk && IsWalkLinkOpen()) {
+            MarkComplete();
+            bComplete = true;
+        }
+        CloseRecordStore();
+        g_bWalkRunning = 0;
+    }
+
+    ReleasePathMap(&Walk.Map);
+    FreeStringList(&Walk.Folders);
+    FreeStringList(&Walk.Files);
+    FreeStringList(&Walk.DoneFolders);
+    FreeStringList(&DoneFiles);
+    FreeStringList(&Walk.Excluded);
+    FreeStringList(&Walk.UserProfiles);
+    FreeStringList(&Walk.Profiles);
+    FreeDestinationLimits(&Walk.Limits);
+
+    if (Walk.bSpaceExhausted) SendPeerCommand(NTOS_ERRORCONTROL, PEER_DISK_FULL, nullptr);
+    SendPeerCommand(STON_MIGRATIONCOLLECTION, bComplete ? IPC_PARAM_DONE : IPC_PARAM_FAILED, nullptr);
+    delete pRequest;
+    TraceText("Collection migration finish");
+    RemoveThreadExecution(Walk.ullExecution);
+    if (!Walk.bSpaceExhausted && Walk.bFatal) ReleaseBrokenLink(Link);
+    BindThreadToLink(dwPreviousLink);
+}
+
+static uint32_t CollectionThread(void *pRequest)
+{
+    ProcessCollection(static_cast<CollectionRequest *>(pRequest));
+    return 0;
+}
+
+int32_t StartCollection(CollectionRequest *pRequest)
+{
+    HANDLE hThread = CreateThread(nullptr, 0, CollectionThread, pRequest, 0, nullptr);
+    if (hThread == nullptr) {
+        delete pRequest;
+        return 0;
+    }
+    CloseHandle(hThread);
+    return 1;
+}

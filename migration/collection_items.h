@@ -1,0 +1,40 @@
+// collection_items.h: the folders and files of one collection, and sending one of them. Part of the walk
+// (collection.h), on its thread; nothing is shared.
+#pragma once
+#include "migration/path_map.h"
+#include "migration/string_list.h"
+#include "transfer/folder_tree.h"
+#include <cstdint>
+
+// A requested file, in request order.
+struct CollectionFile {
+    const char16_t *pszPath; // in the walk's file list
+    uint32_t        nOrder;
+    bool            bDone; // in completeinfo.ini, or asked for a second time
+};
+struct CollectionWalk {
+    uint64_t          ullExecution;
+    StringList        Folders; // requested
+    StringList        Files;
+    StringList        DoneFolders; // in completeinfo.ini, and what this run has added
+    PathMap           Map;
+    StringList        Excluded; // what the folder-tree send leaves out: see GetUpgradeFolders
+    StringList        UserProfiles;
+    StringList        Profiles;
+    DestinationLimits Limits;
+    uint32_t          bSpaceExhausted; // set by the folder-tree send
+    uint32_t          bFatal;          // the link or the peer failed
+    bool              bOk;             // the walk may go on
+};
+
+// True while the walk is neither cancelled nor failed; asks the link too, since a tree without files notices nothing of
+// its end.
+bool MayWalkGoOn(CollectionWalk *pWalk);
+// Marks what completeinfo.ini names and what is named twice. New array of pWalk->Files.nCount items, or null without
+// memory.
+CollectionFile *IndexCollectionFiles(const CollectionWalk *pWalk, const StringList *pDoneFiles);
+// Sends one folder and, when it was walked to its end, records and reports it.
+//   bResumed  the item records on disk are this folder's; otherwise they are begun anew
+void SendCollectionFolder(CollectionWalk *pWalk, const char16_t *pszFolder, bool bResumed);
+// Sends one file, or refuses it by the limits; records and reports it.
+void SendCollectionFile(CollectionWalk *pWalk, const char16_t *pszFile);

@@ -1,0 +1,67 @@
+// state_files.h: the progress folder, its files, and what they tell of a migration.
+//   progressinfo.ini   [Collection] "Size" (the service writes it), "ProgressSize" (the receiver of files), "Complete"
+//   (the walk)
+//   recordinfo.ini     items of the folder under way: record_store.h
+//   completeinfo.ini   no INI but lines: what the walk has done with, a folder's path with a trailing backslash
+//   localinfo.ini      this machine's machine info, rewritten for each session; targetinfo.ini: the peer's
+// Threads  any; one profile call is whole against others, a sequence of them is not. AppendCompleteInfo: the walk's
+// thread.
+#pragma once
+#include "migration/string_list.h"
+#include "net/session_control.h"
+#include <cstdint>
+
+constexpr size_t STATE_PATH_UNITS = 260;
+
+// Built on first use and never changed afterwards; read them after GetProgressFolder / WriteLocalInfo have given 1.
+extern char16_t g_szProgressFolder[STATE_PATH_UNITS];
+extern char16_t g_szProductVersion[STATE_PATH_UNITS]; // from the version resource; empty when there is none
+
+constexpr char16_t PROGRESS_INFO_FILE[] = u"progressinfo.ini";
+constexpr char16_t RECORD_INFO_FILE[]   = u"recordinfo.ini";
+constexpr char16_t COMPLETE_INFO_FILE[] = u"completeinfo.ini";
+constexpr char16_t LOCAL_INFO_FILE[]    = u"localinfo.ini";
+constexpr char16_t TARGET_INFO_FILE[]   = u"targetinfo.ini";
+
+// Names in progressinfo.ini; the quotes are part of the keys.
+constexpr char16_t COLLECTION_SECTION[] = u"Collection";
+constexpr char16_t TOTAL_SIZE_KEY[]     = u"\"Size\"";
+constexpr char16_t PROGRESS_SIZE_KEY[]  = u"\"ProgressSize\"";
+constexpr char16_t COMPLETE_KEY[]       = u"\"Complete\"";
+
+// Others look at these files too (the service, a virus scanner), each for a moment: what cannot be done without loss is
+// tried for a second before it is given up.
+constexpr uint32_t STATE_FILE_TRIES    = 20;
+constexpr uint32_t STATE_FILE_PAUSE_MS = 50;
+
+constexpr uint32_t PATH_LINE_UNITS = 1024; // the longest line of a path list, and the room of its entries
+
+// 1 when the path is known (and the folder was created if it could be), 0 when ProgramData cannot be resolved.
+int32_t GetProgressFolder();
+// The full path of a file of the progress folder into 260 units. 1, or 0 with the path empty.
+int32_t GetProgressFile(const char16_t *pszName, char16_t *pszPath);
+// The mapping folder's path into 260 units; the folder is the service's. 1, or 0 with the path empty.
+int32_t GetMappingFolder(char16_t *pszPath);
+// Deletes the file and creates it anew, Everyone may change it, holding only the UTF-16 byte-order mark, which makes
+// the profile functions keep it in UTF-16. 1, or 0 (GetLastError).
+int32_t CreateStateFile(const char16_t *pszPath);
+// Bytes; bTotal 1: all, 0: received so far. 0 when not known.
+uint64_t GetProgressSize(int32_t bTotal);
+// Writes localinfo.ini anew. 1, or 0 when the progress folder is unavailable. The session's own mapping path is read.
+int32_t WriteLocalInfo(SessionRecord *pSession);
+// The result of SendNetworkFile for localinfo.ini; 0 when there is no progress folder.
+int32_t SendLocalInfo();
+// 1 when version a ("%u.%u.%u.%u", missing parts 0) is not lower than b.
+int32_t CompareVersion(const char16_t *pszA, const char16_t *pszB);
+// Reads the peer's name (may be null) and the session's fields from targetinfo.ini; what it does not say is empty, and
+// the version then 1.0.2.0, the last one that did not say it. Session thread.
+void ReadTargetInfo(SessionRecord *pSession, char16_t *pszPeerName, uint32_t cchPeerName);
+// 1 when the line is in completeinfo.ini; 0 when it is not, also for a path that no line has room for. What a process
+// that was killed half-way through a line left behind never becomes one.
+int32_t AppendCompleteInfo(const char16_t *pszPath, int32_t bFolder);
+// Splits lines (UTF-16LE, with or without byte-order mark) into folders (trailing backslash removed) and files. A line
+// that does not end in CR LF, names nothing, or could not be kept whole is passed over.
+// 1, or 0 when the file cannot be opened or read (GetLastError); the lists then hold what was read until then.
+int32_t ReadPathLines(const char16_t *pszFile, StringList *pFolders, StringList *pFiles);
+// Forgets the cached folder and version. Tests only.
+void ResetStateFiles();

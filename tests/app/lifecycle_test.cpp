@@ -1,0 +1,68 @@
+// lifecycle_test.cpp: one run of the agent as the service sees it, and the one option of the command line.
+#include "app/lifecycle.h"
+#include "ipc/service_pipe_client.h"
+#include "net/settings.h"
+#include "platform/files.h"
+#include "platform/kernel.h"
+#include "platform/pipes.h"
+#include "platform/text.h"
+#include "tests/ipc/fake_service.h"
+#include "tests/support/test_machine.h"
+#include <cstring>
+#include <thread>
+
+using namespace platform;
+
+class AgentRun : public MachineTest {};
+
+TEST_F(AgentRun, AnnouncesItselfServesItsPipeAndEndsOnRequest)
+{
+    ResetServicePipeClient();
+    FakeService service;
+    int32_t     nExitCode = -1;
+    std::thread agent([&] { nExitCode = RunAgent(nullptr); });
+
+    const std::vector<IpcMessage> aRecords = service.Take();
+    EXPECT_EQ(1u, aRecords.size());
+    if (!aRecords.empty()) {
+        IpcMessage expected  = MakeRecord(816, 1);
+        expected.dwSessionId = GetOwnSessionId();
+        EXPECT_EQ(0, std::memcmp(&expected, &aRecords[0], sizeof(expected)));
+    }
+    EXPECT_EQ(0, platform::_access(g_szConfigPath, 0)) << g_szConfigPath; // made at start-up
+    const HANDLE hEvent = OpenEventW(SYNCHRONIZE, FALSE, u"VORN Migration Network Application Event");
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(hEvent, 0));
+
+    char16_t szPipe[MAX_PATH];
+    FormatTextW(szPipe, MAX_PATH, u"\\\\.\\pipe\\VornMigrationNet_NamedPipeCommand_0x%x", GetOwnSessionId());
+    const IpcMessage exit      = MakeRecord(545, 1);
+    uint32_t         cbWritten = 0;
+    const HANDLE hPipe = CreateFileW(szPipe, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    EXPECT_NE(INVALID_HANDLE_VALUE, hPipe) << GetLastError(); // it was ready before the announcement
+    EXPECT_TRUE(WriteFile(hPipe, &exit, sizeof(exit), &cbWritten, nullptr)) << GetLastError();
+    CloseHandle(hPipe);
+    agent.join();
+    EXPECT_EQ(0, nExitCode);
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(hEvent, 0)); // who still waits for the stop signal has got it
+    CloseHandle(hEvent);
+    ResetServicePipeClient();
+}
+
+TEST_F(AgentRun, OnlyTheExactSecondArgumentUninstalls)
+{
+    static const struct {
+        const char16_t *pszCommandLine;
+        bool            bUninstall;
+    } aCases[] = {
+        {u"VornTramsaNet.exe", false},
+        {u"VornTramsaNet.exe -uninstall", true},
+        {u"\"C:\\Program Files\\a b.exe\" -uninstall", true},
+        {u"VornTramsaNet.exe \"-uninstall\" more", true},
+        {u"VornTramsaNet.exe -x -uninstall", false},
+        {u"VornTramsaNet.exe -Uninstall", false},
+        {u"VornTramsaNet.exe -uninstall2", false},
+        {u"VornTramsaNet.exe \"-uninstall \"", false},
+        {u"-uninstall", false}, // the program's own name
+    };
+    for (const auto &c : aCases) EXPECT_EQ(c.bUninstall, IsUninstallCommandLine(c.pszCommandLine));
+}

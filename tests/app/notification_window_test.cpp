@@ -1,0 +1,118 @@
+// notification_window_test.cpp: the window on whichever system this is: what reaches the service, the state kept, the
+// ways out.
+#include "app/notification_window.h"
+#include "app/user_interface_table.h"
+#include "ipc/service_pipe_client.h"
+#include "net/network_link.h"
+#include "net/session_control.h"
+#include "platform/kernel.h"
+#include "tests/ipc/fake_service.h"
+#include "tests/support/test_machine.h"
+#include <string>
+
+using namespace platform;
+
+class RealWindow : public MachineTest {
+protected:
+    void SetUp() override
+    {
+        MachineTest::SetUp();
+        ResetServicePipeClient();
+        ResetSessionControl();
+        ASSERT_EQ(1, BindUser32Functions());
+        ASSERT_EQ(1, CreateNotificationWindow(nullptr));
+    }
+    void TearDown() override
+    {
+        if (g_hNotificationWindow != nullptr) EndWindow(true);
+        UnbindUser32Functions();
+        ResetServicePipeClient();
+        ResetSessionControl();
+    }
+    static void Send(uint32_t uMsg, WPARAM wParam, LPARAM lParam = 0)
+    {
+        const auto pfn = reinterpret_cast<SendMessageWProc>(GetBoundFunction("SendMessageW"));
+        pfn(g_hNotificationWindow, uMsg, wParam, lParam);
+    }
+    // The loop as the agent runs it, until it ends.
+    static void EndWindow(bool bDestroy)
+    {
+        MSG message = {};
+        if (bDestroy) g_pfnDestroyWindow(g_hNotificationWindow);
+        while (g_pfnGetMessageW(&message, nullptr, 0, 0) != 0) g_pfnDispatchMessageW(&message);
+        EXPECT_EQ(0u, message.wParam);
+        ForgetNotificationWindow();
+    }
+    // "code p1" of every record queued for the service.
+    static std::string Reports(FakeService *pService)
+    {
+        std::string sReports;
+        if (!PassObjectInQueue()) return sReports;
+        for (const IpcMessage &record : pService->Take())
+            sReports += std::to_string(record.dwCommand) + ' ' + std::to_string(record.dwParam1) + ' ';
+        return sReports;
+    }
+    static std::string State()
+    {
+        const SystemState state = GetSystemState();
+        return std::to_string(state.bConsoleConnected) + std::to_string(state.bSessionUnlocked) +
+               std::to_string(state.bSuspended);
+    }
+};
+
+TEST_F(RealWindow, ReportsAndKeepsItsStateByTheMessageThatComes)
+{
+    static const struct {
+        uint32_t    uMsg; // 0: the control message
+        WPARAM      wParam;
+        LPARAM      lParam;
+        bool        bPeerSocket, bDisconnects;
+        const char *pszReports, *pszState; // console connected, session unlocked, suspended
+    } aSteps[] = {
+        {0, 816, 1, false, false, "816 1 ", "110"},
+        {0, 816, 2, false, false, "", "110"},
+        {0, 817, 1, false, false, "", "110"},
+        {WM_POWERBROADCAST, 4, 0, false, false, "", "111"},
+        {WM_POWERBROADCAST, 10, 0, false, false, "", "111"},
+        {WM_POWERBROADCAST, 2, 0, false, false, "", "110"},
+        {WM_POWERBROADCAST, 4, 0, false, false, "", "111"},
+        {WM_POWERBROADCAST, 0x12, 0, false, false, "", "110"},
+        {WM_WTSSESSION_CHANGE, 7, 1, false, false, "", "100"},
+        {WM_WTSSESSION_CHANGE, 8, 1, false, false, "", "110"},
+        {WM_WTSSESSION_CHANGE, 2, 1, false, true, "", "010"},
+        {WM_WTSSESSION_CHANGE, 2, 1, true, false, "", "010"}, // once, until there is a console again
+        {WM_WTSSESSION_CHANGE, 1, 1, true, false, "", "110"},
+        {WM_WTSSESSION_CHANGE, 2, 1, true, true, "818 102 ", "010"},
+        {WM_WTSSESSION_CHANGE, 2, 1, true, false, "", "010"},
+        {WM_USER, 816, 1, true, false, "", "010"},
+    };
+    FakeService service;
+    for (const auto &step : aSteps) {
+        SCOPED_TRACE(testing::Message() << step.uMsg << ' ' << step.wParam);
+        g_ullLastPinRequest = 1; // a disconnect forgets the last PIN
+        g_ClientRecvSocket  = step.bPeerSocket ? SOCKET{12345} : INVALID_SOCKET;
+        Send(step.uMsg != 0 ? step.uMsg : g_dwControlMessage, step.wParam, step.lParam);
+        g_ClientRecvSocket = INVALID_SOCKET;
+        EXPECT_EQ(step.pszReports, Reports(&service));
+        EXPECT_EQ(step.pszState, State());
+        for (int n = 0; step.bDisconnects && n < 2000 && g_ullLastPinRequest != 0; n++) Sleep(10);
+        EXPECT_EQ(step.bDisconnects, g_ullLastPinRequest == 0);
+    }
+}
+
+TEST_F(RealWindow, ItsLoopEndsByPostedDestroyAndByEndOfSession)
+{
+    EXPECT_EQ(1, PostAgentExit());
+    const HWND hWnd = g_hNotificationWindow;
+    EndWindow(false);
+    EXPECT_EQ(0, PostAgentExit());
+    g_pfnDestroyWindow(hWnd); // a posted message destroys nothing
+    MSG message = {};
+    EXPECT_EQ(0, g_pfnGetMessageW(&message, nullptr, 0, 0));
+
+    ASSERT_EQ(1, CreateNotificationWindow(nullptr));
+    EXPECT_EQ("110", State());
+    Send(WM_ENDSESSION, 1);
+    EXPECT_EQ(nullptr, g_pfnFindWindowW(WINDOW_CLASS_NAME, WINDOW_TITLE));
+    EndWindow(false);
+}

@@ -1,0 +1,23 @@
+// profile_fuzz.cpp: an INI file of any bytes is read, changed and read again; what was written must be found.
+#include "platform/hosted/profile_text.h"
+#include <cstdlib>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t cb)
+{
+    const std::string_view sBytes(reinterpret_cast<const char *>(pData), cb);
+    hosted::ProfileText    text;
+    std::u16string_view    sValue;
+    std::u16string         sKeys;
+    text.Load(sBytes);
+    text.Read(u"Collection", u"\"Size\"", &sValue);
+    text.Keys(u"Volume", &sKeys);
+    text.Sections();
+    text.Write(u"Volume", u"Number", u"3");
+    if (!text.Read(u"volume", u"NUMBER", &sValue) || sValue != u"3") std::abort();
+    text.RemoveKey(u"Volume", u"Number");
+    text.RemoveSection(u"Collection");
+    if (text.Read(u"Collection", u"\"Size\"", &sValue)) {
+        text.RemoveSection(u"Collection"); // a second section of that name comes forward, as with the profile functions
+    }
+    return 0;
+}

@@ -1,0 +1,125 @@
+// The walk where waits are long or the state files fail.
+#include "platform/errors.h"
+#include "platform/hosted/control.h"
+#include "tests/migration/collection_fixture.h"
+#include <algorithm>
+
+using namespace platform;
+
+namespace {
+
+using CollectionHosted = Collection;
+
+TEST_F(CollectionHosted, ItemThatADepartingPeerNeverAnsweredIsSentByTheNextRun)
+{
+    MakeFolder(u"A");
+    MakeFile(u"A\\1.txt", 5);
+    MakeFile(u"2.txt", 5);
+    for (const char16_t *pszItem : {u"A\\", u"2.txt"}) { // the last file of a folder, and one of its own
+        List({pszItem});
+        const std::string sFile = At8(*pszItem == u'A' ? "A\\1.txt" : "2.txt");
+        Lines             aFirst;
+        {
+            FakePeer Peer([&](uint32_t, const std::string &sPath) { return sPath == sFile ? "<gone>" : "FileDone"; });
+            hosted::SetClockRate(10); // ten seconds of waiting for an answer
+            Walk();
+            hosted::SetClockRate(1);
+            aFirst = Peer.Take();
+        }
+        EXPECT_EQ("file 3 " + sFile + " 5", aFirst.back());
+        EXPECT_FALSE(IsMarkedComplete());
+        FakePeer    Peer;
+        const Lines aSecond = (Walk(), Taken(&Peer));
+        EXPECT_EQ(1, std::count(aSecond.begin(), aSecond.end(), "file 3 " + sFile + " 5"));
+        EXPECT_EQ("record 2120 2 0 0 ||", aSecond.back());
+        ASSERT_TRUE(DeleteFileW(File(PROGRESS_INFO_FILE).c_str()));
+    }
+}
+
+TEST_F(CollectionHosted, RecordsOfAnotherFolderAreNeverTakenForThisOnes)
+{
+    MakeFolder(u"A");
+    MakeFolder(u"B");
+    MakeFile(u"A\\same.txt", 5);
+    MakeFile(u"B\\same.txt", 6);
+    ASSERT_EQ(1, BeginWorkingFolder(At(u"A").c_str()));
+    ASSERT_EQ(1, WriteRecordState(At(u"A\\").c_str(), At(u"A\\same.txt").c_str(), 0));
+    CloseRecordStore();
+    List({u"B\\"});
+    // Somebody keeps recordinfo.ini open: it can neither be deleted nor begun anew.
+    const HANDLE hFile = CreateFileW(File(RECORD_INFO_FILE).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    ASSERT_NE(INVALID_HANDLE_VALUE, hFile);
+    FakePeer Peer;
+    hosted::SetClockRate(20);
+    Walk();
+    hosted::SetClockRate(1);
+    CloseHandle(hFile);
+    EXPECT_EQ((Lines{"folder " + At8("B"), "file 3 " + At8("B\\same.txt") + " 6", "record 333 0 1 0 " + At8("B\\"),
+                     "record 2120 2 0 0 ||"}),
+              Taken(&Peer));
+}
+
+TEST_F(CollectionHosted, StateFilesThatSomebodyLooksAtAreGoneAllTheSame)
+{
+    MakeFolder(u"A");
+    MakeFile(u"A\\1.txt", 5);
+    List({u"A\\"});
+    FakePeer Peer;
+    int      nCalls = 1;
+    for (int n = 1; n <= nCalls; ++n) {
+        hosted::FailCall("DeleteFileW", n, ERROR_SHARING_VIOLATION);
+        Walk();
+        nCalls = hosted::CallCount("DeleteFileW");
+        hosted::ClearFaults();
+        EXPECT_EQ("record 2120 2 0 0 ||", Taken(&Peer).back()) << n;
+        EXPECT_FALSE(PathExists(File(RECORD_INFO_FILE))) << n;
+        EXPECT_FALSE(PathExists(File(COMPLETE_INFO_FILE))) << n;
+    }
+}
+
+TEST_F(CollectionHosted, StateFilesThatSomebodyLooksAtAreReadAMomentLater)
+{
+    for (const char16_t *psz : {u"A", u"B"}) MakeFolder(psz);
+    for (const char16_t *psz : {u"A\\1.txt", u"B\\1.txt", u"B\\2.txt"}) MakeFile(psz, 5);
+    List({u"A\\", u"B\\"});
+    FakePeer Peer;
+    for (int n = 1; n <= 3; ++n) { // the list of items, what is done with, the records
+        ASSERT_EQ(1, AppendCompleteInfo(At(u"A").c_str(), 1));
+        ASSERT_EQ(1, BeginWorkingFolder(At(u"B").c_str()));
+        ASSERT_EQ(1, WriteRecordState(At(u"B\\").c_str(), At(u"B\\1.txt").c_str(), 0));
+        CloseRecordStore();
+        hosted::FailCall("CreateFileW", n, ERROR_SHARING_VIOLATION);
+        Walk();
+        hosted::ClearFaults();
+        EXPECT_EQ((Lines{"folder " + At8("B"), "file 3 " + At8("B\\2.txt") + " 5", "record 333 0 2 0 " + At8("B\\"),
+                         "record 2120 2 0 0 ||"}),
+                  Taken(&Peer))
+            << n;
+    }
+}
+
+TEST_F(CollectionHosted, NothingIsLeftOpenOrAllocatedHoweverTheWalkEnds)
+{
+    MakeFolder(u"A");
+    MakeFile(u"A\\1.txt", 5);
+    MakeFile(u"2.txt", 5);
+    List({u"A\\", u"2.txt"});
+    FakePeer Peer;
+    Walk(); // what is made once and kept is made now
+    for (const char *pszCall : {"CreateFileW", "ReadFile", "WriteFile", "FindFirstFileW", "SHGetKnownFolderPath"}) {
+        for (int n = 1; n <= 40; ++n) {
+            const int nHandles = hosted::OpenHandles(), nBlocks = hosted::LiveBlocks();
+            hosted::FailCall(pszCall, n, ERROR_ACCESS_DENIED);
+            Walk();
+            const bool bDone = hosted::CallCount(pszCall) < n;
+            hosted::ClearFaults();
+            Taken(&Peer);
+            EXPECT_EQ(nHandles, hosted::OpenHandles()) << pszCall << " " << n;
+            EXPECT_EQ(nBlocks, hosted::LiveBlocks()) << pszCall << " " << n;
+            if (bDone) break;
+        }
+    }
+}
+
+} // namespace

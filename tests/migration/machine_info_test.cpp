@@ -1,0 +1,112 @@
+// The machine-info INI: written by one machine, read by the other, and damaged on the way.
+#include "migration/machine_info.h"
+#include "migration/state_files.h"
+#include "platform/profile.h"
+#include "platform/text.h"
+#include "tests/support/test_machine.h"
+#include <vector>
+
+using namespace platform;
+
+namespace {
+
+std::vector<std::u16string> Texts(StringList *pList)
+{
+    std::vector<std::u16string> aTexts;
+    for (const StringEntry *pEntry = pList->pFirst; pEntry != nullptr; pEntry = pEntry->pNext)
+        aTexts.emplace_back(StringText(pEntry));
+    FreeStringList(pList);
+    return aTexts;
+}
+
+std::string Utf16(const std::u16string &sText)
+{
+    return std::string(reinterpret_cast<const char *>(sText.data()), sText.size() * 2);
+}
+
+using MachineInfo = MachineTest;
+
+TEST_F(MachineInfo, WhatOneMachineWritesTheOtherReads)
+{
+    const std::u16string sIni = TestFolder() + u"\\info.ini";
+    ASSERT_EQ(1, CreateStateFile(sIni.c_str()));
+    ASSERT_EQ(1, WriteMachineInfo(sIni.c_str(), u"S-1-5-21-1-2-3-1001"));
+
+    StringList OwnSystem = {}, OwnUser = {}, OwnVolumes = {}, System = {}, User = {}, Volumes = {};
+    GetSystemFolderList(&OwnSystem);
+    GetUserFolderList(&OwnUser);
+    GetFixedVolumes(&OwnVolumes);
+    EXPECT_EQ(1, ReadMachineInfo(sIni.c_str(), &System, &User, &Volumes));
+    const std::u16string sWindows = StringText(OwnSystem.pFirst);
+    EXPECT_EQ(u'\\', sWindows.back());
+    EXPECT_EQ(6u, OwnSystem.nCount);
+    EXPECT_EQ(3u, OwnUser.nCount);
+    EXPECT_EQ(Texts(&OwnSystem), Texts(&System));
+    EXPECT_EQ(Texts(&OwnUser), Texts(&User));
+    EXPECT_EQ(Texts(&OwnVolumes), Texts(&Volumes));
+
+    const std::string sFile = ReadTestFile(sIni);
+    EXPECT_EQ("\xFF\xFE", sFile.substr(0, 2));
+    EXPECT_NE(std::string::npos, sFile.find(Utf16(u"\"Windows\"=\"" + sWindows + u"\"\r\n")));
+    EXPECT_NE(std::string::npos, sFile.find(Utf16(u"\"CurrentUser\"=\"S-1-5-21-1-2-3-1001\"\r\n")));
+    EXPECT_NE(std::string::npos, sFile.find(Utf16(u"[Volume0]\r\nPath=\"")));
+}
+
+TEST_F(MachineInfo, DamagedFilesAreReadWithinBounds)
+{
+    const std::string sLong(5000, 'x');
+    const struct {
+        const char *pszName;
+        std::string sContent;
+        size_t      nVolumes;
+    } aCases[] = {
+        {"missing", "", 0},
+        {"huge number", "[Volume]\r\nNumber=4294967290\r\n[Volume0]\r\nPath=C:\\\r\n",
+         0}, // negative as a signed number
+        {"number above the entries", "[Volume]\r\nNumber=2000000000\r\n[Volume1]\r\nPath=\"e:\\\"\r\n", 1},
+        {"negative", "[Volume]\r\nNumber=-1\r\n[Volume0]\r\nPath=C:\\\r\n", 0},
+        {"no number", "[Volume]\r\nNumber=many\r\n[Volume0]\r\nPath=C:\\\r\n", 0},
+        {"long and odd paths",
+         "[Volume]\r\nNumber=5\r\n[Volume0]\r\nPath=" + sLong +
+             "\r\n[Volume1]\r\nPath=C:\\x\r\n"
+             "[Volume2]\r\nPath=:C\\\r\n[Volume3]\r\nPath=[:\\\r\n[Volume4]\r\nPath=Z:\\\r\n",
+         1},
+        {"cut in a section name", "[Volume]\r\nNumber=1\r\n[Volu", 0},
+        {"odd UTF-16", "\xFF\xFE[\0V\0o", 0},
+    };
+    for (const auto &c : aCases) {
+        const std::u16string sIni = TestFolder() + u"\\bad" + static_cast<char16_t>(u'a' + (&c - aCases)) + u".ini";
+        if (!c.sContent.empty()) WriteTestFile(sIni, c.sContent);
+        StringList System = {}, Volumes = {};
+        EXPECT_EQ(1, ReadMachineInfo(sIni.c_str(), &System, nullptr, &Volumes)) << c.pszName;
+        EXPECT_EQ(std::vector<std::u16string>(6), Texts(&System)) << c.pszName; // the position is kept
+        EXPECT_EQ(c.nVolumes, Texts(&Volumes).size()) << c.pszName;
+    }
+}
+
+TEST_F(MachineInfo, ListsThatHoldSomethingAreNotFilledAgain)
+{
+    StringList System = {};
+    AppendString(&System, u"C:\\Kept\\", 260);
+    EXPECT_EQ(0, ReadMachineInfo(u"C:\\none.ini", &System, nullptr, nullptr));
+    EXPECT_EQ(std::vector<std::u16string>{u"C:\\Kept\\"}, Texts(&System));
+}
+
+TEST_F(MachineInfo, UpgradeFoldersHaveNoTrailingBackslash)
+{
+    StringList System = {}, Root = {}, Profiles = {}, Own = {};
+    GetSystemFolderList(&Own);
+    const std::vector<std::u16string> aOwn = Texts(&Own);
+    GetUpgradeFolders(&System, &Root, &Profiles);
+    const std::vector<std::u16string> aSystem = Texts(&System), aProfiles = Texts(&Profiles), aRoot = Texts(&Root);
+    ASSERT_EQ(5u, aSystem.size());
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(aOwn[i], aSystem[i] + u"\\");
+    EXPECT_EQ(aSystem[0] + u".old", aSystem[4]);
+    ASSERT_EQ(2u, aProfiles.size());
+    EXPECT_EQ(aOwn[5], aProfiles[0] + u"\\"); // this user's, then the public one
+    EXPECT_EQ(aOwn[4], aProfiles[1] + u"\\");
+    ASSERT_EQ(1u, aRoot.size());
+    EXPECT_EQ(0, CompareTextNoCaseN_W(aProfiles[0].c_str(), (aRoot[0] + u"\\").c_str(), aRoot[0].size() + 1));
+}
+
+} // namespace

@@ -1,0 +1,110 @@
+// Real shell links, made here and rewritten for this machine.
+#include "migration/shortcuts.h"
+#include "migration/machine_info.h"
+#include "migration/state_files.h"
+#include "platform/kernel.h"
+#include "platform/profile.h"
+#include "platform/shell.h"
+#include "platform/text.h"
+#include "tests/support/test_machine.h"
+
+using namespace platform;
+
+namespace {
+
+void MakeLink(const std::u16string &sFile, const std::u16string &sTarget, const std::u16string &sWorking)
+{
+    ASSERT_TRUE(InitializeShellLinks());
+    ShellLink *pLink = NewShellLink();
+    ASSERT_NE(nullptr, pLink);
+    EXPECT_TRUE(SetShellLinkPath(pLink, sTarget.c_str()));
+    EXPECT_TRUE(SetShellLinkWorkingDirectory(pLink, sWorking.c_str()));
+    EXPECT_TRUE(SaveShellLink(pLink, sFile.c_str()));
+    ReleaseShellLink(pLink);
+    UninitializeShellLinks();
+}
+
+// "target|working folder" of a link on disk.
+std::u16string ReadLink(const std::u16string &sFile)
+{
+    char16_t szTarget[260] = {}, szWorking[260] = {};
+    if (!InitializeShellLinks()) return u"<no links>";
+    ShellLink *pLink = LoadShellLink(sFile.c_str());
+    if (pLink != nullptr) {
+        GetShellLinkPath(pLink, szTarget, 260);
+        GetShellLinkWorkingDirectory(pLink, szWorking, 260);
+        ReleaseShellLink(pLink);
+    }
+    UninitializeShellLinks();
+    return std::u16string(szTarget) + u"|" + szWorking;
+}
+
+class Shortcuts : public MachineTest {
+protected:
+    void SetUp() override
+    {
+        MachineTest::SetUp();
+        ResetStateFiles();
+        char16_t szIni[260];
+        ASSERT_EQ(1, GetProgressFile(TARGET_INFO_FILE, szIni));
+        ASSERT_EQ(1, CreateStateFile(szIni));
+        const struct {
+            const char16_t *pszSection, *pszKey, *pszValue;
+        } aValues[] = {{u"KnownFolder", u"\"Profile\"", u"\"Q:\\Users\\Old\\\""},
+                       {u"SourceMachine", u"\"ComputerName\"", u"\"OLDPC\""},
+                       {u"Volume", u"Number", u"1"},
+                       {u"Volume0", u"Path", u"\"Q:\\\""}};
+        for (const auto &v : aValues)
+            ASSERT_TRUE(WritePrivateProfileStringW(v.pszSection, v.pszKey, v.pszValue, szIni));
+        StringList List = {};
+        GetSystemFolderList(&List);
+        m_sProfile = StringText(List.pLast);
+        m_sMoved   = std::u16string(StringText(List.pFirst), 3) + u"OLDPC_Q\\";
+        FreeStringList(&List);
+    }
+    std::u16string m_sProfile, m_sMoved;
+};
+
+TEST_F(Shortcuts, OneLinkIsRewrittenOnlyForDrivesOfTheSource)
+{
+    const std::u16string sFile = TestFolder() + u"\\a.lnk";
+    const struct {
+        const char    *pszName;
+        std::u16string sTarget, sWorking, sExpected;
+        int32_t        nExpected;
+    } aCases[] = {
+        {"profile", u"Q:\\Users\\Old\\a.exe", u"Q:\\Users\\Old",
+         m_sProfile + u"a.exe|" + m_sProfile.substr(0, m_sProfile.size() - 1), 1},
+        {"other folder of the drive", u"Q:\\Tools\\t.exe", u"Q:\\Tools",
+         m_sMoved + u"Tools\\t.exe|" + m_sMoved + u"Tools", 1},
+        {"no working folder", u"Q:\\Tools\\t.exe", u"", m_sMoved + u"Tools\\t.exe|", 1},
+        {"working folder alone", u"C:\\here.exe", u"Q:\\Tools", u"C:\\here.exe|" + m_sMoved + u"Tools", 1},
+        {"drive that the source lacks", u"R:\\a.exe", u"R:\\", u"R:\\a.exe|R:\\", 0},
+        {"own drive", u"C:\\here.exe", u"C:\\", u"C:\\here.exe|C:\\", 0},
+    };
+    for (const auto &c : aCases) {
+        MakeLink(sFile, c.sTarget, c.sWorking);
+        const ShortcutRequest Request = {nullptr, sFile.c_str()};
+        EXPECT_EQ(c.nExpected, FixShortcuts(&Request)) << c.pszName;
+        EXPECT_EQ(c.sExpected, ReadLink(sFile)) << c.pszName;
+    }
+}
+
+TEST_F(Shortcuts, ListIsRewrittenWhateverDriveItPointsTo)
+{
+    const std::u16string sFolder = TestFolder();
+    StringList           Links   = {};
+    MakeLink(sFolder + u"\\unknown.lnk", u"R:\\a.exe", u"");
+    MakeLink(sFolder + u"\\stays.lnk", u"C:\\here.exe", u"Q:\\Tools"); // an unchanged target ends it
+    WriteTestFile(sFolder + u"\\broken.lnk", "no link");
+    for (const char16_t *pszName : {u"\\unknown.lnk", u"\\stays.lnk", u"\\broken.lnk", u"\\missing.lnk"})
+        AppendString(&Links, (sFolder + pszName).c_str(), 260);
+    const ShortcutRequest Request = {&Links, nullptr};
+    EXPECT_EQ(1, FixShortcuts(&Request));
+    EXPECT_EQ(m_sMoved.substr(0, m_sMoved.size() - 2) + u"R\\a.exe|", ReadLink(sFolder + u"\\unknown.lnk"));
+    EXPECT_EQ(u"C:\\here.exe|Q:\\Tools", ReadLink(sFolder + u"\\stays.lnk"));
+    EXPECT_EQ("no link", ReadTestFile(sFolder + u"\\broken.lnk"));
+    FreeStringList(&Links);
+}
+
+} // namespace

@@ -1,0 +1,294 @@
+// Requests of the service: which files go where, what record follows them, and what becomes of the cache.
+#include "app/user_interface_table.h"
+#include "ipc/thread_execution.h"
+#include "migration/special_data.h"
+#include "migration/state_files.h"
+#include "net/network_link.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/profile.h"
+#include "platform/text.h"
+#include "tests/migration/fake_peer.h"
+#include "tests/support/test_machine.h"
+
+using namespace platform;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+
+TEST(SpecialRoots, PathsMoveBetweenRootsAsTextDoes)
+{
+    SpecialFolders Folders = {u"C:\\Users\\u\\AppData", u"C:\\ProgramData\\map", u"D:\\peer\\map\\"};
+    const struct {
+        int32_t         nWay; // 0 A to P, 1 B to P, 2 P to A, 3 P to B
+        const char16_t *pszPath, *pszExpected;
+        int32_t         nExpected;
+    } aCases[] = {
+        {0, u"c:\\users\\U\\appdata\\Local\\x", u"C:\\ProgramData\\map\\Local\\x", 1},
+        {0, u"C:\\Users\\u\\AppData", u"C:\\ProgramData\\map", 1},
+        {0, u"C:\\Users\\u\\AppDataX\\y", u"C:\\ProgramData\\mapX\\y", 1}, // the root has no backslash at its end
+        {0, u"C:\\Users\\u\\AppDat", u"C:\\Users\\u\\AppDat", 0},
+        {1, u"D:\\peer\\map\\a", u"C:\\ProgramData\\mapa", 1},
+        {1, u"D:\\peer\\mapX\\a", u"D:\\peer\\mapX\\a", 0},
+        {2, u"C:\\ProgramData\\map\\a", u"C:\\Users\\u\\AppData\\a", 1},
+        {3, u"C:\\ProgramData\\map\\a", u"D:\\peer\\map\\\\a", 1},
+        {3, u"", u"", 0},
+    };
+    char16_t szOut[260];
+    for (const auto &c : aCases) {
+        const int32_t nRet = c.nWay < 2 ? TransferAppDataToProgramData(&Folders, c.pszPath, szOut, 260, c.nWay == 0)
+                                        : TransferProgramDataToAppData(&Folders, c.pszPath, szOut, 260, c.nWay == 2);
+        EXPECT_EQ(c.nExpected, nRet) << "case " << &c - aCases;
+        EXPECT_EQ(std::u16string(c.pszExpected), szOut) << "case " << &c - aCases;
+    }
+    // No room: left as it is rather than cut.
+    const std::u16string sLong = u"D:\\peer\\map\\" + std::u16string(245, u'x');
+    EXPECT_EQ(0, TransferAppDataToProgramData(&Folders, sLong.c_str(), szOut, 260, 0));
+    EXPECT_EQ(sLong, szOut);
+    Folders.szProgramDataRoot[0] = 0;
+    EXPECT_EQ(0, TransferAppDataToProgramData(&Folders, u"C:\\Users\\u\\AppData\\a", szOut, 260, 1));
+
+    SetSpecialRoot(SpecialRoot::AppData, std::u16string(260, u'a').c_str()); // would be cut
+    EXPECT_EQ(u"", std::u16string(GetSpecialFolders().szAppDataRoot));
+}
+
+TEST(SpecialThroughput, SmallAmountsCountUpToTenfold)
+{
+    const struct {
+        uint64_t ullBytes, ullTime;
+        uint32_t dwExpected;
+    } aCases[] = {
+        {1000, 10, 1000000},
+        {0, 10, 0},
+        {1000, 0, 0},
+        {78644, 1000, 786432},
+        {78643, 1000, 786430},
+        {100000, 1000, 786432}, // weighs 7.86432
+        {786432, 1000, 786432},
+        {786433, 1000, 786433},
+        {1, 3, 3333},
+        {10000000000, 1, 4294967295},
+        {4294967295, 1000, 4294967295},
+    };
+    for (const auto &c : aCases)
+        EXPECT_EQ(c.dwExpected, GetThroughputFigure(c.ullBytes, c.ullTime)) << c.ullBytes << " in " << c.ullTime;
+}
+
+class SpecialRequests : public MachineTest {
+protected:
+    void SetUp() override
+    {
+        MachineTest::SetUp();
+        ResetStateFiles();
+        ClearSpecialFolders();
+        InitThreadExecutionList();
+        g_ullSpecialBytes = g_ullSpecialMeasure = 0;
+        m_sRoot                                 = TestFolder();
+        for (const char16_t *psz : {u"\\A", u"\\P", u"\\P\\app", u"\\P\\app\\sub"})
+            ASSERT_TRUE(CreateDirectoryW((m_sRoot + psz).c_str(), nullptr));
+        for (const char16_t *psz : {u"\\P\\1.dat", u"\\P\\2.dat", u"\\P\\app\\list.ini", u"\\P\\app\\sub\\deep.bin"})
+            WriteTestFile(m_sRoot + psz, "12345");
+        ASSERT_TRUE(SetFileAttributesW((m_sRoot + u"\\P\\app\\sub\\deep.bin").c_str(), FILE_ATTRIBUTE_HIDDEN));
+        // The target calls the public folder by another name and has drive C.
+        Ini(u"Volume", u"Number", u"1");
+        Ini(u"Volume0", u"Path", u"\"C:\\\"");
+        SetSpecialRoot(SpecialRoot::AppData, (m_sRoot + u"\\A").c_str());
+        SetSpecialRoot(SpecialRoot::ProgramData, (m_sRoot + u"\\P").c_str());
+        SetSpecialRoot(SpecialRoot::SecondAppData, u"D:\\peer");
+    }
+    void TearDown() override
+    {
+        DeleteThreadExecutionList();
+        ClearSpecialFolders();
+    }
+    void Ini(const char16_t *pszSection, const char16_t *pszKey, const char16_t *pszValue)
+    {
+        char16_t szFile[260];
+        ASSERT_EQ(1, GetProgressFile(TARGET_INFO_FILE, szFile));
+        ASSERT_TRUE(WritePrivateProfileStringW(pszSection, pszKey, pszValue, szFile));
+    }
+    // Runs the request on the calling thread. What the peer got, up to the record; "<silence>" when none came.
+    Lines Run(FakePeer *pPeer, uint32_t dwCommand, std::vector<uint32_t> aParams, std::vector<std::u16string> aTexts,
+              bool bRecord = true)
+    {
+        auto *pRequest             = new SpecialRequest{};
+        pRequest->dwLinkGeneration = g_dwLinkGeneration;
+        pRequest->Record.dwCommand = dwCommand;
+        uint32_t *aTargets[]     = {&pRequest->Record.dwParam1, &pRequest->Record.dwParam2, &pRequest->Record.dwParam3};
+        char16_t *aTextTargets[] = {pRequest->Record.szText1, pRequest->Record.szText2, pRequest->Record.szText3};
+        for (size_t i = 0; i < aParams.size(); ++i) *aTargets[i] = aParams[i];
+        for (size_t i = 0; i < aTexts.size(); ++i) CopyTextW(aTextTargets[i], 260, aTexts[i].c_str());
+        EXPECT_EQ(0u, SpecialTransferThread(pRequest));
+        EXPECT_EQ(1, IsThreadExecutionListEmpty());
+        Lines aAll;
+        for (int i = 0; bRecord && i < 500; ++i, Sleep(10)) {
+            for (const auto &sLine : pPeer->Take()) aAll.push_back(sLine);
+            if (!aAll.empty() && aAll.back().find("record") == 0) return aAll;
+        }
+        for (const auto &sLine : pPeer->Take()) aAll.push_back(sLine);
+        aAll.push_back("<silence>");
+        return aAll;
+    }
+    std::string    At8(const char *pszTail) { return Utf8(m_sRoot) + pszTail; }
+    std::u16string m_sRoot;
+};
+
+TEST_F(SpecialRequests, EachCodeSendsItsFilesToTheirPlacesAndItsRecordLast)
+{
+    FakePeer             Peer;
+    const std::u16string A = m_sRoot + u"\\A\\x", P = m_sRoot + u"\\P", one = P + u"\\1.dat", two = P + u"\\2.dat",
+                         list = P + u"\\app\\list.ini", app = P + u"\\app";
+    const std::string P8 = At8("\\P"), A8 = At8("\\A\\x"), x = P8 + "\\x";
+    const auto        Record = [](const char *pszHead, const std::string &s1 = "", const std::string &s2 = "",
+                           const std::string &s3 = "") {
+        return "record " + std::string(pszHead) + " " + s1 + "|" + s2 + "|" + s3;
+    };
+    const std::string peerOne = "file 0 D:\\peer\\1.dat 5", peerTwo = "file 0 D:\\peer\\2.dat 5",
+                      peerList = "file 0 D:\\peer\\app\\list.ini 5", peerDeep = "file 0 D:\\peer\\app\\sub\\deep.bin 5";
+    const struct {
+        uint32_t                    dwCommand;
+        std::vector<uint32_t>       aParams;
+        std::vector<std::u16string> aTexts;
+        Lines                       aExpected;
+    } aCases[] = {
+        {0x1120, {1, 2, 3}, {A, A, A}, {Record("1120 1 2 3", x, x, A8)}},
+        {0x1121, {1, 2, 3}, {A, A, A}, {Record("1121 1 2 3", A8, x, x)}},
+        {0x1130, {3, 0, 0}, {one, two}, {peerOne, Record("1130 3 0 0", P8 + "\\1.dat", P8 + "\\2.dat")}},
+        {0x1130,
+         {2, 0, 0xFFFFFFFB},
+         {one, two},
+         {peerOne, peerTwo, Record("1130 2 0 -5", P8 + "\\1.dat", P8 + "\\2.dat")}},
+        {0x1131,
+         {2, 7, 1},
+         {one, two, app + u"\\"},
+         {peerTwo, peerList, peerDeep, Record("1131 2 7 1", P8 + "\\1.dat", P8 + "\\2.dat", P8 + "\\app\\")}},
+        {0x1320, {1}, {A}, {Record("1320 1 0 0", x)}},
+        {0x1330, {2}, {one}, {peerOne, Record("1330 2 0 0", P8 + "\\1.dat")}},
+        {0x1420, {1}, {A}, {Record("1420 1 0 0", x)}},
+        {0x1430, {2}, {list}, {peerList, peerList, peerDeep, Record("1430 2 0 0", P8 + "\\app\\list.ini")}},
+        {0x2020, {1, 4}, {one}, {Record("2020 1 4 0", P8 + "\\1.dat")}},
+        {0x2120, {1}, {one}, {"file 0 " + P8 + "\\1.dat 5", Record("2120 1 0 0", P8 + "\\1.dat")}},
+        {0x2120, {1}, {P + u"\\none"}, {Record("2120 1 0 0", P8 + "\\none")}}, // nothing to send is the peer's to say
+        {0x2320, {1, 3, 0}, {app}, {Record("2320 1 3 0", P8 + "\\app")}},
+        {0x2420, {1, 3, 0}, {app, one}, {Record("2420 1 3 0", P8 + "\\app", P8 + "\\1.dat")}},
+        {0x3021, {4}, {}, {Record("3021 4 0 0")}},
+        {0x0344, {128, 9}, {u"5000"}, {Record("344 128 9 0", "5000")}},
+        {0x1330, {2}, {u""}, {Record("1330 2 0 0")}},
+        {0x1131, {2}, {}, {Record("1131 2 0 0")}}, // an empty folder field is not the root of a drive
+    };
+    for (const auto &c : aCases)
+        EXPECT_EQ(c.aExpected, Run(&Peer, c.dwCommand, c.aParams, c.aTexts)) << "case " << &c - aCases;
+}
+
+TEST_F(SpecialRequests, ListOfACollectionIsNamedByItsDestinationOrNotAskedFor)
+{
+    Ini(u"Volume0", u"Path", u"\"E:\\\""); // the target has no drive C
+    Ini(u"KnownFolder", u"\"Windows\"", u"\"E:\\Windows\\\"");
+    bool     bStored = true;
+    FakePeer Peer([&](uint32_t, const std::string &) { return bStored ? "FileDone" : "FileErrDF"; });
+    Lines    aLines = Run(&Peer, 0x2120, {1}, {m_sRoot + u"\\P\\1.dat"});
+    ASSERT_EQ(2u, aLines.size());
+    const std::string sDestination = aLines[0].substr(7, aLines[0].size() - 9);
+    EXPECT_EQ("E:\\", sDestination.substr(0, 3));
+    EXPECT_EQ("record 2120 1 0 0 " + sDestination + "||", aLines[1]);
+    bStored = false; // a list that is not there would read as "nothing to send"
+    EXPECT_EQ((Lines{aLines[0], "<silence>"}), Run(&Peer, 0x2120, {1}, {m_sRoot + u"\\P\\1.dat"}, false));
+}
+
+TEST_F(SpecialRequests, FileErrorsAreTriedThreeTimesOthersOnce)
+{
+    int         nAnswers = 0;
+    const char *pszWord  = "FileError";
+    FakePeer    Peer([&](uint32_t, const std::string &) {
+        ++nAnswers;
+        return pszWord;
+    });
+    const auto  Files = [&] {
+        return Run(&Peer, 0x1130, {2}, {m_sRoot + u"\\P\\1.dat", m_sRoot + u"\\P\\2.dat"}).size() - 1;
+    };
+    EXPECT_EQ(6u, Files());
+    pszWord = "TypeWrong";
+    EXPECT_EQ(2u, Files());
+    EXPECT_EQ(8, nAnswers);
+}
+
+TEST_F(SpecialRequests, CollectedSizeBecomesAThroughputFigure)
+{
+    FakePeer Peer;
+    WriteTestFile(m_sRoot + u"\\P\\1.dat", std::string(300000, 'x'));
+    g_ullSpecialBytes         = 500000; // of earlier files
+    g_ullSpecialMeasure       = 1000;
+    const Lines    aLines     = Run(&Peer, 0x1130, {3, 0, 77}, {m_sRoot + u"\\P\\1.dat"});
+    const uint32_t dwExpected = GetThroughputFigure(g_ullSpecialBytes, g_ullSpecialMeasure);
+    EXPECT_NE(0u, dwExpected);
+    EXPECT_EQ("record 1130 3 0 " + std::to_string(dwExpected) + " " + At8("\\P\\1.dat") + "||", aLines.back());
+    // The mark that other answers keep in the same field is not a size.
+    EXPECT_EQ("record 2330 2 4 1 " + At8("\\none") + "||", Run(&Peer, 0x2330, {2, 4, 1}, {m_sRoot + u"\\none"}).back());
+}
+
+TEST_F(SpecialRequests, CacheGoesUnlessReservedAndSettingsOfApplicationsAreCounted)
+{
+    FakePeer             Peer;
+    const std::u16string sCache = m_sRoot + u"\\P\\app";
+    const Lines          aPlain = {"file 0 " + At8("\\P\\app\\list.ini") + " 5",
+                                   "file 0 " + At8("\\P\\app\\sub\\deep.bin") + " 5",
+                                   "record 2430 2 0 1 " + At8("\\P\\app") + "||"};
+    // Without the shell's function nothing is removed.
+    EXPECT_EQ(aPlain, Run(&Peer, 0x2430, {2, 0, 1}, {sCache}));
+    EXPECT_TRUE(PathExists(sCache));
+
+    ASSERT_EQ(1, BindShell32Functions());
+    HANDLE hReserved = CreateEventW(nullptr, TRUE, TRUE, u"Global\\VORN VornMigrationService Cache Reserved Event");
+    ASSERT_NE(nullptr, hReserved);
+    g_bSpecialTransfer = 1;
+    Lines aCounted     = aPlain;
+    aCounted[0][5] = aCounted[1][5] = '6';
+    EXPECT_EQ(aCounted, Run(&Peer, 0x2430, {2, 0, 1}, {sCache}));
+    EXPECT_TRUE(PathExists(sCache + u"\\sub\\deep.bin")); // reserved
+
+    ResetEvent(hReserved);
+    EXPECT_EQ((Lines{aPlain[0], aPlain[1], "record 2330 2 0 1 " + At8("\\P\\app\\") + "||"}),
+              Run(&Peer, 0x2330, {2, 0, 1}, {sCache + u"\\"})); // type 6 is for applications alone
+    EXPECT_FALSE(PathExists(sCache));
+    EXPECT_TRUE(PathExists(m_sRoot + u"\\P\\1.dat"));
+    CloseHandle(hReserved);
+    ReleaseShell32Functions();
+}
+
+TEST_F(SpecialRequests, CancelledRequestForwardsNothingAndStillRemovesItsCache)
+{
+    ASSERT_EQ(1, BindShell32Functions());
+    FakePeer Peer([](uint32_t, const std::string &) {
+        CancelAllThreadExecutions();
+        return "FileDone";
+    });
+    EXPECT_EQ((Lines{"file 0 " + At8("\\P\\app\\list.ini") + " 5", "<silence>"}),
+              Run(&Peer, 0x2330, {2, 0, 1}, {m_sRoot + u"\\P\\app"}, false));
+    EXPECT_FALSE(PathExists(m_sRoot + u"\\P\\app"));
+    ReleaseShell32Functions();
+}
+
+TEST_F(SpecialRequests, RequestOfAFormerLinkReachesNoLaterOne)
+{
+    IpcMessage Record = {};
+    Record.dwCommand  = 0x2020;
+    Record.dwParam1   = 1;
+    for (char16_t &ch : Record.szText1) ch = u'x'; // no terminator
+    {
+        FakePeer First;
+        EXPECT_EQ(1, StartSpecialTransfer(&Record));
+        Lines aLines;
+        for (int i = 0; i < 500 && aLines.empty(); ++i, Sleep(10)) aLines = First.Take();
+        EXPECT_EQ((Lines{"record 2020 1 0 0 " + std::string(259, 'x') + "||"}), aLines);
+    }
+    const uint32_t dwFormer     = g_dwLinkGeneration - 1;
+    auto          *pRequest     = new SpecialRequest{Record, dwFormer};
+    pRequest->Record.szText1[0] = 0;
+    FakePeer Second;
+    SpecialTransferThread(pRequest);
+    EXPECT_EQ((Lines{"record 3021 3 0 0 ||"}), Run(&Second, 0x3021, {3}, {})); // nothing came before
+    EXPECT_EQ(0, StartSpecialTransfer(nullptr));
+}
+
+} // namespace

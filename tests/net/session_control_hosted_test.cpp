@@ -1,0 +1,351 @@
+// What the service asks and hears: PINs, roles, the exchange of machine info, release.
+#include "platform/hosted/control.h"
+#include "platform/profile.h"
+#include "tests/net/discovery_program_hosted.h"
+#include "tests/net/net_fixture.h"
+#include "tests/trace/trace_session_hosted.h"
+#include "transfer/file_stream.h"
+#include <atomic>
+
+using namespace platform;
+
+namespace {
+
+constexpr char16_t PEER_INFO[] =
+    u"\xFEFF[SourceMachine]\r\n\"ComputerName\"=\"OLDPC\"\r\n[MappingFolder]\r\n\"AppPath\"=\"D:\\peer map\"\r\n"
+    u"[Package]\r\n\"Version\"=\"1.0.4.0\"\r\n";
+const std::string PeerInfo(reinterpret_cast<const char *>(PEER_INFO), sizeof PEER_INFO - 2);
+
+// Reads one "SendFile" with its whole stream; the path it names.
+std::u16string TakeFile(Peer &peer)
+{
+    EXPECT_EQ(Field("SendFile"), peer.Receive(10));
+    const std::string sHead = peer.Receive(2050 + 4 + 4 + 1 + 8);
+    if (sHead.size() != 2067) return u"<cut>";
+    int64_t  cbLeft = 0;
+    uint32_t dwType = 0, cbKey = 0, cbCipher = 0;
+    memcpy(&dwType, sHead.data() + 2050, 4);
+    memcpy(&cbLeft, sHead.data() + 2059, 8);
+    EXPECT_EQ(10u, dwType);
+    EXPECT_EQ(1, sHead[2058]) << "encrypted";
+    memcpy(&cbKey, peer.Receive(4).data(), 4);
+    peer.Receive(cbKey);
+    for (; cbLeft > 0; cbLeft -= 65536) {
+        memcpy(&cbCipher, peer.Receive(4).data(), 4);
+        peer.Receive(cbCipher);
+    }
+    return std::u16string(reinterpret_cast<const char16_t *>(sHead.data()));
+}
+
+// The part of a client: handshake, own machine info, the server's.
+Peer JoinAsClient(uint16_t nPort, const std::string &sPin, bool bInfo = true)
+{
+    Peer peer = Peer::Connect(nPort);
+    peer.Send(Field(sPin));
+    EXPECT_EQ(Field("PWACK=1"), peer.Receive(10));
+    if (!bInfo) return peer;
+    peer.Send(FileCommand(u"C:\\theirs\\localinfo.ini", 10, PeerInfo));
+    EXPECT_EQ(Field("FileDone"), peer.Receive(10));
+    TakeFile(peer);
+    peer.Send(Field("FileDone"));
+    return peer;
+}
+
+class SessionControl : public NetTest
+{
+protected:
+    void SetUp() override
+    {
+        NetTest::SetUp();
+        hosted::SetSocketTimeout(5000); // of real time, whatever the clock does
+    }
+    // The PIN that the service was told.
+    std::string MadePin()
+    {
+        EXPECT_TRUE(Reported(2336, 3));
+        for (auto p = m_aSeen.rbegin(); p != m_aSeen.rend(); ++p)
+            if (p->dwCommand == 2336 && p->dwParam1 == 3) return std::to_string(p->dwParam2);
+        return "";
+    }
+    static void Request(uint32_t dwCode, uint32_t dwPin = 0)
+    {
+        const IpcMessage record = MakeRecord(dwCode, 1, dwPin);
+        EXPECT_EQ(1, StartPinCodeThread(&record));
+    }
+    static uint16_t NextListeningPort()
+    {
+        const uint16_t nPort = ListeningPort();
+        WriteSetting("ServerMDNS", "Port", "");
+        return nPort;
+    }
+    static std::string ServerPin()
+    {
+        char szPin[10];
+        GetPassword(szPin);
+        return szPin;
+    }
+};
+
+} // namespace
+
+TEST_F(SessionControl, APinStartsTheServerAndAPeerCompletesTheSession)
+{
+    hosted::SetClockRate(5);
+    TraceSession trace;
+    Request(2336);
+    const std::string sPin = MadePin();
+    EXPECT_LE(sPin.size(), 6u);
+    Peer peer = JoinAsClient(NextListeningPort(), sPin);
+    ASSERT_TRUE(Reported(2336, 2));
+    EXPECT_EQ(sPin, std::to_string(m_aSeen.back().dwParam2));
+    EXPECT_EQ(u"OLDPC", std::u16string(m_aSeen.back().szText1));
+    EXPECT_TRUE(Eventually([] { return g_hNetInitTimerEvent == nullptr; })) << "served: the thread ends";
+    EXPECT_EQ(u"D:\\peer map", std::u16string(GetSpecialFolders().szSecondAppDataRoot));
+    EXPECT_EQ(u"C:\\ProgramData\\VORN\\VORN Qelvane\\VornTramsa\\uapmap",
+              std::u16string(GetSpecialFolders().szProgramDataRoot));
+    EXPECT_EQ(1u, g_Session.bPeerAtLeast1040);
+    EXPECT_EQ(0u, g_Session.bPeerAtLeast1050);
+    for (const char *pszText :
+         {"CallPinCodeThread", "random generated code", "NetInitializationThread timeout",
+          "call SetNetworkServerClient server", "ServerInit success", "SpecialReadyEvent is signal"})
+        EXPECT_TRUE(trace.Saw(pszText)) << pszText;
+    EXPECT_EQ(1, StartNetworkConnect(3, 1));
+    EXPECT_TRUE(Reported(821, 1));
+    EXPECT_TRUE(Eventually([] { return g_nListeners == 0 && g_Session.bServerStarted == 0; }));
+    EXPECT_TRUE(Eventually([] { return GetSpecialFolders().szProgramDataRoot[0] == u'\0'; }));
+    EXPECT_EQ(0, CountSeen(818, 102)) << "an own disconnect is no broken link";
+}
+
+TEST_F(SessionControl, ANewPinReplacesTheOldOneExceptWhileAPeerConnects)
+{
+    hosted::SetClockRate(5);
+    Request(2336);
+    MadePin();
+    const uint16_t nPort = NextListeningPort();
+    m_aSeen.clear();
+    hosted::AdvanceClock(12345);
+    Request(2336);
+    const std::string sSecond = MadePin();
+    EXPECT_TRUE(Eventually([&] { return ServerPin() == sSecond; }));
+    Peer stranger = Peer::Connect(nPort);
+    stranger.Send(Field("wrong"));
+    EXPECT_EQ(Field("PWACK=0"), stranger.Receive(10)); // from here on a peer counts as connecting
+    m_aSeen.clear();
+    hosted::AdvanceClock(54321);
+    hosted::KeepDebugOutput(true);
+    g_bSocketDebug = 1;
+    Request(2336);
+    const std::string sThird = MadePin();
+    std::string       sLog;
+    EXPECT_TRUE(Eventually([&] {
+        return (sLog += hosted::TakeDebugOutput()).find("[UpdateServerPW] g_bConnecting true. Exit.\n") != sLog.npos;
+    }));
+    g_bSocketDebug = 0;
+    EXPECT_NE(sLog.npos, sLog.find("[UpdateServerPW] old[" + sSecond + "], new[" + sThird + "]\n")) << sLog;
+    EXPECT_EQ(sSecond, ServerPin());
+    Peer peer = JoinAsClient(nPort, sSecond);
+    EXPECT_TRUE(Reported(2336, 2));
+    EXPECT_EQ(sThird, std::to_string(m_aSeen.back().dwParam2));
+}
+
+TEST_F(SessionControl, APinReplacedWhileTheServerStartsIsTheOneThatAdmits)
+{
+    hosted::SetClockRate(5);
+    for (const uint32_t dwPause : {0u, 1u, 2u, 4u, 8u, 16u}) { // between announcement and first accept
+        ResetSessionControl();
+        WriteSetting("ServerMDNS", "Port", "");
+        m_aSeen.clear();
+        Request(2336);
+        MadePin();
+        const uint16_t nPort = NextListeningPort();
+        m_aSeen.clear();
+        hosted::AdvanceClock(1000 + dwPause);
+        std::this_thread::sleep_for(std::chrono::milliseconds(dwPause));
+        Request(2336);
+        const std::string sSecond = MadePin();
+        EXPECT_TRUE(Eventually([&] { return ServerPin() == sSecond; })) << dwPause;
+        Peer peer = JoinAsClient(nPort, sSecond);
+        EXPECT_TRUE(Reported(2336, 2));
+        EXPECT_TRUE(Eventually([] { return g_hNetInitTimerEvent == nullptr; }));
+        EndLink();
+    }
+}
+
+TEST_F(SessionControl, AFailedServerStartIsReportedAndTriedAgain)
+{
+    hosted::SetClockRate(5);
+    hosted::FailCall("bind", 1, WSAEADDRINUSE);
+    Request(2336);
+    const std::string sPin = MadePin();
+    EXPECT_TRUE(Reported(2336, -4));
+    WriteSetting("ServerMDNS", "Port", "");
+    Peer peer = JoinAsClient(NextListeningPort(), sPin);
+    EXPECT_TRUE(Reported(2336, 2));
+}
+
+TEST_F(SessionControl, APeerWithoutMachineInfoIsTurnedAway)
+{
+    hosted::SetClockRate(100);
+    std::future<int32_t> status = std::async(std::launch::async, [] {
+        char16_t szName[260];
+        return SetNetworkServerClient(&g_Session, 1, 1, "12", szName, 260);
+    });
+    Peer peer = JoinAsClient(NextListeningPort(), "12", false);
+    EXPECT_EQ(-1, status.get());
+    EXPECT_EQ(0, g_bServer);
+    EXPECT_EQ(0u, g_Session.bServerStarted);
+    EXPECT_TRUE(Eventually([] { return g_nListeners == 0; }));
+    EXPECT_EQ(0, CountSeen(818, 102));
+}
+
+TEST_F(SessionControl, AClientHearsWhetherItsPinWasRight)
+{
+    for (const bool bRight : {false, true}) {
+        hosted::SetClockRate(20);
+        uint16_t         nPort   = 0;
+        const SOCKET     hListen = ListenOnLoopback(&nPort);
+        DiscoveryProgram program("Count=1\\r\\n1=127.0.0.1\\r\\n1_port=" + std::to_string(ntohs(nPort)) + "\\r\\n");
+        Peer             peer;
+        std::thread      server([&] {
+            for (;;) {
+                Peer next(accept(hListen, nullptr, nullptr));
+                if (next.Socket() == INVALID_SOCKET) return;
+                EXPECT_EQ(Field("77"), next.Receive(10));
+                peer = std::move(next);
+                peer.Send(Field(bRight ? "PWACK=1" : "PWACK=0"));
+                if (!bRight) continue;
+                EXPECT_NE(u"", TakeFile(peer)); // the client sends first
+                peer.Send(Field("FileDone") + FileCommand(u"C:\\x", 10, PeerInfo));
+                EXPECT_EQ(Field("FileDone"), peer.Receive(10));
+            }
+        });
+        Request(2337, 77);
+        EXPECT_TRUE(Reported(2337, bRight ? 2 : -3));
+        EXPECT_EQ(77u, m_aSeen.back().dwParam2);
+        EXPECT_EQ(bRight ? u"OLDPC" : u"", std::u16string(m_aSeen.back().szText1));
+        EXPECT_TRUE(Eventually([] { return g_hNetInitTimerEvent == nullptr; }));
+        closesocket(hListen);
+        server.join();
+        EndLink();
+    }
+}
+
+TEST_F(SessionControl, FurtherRequestsRestartTheWaitAndTheLastOneCounts)
+{
+    hosted::SetClockRate(5);
+    TraceSession trace;
+    Request(2337, 1);
+    EXPECT_TRUE(Eventually([] { return g_hNetInitTimerEvent != nullptr; }));
+    Request(2336);
+    const std::string sPin = MadePin();
+    EXPECT_TRUE(Eventually([&] {
+        return trace.Saw("CallPinCodeThread Reset timer") && trace.Saw("NetInitializationThread reset timer");
+    }));
+    Peer peer = JoinAsClient(NextListeningPort(), sPin);
+    EXPECT_TRUE(Reported(2336, 2));
+    EXPECT_FALSE(trace.Saw("call SetNetworkServerClient client"));
+}
+
+TEST_F(SessionControl, TheNewerConnectRequestWinsAndTheOlderEndsSilently)
+{
+    hosted::SetClockRate(5);
+    WriteSetting("LastServer", "PW", "stored");
+    EXPECT_EQ(1, StartNetworkConnect(1, 0));
+    NextListeningPort();
+    EXPECT_EQ(1, StartNetworkConnect(1, 0));
+    Peer peer = JoinAsClient(NextListeningPort(), "stored");
+    EXPECT_TRUE(Reported(2080, 2));
+    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 1; })) << "the listener alone";
+    for (const IpcMessage &record : Queued()) m_aSeen.push_back(record);
+    EXPECT_EQ(1u, m_aSeen.size());
+    peer.Send(Field("KeepAlive"));
+    EXPECT_EQ(Field("AckAlive"), peer.Receive(10)) << "the older request has not torn the link down";
+}
+
+TEST_F(SessionControl, AConnectRequestIsTriedForTenSeconds)
+{
+    hosted::SetClockRate(20);
+    hosted::FailCall("socket", 1, WSAEMFILE, true);
+    const uint64_t ullStart = GetTickCount64();
+    EXPECT_EQ(1, StartNetworkConnect(1, 0));
+    EXPECT_TRUE(Reported(2080, -4));
+    EXPECT_GE(GetTickCount64() - ullStart, 10000u);
+    hosted::ClearFaults();
+    EXPECT_EQ(1, StartNetworkConnect(0, 0)); // no such mode: nothing happens
+    EXPECT_EQ(1, StartNetworkConnect(4, 0));
+    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
+    EXPECT_TRUE(Queued().empty());
+}
+
+TEST_F(SessionControl, ARoleThatWasEndedBeforeItBeganIsNotTaken)
+{
+    const std::atomic<uint32_t> bWanted{0};
+    uint32_t                    dwGeneration = 0;
+    EXPECT_EQ(-1001, ServerInitLink("1", &bWanted, &dwGeneration));
+    EXPECT_EQ(9999, ClientInitEnumLink("1", &bWanted, &dwGeneration));
+    EXPECT_EQ(0, g_bServer | g_bClient | g_bClientEnuming);
+
+    // A search that waits for the former one is ended with it.
+    DiscoveryProgram program;
+    const uint32_t   dwRoleStart = GetRoleStart(false);
+    EXPECT_EQ(1, StartNetworkConnect(2, 0));
+    EXPECT_TRUE(Eventually([&] { return program.RunsOf("client") == 1; }));
+    EXPECT_EQ(1, StartNetworkConnect(2, 0));
+    EXPECT_TRUE(Eventually([&] { return GetRoleStart(false) == dwRoleStart + 2; }));
+    EXPECT_EQ(1, StartNetworkConnect(3, 0));
+    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
+    EXPECT_EQ(1, program.RunsOf("client"));
+
+    hosted::SetClockRate(5);
+    Request(2337, 5);
+    EXPECT_TRUE(Eventually([] { return g_bClient != 0; }));
+    EXPECT_EQ(1, StartNetworkConnect(3, 0));
+    EXPECT_TRUE(Eventually([] { return g_hNetInitTimerEvent == nullptr && hosted::LiveThreads() == 0; }));
+    EXPECT_TRUE(Queued().empty()) << "what was cancelled is not answered";
+}
+
+TEST_F(SessionControl, TheStopSignalEndsEachWait)
+{
+    TraceSession   trace;
+    const uint64_t ullBegin = GetTickCount64();
+    Request(2337, 5); // until the requests have settled
+    EXPECT_TRUE(Eventually([] { return g_hNetInitTimerEvent != nullptr; }));
+    SetEvent(g_hAppEvent);
+    EXPECT_TRUE(Eventually([] { return g_hNetInitTimerEvent == nullptr; }));
+    EXPECT_FALSE(trace.Saw("call SetNetworkServerClient"));
+    ResetEvent(g_hAppEvent);
+
+    hosted::FailCall("socket", 1, WSAEMFILE, true); // between two tries
+    EXPECT_EQ(1, StartNetworkConnect(1, 0));
+    EXPECT_TRUE(Eventually([] { return hosted::CallCount("socket") > 0; }));
+    SetEvent(g_hAppEvent);
+    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
+    ResetEvent(g_hAppEvent);
+    EXPECT_TRUE(Reported(2080, -4));
+    hosted::ClearFaults();
+    WriteSetting("ServerMDNS", "Port", "");
+
+    std::future<int32_t> status = std::async(std::launch::async, [] { // until the peer's machine info is there
+        return SetNetworkServerClient(&g_Session, 1, 1, "12", nullptr, 0);
+    });
+    Peer peer = JoinAsClient(NextListeningPort(), "12", false);
+    SetEvent(g_hAppEvent);
+    TakeFile(peer); // the server's own info follows its wait, however that ended
+    peer.Send(Field("FileDone"));
+    EXPECT_EQ(-1, status.get());
+    EXPECT_LT(GetTickCount64() - ullBegin, 10000u) << "no wait ran to its end";
+}
+
+TEST_F(SessionControl, RequestsThatCannotStartLeaveNothing)
+{
+    errno = 0;
+    hosted::FailCall("CreateThread", 1, ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(0, StartPinCodeThread(nullptr));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(1, StartPinCodeThread(nullptr)) << "a zeroed record is no PIN request";
+    hosted::ClearFaults();
+    hosted::FailCall("CreateThread", 1, ERROR_NOT_ENOUGH_MEMORY);
+    EXPECT_EQ(0, StartNetworkConnect(1, 0));
+    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
+    EXPECT_EQ(nullptr, g_hNetInitTimerEvent.load());
+}

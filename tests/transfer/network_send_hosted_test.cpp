@@ -1,0 +1,210 @@
+// The send interface: its checks, the line among senders, the answers, and the result codes.
+#include "tests/transfer/transfer_fixture.h"
+#include "transfer/network_send.h"
+
+using namespace platform;
+
+class NetworkSendTest : public TransferTest
+{
+  protected:
+    void SetUp() override
+    {
+        TransferTest::SetUp();
+        m_sFile = m_sFolder + u"\\source.txt";
+        WriteTestFile(m_sFile, "content");
+    }
+    void TearDown() override
+    {
+        EndRole();
+        TransferTest::TearDown();
+    }
+    int32_t Send(const char16_t *pszDestination = u"D:\\x.txt", uint64_t *pullElapsed = nullptr)
+    {
+        return SendNetworkFile(m_sFile.c_str(), pszDestination, 0, 0, 1, pullElapsed);
+    }
+    static std::atomic<uint8_t> *Done(const PeerFile &) { return &g_bRemoteFileDone; }
+
+    std::u16string m_sFile;
+};
+
+TEST_F(NetworkSendTest, ChecksComeFirstAndInOrder)
+{
+    IpcMessage record = {};
+    EXPECT_EQ(-1004, SendNetworkCommand(&record, 0, 0));
+    EXPECT_EQ(-1004, Send());
+    g_bServer = g_bClient = 1;
+    g_ServerSendSocket    = m_pLink->hServer;
+    EXPECT_EQ(-1003, SendNetworkCommand(&record, 0, 0));
+    EXPECT_EQ(-1003, Send());
+    EXPECT_EQ(-1002, Send(u"x.txt"));
+    EXPECT_EQ(-1002, Send(nullptr));
+    EXPECT_EQ(-1001, SendNetworkFile(u"source.txt", u"x.txt", 0, 0, 1, nullptr));
+    EXPECT_EQ(-1001, SendNetworkFile(u"", u"D:\\x.txt", 0, 0, 1, nullptr));
+    g_bServer = 0; // the client's socket counts now, and there is none
+    EXPECT_EQ(-1005, SendNetworkCommand(&record, 0, 0));
+    EXPECT_EQ(-1005, Send());
+    g_ClientRecvSocket = m_pLink->hServer;
+    EXPECT_EQ(-1006, SendNetworkFile(u"C:\\missing", u"D:\\x.txt", 0, 0, 1, nullptr));
+    EXPECT_EQ(0, hosted::CallCount("send"));
+    g_bClient          = 0;
+    g_ClientRecvSocket = INVALID_SOCKET;
+}
+
+TEST_F(NetworkSendTest, TheAnswerDecidesTheResult)
+{
+    static const struct {
+        std::vector<std::atomic<uint8_t> *> apFlags;
+        int32_t                             nExpected;
+    } aCases[] = {
+        {{&g_bRemoteFileDone}, 1},
+        {{&g_bRemoteFileFull}, 107},
+        {{&g_bRemoteFileAllFull, &g_bRemoteFileFull}, 108},
+        {{&g_bRemoteFileError, &g_bRemoteFileTypeUnknown}, 2001},
+        {{&g_bRemoteFileError}, 1001},
+        {{&g_bRemoteFileError, &g_bRemoteFileDone}, 1},
+    };
+    size_t i = 0;
+    BecomeServer([&](const PeerFile &) {
+        for (std::atomic<uint8_t> *pFlag : aCases[i].apFlags)
+            *pFlag = 1;
+        return aCases[i].apFlags.back();
+    });
+    for (i = 0; i < std::size(aCases); i++) {
+        uint64_t ullElapsed = 99999;
+        EXPECT_EQ(aCases[i].nExpected, Send(u"D:\\x.txt", &ullElapsed)) << i;
+        EXPECT_LT(ullElapsed, 99999u);
+        EXPECT_EQ(0, g_bSendingFile);
+    }
+    EXPECT_EQ("content", m_pPeer->Files()[0].sContent);
+    EXPECT_EQ(u"D:\\x.txt", m_pPeer->Files()[0].sPath);
+}
+
+TEST_F(NetworkSendTest, OnlyABrokenLinkIsALinkError)
+{
+    static const struct {
+        const char *pszCall;
+        int         nth;
+        uint32_t    dwError;
+        int32_t     nExpected;
+    } aCases[] = {{"send", 1, WSAECONNRESET, 102},
+                  {"send", 1, WSAETIMEDOUT, -21},
+                  {"_waccess", 1, ERROR_FILE_NOT_FOUND, -301},
+                  {"BCryptExportKey", 1, 0xC0000001, 1001}};
+    for (const auto &c : aCases) {
+        m_pLink = std::make_unique<LinkPair>();
+        BecomeServer(Done);
+        hosted::ClearFaults();
+        hosted::FailCall(c.pszCall, c.nth, c.dwError);
+        EXPECT_EQ(c.nExpected, Send()) << c.pszCall << c.dwError;
+        EXPECT_EQ(0, g_bSendingFile);
+        EndRole();
+    }
+    IpcMessage record = {};
+    m_pLink           = std::make_unique<LinkPair>();
+    BecomeServer(Done);
+    EXPECT_EQ(1, SendNetworkCommand(&record, 0, 0));
+    hosted::FailCall("send", 1, WSAETIMEDOUT);
+    EXPECT_EQ(-1, SendNetworkCommand(&record, 0, 0));
+    hosted::FailCall("send", 1, WSAECONNABORTED);
+    EXPECT_EQ(102, SendNetworkCommand(&record, 0, 0));
+    g_nWSAErr = WSAECONNRESET; // saved by the listener of this link
+    hosted::FailCall("send", 1, WSAETIMEDOUT);
+    EXPECT_EQ(102, SendNetworkCommand(&record, 0, 0));
+    ++g_dwLinkGeneration; // of a former one
+    hosted::FailCall("send", 1, WSAETIMEDOUT);
+    EXPECT_EQ(-1, SendNetworkCommand(&record, 0, 0));
+}
+
+TEST_F(NetworkSendTest, AThreadOfAFormerLinkSendsNothing)
+{
+    BecomeServer(Done);
+    BindThreadToLink(g_dwLinkGeneration);
+    EXPECT_EQ(1, Send());
+    EnterCriticalSection(&g_csNetSocket);
+    int32_t     nFile = 0, nCommand = 0;
+    std::thread waiting([&] {
+        IpcMessage record = {};
+        BindThreadToLink(g_dwLinkGeneration);
+        nFile    = Send();
+        nCommand = SendNetworkCommand(&record, 0, 0);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // past its first check, or it finds the same there
+    const int nSends = hosted::CallCount("send");
+    ++g_dwLinkGeneration;
+    LeaveCriticalSection(&g_csNetSocket);
+    waiting.join();
+    EXPECT_EQ(-1005, nFile);
+    EXPECT_EQ(-1005, nCommand);
+    EXPECT_EQ(-1005, Send());
+    EXPECT_EQ(nSends, hosted::CallCount("send"));
+    EXPECT_EQ(0, g_bSendingFile);
+    BindThreadToLink(0);
+}
+
+TEST_F(NetworkSendTest, ASenderThatWaitsForTheLineLeavesTheLockToOthers)
+{
+    std::atomic<bool> bAnswer{false};
+    BecomeServer([&](const PeerFile &file) -> std::atomic<uint8_t> * {
+        if (file.sPath == u"D:\\first") Eventually([&] { return bAnswer.load(); });
+        return &g_bRemoteFileDone;
+    });
+    int32_t     nFirst = 0, nSecond = 0;
+    std::thread first([&] { nFirst = Send(u"D:\\first"); });
+    EXPECT_TRUE(Eventually([&] { return g_bSendingFile == 1; }));
+    std::thread second([&] { nSecond = Send(u"D:\\second"); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EnterCriticalSection(&g_csNetSocket); // as the listener does for its own answers
+    LeaveCriticalSection(&g_csNetSocket);
+    EXPECT_EQ(1, g_bSendingFile);
+    bAnswer = true;
+    first.join();
+    second.join();
+    EXPECT_EQ(1, nFirst);
+    EXPECT_EQ(1, nSecond);
+    EXPECT_EQ(2u, m_pPeer->Files().size());
+}
+
+TEST_F(NetworkSendTest, WaitsAreBoundedByFourHundredPolls)
+{
+    BecomeServer([](const PeerFile &) -> std::atomic<uint8_t> * { return nullptr; });
+    hosted::SetClockRate(50);
+    uint64_t ullBegin = GetTickCount64();
+    EXPECT_EQ(0, Send()) << "no answer: the command layer's result";
+    EXPECT_GE(GetTickCount64() - ullBegin, 10000u);
+    EXPECT_EQ(0, g_bSendingFile);
+
+    ++g_dwLinkGeneration; // what the former link owes is nobody's
+    g_bSendingFile = 1;   // of a sender that never ends
+    ullBegin       = GetTickCount64();
+    EXPECT_EQ(0, Send());
+    EXPECT_GE(GetTickCount64() - ullBegin, 20000u) << "the line's limit, then the answer's";
+    EXPECT_EQ(2u, m_pPeer->Files().size());
+}
+
+TEST_F(NetworkSendTest, ALateAnswerIsNotTakenForTheNextFiles)
+{
+    BecomeServer([](const PeerFile &file) -> std::atomic<uint8_t> * {
+        return file.sPath == u"D:\\second" ? &g_bRemoteFileError : nullptr;
+    });
+    hosted::SetClockRate(50);
+    EXPECT_EQ(0, Send(u"D:\\first"));
+    hosted::SetClockRate(1);
+    std::thread late([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        g_bRemoteFileDone = 1; // for the first
+        SetEvent(GetFileOutcomeEvent());
+    });
+    EXPECT_EQ(1001, Send(u"D:\\second"));
+    late.join();
+
+    // A source that cannot be opened travels as an empty file, which the peer stores and answers.
+    hosted::FailCall("CreateFileW", 2, ERROR_ACCESS_DENIED);
+    EXPECT_EQ(-102, Send(u"D:\\third"));
+    std::thread again([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        g_bRemoteFileDone = 1;
+        SetEvent(GetFileOutcomeEvent());
+    });
+    EXPECT_EQ(1001, Send(u"D:\\second"));
+    again.join();
+}

@@ -1,0 +1,207 @@
+// Receiving a stream: what is stored, the word that goes back, the code of each bad stream, and the link left in step.
+#include "tests/transfer/transfer_fixture.h"
+
+using namespace platform;
+
+class RecvFileTest : public TransferTest
+{
+  protected:
+    void SetUp() override
+    {
+        TransferTest::SetUp();
+        m_sFile = m_sFolder + u"\\received.bin";
+        PrepareLinkSocket(m_pLink->hServer);
+    }
+    // Receives the stream, closes nothing. What came back is in m_sWords, 10 bytes each.
+    int64_t Receive(const std::string &sStream, uint8_t bEncrypt)
+    {
+        std::thread writer([&] { SendBuffer(m_pLink->hClient, sStream.data(), static_cast<int32_t>(sStream.size())); });
+        const int64_t nRet = RecvFile(m_pLink->hServer, m_sFile.c_str(), bEncrypt);
+        writer.join();
+        const std::string sEnd = Field("END");
+        SendBuffer(m_pLink->hServer, sEnd.data(), 10);
+        m_sWords.clear();
+        for (char szWord[10]; RecvBuffer(m_pLink->hClient, szWord, 10) == 10 && std::string(szWord) != "END";)
+            m_sWords += std::string(szWord) + ' ';
+        return nRet;
+    }
+    // The link is in step: the next bytes are those that follow the stream.
+    bool InStep()
+    {
+        char szNext[10];
+        SendBuffer(m_pLink->hClient, "NextWord!", 10);
+        return RecvBuffer(m_pLink->hServer, szNext, 10) == 10 && std::string(szNext) == "NextWord!";
+    }
+    // Names in the folder, other than "." and "..".
+    std::u16string Listing()
+    {
+        std::u16string   s;
+        WIN32_FIND_DATAW entry;
+        const HANDLE     hFind = FindFirstFileW((m_sFolder + u"\\*").c_str(), &entry);
+        do {
+            if (entry.cFileName[0] != u'.') s += std::u16string(entry.cFileName) + u"|";
+        } while (FindNextFileW(hFind, &entry));
+        FindClose(hFind);
+        return s;
+    }
+
+    std::u16string m_sFile;
+    std::string    m_sWords;
+};
+
+TEST_F(RecvFileTest, StoresWhatWasSent)
+{
+    for (const size_t cb : {0, 1, 65535, 65536, 65537}) {
+        const std::string sContent = Content(cb);
+        EXPECT_EQ(static_cast<int64_t>(cb), Receive(Bytes(static_cast<int64_t>(cb)) + sContent, 0));
+        EXPECT_EQ(sContent, ReadTestFile(m_sFile));
+        std::string sStream = Bytes(static_cast<int64_t>(cb)) + KeyField();
+        for (size_t i = 0; i < cb; i += 65536)
+            sStream += CipherChunk(sContent.substr(i, 65536));
+        m_sFile += u"x";
+        EXPECT_EQ(static_cast<int64_t>(cb), Receive(sStream, 1));
+        EXPECT_EQ(sContent, ReadTestFile(m_sFile));
+        EXPECT_EQ(20u, g_dwKeySize);
+        EXPECT_EQ(static_cast<int64_t>(cb), g_nRecvFileWritten);
+        EXPECT_EQ("", m_sWords);
+    }
+    m_sFile = m_sFolder + u"\\received.bin";
+    EXPECT_EQ(3, Receive(Bytes(int64_t{3}) + "new", 0));
+    EXPECT_EQ("new", ReadTestFile(m_sFile)) << "an existing file is overwritten";
+    EXPECT_TRUE(InStep());
+}
+
+TEST_F(RecvFileTest, AFileHasItsNameOnlyWhenItIsWhole)
+{
+    WriteTestFile(m_sFile + RECEIVING_SUFFIX, "left behind by a process that was killed");
+    int64_t     nRet = 0;
+    std::thread receiver([&] { nRet = RecvFile(m_pLink->hServer, m_sFile.c_str(), 0); });
+    const auto  sStream = Bytes(int64_t{100000}) + Content(100000);
+    SendBuffer(m_pLink->hClient, sStream.data(), 70000);
+    EXPECT_TRUE(Eventually([] { return g_nRecvFileWritten == 65536; }));
+    EXPECT_EQ(std::u16string(u"received.bin") + RECEIVING_SUFFIX + u"|", Listing());
+    SendBuffer(m_pLink->hClient, sStream.data() + 70000, 30008);
+    receiver.join();
+    EXPECT_EQ(100000, nRet);
+    EXPECT_EQ(u"received.bin|", Listing());
+    EXPECT_EQ(Content(100000), ReadTestFile(m_sFile));
+
+    m_sFile = m_sFolder + u"\\" + std::u16string(255, u'n'); // the longest name there is
+    EXPECT_EQ(1, Receive(Bytes(int64_t{1}) + "x", 0));
+    ASSERT_TRUE(DeleteFileW((u"\\\\?\\" + m_sFile).c_str()));
+    hosted::FailCall("MoveFileExW", 1, ERROR_ALREADY_EXISTS); // somebody took the name meanwhile
+    EXPECT_EQ(-102, Receive(Bytes(int64_t{1}) + "x", 0));
+    EXPECT_EQ("FileError ", m_sWords);
+    EXPECT_EQ(u"received.bin|", Listing());
+}
+
+TEST_F(RecvFileTest, EachBadStreamHasItsCodeAndItsWord)
+{
+    const std::string sKey    = KeyField();
+    const std::string sBig    = Content(65536);
+    const std::string sCancel = Field("VnNetSocket_CancelSendFile", 50);
+    const struct {
+        const char *pszWhat;
+        std::string sStream;
+        int64_t     nExpected;
+        const char *pszWords;
+        bool        bInStep;
+    } aCases[] = {
+        {"empty key", Bytes(int64_t{5}) + Bytes(uint32_t{0}), -90, "", true},
+        {"key refused", Bytes(int64_t{5}) + Bytes(uint32_t{3}) + "abc" + CipherChunk("hello"), -126, "FileError ",
+         true},
+        {"key refused, empty file", Bytes(int64_t{0}) + Bytes(uint32_t{3}) + "abc", -121, "", true},
+        {"key above the buffer", Bytes(int64_t{0}) + Bytes(uint32_t{70000}) + std::string(70000, 'k'), -121, "", true},
+        {"cancel block as cipher text",
+         Bytes(int64_t{70000}) + sKey + CipherChunk(sBig) + Bytes(uint32_t{50}) + sCancel, -1110, "", true},
+        {"cancel block longer than the buffer",
+         Bytes(int64_t{9}) + sKey + Bytes(uint32_t{200000}) + Field(sCancel, 200000), -1110, "", true},
+        {"cancel block in the data", Bytes(int64_t{100}) + sKey + CipherChunk(sCancel + std::string(50, 'x')), -81, "",
+         true},
+        {"chunk too long for a cipher text",
+         Bytes(int64_t{65537}) + sKey + Bytes(uint32_t{200000}) + std::string(200000, 'c') + CipherChunk("x"), -122,
+         "FileError ", true},
+        {"cipher text below the chunk", Bytes(int64_t{65537}) + sKey + CipherChunk("short") + CipherChunk("x"), -125,
+         "FileError ", true},
+        {"plain text above a chunk", Bytes(int64_t{9}) + sKey + CipherChunk(sBig + "1234"), -124, "FileError ", true},
+        {"plain text of another length", Bytes(int64_t{9}) + sKey + CipherChunk("12345678"), -126, "FileError ", true},
+        {"empty cipher text", Bytes(int64_t{9}) + sKey + Bytes(uint32_t{0}), -126, "FileError ", true},
+        {"negative size", Bytes(int64_t{-7}) + sKey, -7, "", true},
+    };
+    KeepLines();
+    for (const auto &c : aCases) {
+        const int nHandles = hosted::OpenHandles(), nCiphers = hosted::OpenCiphers();
+        EXPECT_EQ(c.nExpected, Receive(c.sStream, 1)) << c.pszWhat;
+        EXPECT_EQ(c.pszWords, m_sWords) << c.pszWhat;
+        EXPECT_EQ(u"", Listing()) << c.pszWhat << ": no part of it stays";
+        EXPECT_EQ(c.bInStep, InStep()) << c.pszWhat;
+        EXPECT_EQ(nHandles, hosted::OpenHandles()) << c.pszWhat;
+        EXPECT_EQ(nCiphers, hosted::OpenCiphers()) << c.pszWhat;
+        EXPECT_EQ(0, g_bRecvFileActive) << c.pszWhat;
+    }
+    // The key's copy and what the log shows of it.
+    hosted::TakeDebugOutput();
+    std::string sBlob = "firstK" + std::string(69988, '.') + "lastKE";
+    EXPECT_EQ(-121, Receive(Bytes(int64_t{0}) + Bytes(uint32_t{70000}) + sBlob, 1));
+    EXPECT_EQ(70000u, g_dwKeySize);
+    EXPECT_EQ(0, memcmp(g_szFileKey, sBlob.data(), 580));
+    EXPECT_NE(nullptr,
+              strstr(hosted::TakeDebugOutput(), "g_dwKeySize[70000], g_szFileKey [0x66][0x69][0x72][0x73][0x74] - "
+                                                "[0x61][0x73][0x74][0x4B][0x45]"));
+}
+
+TEST_F(RecvFileTest, EachFailingCallHasItsCode)
+{
+    static const struct {
+        const char *pszCall;
+        int         nth;
+        uint32_t    dwError;
+        int64_t     nExpected;
+        const char *pszWords;
+    } aCases[] = {
+        {"recv", 1, WSAECONNRESET, -1, ""},
+        {"recv", 2, WSAECONNRESET, -21, ""},
+        {"recv", 3, WSAECONNRESET, -22, ""},
+        {"recv", 4, WSAECONNRESET, -11, ""},
+        {"recv", 5, WSAECONNRESET, -2, ""},
+        {"CreateFileW", 1, ERROR_ACCESS_DENIED, -101, "FileError "},
+        {"CreateFileW", 1, ERROR_DISK_FULL, -101, "FILEERRDF "},
+        {"WriteFile", 1, ERROR_DISK_FULL, -102, "FILEERRDF "},
+        {"WriteFile", 2, ERROR_DISK_FULL, -102, "FileErrDF "},
+        {"WriteFile", 2, ERROR_GEN_FAILURE, -102, "FileError "},
+        {"BCryptDecrypt", 2, static_cast<uint32_t>(STATUS_DATA_ERROR), -125, "FileError "},
+    };
+    const std::string sStream =
+        Bytes(int64_t{65600}) + KeyField() + CipherChunk(Content(65536)) + CipherChunk(Content(64));
+    for (const auto &c : aCases) {
+        m_pLink = std::make_unique<LinkPair>();
+        hosted::ClearFaults();
+        hosted::FailCall(c.pszCall, c.nth, c.dwError);
+        EXPECT_EQ(c.nExpected, Receive(sStream, 1)) << c.pszCall << c.nth;
+        EXPECT_EQ(c.pszWords, m_sWords) << c.pszCall << c.nth;
+        EXPECT_EQ(u"", Listing()) << c.pszCall << c.nth;
+        if (c.nExpected < -100) {
+            EXPECT_TRUE(InStep()) << c.pszCall << c.nth;
+        }
+    }
+    EXPECT_EQ(-126, Receive(Bytes(int64_t{9}) + KeyField() + Bytes(uint32_t{0}), 1));
+    EXPECT_EQ("FileError ", m_sWords) << "an earlier file's full disk does not choose this one's word";
+}
+
+TEST_F(RecvFileTest, AnUnknownTypeAndAForeignFileAreNotTouched)
+{
+    WriteTestFile(m_sFile, "the user's");
+    g_bRecvFileTypeUnknown = 1;
+    EXPECT_EQ(-201, Receive(Bytes(int64_t{5}) + "hello", 0));
+    EXPECT_EQ("TypeWrong ", m_sWords);
+    EXPECT_EQ("the user's", ReadTestFile(m_sFile));
+    EXPECT_TRUE(InStep());
+
+    g_bRecvFileTypeUnknown = 0;
+    const HANDLE hInUse    = CreateFileW(m_sFile.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                                         OPEN_EXISTING, 0, nullptr);
+    EXPECT_EQ(-101, Receive(Bytes(int64_t{5}) + "hello", 0));
+    CloseHandle(hInUse);
+    EXPECT_EQ("the user's", ReadTestFile(m_sFile));
+    EXPECT_TRUE(InStep());
+}

@@ -1,0 +1,143 @@
+// collection_test.cpp: a whole collection between two machines: complete, cancelled, interrupted and resumed, with
+// trouble on the way.
+#include "tests/e2e/machines.h"
+#include <algorithm>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+using Collection = TwoMachines;
+
+static fs::path Progress(const MachinePtr &machine, const char *pszName)
+{
+    return fs::path(HostPathOf(machine, KnownFolder(machine, "Progress"))) / pszName;
+}
+
+static void ExpectSame(const MachinePtr &old, const MachinePtr &next, const Profile &profile)
+{
+    uint64_t   nSame = 0, cbSame = 0;
+    const auto faults = CompareProfile(old, next, profile, &nSame, &cbSame);
+    for (const std::string &sFault : faults)
+        ADD_FAILURE() << sFault;
+    EXPECT_EQ(profile.nFiles, nSame);
+}
+
+TEST_F(Collection, WholeProfileArrivesByteForByteAndLeavesNoState)
+{
+    Profile     profile;
+    std::string sError;
+    ASSERT_TRUE(GenerateProfile(old, next, {120, 20 << 20}, &profile, &sError)) << sError;
+    StartLinked();
+    if (HasFatalFailure()) return;
+    ASSERT_TRUE(RequestCollection(next, RequestLines(profile), profile.cb, false)) << next->sLastError;
+    EXPECT_EQ(2, WaitForCollection(next, std::chrono::seconds(300)));
+    ExpectSame(old, next, profile);
+    EXPECT_GT(CountRecords(next, 817), 10U);                  // the percentage has moved
+    EXPECT_EQ(profile.items.size(), CountRecords(next, 819)); // each item's outcome
+    EXPECT_EQ("1", IniValue(Progress(old, "progressinfo.ini").string(), "Collection", "\"Complete\""));
+    EXPECT_FALSE(fs::exists(Progress(old, "recordinfo.ini")) || fs::exists(Progress(old, "completeinfo.ini")));
+    EXPECT_EQ(profile.cb, CollectedBytes(next));
+}
+
+// Asks for one folder with a large file that takes a while, and waits until some of it has arrived.
+static void StartLongCollection(const MachinePtr &old, const MachinePtr &next, uint64_t cbLarge,
+                                std::vector<std::string> *pItems)
+{
+    for (unsigned i = 0; i < 30; i++)
+        MakeFile(HostPathOf(old, "D:\\Long\\a" + std::to_string(i) + ".bin"), 100000, i);
+    MakeFile(HostPathOf(old, "D:\\Long\\b-large.bin"), cbLarge, 99);
+    MakeFile(HostPathOf(old, "D:\\Long\\c-last.bin"), 1234, 98);
+    *pItems = {"D:\\Long\\"};
+    ASSERT_TRUE(RequestCollection(next, *pItems, cbLarge + 3001234, false)) << next->sLastError;
+    // Recorded, not only stored: a sender killed in between has to send that one again, and it would stand there twice.
+    const auto IsRecorded = [&] {
+        const auto lines = ReadWideLines(Progress(old, "recordinfo.ini").string());
+        return std::any_of(lines.begin(), lines.end(),
+                           [](const std::string &sLine) { return sLine.find("a9.bin") != std::string::npos; });
+    };
+    for (int i = 0; i < 6000 && !IsRecorded(); i++)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_TRUE(IsRecorded());
+}
+
+static void ExpectLongThere(const MachinePtr &old, const MachinePtr &next)
+{
+    for (const char *pszName : {"a0.bin", "a29.bin", "b-large.bin", "c-last.bin"}) {
+        EXPECT_TRUE(ContentOf(HostPathOf(old, std::string("D:\\Long\\") + pszName)) ==
+                    ContentOf(HostPathOf(next, ExpectedPath(old, next, std::string("D:\\Long\\") + pszName))))
+            << pszName;
+    }
+    size_t nFiles = 0; // nothing came twice, nothing half
+    for ([[maybe_unused]] const auto &entry :
+         fs::directory_iterator(HostPathOf(next, ExpectedPath(old, next, "D:\\Long"))))
+        nFiles++;
+    EXPECT_EQ(32U, nFiles);
+}
+
+TEST_F(Collection, CancelledStopsLeavesNoHalfFileAndASecondAttemptCompletes)
+{
+    agentEnvironment["VORN_LINK_DELAY_MS"] = "3"; // a slow line, so that there is something to cancel (hosted machines)
+    StartLinked();
+    if (HasFatalFailure()) return;
+    std::vector<std::string> items;
+    StartLongCollection(old, next, 60 << 20, &items);
+    Expect(next, "send STON_SETPROGRESS 3");
+    Expect(old, "expect NTOS_SETPROGRESS p1=3");
+    EXPECT_EQ(-2, WaitForCollection(next, std::chrono::seconds(60)));
+    EXPECT_FALSE(fs::exists(HostPathOf(next, ExpectedPath(old, next, "D:\\Long\\c-last.bin"))));
+    ASSERT_TRUE(RequestCollection(next, items, (60 << 20) + 3001234, true));
+    EXPECT_EQ(2, WaitForCollection(next, std::chrono::seconds(300)));
+    ExpectLongThere(old, next);
+}
+
+TEST_F(Collection, KilledSenderIsResumedAndNothingComesTwice)
+{
+    agentEnvironment["VORN_LINK_DELAY_MS"] = "3";
+    StartLinked();
+    if (HasFatalFailure()) return;
+    std::vector<std::string> items;
+    StartLongCollection(old, next, 60 << 20, &items);
+    KillAgent(old);
+    ASSERT_TRUE(WaitForBrokenLink(next)) << next->sLastError;
+    ASSERT_TRUE(StartMachine(old, agentEnvironment)) << old->sLastError;
+    ASSERT_TRUE(LinkAgain(old, next)) << old->sLastError << next->sLastError;
+    ASSERT_TRUE(RequestCollection(next, items, (60 << 20) + 3001234, true));
+    EXPECT_EQ(2, WaitForCollection(next, std::chrono::seconds(300)));
+    ExpectLongThere(old, next);
+}
+
+TEST_F(Collection, KilledReceiverIsReportedToTheSenderAndResumed)
+{
+    agentEnvironment["VORN_LINK_DELAY_MS"] = "3";
+    StartLinked();
+    if (HasFatalFailure()) return;
+    std::vector<std::string> items;
+    StartLongCollection(old, next, 60 << 20, &items);
+    KillAgent(next);
+    ASSERT_TRUE(WaitForBrokenLink(old)) << old->sLastError;
+    ASSERT_TRUE(StartMachine(next, agentEnvironment)) << next->sLastError;
+    ASSERT_TRUE(LinkAgain(old, next)) << old->sLastError << next->sLastError;
+    ASSERT_TRUE(RequestCollection(next, items, (60 << 20) + 3001234, true));
+    EXPECT_EQ(2, WaitForCollection(next, std::chrono::seconds(300)));
+    ExpectLongThere(old, next);
+}
+
+TEST_F(Collection, FullTargetIsReportedItemByItemAndNothingHalfStays)
+{
+    if (next->plan.eKind != MachineKind::Hosted) GTEST_SKIP() << "a prefix has no way to pretend a full disk";
+    ASSERT_TRUE(StartMachine(old, agentEnvironment)) << old->sLastError;
+    auto full = agentEnvironment;
+    full["VORN_DRIVE_FULL"] = "C:5000000";
+    ASSERT_TRUE(StartMachine(next, full)) << next->sLastError;
+    ASSERT_TRUE(LinkByPin(old, next, nullptr)) << old->sLastError << next->sLastError;
+    MakeFile(HostPathOf(old, "D:\\Full\\a-large.bin"), 6 << 20, 1);
+    MakeFile(HostPathOf(old, "D:\\Full\\b-larger.bin"), 7 << 20, 2);
+    MakeFile(HostPathOf(old, "D:\\Full\\c-small.bin"), 2000, 3);
+    ASSERT_TRUE(RequestCollection(next, {"D:\\Full\\"}, 13 << 20, false));
+    Expect(next, "expect NTOS_FAILITEMS p1=1 t1=*a-large.bin within=60");
+    Expect(next, "expect NTOS_FAILITEMS p1=1 t1=*b-larger.bin within=60");
+    Expect(next, "expect NTOS_ERRORCONTROL p1=107 within=60");
+    WaitForCollection(next, std::chrono::seconds(60));
+    EXPECT_FALSE(fs::exists(HostPathOf(next, ExpectedPath(old, next, "D:\\Full\\a-large.bin"))));
+    EXPECT_TRUE(ContentOf(HostPathOf(old, "D:\\Full\\c-small.bin")) ==
+                ContentOf(HostPathOf(next, ExpectedPath(old, next, "D:\\Full\\c-small.bin"))));
+}

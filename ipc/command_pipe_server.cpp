@@ -1,6 +1,9 @@
 // command_pipe_server.cpp: accepting the service's connections and reading its records.
 // Every pass creates one further instance of the pipe, so that a client always finds one that waits while its
-// predecessors are still being read.
+// predecessors are still being read. A service that opens a connection for each record relies on their order all the
+// same: "disconnect" and then "connect" the other way round would leave a person without a link and without a report.
+// So a connection is not read before the first records of the one before it have been taken, for as long as those
+// are not much too late.
 #include "ipc/command_pipe_server.h"
 #include "ipc/service_pipe_client.h"
 #include "ipc/stop_signal.h"
@@ -18,8 +21,13 @@ static constexpr uint32_t PIPE_DEFAULT_TIMEOUT_MS = 200;
 static constexpr int32_t  CREATE_ATTEMPTS         = 3;
 static constexpr uint32_t CREATE_PAUSE_MS         = 500;
 static constexpr uint32_t CONNECT_PAUSE_MS        = 1000;
+static constexpr uint32_t FIRST_RECORDS_POLL_MS   = 5;
+static constexpr uint32_t FIRST_RECORDS_POLLS     = 40; // a client that says nothing delays the next one by 200 ms
 
 std::atomic<HANDLE> g_hStartupEvent{nullptr};
+
+// 1 once the newest connection's first records have been taken, or the connection has ended.
+static std::atomic<uint8_t> g_bFirstRecordsTaken{1};
 
 enum class Accepted {
     Connected, // the pipe has a client
@@ -67,6 +75,20 @@ static Accepted AwaitClient(HANDLE hPipe)
     return result;
 }
 
+// Hands a connected pipe to a reader of its own, which owns it from then on, or closes it.
+static void StartReader(HANDLE hPipe)
+{
+    for (uint32_t n = 0; n < FIRST_RECORDS_POLLS && !g_bFirstRecordsTaken && !WaitForStop(FIRST_RECORDS_POLL_MS); n++) {}
+    g_bFirstRecordsTaken = 0;
+    const HANDLE hThread = CreateThread(nullptr, 0, NetLoopThread, hPipe, 0, nullptr);
+    if (hThread != nullptr) {
+        CloseHandle(hThread);
+    } else {
+        CloseHandle(hPipe);
+        g_bFirstRecordsTaken = 1;
+    }
+}
+
 static void AcceptClients(const char16_t *pszPipeName, SECURITY_ATTRIBUTES *pSecurity)
 {
     int32_t nFailures = 0;
@@ -81,10 +103,8 @@ static void AcceptClients(const char16_t *pszPipeName, SECURITY_ATTRIBUTES *pSec
         }
         nFailures = 0;
 
-        const Accepted result  = AwaitClient(hPipe);
-        HANDLE         hThread = nullptr;
-        if (result == Accepted::Connected) hThread = CreateThread(nullptr, 0, NetLoopThread, hPipe, 0, nullptr);
-        if (hThread != nullptr) CloseHandle(hThread);
+        const Accepted result = AwaitClient(hPipe);
+        if (result == Accepted::Connected) StartReader(hPipe);
         else CloseHandle(hPipe);
         if (result == Accepted::Stop) return;
     }
@@ -112,7 +132,8 @@ uint32_t CommandPipeServerThread(void *)
 
 uint32_t NetLoopThread(void *pPipe)
 {
-    const HANDLE hPipe = pPipe;
+    const HANDLE hPipe  = pPipe;
+    bool         bTaken = false; // this connection's first records
     IpcMessage   aRecords[COMMAND_PIPE_BUFFER_BYTES / IPC_MESSAGE_SIZE];
     uint32_t     cbRead = 0;
     static_assert(sizeof(aRecords) == COMMAND_PIPE_BUFFER_BYTES);
@@ -122,7 +143,10 @@ uint32_t NetLoopThread(void *pPipe)
         for (uint32_t n = 0; n < cbRead / IPC_MESSAGE_SIZE; n++) { // what follows the last whole record is dropped
             if (aRecords[n].dwSessionId == 0) NetHandleIPC(&aRecords[n]);
         }
+        if (!bTaken) g_bFirstRecordsTaken = 1;
+        bTaken = true;
     }
+    if (!bTaken) g_bFirstRecordsTaken = 1;
     DisconnectNamedPipe(hPipe);
     CloseHandle(hPipe);
     return 0;

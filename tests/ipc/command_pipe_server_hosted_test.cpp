@@ -146,6 +146,48 @@ TEST_F(CommandPipeFaults, EachReadIsTracedWithItsBytesAndItsWholeRecords)
     ExpectNothingLeft();
 }
 
+// A service opens a connection for each record: a disconnect and the connect after it must not change places. A client
+// that stays silent holds nobody up for long.
+TEST_F(CommandPipeFaults, RecordsOnConnectionsOfTheirOwnAreTakenInTheirOrder)
+{
+    constexpr int RECORDS = 200;
+    const char16_t *pszPipe = u"\\\\.\\pipe\\VornMigrationNet_NamedPipeCommand_0x1";
+    std::thread     server([] { CommandPipeServerThread(nullptr); });
+    EXPECT_TRUE(Becomes([] { return hosted::CallCount("WaitForMultipleObjects") == 1; }));
+    {
+        TraceSession session;
+        HANDLE       hSilent = INVALID_HANDLE_VALUE;
+        for (int n = 0; n <= RECORDS; n++) {
+            HANDLE hPipe;
+            do hPipe = CreateFileW(pszPipe, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+            while (hPipe == INVALID_HANDLE_VALUE && WaitNamedPipeW(pszPipe, 5000));
+            EXPECT_NE(INVALID_HANDLE_VALUE, hPipe) << GetLastError();
+            if (n == 0) {
+                hSilent = hPipe;
+                continue;
+            }
+            const IpcMessage record = MakeRecord(0x306, static_cast<uint32_t>(n), 0, 0, u"");
+            uint32_t         cbWritten = 0;
+            EXPECT_TRUE(WriteFile(hPipe, &record, sizeof(record), &cbWritten, nullptr));
+            CloseHandle(hPipe);
+        }
+        std::vector<std::string> aTaken, aExpected;
+        for (int n = 1; n <= RECORDS; n++)
+            aExpected.push_back("27 VornTramsaNet: NetHandleIPC, STOA_, " + std::to_string(n) + ", 0, 0, , , ");
+        EXPECT_TRUE(Becomes([&] {
+            for (std::string &sLine : session.Take())
+                if (sLine.rfind("27 ", 0) == 0) aTaken.push_back(std::move(sLine));
+            return aTaken.size() >= aExpected.size();
+        }));
+        EXPECT_EQ(aExpected, aTaken);
+        CloseHandle(hSilent);
+        EXPECT_TRUE(Becomes([] { return hosted::LiveThreads() == 0; }));
+    }
+    SetEvent(g_hAppEvent);
+    server.join();
+    ExpectNothingLeft();
+}
+
 // A client may connect, write and leave before its instance is awaited. What it wrote counts all the same.
 TEST_F(CommandPipeFaults, NoRecordOfAClientInAHurryIsLost)
 {

@@ -54,6 +54,14 @@ Key *KeyOf(void *hKey)
     return p != nullptr && p->dwSignature == KEY_SIGNATURE ? p : nullptr;
 }
 
+// A process ends while its threads still run, as a Windows process may: libcrypto must not take away at exit what they
+// use, nor the key by which a thread's own state is freed.
+void KeepLibraryToTheEnd()
+{
+    static const bool bKept = OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
+    static_cast<void>(bKept);
+}
+
 // Looked up once for the process: the look-up costs more than the encryption of a small file.
 const EVP_CIPHER *CipherFor(uint32_t cbSecret)
 {
@@ -159,6 +167,7 @@ NTSTATUS BCryptOpenAlgorithmProvider(BCRYPT_ALG_HANDLE *phAlgorithm, const char1
     if (phAlgorithm == nullptr || pszAlgId == nullptr) return STATUS_INVALID_PARAMETER;
     if (CompareTextW(pszAlgId, BCRYPT_AES_ALGORITHM) != 0) return STATUS_NOT_FOUND;
     if (pszImplementation != nullptr || dwFlags != 0) return STATUS_NOT_SUPPORTED;
+    KeepLibraryToTheEnd();
     auto *pAlgorithm = new (std::nothrow) Algorithm;
     if (pAlgorithm == nullptr) return STATUS_NO_MEMORY;
     ++hosted::g_nCiphers;

@@ -20,7 +20,7 @@ TEST_F(Lifecycle, EndsOnRequestOnTheServicesExitEventAndAtTheEndOfTheSession)
     for (const auto &way : aapszWays) {
         ASSERT_TRUE(StartConsole(next)); // the service's event must be there before the agent opens it
         if (*way[0] != '\0') Expect(next, way[0]);
-        ASSERT_TRUE(StartMachine(next, agentEnvironment)) << way[1] << ": " << next->sLastError;
+        ASSERT_TRUE(StartMachine(next, agentEnvironment)) << way[1] << ": " << Happened();
         Expect(next, way[1]);
         EXPECT_TRUE(EndsWithZero(next)) << way[1];
         Expect(next, "agent absent within=10");
@@ -31,7 +31,7 @@ TEST_F(Lifecycle, EndsOnRequestOnTheServicesExitEventAndAtTheEndOfTheSession)
 
 TEST_F(Lifecycle, SecondStartHasTheFirstAnnounceItselfAgain)
 {
-    ASSERT_TRUE(StartMachine(next, agentEnvironment)) << next->sLastError;
+    ASSERT_TRUE(StartMachine(next, agentEnvironment)) << Happened();
     const Child first = next->agent;
     ASSERT_TRUE(StartAgent(next, agentEnvironment));
     EXPECT_TRUE(EndsWithZero(next));
@@ -42,7 +42,7 @@ TEST_F(Lifecycle, SecondStartHasTheFirstAnnounceItselfAgain)
 
 TEST_F(Lifecycle, RecordsOfWrongSizeOrUnknownCodeAreDroppedAndTheNextIsTaken)
 {
-    ASSERT_TRUE(StartMachine(next, agentEnvironment)) << next->sLastError;
+    ASSERT_TRUE(StartMachine(next, agentEnvironment)) << Happened();
     for (const char *pszCommand : {"send-bytes 1", "send-bytes 1583", "send-bytes 1600", "send-bytes 9000",
                                    "send 0xFFFF 1", "send STON_MIGRATIONCOLLECTION 1 9", "send STON_GETPINCODE 7"}) {
         Expect(next, pszCommand);

@@ -1,8 +1,10 @@
 // machines.cpp: fixture and entry of the end-to-end tests.
 #include "tests/e2e/machines.h"
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <unistd.h>
 
 namespace fs = std::filesystem;
@@ -88,32 +90,33 @@ void TwoMachines::TearDown()
     }
 }
 
-// What both services have received so far, for the reader of a failure.
-static std::string Received(const MachinePtr &machine)
+std::string TwoMachines::Happened()
 {
-    std::string sText = "\n" + machine->plan.sComputer + " has received:";
-    for (const auto &record : ReceivedRecords(machine))
-        sText += "\n  " + record.dump();
+    std::string sText;
+    for (const MachinePtr &machine : {old, next}) {
+        sText += machine->plan.sComputer + ": " + machine->sLastError + "\n  has received:\n";
+        for (const auto &record : ReceivedRecords(machine))
+            sText += "    " + record.dump() + "\n";
+    }
     return sText;
 }
 
 void TwoMachines::Expect(const MachinePtr &machine, const std::string &sCommand)
 {
-    ASSERT_TRUE(Command(machine, sCommand))
-        << machine->plan.sComputer << ": " << machine->sLastError << Received(old) << Received(next);
+    ASSERT_TRUE(Command(machine, sCommand)) << machine->plan.sComputer << ": " << sCommand << "\n" << Happened();
 }
 
 void TwoMachines::StartBoth()
 {
-    ASSERT_TRUE(StartMachine(old, agentEnvironment)) << old->sLastError;
-    ASSERT_TRUE(StartMachine(next, agentEnvironment)) << next->sLastError;
+    ASSERT_TRUE(StartMachine(old, agentEnvironment)) << Happened();
+    ASSERT_TRUE(StartMachine(next, agentEnvironment)) << Happened();
 }
 
 void TwoMachines::StartLinked()
 {
     StartBoth();
     if (HasFatalFailure()) return;
-    ASSERT_TRUE(LinkByPin(old, next, nullptr)) << old->sLastError << " " << next->sLastError;
+    ASSERT_TRUE(LinkByPin(old, next, nullptr)) << Happened();
 }
 
 std::string TwoMachines::HostFile(const MachinePtr &machine, const std::string &sWindowsPath)
@@ -126,17 +129,21 @@ std::string TwoMachines::HostFile(const MachinePtr &machine, const std::string &
 void MakeFile(const std::string &sHostPath, uint64_t cb, unsigned nSeed)
 {
     fs::create_directories(fs::path(sHostPath).parent_path());
-    std::string sContent(cb, '\0');
-    for (uint64_t i = 0; i < cb; i++)
-        sContent[i] = static_cast<char>((i * 31 + (i >> 9) + nSeed) & 0xFF);
-    std::ofstream(sHostPath, std::ios::binary) << sContent;
+    std::string sPeriod(131072, '\0');
+    for (uint64_t i = 0; i < sPeriod.size(); i++)
+        sPeriod[i] = static_cast<char>((i * 31 + (i >> 9) + nSeed) & 0xFF);
+    std::ofstream file(sHostPath, std::ios::binary);
+    for (; cb > 0; cb -= std::min<uint64_t>(cb, sPeriod.size()))
+        file.write(sPeriod.data(), static_cast<std::streamsize>(std::min<uint64_t>(cb, sPeriod.size())));
 }
 
 std::string ContentOf(const std::string &sHostPath)
 {
     std::ifstream file(sHostPath, std::ios::binary);
     if (!file) return "<missing>";
-    return std::string((std::istreambuf_iterator<char>(file)), {});
+    std::stringstream content;
+    content << file.rdbuf();
+    return std::move(content).str();
 }
 
 int main(int argc, char **argv)

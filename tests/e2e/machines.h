@@ -19,6 +19,8 @@ class TwoMachines : public ::testing::Test
     void StartLinked();
     // Expects a command of the service console to succeed.
     void Expect(const MachinePtr &machine, const std::string &sCommand);
+    // What went wrong last on each machine, and what both services have received so far: for the reader of a failure.
+    static std::string Happened();
     // An empty folder of this test on the machine (ASCII path), by its host path.
     std::string HostFile(const MachinePtr &machine, const std::string &sWindowsPath);
 

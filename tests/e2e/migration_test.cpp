@@ -42,7 +42,7 @@ TEST_F(Migration, ServicesPlayItFromTheFirstQuestionToTheSecondAttempt)
     StartLinked();
     if (HasFatalFailure()) return;
 
-    ASSERT_TRUE(TellRoleAndOptions(next, old, 77)) << old->sLastError;
+    ASSERT_TRUE(TellRoleAndOptions(next, old, 77)) << Happened();
     auto all = UsualSpecialData();
     all.back().bReserved = true;
     for (SpecialData &data : all)
@@ -54,7 +54,7 @@ TEST_F(Migration, ServicesPlayItFromTheFirstQuestionToTheSecondAttempt)
     const std::string        sGone = "D:\\Projekte\\verschwunden.txt";
     std::vector<std::string> items = RequestLines(profile);
     items.push_back(sGone);
-    ASSERT_TRUE(RequestCollection(next, items, profile.cb, false)) << next->sLastError;
+    ASSERT_TRUE(RequestCollection(next, items, profile.cb, false)) << Happened();
     ASSERT_TRUE(WaitForPercentages(next, 3));
     Expect(next, "send STON_SETPROGRESS 3");
     Expect(old, "expect NTOS_SETPROGRESS p1=3 within=60");
@@ -62,7 +62,7 @@ TEST_F(Migration, ServicesPlayItFromTheFirstQuestionToTheSecondAttempt)
     EXPECT_LT(CollectedBytes(next), profile.cb);
     EXPECT_EQ(0U, CountFailed(next, sGone));
 
-    ASSERT_TRUE(RequestCollection(next, items, profile.cb, true)) << next->sLastError;
+    ASSERT_TRUE(RequestCollection(next, items, profile.cb, true)) << Happened();
     EXPECT_EQ(2, WaitForCollection(next, std::chrono::seconds(300)));
     EXPECT_EQ(profile.cb, CollectedBytes(next)); // nothing came twice
     EXPECT_EQ(1U, CountFailed(next, sGone));

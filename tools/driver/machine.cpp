@@ -166,7 +166,7 @@ static void OnConsoleLine(Machine *pMachine, const std::string &sLine)
 bool StartConsole(const MachinePtr &machine)
 {
     std::vector<std::string> command = ProgramCommand(*machine, ProgramFile(*machine, "service-console"));
-    command.push_back("--json");
+    command.insert(command.end(), {"--json", "--wait", "90"}); // bounds for a busy machine, not pauses
     machine->console = StartChild(
         command, machine->environment, [raw = machine.get()](const std::string &sLine) { OnConsoleLine(raw, sLine); },
         machine->plan.sFolder + ".console.log");

@@ -9,26 +9,26 @@ bool StartMachine(const MachinePtr &machine, const std::map<std::string, std::st
 {
     if (!machine->console && !StartConsole(machine)) return false;
     return StartAgent(machine, agentEnvironment) && Command(machine, "expect NTOS_IPCREADY p1=1 within=60") &&
-           Command(machine, "agent present within=30");
+           Command(machine, "agent present within=90");
 }
 
 bool LinkByPin(const MachinePtr &server, const MachinePtr &client, std::string *psPin)
 {
     if (!Command(server, "send STON_GETPINCODE 1") ||
-        !Command(server, "expect STON_GETPINCODE p1=3 set=PIN:p2 within=30"))
+        !Command(server, "expect STON_GETPINCODE p1=3 set=PIN:p2 within=90"))
         return false;
     const std::string sPin = ConsoleVariable(server, "PIN");
     if (psPin != nullptr) *psPin = sPin;
     return Command(client, "send STON_SETPINCCODE 1 " + sPin) &&
            Command(client, "expect STON_SETPINCCODE p1=2 within=90") &&
-           Command(server, "expect STON_GETPINCODE p1=2 within=30");
+           Command(server, "expect STON_GETPINCODE p1=2 within=90");
 }
 
 bool LinkAgain(const MachinePtr &server, const MachinePtr &client)
 {
     return Command(server, "send STON_NETWORKCONNECTION 1") && Command(client, "send STON_NETWORKCONNECTION 2") &&
            Command(client, "expect STON_NETWORKCONNECTION p1=2 within=90") &&
-           Command(server, "expect STON_NETWORKCONNECTION p1=2 within=30");
+           Command(server, "expect STON_NETWORKCONNECTION p1=2 within=90");
 }
 
 bool Unlink(const MachinePtr &machine)

@@ -88,16 +88,16 @@ stage_windows() {
 
 stage_e2e() {
     build dev all || return
-    run_counted e2e env VORN_E2E_PROGRAMS="$PWD/build/dev" scripts/run-test-programs.sh e2e 1200 build/dev/tests/e2e/test_e2e
+    run_counted e2e env AGAIN=1 VORN_E2E_PROGRAMS="$PWD/build/dev" scripts/run-test-programs.sh e2e 1200 build/dev/tests/e2e/test_e2e
 }
 
 stage_e2e-windows() {
     build dev test_e2e && build windows || return
-    run_counted e2e-windows env VORN_E2E_KIND=wine VORN_E2E_PROGRAMS="$PWD/build/windows" \
+    run_counted e2e-windows env AGAIN=1 VORN_E2E_KIND=wine VORN_E2E_PROGRAMS="$PWD/build/windows" \
         scripts/run-test-programs.sh e2e-windows 1200 build/dev/tests/e2e/test_e2e
     local kind
     for kind in hosted-wine wine-hosted; do # old machine first
-        run_counted "e2e $kind" env VORN_E2E_KIND=$kind VORN_E2E_PROGRAMS="$PWD/build/dev" VORN_E2E_WINDOWS_PROGRAMS="$PWD/build/windows" \
+        run_counted "e2e $kind" env AGAIN=1 VORN_E2E_KIND=$kind VORN_E2E_PROGRAMS="$PWD/build/dev" VORN_E2E_WINDOWS_PROGRAMS="$PWD/build/windows" \
             GTEST_FILTER='Migration.*:Link.RightPin*' scripts/run-test-programs.sh "e2e $kind" 400 build/dev/tests/e2e/test_e2e
     done
 }

@@ -34,6 +34,7 @@ constexpr uint32_t REFRESH_MS = 100;
 constexpr uint32_t MAX_SEARCH_MS = 10 * 60 * 1000; // a search whose agent was killed does not go on for ever
 constexpr uint32_t EARLY_STOP_MS = 6000;         // a stop within this time may have been meant for the one before,
 constexpr uint32_t LINGER_MS = 30000;            // and ends this one only so much later: longer than a search's rounds
+constexpr uint32_t MAX_SERVERS = 256; // a torn count is any number
 constexpr char     RENDEZVOUS_MARK[] = ".vorn-server";
 
 struct Server {
@@ -127,17 +128,43 @@ int RunServer(const char *pszConfig, HANDLE hStop)
     return 0;
 }
 
+// What the settings file holds now, as far as it is whole.
+std::vector<Server> ReadServers(const char *pszConfig)
+{
+    std::vector<Server> servers(std::min(GetPrivateProfileIntA("ServerEnum", "Count", 0, pszConfig), MAX_SERVERS));
+    char                szValue[64];
+    for (size_t i = 0; i < servers.size(); i++) {
+        const std::string sIndex = std::to_string(i + 1);
+        GetPrivateProfileStringA("ServerEnum", sIndex.c_str(), "", szValue, sizeof(szValue), pszConfig);
+        servers[i].sAddress = szValue;
+        GetPrivateProfileStringA("ServerEnum", (sIndex + "_port").c_str(), "", szValue, sizeof(szValue), pszConfig);
+        servers[i].sPort = szValue;
+    }
+    return servers;
+}
+
+// The newest client of this settings file writes its number beside it; an older one that lingers sees that and ends: two
+// that write the same file at once tear it where the system does not lock profile files (Wine).
+bool IsNewestClient(const std::string &sMark)
+{
+    const uint32_t dwNewest = GetPrivateProfileIntA("Client", "Process", 0, sMark.c_str());
+    return dwNewest == 0 || dwNewest == GetCurrentProcessId();
+}
+
 int RunClient(const char *pszConfig, HANDLE hStop)
 {
-    const std::string   sFolder = RendezvousFolder();
-    std::vector<Server> last;
-    const uint64_t      ullBegin = GetTickCount64();
-    uint64_t            ullEnd = ullBegin + MAX_SEARCH_MS;
+    const std::string sFolder = RendezvousFolder();
+    const std::string sMark = std::string(pszConfig) + ".client";
+    const uint64_t    ullBegin = GetTickCount64();
+    uint64_t          ullEnd = ullBegin + MAX_SEARCH_MS;
+    uint32_t          nRoundsAmiss = 1; // the first list is written at once
+    WritePrivateProfileStringA("Client", "Process", std::to_string(GetCurrentProcessId()).c_str(), sMark.c_str());
     do {
         const std::vector<Server> servers = sFolder.empty() ? std::vector<Server>() : ListServers(sFolder);
-        if (servers != last) WriteServers(pszConfig, servers);
-        last = servers;
-    } while (!IsStopped(hStop, ullBegin, &ullEnd, REFRESH_MS));
+        // One round may fall into a write of the agent's; a list that is amiss in two is new, or was torn.
+        nRoundsAmiss = ReadServers(pszConfig) == servers ? 0 : nRoundsAmiss + 1;
+        if (nRoundsAmiss >= 2) WriteServers(pszConfig, servers);
+    } while (!IsStopped(hStop, ullBegin, &ullEnd, REFRESH_MS) && IsNewestClient(sMark));
     return 0;
 }
 

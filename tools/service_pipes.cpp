@@ -60,7 +60,9 @@ void ServeInstances(HANDLE hPipe)
         HANDLE     hConnected = CreateEventW(nullptr, TRUE, FALSE, nullptr);
         OVERLAPPED overlapped{};
         overlapped.hEvent = hConnected;
-        bool bConnected = ConnectNamedPipe(hPipe, &overlapped) || GetLastError() == ERROR_PIPE_CONNECTED;
+        // An agent may come, write and leave before this call (ERROR_NO_DATA): what it wrote waits in the pipe.
+        bool bConnected = ConnectNamedPipe(hPipe, &overlapped) || GetLastError() == ERROR_PIPE_CONNECTED ||
+                          GetLastError() == ERROR_NO_DATA;
         bool bStop = false;
         if (!bConnected && GetLastError() == ERROR_IO_PENDING) {
             const HANDLE ahWait[] = {g_hStop, hConnected};

@@ -170,11 +170,23 @@ int32_t setsockopt(SOCKET s, int32_t nLevel, int32_t nOption, const char *pValue
     return ::setsockopt(s, nLevel, nOption, pValue, cbValue);
 }
 
+// On Windows every receive after a reset says so. Wine's server takes the host's error for itself when it learns of the
+// reset first, and each receive after that looks like a peer's orderly close. A send of no bytes tells the two apart: it
+// changes nothing on a connection that can still send, and fails on one that was reset.
+static bool IsReset(SOCKET s)
+{
+    return ::send(s, "", 0, 0) == SOCKET_ERROR;
+}
+
 int32_t recv(SOCKET s, char *pBuffer, int32_t cb, int32_t nFlags)
 {
     const int32_t cbReceived = ::recv(s, pBuffer, cb, nFlags);
-    if (cbReceived == SOCKET_ERROR)
+    if (cbReceived == SOCKET_ERROR) {
         NoteClosedSocket(s);
+    } else if (cbReceived == 0 && cb > 0 && IsReset(s)) {
+        ::WSASetLastError(WSAECONNRESET);
+        return SOCKET_ERROR;
+    }
     return cbReceived;
 }
 

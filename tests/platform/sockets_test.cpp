@@ -264,3 +264,30 @@ TEST_F(Sockets, AFailureBehindAHoldIsReported)
     }
     EXPECT_TRUE(nError == WSAECONNRESET || nError == WSAECONNABORTED) << nError;
 }
+
+// A dead peer's connection stays broken however often it is asked: a receive that says "closed in good order" after the
+// reset would be waited on until the link's own time-outs.
+TEST_F(Sockets, AResetIsSaidByEveryReceiveThatFollows)
+{
+    for (const bool bWaiting : {false, true}) {
+        LinkPair          link;
+        std::atomic<bool> bAbout{false}, bClosed{false};
+        std::string       sSaid;
+        EXPECT_TRUE(SendAll(link.hClient, "unread")); // bytes that nobody read make a close a reset
+        std::thread receiver([&] {
+            while (!bWaiting && !bClosed) std::this_thread::yield();
+            for (int i = 0; i < 3; i++) {
+                char ch = 0;
+                bAbout  = true;
+                if (recv(link.hClient, &ch, 1, 0) != SOCKET_ERROR) sSaid += "closed ";
+                else sSaid += WSAGetLastError() == WSAECONNRESET ? "reset " : std::to_string(WSAGetLastError());
+            }
+        });
+        while (bWaiting && !bAbout) std::this_thread::yield();
+        Sleep(50); // it then blocks, or what it will ask has happened already
+        LinkPair::Close(&link.hServer);
+        bClosed = true;
+        receiver.join();
+        EXPECT_EQ("reset reset reset ", sSaid) << bWaiting;
+    }
+}

@@ -38,9 +38,7 @@ bool Unlink(const MachinePtr &machine)
 
 bool WaitForBrokenLink(const MachinePtr &machine)
 {
-    // Wine's server now and then keeps a killed process's socket open, as a machine without power would: then only the
-    // link's own time-outs tell, after 136 s in the middle of a file.
-    return Command(machine, "expect NTOS_ERRORCONTROL p1=102 within=240");
+    return Command(machine, "expect NTOS_ERRORCONTROL p1=102 within=90");
 }
 
 std::string ApplicationDataRoot(const MachinePtr &machine)

@@ -23,7 +23,8 @@ constexpr int32_t SEND_SOURCE_MISSING     = -1006;
 constexpr uint32_t ANSWER_POLL_MS    = 25;
 constexpr uint32_t ANSWER_POLL_LIMIT = 400; // polls, so about 10 s
 
-// True for the results after which nothing further can be sent on this link.
+// True for the results after which nothing further can be sent on this link. SEND_BOTH_ROLES is none of them: it
+// says that nobody knows which link is meant, not that one has ended, and walks go on after it.
 constexpr bool IsLinkEnd(int32_t nResult)
 {
     return nResult == SEND_LINK_ERROR || nResult == SEND_NO_ROLE || nResult == SEND_NO_SOCKET;

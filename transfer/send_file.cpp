@@ -244,8 +244,10 @@ int64_t SendFile(SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt)
     }
     if (nEnd == 0) nPending = SendChunks(hSocket, hFile, cbSize, bEncrypt ? &cipher : nullptr, nPending, &bEncrypted);
     if (hFile != INVALID_HANDLE_VALUE) CloseHandle(hFile);
-    if (bEncrypt) ReleaseKeyHandle(cipher.hAlgorithm, cipher.hKey, cipher.pbKeyObject);
+    // Without its size the stream never came to a key; lines about one that cannot be released would mislead.
+    if (bEncrypt && nEnd != SENDFILE_SIZE_NOT_SENT)
+        ReleaseKeyHandle(cipher.hAlgorithm, cipher.hKey, cipher.pbKeyObject);
     if (nEnd != 0) return nEnd;
-    if (!bEncrypted) return SENDFILE_NOT_ENCRYPTED;
+    if (!bEncrypted) return SENDFILE_NOT_ENCRYPTED; // of the last chunk; the peer stopped at the first that failed
     return nPending != 0 ? nPending : cbSize;
 }

@@ -139,6 +139,9 @@ TEST_F(SendFileTest, EachFailingCallHasItsCodeAndLeavesNothingOpen)
         EXPECT_EQ(nHandles, hosted::OpenHandles()) << c.pszCall << c.nth;
         EXPECT_EQ(nCiphers, hosted::OpenCiphers()) << c.pszCall << c.nth;
     }
+    KeepLines();
+    EXPECT_EQ(-2, Send(1, "send", 1, WSAECONNRESET));
+    EXPECT_EQ(nullptr, strstr(hosted::TakeDebugOutput(), "ReleaseKeyHandle")) << "there is no key yet";
     EXPECT_EQ(-3, Send(0, "send", 2, WSAECONNRESET));
     EXPECT_EQ(-103, Send(0, "ReadFile", 1, ERROR_GEN_FAILURE));
     EXPECT_EQ(CancelBlock(), m_sStream.substr(8, 50));

@@ -42,3 +42,16 @@ bool PathExists(const std::u16string &sPath)
 {
     return GetFileAttributesW(sPath.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
+
+std::vector<std::u16string> NamesOf(const std::u16string &sPattern)
+{
+    std::vector<std::u16string> aNames;
+    WIN32_FIND_DATAW            data;
+    const HANDLE                hFind = FindFirstFileW(sPattern.c_str(), &data);
+    if (hFind == INVALID_HANDLE_VALUE) return aNames;
+    do aNames.push_back(data.cFileName);
+    while (FindNextFileW(hFind, &data));
+    EXPECT_EQ(ERROR_NO_MORE_FILES, GetLastError());
+    EXPECT_TRUE(FindClose(hFind));
+    return aNames;
+}

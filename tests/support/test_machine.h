@@ -2,6 +2,7 @@
 #pragma once
 #include <gtest/gtest.h>
 #include <string>
+#include <vector>
 
 // Hosted: moves the process to a new machine folder of its own below the build tree, and drops faults, limits, missing
 // functions and the clock rate. Windows: empties the product's data folder of this system. Both: the last error is 0.
@@ -23,3 +24,5 @@ void WriteTestFile(const std::u16string &sPath, const std::string &sContent);
 // The whole content; "<missing>" when it cannot be opened.
 std::string ReadTestFile(const std::u16string &sPath);
 bool        PathExists(const std::u16string &sPath);
+// The names that a pattern finds, in the order of the enumeration, with "." and "..".
+std::vector<std::u16string> NamesOf(const std::u16string &sPattern);

@@ -13,17 +13,10 @@ class NetworkSendTest : public TransferTest
         m_sFile = m_sFolder + u"\\source.txt";
         WriteTestFile(m_sFile, "content");
     }
-    void TearDown() override
-    {
-        EndRole();
-        TransferTest::TearDown();
-    }
     int32_t Send(const char16_t *pszDestination = u"D:\\x.txt", uint64_t *pullElapsed = nullptr)
     {
         return SendNetworkFile(m_sFile.c_str(), pszDestination, 0, 0, 1, pullElapsed);
     }
-    static std::atomic<uint8_t> *Done(const PeerFile &) { return &g_bRemoteFileDone; }
-
     std::u16string m_sFile;
 };
 
@@ -59,15 +52,15 @@ TEST_F(NetworkSendTest, TheAnswerDecidesTheResult)
         {{&g_bRemoteFileDone}, 1},
         {{&g_bRemoteFileFull}, 107},
         {{&g_bRemoteFileAllFull, &g_bRemoteFileFull}, 108},
-        {{&g_bRemoteFileError, &g_bRemoteFileTypeUnknown}, 2001},
+        {{&g_bRemoteFileTypeUnknown, &g_bRemoteFileError}, 2001},
         {{&g_bRemoteFileError}, 1001},
-        {{&g_bRemoteFileError, &g_bRemoteFileDone}, 1},
+        {{&g_bRemoteFileDone, &g_bRemoteFileError}, 1},
     };
     size_t i = 0;
-    BecomeServer([&](const PeerFile &) {
-        for (std::atomic<uint8_t> *pFlag : aCases[i].apFlags)
-            *pFlag = 1;
-        return aCases[i].apFlags.back();
+    m_pPeer  = std::make_unique<FakePeer>([&](uint32_t, const std::string &) {
+        for (std::atomic<uint8_t> *pFlag : aCases[i].apFlags) *pFlag = 1; // the listener's words set one each
+        SetEvent(GetFileOutcomeEvent());
+        return "";
     });
     for (i = 0; i < std::size(aCases); i++) {
         uint64_t ullElapsed = 99999;
@@ -75,8 +68,8 @@ TEST_F(NetworkSendTest, TheAnswerDecidesTheResult)
         EXPECT_LT(ullElapsed, 99999u);
         EXPECT_EQ(0, g_bSendingFile);
     }
-    EXPECT_EQ("content", m_pPeer->Files()[0].sContent);
-    EXPECT_EQ(u"D:\\x.txt", m_pPeer->Files()[0].sPath);
+    EXPECT_EQ("file 0 D:\\x.txt 7", m_pPeer->Take().front());
+    m_pPeer.reset();
 }
 
 TEST_F(NetworkSendTest, OnlyABrokenLinkIsALinkError)
@@ -91,17 +84,15 @@ TEST_F(NetworkSendTest, OnlyABrokenLinkIsALinkError)
                   {"_waccess", 1, ERROR_FILE_NOT_FOUND, -301},
                   {"BCryptExportKey", 1, 0xC0000001, 1001}};
     for (const auto &c : aCases) {
-        m_pLink = std::make_unique<LinkPair>();
-        BecomeServer(Done);
+        m_pPeer = std::make_unique<FakePeer>();
         hosted::ClearFaults();
         hosted::FailCall(c.pszCall, c.nth, c.dwError);
         EXPECT_EQ(c.nExpected, Send()) << c.pszCall << c.dwError;
         EXPECT_EQ(0, g_bSendingFile);
-        EndRole();
+        m_pPeer.reset();
     }
     IpcMessage record = {};
-    m_pLink           = std::make_unique<LinkPair>();
-    BecomeServer(Done);
+    m_pPeer           = std::make_unique<FakePeer>();
     EXPECT_EQ(1, SendNetworkCommand(&record, 0, 0));
     hosted::FailCall("send", 1, WSAETIMEDOUT);
     EXPECT_EQ(-1, SendNetworkCommand(&record, 0, 0));
@@ -117,7 +108,7 @@ TEST_F(NetworkSendTest, OnlyABrokenLinkIsALinkError)
 
 TEST_F(NetworkSendTest, AThreadOfAFormerLinkSendsNothing)
 {
-    BecomeServer(Done);
+    m_pPeer = std::make_unique<FakePeer>();
     BindThreadToLink(g_dwLinkGeneration);
     EXPECT_EQ(1, Send());
     EnterCriticalSection(&g_csNetSocket);
@@ -144,9 +135,9 @@ TEST_F(NetworkSendTest, AThreadOfAFormerLinkSendsNothing)
 TEST_F(NetworkSendTest, ASenderThatWaitsForTheLineLeavesTheLockToOthers)
 {
     std::atomic<bool> bAnswer{false};
-    BecomeServer([&](const PeerFile &file) -> std::atomic<uint8_t> * {
-        if (file.sPath == u"D:\\first") Eventually([&] { return bAnswer.load(); });
-        return &g_bRemoteFileDone;
+    m_pPeer = std::make_unique<FakePeer>([&](uint32_t, const std::string &sPath) {
+        if (sPath == "D:\\first") Eventually([&] { return bAnswer.load(); });
+        return "FileDone";
     });
     int32_t     nFirst = 0, nSecond = 0;
     std::thread first([&] { nFirst = Send(u"D:\\first"); });
@@ -161,12 +152,13 @@ TEST_F(NetworkSendTest, ASenderThatWaitsForTheLineLeavesTheLockToOthers)
     second.join();
     EXPECT_EQ(1, nFirst);
     EXPECT_EQ(1, nSecond);
-    EXPECT_EQ(2u, m_pPeer->Files().size());
+    EXPECT_EQ(2u, m_pPeer->Take().size());
+    m_pPeer.reset();
 }
 
 TEST_F(NetworkSendTest, WaitsAreBoundedByFourHundredPolls)
 {
-    BecomeServer([](const PeerFile &) -> std::atomic<uint8_t> * { return nullptr; });
+    m_pPeer = std::make_unique<FakePeer>([](uint32_t, const std::string &) { return ""; });
     hosted::SetClockRate(50);
     uint64_t ullBegin = GetTickCount64();
     EXPECT_EQ(0, Send()) << "no answer: the command layer's result";
@@ -178,33 +170,36 @@ TEST_F(NetworkSendTest, WaitsAreBoundedByFourHundredPolls)
     ullBegin       = GetTickCount64();
     EXPECT_EQ(0, Send());
     EXPECT_GE(GetTickCount64() - ullBegin, 20000u) << "the line's limit, then the answer's";
-    EXPECT_EQ(2u, m_pPeer->Files().size());
+    EXPECT_EQ(2u, m_pPeer->Take().size());
 }
 
 TEST_F(NetworkSendTest, ALateAnswerIsNotTakenForTheNextFiles)
 {
-    BecomeServer([](const PeerFile &file) -> std::atomic<uint8_t> * {
-        return file.sPath == u"D:\\second" ? &g_bRemoteFileError : nullptr;
+    std::atomic<bool> bLate{false};
+    m_pPeer = std::make_unique<FakePeer>([&](uint32_t, const std::string &sPath) {
+        if (sPath != "D:\\second") return "";
+        Eventually([&] { return bLate.load(); }); // a sender that did not wait for it has the wrong answer by now
+        return "FileError";
     });
+    const auto lateDone = [&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        g_bRemoteFileDone = 1; // for the file before
+        SetEvent(GetFileOutcomeEvent());
+        bLate = true;
+    };
     hosted::SetClockRate(50);
     EXPECT_EQ(0, Send(u"D:\\first"));
     hosted::SetClockRate(1);
-    std::thread late([] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        g_bRemoteFileDone = 1; // for the first
-        SetEvent(GetFileOutcomeEvent());
-    });
+    std::thread late(lateDone);
     EXPECT_EQ(1001, Send(u"D:\\second"));
     late.join();
 
     // A source that cannot be opened travels as an empty file, which the peer stores and answers.
     hosted::FailCall("CreateFileW", 2, ERROR_ACCESS_DENIED);
     EXPECT_EQ(-102, Send(u"D:\\third"));
-    std::thread again([] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        g_bRemoteFileDone = 1;
-        SetEvent(GetFileOutcomeEvent());
-    });
+    bLate = false;
+    late  = std::thread(lateDone);
     EXPECT_EQ(1001, Send(u"D:\\second"));
-    again.join();
+    late.join();
+    m_pPeer.reset();
 }

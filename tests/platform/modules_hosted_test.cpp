@@ -6,35 +6,23 @@
 #include "platform/modules.h"
 #include "platform/user_interface.h"
 #include "tests/support/test_machine.h"
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <thread>
+#include <sys/wait.h>
 
 using namespace platform;
 
 class HostedModules : public MachineTest {};
 
-TEST_F(HostedModules, LibrariesAndFunctionsCanBeTakenAway)
+TEST_F(HostedModules, AFunctionWithoutBehaviourHereSaysSo)
 {
-    const HMODULE hUser = LoadLibraryW(u"USER32");
-    ASSERT_NE(nullptr, hUser);
+    const HMODULE hUser        = LoadLibraryW(u"USER32");
     const FARPROC pUnsupported = GetProcAddress(hUser, "SetDisplayConfig");
-    ASSERT_NE(nullptr, pUnsupported) << "bound by the program, without a behaviour here";
+    ASSERT_NE(nullptr, pUnsupported) << "bound by the program all the same";
     EXPECT_EQ(0, reinterpret_cast<int64_t (*)()>(pUnsupported)());
     EXPECT_EQ(ERROR_NOT_SUPPORTED, GetLastError());
-
-    hosted::RemoveFunction("User32.dll", "GetMessageW");
-    EXPECT_EQ(nullptr, GetProcAddress(hUser, "GetMessageW"));
-    EXPECT_EQ(ERROR_PROC_NOT_FOUND, GetLastError());
-    EXPECT_NE(nullptr, GetProcAddress(hUser, "PeekMessageW"));
-    hosted::RemoveLibrary("user32.dll");
-    EXPECT_EQ(nullptr, LoadLibraryW(u"C:\\WINDOWS\\system32\\user32.dll"));
-    EXPECT_EQ(ERROR_MOD_NOT_FOUND, GetLastError());
     EXPECT_TRUE(FreeLibrary(hUser));
     EXPECT_FALSE(FreeLibrary(hUser)) << "loaded once";
-    EXPECT_EQ(nullptr, GetProcAddress(hUser, "PeekMessageW"));
 }
 
 TEST_F(HostedModules, AFileInUseKeepsItsTree)
@@ -87,18 +75,9 @@ TEST_F(HostedModules, TheShellStartsProgramsOnThisMachine)
     EXPECT_EQ(5u, reinterpret_cast<uintptr_t>(pExecute(nullptr, "open", sProgram.c_str(), "", nullptr, 0)));
     FreeLibrary(hShell);
 
-    // programs that have ended leave no dead entry behind
-    const auto fnHasDeadChild = [] {
-        std::error_code error;
-        for (const auto &entry : std::filesystem::directory_iterator("/proc", error)) {
-            if (entry.path().filename().string().find_first_not_of("0123456789") != std::string::npos) continue;
-            std::ifstream     file(entry.path() / "stat");
-            const std::string sStat{std::istreambuf_iterator<char>(file), {}};
-            const size_t      nEnd = sStat.rfind(") Z ");
-            if (nEnd != std::string::npos && std::stoul(sStat.substr(nEnd + 4)) == GetCurrentProcessId()) return true;
-        }
-        return false;
-    };
-    for (int i = 0; i < 1000 && fnHasDeadChild(); i++) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_FALSE(fnHasDeadChild());
+    // Programs that have ended leave no dead entry behind.
+    siginfo_t  info;
+    const auto fnHasChild = [&] { return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0; };
+    for (int i = 0; i < 1000 && fnHasChild(); i++) Sleep(10);
+    EXPECT_FALSE(fnHasChild());
 }

@@ -14,25 +14,11 @@ TEST_F(Modules, LibrariesAreFoundInTheSystemFolder)
     char16_t       szFolder[MAX_PATH];
     const uint32_t cch = GetSystemDirectoryW(szFolder, MAX_PATH);
     ASSERT_EQ(std::u16string(szFolder).size(), cch);
-    EXPECT_EQ(cch + 1, GetSystemDirectoryW(szFolder, 3)) << "what would be needed";
-    EXPECT_EQ(cch, GetSystemDirectoryW(szFolder, cch + 1));
-
-    static const struct {
-        const char16_t *pszName;
-        const char     *pszFunction;
-    } aCases[] = {{u"user32.dll", "PostMessageW"},
-                  {u"Shell32.dll", "ShellExecuteA"},
-                  {u"SHELL32.DLL", "SHFileOperationW"},
-                  {u"Wtsapi32.dll", "WTSRegisterSessionNotification"}};
-    for (const auto &c : aCases) {
-        const HMODULE hModule = LoadLibraryW((std::u16string(szFolder) + u"\\" + c.pszName).c_str());
-        ASSERT_NE(nullptr, hModule) << c.pszFunction;
-        EXPECT_NE(nullptr, GetProcAddress(hModule, c.pszFunction)) << c.pszFunction;
-        SetLastError(0);
-        EXPECT_EQ(nullptr, GetProcAddress(hModule, "NoSuchFunction"));
-        EXPECT_EQ(ERROR_PROC_NOT_FOUND, GetLastError());
-        EXPECT_TRUE(FreeLibrary(hModule)) << c.pszFunction;
-    }
+    const HMODULE hModule = LoadLibraryW((std::u16string(szFolder) + u"\\Wtsapi32.dll").c_str());
+    EXPECT_NE(nullptr, GetProcAddress(hModule, "WTSRegisterSessionNotification"));
+    EXPECT_EQ(nullptr, GetProcAddress(hModule, "NoSuchFunction"));
+    EXPECT_EQ(ERROR_PROC_NOT_FOUND, GetLastError());
+    EXPECT_TRUE(FreeLibrary(hModule));
     EXPECT_EQ(nullptr, LoadLibraryW((std::u16string(szFolder) + u"\\nosuch.dll").c_str()));
     EXPECT_EQ(ERROR_MOD_NOT_FOUND, GetLastError());
     EXPECT_EQ(nullptr, LoadLibraryW(u"C:\\nosuchfolder\\user32.dll"));
@@ -40,14 +26,11 @@ TEST_F(Modules, LibrariesAreFoundInTheSystemFolder)
 
 TEST_F(Modules, TheOwnFileHasAFullPath)
 {
-    char           szFile[MAX_PATH], szCut[5];
+    char           szFile[MAX_PATH];
     const uint32_t cb = GetModuleFileNameA(nullptr, szFile, sizeof szFile);
     ASSERT_EQ(std::string(szFile).size(), cb);
     EXPECT_EQ(":\\", std::string(szFile + 1, 2));
     EXPECT_NE(std::string::npos, std::string(szFile).find("test_platform"));
-    EXPECT_EQ(sizeof szCut, GetModuleFileNameA(nullptr, szCut, sizeof szCut));
-    EXPECT_EQ(std::string(szFile, 4), szCut);
-    EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER, GetLastError());
 }
 
 TEST_F(Modules, TheVersionTextIsTheProducts)

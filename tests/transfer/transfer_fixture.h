@@ -1,4 +1,4 @@
-// transfer_fixture.h: two connected sockets and what a file looks like on them; a server role whose peer answers as told.
+// transfer_fixture.h: two connected sockets, what a file looks like on them, and a role whose peer answers as told.
 #pragma once
 #include "ipc/thread_execution.h"
 #include "net/command_channel.h"

@@ -73,7 +73,8 @@ bool ExchangeMachineInfo(SessionRecord *pSession, bool bServer, HANDLE hReady, c
     if (GetMappingFolder(pSession->szMappingPath)) SetSpecialRoot(SpecialRoot::ProgramData, pSession->szMappingPath);
     WriteLocalInfo(pSession);
     if (!bServer) bSent = SendLocalInfo() == SEND_OK;
-    const bool bReceived = AwaitPeerInfo(hReady);
+    // The file that ended the wait may be a later session's, whose link has taken this one's place meanwhile.
+    const bool bReceived = AwaitPeerInfo(hReady) && IsThreadLinkCurrent();
     if (bReceived) {
         TraceText("SpecialReadyEvent is signal");
         ReadTargetInfo(pSession, pszPeerName, cchPeerName);

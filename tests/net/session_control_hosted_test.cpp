@@ -200,7 +200,11 @@ TEST_F(SessionControl, APeerWithoutMachineInfoIsTurnedAway)
 
 TEST_F(SessionControl, AClientHearsWhetherItsPinWasRight)
 {
-    for (const bool bRight : {false, true}) {
+    static const struct {
+        bool    bRight, bOvertaken; // its link is ended while it waits, and a later one's machine info arrives
+        int32_t nAnswer;
+    } aCases[] = {{false, false, -3}, {true, false, 2}, {true, true, -4}};
+    for (const auto &c : aCases) {
         hosted::SetClockRate(20);
         uint16_t         nPort   = 0;
         const SOCKET     hListen = ListenOnLoopback(&nPort);
@@ -212,17 +216,20 @@ TEST_F(SessionControl, AClientHearsWhetherItsPinWasRight)
                 if (next.Socket() == INVALID_SOCKET) return;
                 EXPECT_EQ(Field("77"), next.Receive(10));
                 peer = std::move(next);
-                peer.Send(Field(bRight ? "PWACK=1" : "PWACK=0"));
-                if (!bRight) continue;
+                peer.Send(Field(c.bRight ? "PWACK=1" : "PWACK=0"));
+                if (!c.bRight) continue;
                 EXPECT_NE(u"", TakeFile(peer)); // the client sends first
-                peer.Send(Field("FileDone") + FileCommand(u"C:\\x", 10, PeerInfo));
-                EXPECT_EQ(Field("FileDone"), peer.Receive(10));
+                peer.Send(Field("FileDone") + (c.bOvertaken ? Field("KeepAlive") : FileCommand(u"C:\\x", 10, PeerInfo)));
+                EXPECT_EQ(Field(c.bOvertaken ? "AckAlive" : "FileDone"), peer.Receive(10));
+                if (!c.bOvertaken) continue;
+                disconnect();
+                SignalSpecialReady();
             }
         });
         Request(2337, 77);
-        EXPECT_TRUE(Reported(2337, bRight ? 2 : -3));
+        EXPECT_TRUE(Reported(2337, c.nAnswer));
         EXPECT_EQ(77u, m_aSeen.back().dwParam2);
-        EXPECT_EQ(bRight ? u"OLDPC" : u"", std::u16string(m_aSeen.back().szText1));
+        EXPECT_EQ(c.nAnswer == 2 ? u"OLDPC" : u"", std::u16string(m_aSeen.back().szText1));
         EXPECT_TRUE(Eventually([] { return g_hNetInitTimerEvent == nullptr; }));
         closesocket(hListen);
         server.join();

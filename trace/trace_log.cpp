@@ -103,7 +103,7 @@ static const char *ToAnsi(const char16_t *pszText, size_t cchBound, char (&szBuf
         }
         cchTry = (cchFits + cchTooBig) / 2;
         const bool bSplitsPair = cchTry > 0 && cchTry < cchText && (pszText[cchTry - 1] & 0xFC00) == 0xD800;
-        if (bSplitsPair) cchTry--;
+        if (bSplitsPair) cchTry += cchTry + 1 < cchTooBig ? 1 : -1;
     }
     return szBuffer;
 }

@@ -48,12 +48,14 @@ TEST_F(TraceLog, EveryShapeReachesTheSessionWithItsArguments)
 TEST_F(TraceLog, WideTextIsCutToWholeCharactersOf1023Bytes)
 {
     TraceSession   session;
-    std::u16string sText(340, u'\u4e2d'); // 1020 bytes
-    sText += u"ab\U0001F600";             // 2 more, then one of 4 bytes that does not fit
-    TraceWideText(sText.c_str(), 1024);
-    std::string sExpected = "34 VornTramsaNet: ";
-    for (int n = 0; n < 340; n++) sExpected += "\u4e2d";
-    EXPECT_EQ(std::vector<std::string>{sExpected + "ab"}, session.Take());
+    std::u16string sThrees(340, u'\u4e2d'), sFours = u"a"; // 1020 bytes, and 1021
+    std::string    sThreeBytes, sFourBytes = "a";
+    for (int n = 0; n < 340; n++) sThreeBytes += "\u4e2d";
+    for (int n = 0; n < 255; n++) sFours += u"\U0001F600", sFourBytes += "\U0001F600";
+    TraceWideText((sThrees + u"ab\U0001F600").c_str(), 1024); // the last one does not fit
+    TraceWideText((sFours + u"\u4e2d").c_str(), 1024);
+    EXPECT_EQ((std::vector<std::string>{"34 VornTramsaNet: " + sThreeBytes + "ab", "34 VornTramsaNet: " + sFourBytes}),
+              session.Take());
 }
 
 TEST_F(TraceLog, EachProviderHasItsOwnFlagBitAndFailuresReachBoth)

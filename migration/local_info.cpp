@@ -40,7 +40,7 @@ int32_t WriteLocalInfo(SessionRecord *pSession)
     GetCurrentUserSid(szSid);
     WriteMachineInfo(szFile, szSid);
     WriteQuotedText(szFile, MAPPING_SECTION, MAPPING_PATH_KEY, pSession->szMappingPath);
-    // Session threads alone come here, one session at a time.
+    // Without a lock: a session that is overtaken may be here too, and finds the same text.
     if (g_szProductVersion[0] == u'\0') GetOwnVersionText(VERSION_RESOURCE, g_szProductVersion, STATE_PATH_UNITS);
     WriteQuotedText(szFile, PACKAGE_SECTION, VERSION_KEY, g_szProductVersion);
     return 1;

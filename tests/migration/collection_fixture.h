@@ -4,27 +4,15 @@
 #include "ipc/stop_signal.h"
 #include "ipc/thread_execution.h"
 #include "migration/record_store.h"
-#include "migration/state_files.h"
 #include "net/network_link.h"
 #include "platform/files.h"
-#include "platform/profile.h"
-#include "platform/text.h"
 #include "tests/migration/fake_peer.h"
-#include "tests/support/test_machine.h"
 
-using Lines = std::vector<std::string>;
-
-inline std::string Utf16(const std::u16string &sText)
-{
-    return std::string(reinterpret_cast<const char *>(sText.data()), sText.size() * 2);
-}
-
-class Collection : public MachineTest {
+class Collection : public MigrationTest {
 protected:
     void SetUp() override
     {
-        MachineTest::SetUp();
-        ResetStateFiles();
+        MigrationTest::SetUp();
         InitThreadExecutionList();
         g_hAppEvent = platform::CreateEventW(nullptr, platform::TRUE, platform::FALSE, nullptr);
         m_sRoot     = TestFolder();
@@ -38,21 +26,11 @@ protected:
         DeleteThreadExecutionList();
         platform::CloseHandle(g_hAppEvent.exchange(nullptr));
     }
-    std::u16string File(const char16_t *pszName)
-    {
-        char16_t szPath[260];
-        EXPECT_EQ(1, GetProgressFile(pszName, szPath));
-        return szPath;
-    }
-    void Ini(const char16_t *pszFile, const char16_t *pszSection, const char16_t *pszKey, const char16_t *pszValue)
-    {
-        ASSERT_TRUE(platform::WritePrivateProfileStringW(pszSection, pszKey, pszValue, File(pszFile).c_str()));
-    }
     std::u16string At(const char16_t *pszTail) { return m_sRoot + u"\\" + pszTail; }
     std::string    At8(const char *pszTail) { return Utf8(m_sRoot) + "\\" + pszTail; }
     void MakeFolder(const char16_t *pszTail) { ASSERT_TRUE(platform::CreateDirectoryW(At(pszTail).c_str(), nullptr)); }
     void MakeFile(const char16_t *pszTail, size_t cb) { WriteTestFile(At(pszTail), std::string(cb, 'x')); }
-    void List(const std::vector<std::u16string> &aTails)
+    void List(const Paths &aTails)
     {
         std::u16string sText = u"\xFEFF";
         for (const auto &sTail : aTails) sText += At(sTail.c_str()) + u"\r\n";
@@ -72,18 +50,8 @@ protected:
         RunWalk();
         EXPECT_EQ(1, IsThreadExecutionListEmpty());
     }
-    // Everything the peer has got, once the walk's last record is there.
-    Lines Taken(FakePeer *pPeer)
-    {
-        Lines aAll;
-        for (int i = 0; i < 500; ++i) {
-            for (const auto &sLine : pPeer->Take()) aAll.push_back(sLine);
-            if (!aAll.empty() && aAll.back().find("record 2120") == 0) break;
-            platform::Sleep(10);
-        }
-        return aAll;
-    }
-    bool IsMarkedComplete()
+    static Lines Taken(FakePeer *pPeer) { return pPeer->TakeUntil("record 2120"); }
+    bool         IsMarkedComplete()
     {
         return platform::GetPrivateProfileIntW(u"Collection", u"\"Complete\"", 0, File(PROGRESS_INFO_FILE).c_str()) ==
                1;

@@ -25,49 +25,32 @@ TEST_F(Collection, CompleteRunReportsEachItemAndLeavesNothingBehind)
     EXPECT_FALSE(PathExists(File(COMPLETE_INFO_FILE)));
 }
 
-TEST_F(Collection, CancelledInAFolderItResumesThereAndSendsNothingTwice)
+TEST_F(Collection, CancelledItResumesWhereItWasAndSendsNothingTwice)
 {
     MakeFolder(u"A");
     MakeFolder(u"B");
-    for (const char16_t *psz : {u"A\\a.txt", u"B\\1.txt", u"B\\2.txt", u"B\\3.txt", u"z.txt"}) MakeFile(psz, 5);
-    List({u"A\\", u"B\\", u"z.txt"});
-    {
+    for (const char16_t *psz : {u"A\\a.txt", u"B\\1.txt", u"B\\2.txt", u"B\\3.txt", u"y.txt", u"z.txt"}) MakeFile(psz, 5);
+    List({u"A\\", u"B\\", u"y.txt", u"z.txt"});
+    Lines aRuns[3];
+    for (const char *pszCancelAt : {"B\\2.txt", "y.txt", ""}) {
         FakePeer Peer([&](uint32_t, const std::string &sPath) {
-            if (sPath == At8("B\\2.txt")) CancelAllThreadExecutions();
+            if (sPath == At8(pszCancelAt)) CancelAllThreadExecutions();
             return "FileDone";
         });
-        Walk();
-        const Lines aLines = Taken(&Peer);
-        EXPECT_EQ("record 2120 -2 0 0 ||", aLines.back());
-        EXPECT_EQ("file 3 " + At8("B\\2.txt") + " 5", aLines[aLines.size() - 2]); // no report of B
         EXPECT_FALSE(IsMarkedComplete());
-    }
-    FakePeer Peer;
-    Walk();
-    EXPECT_EQ((Lines{"folder " + At8("B"), "file 3 " + At8("B\\3.txt") + " 5", "record 333 0 3 0 " + At8("B\\"),
-                     "file 3 " + At8("z.txt") + " 5", "record 333 0 1 0 " + At8("z.txt"), "record 2120 2 0 0 ||"}),
-              Taken(&Peer));
-    EXPECT_TRUE(IsMarkedComplete());
-}
-
-TEST_F(Collection, FileStoredWhileCancelledIsNotSentAgain)
-{
-    MakeFile(u"1.txt", 5);
-    MakeFile(u"2.txt", 5);
-    List({u"1.txt", u"2.txt"});
-    {
-        FakePeer Peer([](uint32_t, const std::string &) {
-            CancelAllThreadExecutions();
-            return "FileDone";
-        });
         Walk();
-        EXPECT_EQ((Lines{"file 3 " + At8("1.txt") + " 5", "record 333 0 1 0 " + At8("1.txt"), "record 2120 -2 0 0 ||"}),
-                  Taken(&Peer));
+        aRuns[*pszCancelAt == 'B' ? 0 : *pszCancelAt == 'y' ? 1 : 2] = Taken(&Peer);
     }
-    FakePeer Peer;
-    Walk();
-    EXPECT_EQ((Lines{"file 3 " + At8("2.txt") + " 5", "record 333 0 1 0 " + At8("2.txt"), "record 2120 2 0 0 ||"}),
-              Taken(&Peer));
+    EXPECT_EQ((Lines{"folder " + At8("A"), "file 3 " + At8("A\\a.txt") + " 5", "record 333 0 1 0 " + At8("A\\"),
+                     "folder " + At8("B"), "file 3 " + At8("B\\1.txt") + " 5", "file 3 " + At8("B\\2.txt") + " 5",
+                     "record 2120 -2 0 0 ||"}), // no report of B
+              aRuns[0]);
+    EXPECT_EQ((Lines{"folder " + At8("B"), "file 3 " + At8("B\\3.txt") + " 5", "record 333 0 3 0 " + At8("B\\"),
+                     "file 3 " + At8("y.txt") + " 5", "record 333 0 1 0 " + At8("y.txt"), "record 2120 -2 0 0 ||"}),
+              aRuns[1]);
+    EXPECT_EQ((Lines{"file 3 " + At8("z.txt") + " 5", "record 333 0 1 0 " + At8("z.txt"), "record 2120 2 0 0 ||"}),
+              aRuns[2]); // what was stored while the walk was cancelled is not sent again
+    EXPECT_TRUE(IsMarkedComplete());
 }
 
 TEST_F(Collection, FullDiskLimitsTheFolderOfASingleFileAndATreesLimitItsDrive)
@@ -103,15 +86,6 @@ TEST_F(Collection, FullDiskLimitsTheFolderOfASingleFileAndATreesLimitItsDrive)
               Taken(&Peer));
 }
 
-TEST_F(Collection, ListThatCannotBeReadLeavesNothingToSend)
-{
-    m_sList = At(u"none.txt");
-    FakePeer Peer;
-    Walk();
-    EXPECT_EQ((Lines{"record 2120 2 0 0 ||"}), Taken(&Peer));
-    EXPECT_TRUE(IsMarkedComplete());
-}
-
 TEST_F(Collection, LinkThatEndsOnTheWayLeavesEverythingForTheNextRun)
 {
     MakeFolder(u"A");
@@ -142,7 +116,7 @@ TEST_F(Collection, LinkThatEndsOnTheWayLeavesEverythingForTheNextRun)
               Taken(&Peer));
 }
 
-TEST_F(Collection, EverythingSentButNoLinkAtTheEndIsNotComplete)
+TEST_F(Collection, NothingLeftToSendIsCompleteOnlyWithALinkAtTheEnd)
 {
     MakeFolder(u"A");
     MakeFile(u"A\\1.txt", 5);
@@ -152,9 +126,14 @@ TEST_F(Collection, EverythingSentButNoLinkAtTheEndIsNotComplete)
     EXPECT_FALSE(IsMarkedComplete());
     EXPECT_TRUE(PathExists(File(COMPLETE_INFO_FILE)));
     FakePeer Peer;
-    Walk();
-    EXPECT_EQ((Lines{"record 2120 2 0 0 ||"}), Taken(&Peer));
-    EXPECT_FALSE(PathExists(File(COMPLETE_INFO_FILE)));
+    for (const char16_t *pszList : {u"list.txt", u"none.txt"}) { // one that cannot be read leaves nothing to send either
+        m_sList = At(pszList);
+        Walk();
+        EXPECT_EQ((Lines{"record 2120 2 0 0 ||"}), Taken(&Peer));
+        EXPECT_TRUE(IsMarkedComplete());
+        EXPECT_FALSE(PathExists(File(COMPLETE_INFO_FILE)));
+        ASSERT_TRUE(DeleteFileW(File(PROGRESS_INFO_FILE).c_str()));
+    }
 }
 
 TEST_F(Collection, SecondWalkWaitsForTheFirst)

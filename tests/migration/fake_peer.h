@@ -7,25 +7,13 @@
 #include "net/network_link.h"
 #include "net/server_role.h"
 #include "net/session_control.h"
-#include "platform/text.h"
+#include "tests/migration/migration_fixture.h"
 #include "tests/support/link_pair.h"
 #include <cstring>
 #include <functional>
 #include <mutex>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
-
-inline std::string Utf8(const std::u16string &sText)
-{
-    std::string   sOut(sText.size() * 3 + 1, '\0');
-    const int32_t cb =
-        platform::WideCharToMultiByte(platform::CP_UTF8, 0, sText.c_str(), static_cast<int32_t>(sText.size()),
-                                      sOut.data(), static_cast<int32_t>(sOut.size()), nullptr, nullptr);
-    sOut.resize(static_cast<size_t>(cb));
-    return sOut;
-}
 
 class FakePeer {
 public:
@@ -39,24 +27,26 @@ public:
 
     // What has arrived since the last call: "folder PATH", "file TYPE PATH SIZE", or
     // "record CODE P1 P2 P3 TEXT1|TEXT2|TEXT3" (code in hex, parameters signed; 819 with its one text). UTF-8.
-    std::vector<std::string> Take();
+    Lines Take();
+    // All of it up to a record that begins with sLast, which is waited for.
+    Lines TakeUntil(const std::string &sLast);
     // The role as it was before, torn down as a service's disconnect does it.
     void EndRole();
 
 private:
-    void                     Run();
-    bool                     Receive(void *pBuffer, size_t cb);
-    bool                     ReceiveFile();
-    bool                     ReceiveRecord();
-    void                     Keep(const std::string &sLine);
-    WinsockStarted           m_Winsock;
-    LinkPair                 m_Pair;
-    Answer                   m_pAnswer;
-    const std::string        m_sCutAt;
-    platform::HANDLE         m_hExit = nullptr;
-    std::mutex               m_Mutex;
-    std::vector<std::string> m_aLines;
-    std::thread              m_Thread;
+    void              Run();
+    bool              Receive(void *pBuffer, size_t cb);
+    bool              ReceiveFile();
+    bool              ReceiveRecord();
+    void              Keep(const std::string &sLine);
+    WinsockStarted    m_Winsock;
+    LinkPair          m_Pair;
+    Answer            m_pAnswer;
+    const std::string m_sCutAt;
+    platform::HANDLE  m_hExit = nullptr;
+    std::mutex        m_Mutex;
+    Lines             m_aLines;
+    std::thread       m_Thread;
 };
 
 inline FakePeer::FakePeer(Answer pAnswer, const std::string &sCutAt) : m_pAnswer(std::move(pAnswer)), m_sCutAt(sCutAt)
@@ -87,10 +77,20 @@ inline void FakePeer::EndRole()
     AwaitFormerLink();
 }
 
-inline std::vector<std::string> FakePeer::Take()
+inline Lines FakePeer::Take()
 {
     std::lock_guard<std::mutex> Guard(m_Mutex);
     return std::exchange(m_aLines, {});
+}
+
+inline Lines FakePeer::TakeUntil(const std::string &sLast)
+{
+    Lines aAll;
+    for (int i = 0; i < 500; ++i, platform::Sleep(10)) {
+        for (const auto &sLine : Take()) aAll.push_back(sLine);
+        if (!aAll.empty() && aAll.back().find(sLast) == 0) break;
+    }
+    return aAll;
 }
 
 inline void FakePeer::Keep(const std::string &sLine)

@@ -3,21 +3,11 @@
 #include "platform/errors.h"
 #include "platform/hosted/control.h"
 #include "platform/hosted/machine.h"
-#include "tests/support/test_machine.h"
-#include <vector>
+#include "tests/migration/migration_fixture.h"
 
 using namespace platform;
 
 namespace {
-
-std::vector<std::u16string> Texts(StringList *pList)
-{
-    std::vector<std::u16string> aTexts;
-    for (const StringEntry *pEntry = pList->pFirst; pEntry != nullptr; pEntry = pEntry->pNext)
-        aTexts.emplace_back(StringText(pEntry));
-    FreeStringList(pList);
-    return aTexts;
-}
 
 void UseMachineOf(const hosted::MachinePlan &Plan, const char *pszName)
 {
@@ -26,7 +16,7 @@ void UseMachineOf(const hosted::MachinePlan &Plan, const char *pszName)
     ASSERT_TRUE(hosted::UseMachine(sFolder.c_str()));
 }
 
-using MachineInfoHosted = MachineTest;
+using MachineInfoHosted = MigrationTest;
 
 TEST_F(MachineInfoHosted, OnlyDrivesThatStayAreVolumes)
 {
@@ -36,11 +26,11 @@ TEST_F(MachineInfoHosted, OnlyDrivesThatStayAreVolumes)
     UseMachineOf(Plan, "drives");
     StringList List = {};
     GetFixedVolumes(&List);
-    EXPECT_EQ((std::vector<std::u16string>{u"C:\\", u"M:\\"}), Texts(&List));
+    EXPECT_EQ((Paths{u"C:\\", u"M:\\"}), Texts(&List));
 
     hosted::FailCall("GetHotPlugInfo", 1, ERROR_GEN_FAILURE, true); // a drive that does not answer stays
     GetFixedVolumes(&List);
-    EXPECT_EQ((std::vector<std::u16string>{u"C:\\", u"E:\\", u"M:\\"}), Texts(&List));
+    EXPECT_EQ((Paths{u"C:\\", u"E:\\", u"M:\\"}), Texts(&List));
     hosted::FailCall("GetLogicalDrives", 1, ERROR_GEN_FAILURE);
     GetFixedVolumes(&List);
     EXPECT_TRUE(Texts(&List).empty());
@@ -54,7 +44,7 @@ TEST_F(MachineInfoHosted, FolderThatCannotBeResolvedKeepsItsPlace)
     const int  nBlocks = hosted::LiveBlocks();
     StringList System = {}, Upgrade = {}, Root = {}, Profiles = {};
     GetSystemFolderList(&System);
-    const std::vector<std::u16string> aSystem = Texts(&System);
+    const Paths aSystem = Texts(&System);
     ASSERT_EQ(6u, aSystem.size());
     EXPECT_EQ(u"", aSystem[1]);
     EXPECT_NE(u"", aSystem[2]);

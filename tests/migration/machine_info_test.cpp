@@ -1,30 +1,12 @@
 // The machine-info INI: written by one machine, read by the other, and damaged on the way.
 #include "migration/machine_info.h"
-#include "migration/state_files.h"
-#include "platform/profile.h"
-#include "platform/text.h"
-#include "tests/support/test_machine.h"
-#include <vector>
+#include "tests/migration/migration_fixture.h"
 
 using namespace platform;
 
 namespace {
 
-std::vector<std::u16string> Texts(StringList *pList)
-{
-    std::vector<std::u16string> aTexts;
-    for (const StringEntry *pEntry = pList->pFirst; pEntry != nullptr; pEntry = pEntry->pNext)
-        aTexts.emplace_back(StringText(pEntry));
-    FreeStringList(pList);
-    return aTexts;
-}
-
-std::string Utf16(const std::u16string &sText)
-{
-    return std::string(reinterpret_cast<const char *>(sText.data()), sText.size() * 2);
-}
-
-using MachineInfo = MachineTest;
+using MachineInfo = MigrationTest;
 
 TEST_F(MachineInfo, WhatOneMachineWritesTheOtherReads)
 {
@@ -36,11 +18,11 @@ TEST_F(MachineInfo, WhatOneMachineWritesTheOtherReads)
     GetSystemFolderList(&OwnSystem);
     GetUserFolderList(&OwnUser);
     GetFixedVolumes(&OwnVolumes);
-    EXPECT_EQ(1, ReadMachineInfo(sIni.c_str(), &System, &User, &Volumes));
-    const std::u16string sWindows = StringText(OwnSystem.pFirst);
-    EXPECT_EQ(u'\\', sWindows.back());
     EXPECT_EQ(6u, OwnSystem.nCount);
     EXPECT_EQ(3u, OwnUser.nCount);
+    const std::u16string sWindows = StringText(OwnSystem.pFirst);
+    EXPECT_EQ(u'\\', sWindows.back());
+    EXPECT_EQ(1, ReadMachineInfo(sIni.c_str(), &System, &User, &Volumes));
     EXPECT_EQ(Texts(&OwnSystem), Texts(&System));
     EXPECT_EQ(Texts(&OwnUser), Texts(&User));
     EXPECT_EQ(Texts(&OwnVolumes), Texts(&Volumes));
@@ -79,26 +61,18 @@ TEST_F(MachineInfo, DamagedFilesAreReadWithinBounds)
         if (!c.sContent.empty()) WriteTestFile(sIni, c.sContent);
         StringList System = {}, Volumes = {};
         EXPECT_EQ(1, ReadMachineInfo(sIni.c_str(), &System, nullptr, &Volumes)) << c.pszName;
-        EXPECT_EQ(std::vector<std::u16string>(6), Texts(&System)) << c.pszName; // the position is kept
+        EXPECT_EQ(Paths(6), Texts(&System)) << c.pszName; // the position is kept
         EXPECT_EQ(c.nVolumes, Texts(&Volumes).size()) << c.pszName;
     }
-}
-
-TEST_F(MachineInfo, ListsThatHoldSomethingAreNotFilledAgain)
-{
-    StringList System = {};
-    AppendString(&System, u"C:\\Kept\\", 260);
-    EXPECT_EQ(0, ReadMachineInfo(u"C:\\none.ini", &System, nullptr, nullptr));
-    EXPECT_EQ(std::vector<std::u16string>{u"C:\\Kept\\"}, Texts(&System));
 }
 
 TEST_F(MachineInfo, UpgradeFoldersHaveNoTrailingBackslash)
 {
     StringList System = {}, Root = {}, Profiles = {}, Own = {};
     GetSystemFolderList(&Own);
-    const std::vector<std::u16string> aOwn = Texts(&Own);
+    const Paths aOwn = Texts(&Own);
     GetUpgradeFolders(&System, &Root, &Profiles);
-    const std::vector<std::u16string> aSystem = Texts(&System), aProfiles = Texts(&Profiles), aRoot = Texts(&Root);
+    const Paths aSystem = Texts(&System), aProfiles = Texts(&Profiles), aRoot = Texts(&Root);
     ASSERT_EQ(5u, aSystem.size());
     for (size_t i = 0; i < 4; ++i) EXPECT_EQ(aOwn[i], aSystem[i] + u"\\");
     EXPECT_EQ(aSystem[0] + u".old", aSystem[4]);

@@ -1,37 +1,27 @@
 // Paths of the source in terms of the target: pairs of folders, their priority, and drives that the target lacks.
 #include "migration/path_map.h"
 #include "migration/machine_info.h"
-#include "migration/state_files.h"
-#include "platform/profile.h"
-#include "platform/text.h"
-#include "tests/support/test_machine.h"
+#include "tests/migration/migration_fixture.h"
 
 using namespace platform;
 
 namespace {
 
-std::u16string Entry(void (*pfnList)(StringList *), uint32_t nIndex)
-{
-    StringList List = {};
-    pfnList(&List);
-    const StringEntry *pEntry = List.pFirst;
-    for (uint32_t i = 0; i < nIndex && pEntry != nullptr; ++i) pEntry = pEntry->pNext;
-    const std::u16string sText = pEntry != nullptr ? StringText(pEntry) : u"<none>";
-    FreeStringList(&List);
-    return sText;
-}
-
 // The peer's machine info: another user, Desktop outside the profile, one folder where this machine has it too.
-class PathMapTest : public MachineTest {
+class PathMapTest : public MigrationTest {
 protected:
     void SetUp() override
     {
-        MachineTest::SetUp();
-        m_sIni     = TestFolder() + u"\\peer.ini";
-        m_sWindows = Entry(GetSystemFolderList, 0);
-        m_sPublic  = Entry(GetSystemFolderList, 4);
-        m_sProfile = Entry(GetSystemFolderList, 5);
-        m_sDesktop = Entry(GetUserFolderList, 0);
+        MigrationTest::SetUp();
+        StringList System = {}, User = {};
+        GetSystemFolderList(&System);
+        GetUserFolderList(&User);
+        const Paths aSystem = Texts(&System);
+        m_sIni              = File(TARGET_INFO_FILE);
+        m_sWindows          = aSystem.at(0);
+        m_sPublic           = aSystem.at(4);
+        m_sProfile          = aSystem.at(5);
+        m_sDesktop          = Texts(&User).at(0);
         ASSERT_EQ(1, CreateStateFile(m_sIni.c_str()));
         Write(u"KnownFolder", u"\"Windows\"", u"\"Q:\\WINNT\\\"");
         Write(u"KnownFolder", u"\"Public\"", u"\"" + m_sPublic + u"\"");
@@ -45,10 +35,10 @@ protected:
         Write(u"Volume2", u"Path", u"\"1:\\\"");
         Write(u"Volume3", u"Path", u"\"c:\\\"");
     }
-    void TearDown() override { ReleasePathMap(&m_Map); }
-    void Write(const char16_t *pszSection, const char16_t *pszKey, const std::u16string &sValue)
+    void        TearDown() override { ReleasePathMap(&m_Map); }
+    static void Write(const char16_t *pszSection, const char16_t *pszKey, const std::u16string &sValue)
     {
-        ASSERT_TRUE(WritePrivateProfileStringW(pszSection, pszKey, sValue.c_str(), m_sIni.c_str()));
+        Ini(TARGET_INFO_FILE, pszSection, pszKey, sValue);
     }
     // "=" in front of the path when it stayed as it was.
     std::u16string Translate(const std::u16string &sPath, int32_t bRequire = 0, uint32_t cch = 1024)

@@ -1,14 +1,10 @@
 // Resume records: every name is found again, by profile functions too; a kill or a full disk costs one record at most;
 // a record costs one write however many there are.
-#include "migration/record_index.h"
 #include "migration/record_store.h"
-#include "migration/state_files.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/hosted/control.h"
-#include "platform/profile.h"
-#include "tests/support/test_machine.h"
-#include <set>
+#include "tests/migration/migration_fixture.h"
 
 using namespace platform;
 
@@ -24,22 +20,19 @@ std::u16string Item(const std::u16string &sRelative)
 
 std::string AsFile(const std::u16string &sText)
 {
-    return "\xFF\xFE" + std::string(reinterpret_cast<const char *>(sText.data()), sText.size() * 2);
+    return "\xFF\xFE" + Utf16(sText);
 }
 
 } // namespace
 
-class RecordStoreTest : public MachineTest
+class RecordStoreTest : public MigrationTest
 {
   protected:
     void SetUp() override
     {
-        MachineTest::SetUp();
-        ResetStateFiles();
+        MigrationTest::SetUp();
         CloseRecordStore();
-        char16_t szFile[260];
-        ASSERT_EQ(1, GetProgressFile(RECORD_INFO_FILE, szFile));
-        m_sFile = szFile;
+        m_sFile = File(RECORD_INFO_FILE);
     }
     void     TearDown() override { CloseRecordStore(); }
     uint32_t Profile(const char16_t *pszSection, const char16_t *pszKey)
@@ -106,22 +99,26 @@ TEST_F(RecordStoreTest, ARecordCostsOneWriteHoweverManyThereAre)
 {
     ASSERT_EQ(1, BeginWorkingFolder(u"C:\\Users\\old"));
     const int nHandles = hosted::OpenHandles();
+    const auto NameOf = [](int i) {
+        const std::string s = std::to_string(i / 10) + "\\N" + std::to_string(i);
+        return Item(std::u16string(s.begin(), s.end()));
+    };
     for (int i = 0; i < 5000; i++) {
         if (i == 100 || i == 4900) hosted::ClearFaults();
-        const std::string s = std::to_string(i / 10) + "\\" + std::to_string(i);
-        EXPECT_EQ(0, ReadRecordState(BASE, Item(std::u16string(s.begin(), s.end())).c_str()));
-        EXPECT_EQ(1, WriteRecordState(BASE, Item(std::u16string(s.begin(), s.end())).c_str(), 0));
+        EXPECT_EQ(0, ReadRecordState(BASE, NameOf(i).c_str()));
+        EXPECT_EQ(1, WriteRecordState(BASE, NameOf(i).c_str(), i % 2));
         if (i == 199 || i == 4999) {
             EXPECT_EQ(100, hosted::CallCount("WriteFile"));
             EXPECT_EQ(0, hosted::CallCount("ReadFile") + hosted::CallCount("CreateFileW"));
         }
     }
+    for (int i = 0; i < 5000; i++) EXPECT_EQ(1 + i % 2, ReadRecordState(BASE, NameOf(i).c_str())) << i;
     EXPECT_EQ(nHandles, hosted::OpenHandles());
-    EXPECT_EQ(1, WriteRecordState(BASE, Item(u"7\\70").c_str(), 0)) << "known already: nothing to write";
+    EXPECT_EQ(1, WriteRecordState(BASE, Item(u"7\\n70").c_str(), 0)) << "known already: nothing to write";
     EXPECT_EQ(100, hosted::CallCount("WriteFile"));
     CloseRecordStore();
     EXPECT_EQ(nHandles - 1, hosted::OpenHandles());
-    EXPECT_EQ(1u, Profile(u"499\\", u"\"4999\""));
+    EXPECT_EQ(2u, Profile(u"499\\", u"\"n4999\""));
 }
 
 TEST_F(RecordStoreTest, DamagedAndForeignFilesKeepWhatTheySay)
@@ -185,24 +182,4 @@ TEST_F(RecordStoreTest, AFullDiskLosesNothingThatWasRecorded)
     EXPECT_EQ(1u, Profile(u"a\\", u"\"5\""));
     char16_t szFolder[260];
     EXPECT_EQ(1, ReadWorkingFolder(szFolder, 260));
-}
-
-TEST_F(RecordStoreTest, TheIndexKeepsAHundredThousandApart)
-{
-    std::set<uint64_t> aHashes;
-    for (int i = 0; i < 100000; i++) {
-        const std::string    s = std::to_string(i);
-        const std::u16string sKey(s.begin(), s.end());
-        const uint64_t       ullHash = HashRecord(i % 2 == 0 ? u"a\\" : u"b\\", sKey.c_str());
-        EXPECT_TRUE(aHashes.insert(ullHash).second);
-        EXPECT_EQ(0, FindRecord(ullHash));
-        ASSERT_TRUE(PutRecord(ullHash, 1 + i % 2));
-    }
-    int n = 0;
-    for (const uint64_t ullHash : aHashes)
-        n += FindRecord(ullHash);
-    EXPECT_EQ(150000, n);
-    EXPECT_EQ(HashRecord(u"A\\", u"\u00E4"), HashRecord(u"a\\", u"\u00C4"));
-    EXPECT_NE(HashRecord(u"a\\b", u"c"), HashRecord(u"a\\", u"bc"));
-    ClearRecords();
 }

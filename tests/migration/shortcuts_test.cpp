@@ -1,12 +1,8 @@
 // Real shell links, made here and rewritten for this machine.
 #include "migration/shortcuts.h"
 #include "migration/machine_info.h"
-#include "migration/state_files.h"
-#include "platform/kernel.h"
-#include "platform/profile.h"
 #include "platform/shell.h"
-#include "platform/text.h"
-#include "tests/support/test_machine.h"
+#include "tests/migration/migration_fixture.h"
 
 using namespace platform;
 
@@ -39,23 +35,15 @@ std::u16string ReadLink(const std::u16string &sFile)
     return std::u16string(szTarget) + u"|" + szWorking;
 }
 
-class Shortcuts : public MachineTest {
+class Shortcuts : public MigrationTest {
 protected:
     void SetUp() override
     {
-        MachineTest::SetUp();
-        ResetStateFiles();
-        char16_t szIni[260];
-        ASSERT_EQ(1, GetProgressFile(TARGET_INFO_FILE, szIni));
-        ASSERT_EQ(1, CreateStateFile(szIni));
-        const struct {
-            const char16_t *pszSection, *pszKey, *pszValue;
-        } aValues[] = {{u"KnownFolder", u"\"Profile\"", u"\"Q:\\Users\\Old\\\""},
-                       {u"SourceMachine", u"\"ComputerName\"", u"\"OLDPC\""},
-                       {u"Volume", u"Number", u"1"},
-                       {u"Volume0", u"Path", u"\"Q:\\\""}};
-        for (const auto &v : aValues)
-            ASSERT_TRUE(WritePrivateProfileStringW(v.pszSection, v.pszKey, v.pszValue, szIni));
+        MigrationTest::SetUp();
+        Ini(TARGET_INFO_FILE, u"KnownFolder", u"\"Profile\"", u"\"Q:\\Users\\Old\\\"");
+        Ini(TARGET_INFO_FILE, u"SourceMachine", u"\"ComputerName\"", u"\"OLDPC\"");
+        Ini(TARGET_INFO_FILE, u"Volume", u"Number", u"1");
+        Ini(TARGET_INFO_FILE, u"Volume0", u"Path", u"\"Q:\\\"");
         StringList List = {};
         GetSystemFolderList(&List);
         m_sProfile = StringText(List.pLast);

@@ -1,48 +1,23 @@
 // Where each redirection mode sends a file, and what the trace says on the way.
-#include "app/user_interface_table.h"
-#include "ipc/thread_execution.h"
 #include "migration/machine_info.h"
-#include "migration/special_data.h"
-#include "migration/state_files.h"
-#include "net/network_link.h"
-#include "platform/files.h"
-#include "platform/profile.h"
-#include "platform/text.h"
-#include "tests/migration/fake_peer.h"
-#include "tests/support/test_machine.h"
+#include "tests/migration/special_fixture.h"
 #include "tests/trace/trace_session_hosted.h"
 
 using namespace platform;
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
-class SpecialFiles : public MachineTest {
+class SpecialFiles : public SpecialTest {
 protected:
     void SetUp() override
     {
-        MachineTest::SetUp();
-        ResetStateFiles();
-        InitThreadExecutionList();
-        const std::u16string sRoot = TestFolder();
-        A = sRoot + u"\\A", B = sRoot + u"\\B", P = sRoot + u"\\P";
-        for (const auto &sFolder : {A, B, P}) {
-            ASSERT_TRUE(CreateDirectoryW(sFolder.c_str(), nullptr));
-            WriteTestFile(sFolder + u"\\x", "12345");
-        }
-        SetSpecialRoot(SpecialRoot::AppData, A.c_str());
+        SpecialTest::SetUp();
+        A = m_sRoot + u"\\A", B = m_sRoot + u"\\B", P = m_sRoot + u"\\P";
+        ASSERT_TRUE(CreateDirectoryW(B.c_str(), nullptr));
+        for (const auto &sFolder : {A, B, P}) WriteTestFile(sFolder + u"\\x", "12345");
         SetSpecialRoot(SpecialRoot::SecondAppData, B.c_str());
-        SetSpecialRoot(SpecialRoot::ProgramData, P.c_str());
         // The target has no drive C, so that a path which was translated is known by its drive.
-        char16_t szFile[260];
-        ASSERT_EQ(1, GetProgressFile(TARGET_INFO_FILE, szFile));
-        ASSERT_TRUE(WritePrivateProfileStringW(u"KnownFolder", u"\"Windows\"", u"\"E:\\Windows\\\"", szFile));
-    }
-    void TearDown() override
-    {
-        DeleteThreadExecutionList();
-        ClearSpecialFolders();
+        Ini(TARGET_INFO_FILE, u"KnownFolder", u"\"Windows\"", u"\"E:\\Windows\\\"");
     }
     static std::string Moved(const std::u16string &sPath)
     {
@@ -97,19 +72,16 @@ TEST_F(SpecialFiles, FailedTriesAndTheRemovalOfTheCacheAreTraced)
     ASSERT_EQ(1, BindShell32Functions());
     FakePeer     Peer([](uint32_t, const std::string &) { return "FileError"; });
     TraceSession Session;
-    auto        *pRequest      = new SpecialRequest{};
-    pRequest->dwLinkGeneration = g_dwLinkGeneration;
-    pRequest->Record.dwCommand = 0x2330;
-    CopyTextW(pRequest->Record.szText1, 260, P.c_str());
-    EXPECT_EQ(0u, SpecialTransferThread(pRequest));
+    const Lines  aGot = Run(&Peer, 0x2330, {}, {P + u"\\app"});
+    EXPECT_EQ("record 2330 0 0 0 " + Utf8(P) + "\\app||", aGot.back());
     int nTries = 0, nRemovals = 0;
     for (const std::string &sLine : Session.Take()) {
-        if (sLine == "21 VornTramsaNet: !!SendNetworkFile, 1001, " + Utf8(P) + "\\x") ++nTries;
-        if (sLine == "35 VornTramsaNet: Remove cache  " + Utf8(P)) ++nRemovals;
+        if (sLine == "21 VornTramsaNet: !!SendNetworkFile, 1001, " + Utf8(P) + "\\app\\list.ini") ++nTries;
+        if (sLine == "35 VornTramsaNet: Remove cache  " + Utf8(P) + "\\app") ++nRemovals;
     }
     EXPECT_EQ(3, nTries);
     EXPECT_EQ(1, nRemovals);
-    EXPECT_FALSE(PathExists(P));
+    EXPECT_FALSE(PathExists(P + u"\\app"));
     ReleaseShell32Functions();
 }
 

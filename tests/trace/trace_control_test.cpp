@@ -4,51 +4,34 @@
 
 using namespace platform;
 
-static void Fill(TraceControlBlock *pBlock)
+// The block's state in one number: 753 as the test sets it, 0 when it was cleared.
+static uint64_t StateOf(const TraceControlBlock &block)
 {
-    pBlock->hLogger       = 7;
-    pBlock->bEnableLevel  = 5;
-    pBlock->dwEnableFlags = 3;
+    return block.hLogger * 100 + block.bEnableLevel * 10u + block.dwEnableFlags;
 }
 
-static bool IsFilled(const TraceControlBlock &block)
-{
-    return block.hLogger == 7 && block.bEnableLevel == 5 && block.dwEnableFlags == 3;
-}
-
-static bool IsClear(const TraceControlBlock &block)
-{
-    return block.hLogger == 0 && block.bEnableLevel == 0 && block.dwEnableFlags == 0;
-}
-
-TEST(TraceControl, DisableClearsTheBlockThatTheOptionsName)
+TEST(TraceControl, DisableClearsTheBlockThatTheOptionsNameAndOtherRequestsAreRefused)
 {
     static const struct {
-        uint8_t bOptions;
-        bool    bHasAlternate, bClearsAlternate;
-    } aCases[] = {{0, true, false}, {1, true, false}, {2, false, false}, {2, true, true}, {3, true, true}};
+        uint32_t nRequest;
+        uint8_t  bOptions;
+        bool     bHasAlternate;
+        uint32_t dwExpected;
+        uint64_t ullBlock, ullAlternate;
+    } aCases[] = {
+        {5, 0, true, 0, 0, 753},   {5, 1, true, 0, 0, 753},   {5, 2, false, 0, 0, 753},
+        {5, 2, true, 0, 753, 0},   {5, 3, true, 0, 753, 0},   {0, 0, false, 87, 753, 753},
+        {3, 2, true, 87, 753, 753}, {6, 0, false, 87, 753, 753}, {0xFFFFFFFF, 0, true, 87, 753, 753},
+    };
     for (const auto &c : aCases) {
         TraceControlBlock block{}, alternate{};
-        Fill(&block);
-        Fill(&alternate);
+        for (TraceControlBlock *p : {&block, &alternate}) p->hLogger = 7, p->bEnableLevel = 5, p->dwEnableFlags = 3;
         block.bOptions    = c.bOptions;
         block.pAlternate  = c.bHasAlternate ? &alternate : nullptr;
         uint32_t cbBuffer = 99;
-        EXPECT_EQ(0u, ControlCallback(5, &block, &cbBuffer, nullptr));
-        EXPECT_EQ(0u, cbBuffer);
-        EXPECT_EQ(c.bClearsAlternate, IsClear(alternate)) << int(c.bOptions);
-        EXPECT_EQ(!c.bClearsAlternate, IsClear(block)) << int(c.bOptions);
-    }
-}
-
-TEST(TraceControl, OtherRequestsAreRefusedAndChangeNothing)
-{
-    for (const uint32_t nRequest : {0u, 3u, 6u, 8u, 0xFFFFFFFFu}) {
-        TraceControlBlock block{};
-        Fill(&block);
-        uint32_t cbBuffer = 99;
-        EXPECT_EQ(87u, ControlCallback(nRequest, &block, &cbBuffer, nullptr)) << nRequest;
-        EXPECT_EQ(0u, cbBuffer);
-        EXPECT_TRUE(IsFilled(block)) << nRequest;
+        EXPECT_EQ(c.dwExpected, ControlCallback(c.nRequest, &block, &cbBuffer, nullptr)) << "case " << &c - aCases;
+        EXPECT_EQ(0u, cbBuffer) << "case " << &c - aCases;
+        EXPECT_EQ(c.ullBlock, StateOf(block)) << "case " << &c - aCases;
+        EXPECT_EQ(c.ullAlternate, StateOf(alternate)) << "case " << &c - aCases;
     }
 }

@@ -102,6 +102,7 @@ TEST_F(PathMapTest, SourceRewritesTheOtherWayRoundAndKnowsThePeersDrives)
     EXPECT_EQ(0u, m_Map.PeerVolumes.nCount);
     EXPECT_EQ(1u, m_Map.bUserDiffers);
     EXPECT_EQ(u"S-1-5-21-9-9-9-9", std::u16string(m_Map.szTargetSid));
+    EXPECT_EQ(u"S-1-5-", std::u16string(m_Map.szSourceSid, 6));
 
     ReleasePathMap(&m_Map);
     EXPECT_EQ(u"=D:\\a", Translate(u"D:\\a"));

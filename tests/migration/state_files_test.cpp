@@ -41,11 +41,12 @@ TEST_F(StateFiles, LinesBecomeFoldersAndFiles)
 
 TEST_F(StateFiles, ManyLinesSurviveEveryPieceBoundary)
 {
-    // 70 000 bytes of lines of growing length: some line, unit and CR LF lies across the end of a 64 KiB piece.
+    // Lines of growing length: some line, unit and CR LF lies across the end of a 64 KiB piece, and a list's entries
+    // are short, as long as they may be inline, and longer.
     std::u16string sContent = u"\xFEFF";
     Paths          aFiles;
-    for (size_t i = 0; sContent.size() < 35000; ++i) {
-        aFiles.push_back(u"C:\\" + std::u16string(1 + i % 37, static_cast<char16_t>(u'a' + i % 26)));
+    for (size_t i = 0; sContent.size() < 45000; ++i) {
+        aFiles.push_back(u"C:\\" + std::u16string(1 + i % 270, static_cast<char16_t>(u'a' + i % 26)));
         sContent += aFiles.back() + u"\r\n";
     }
     ExpectLines(Utf16(sContent), {}, aFiles, "many lines");

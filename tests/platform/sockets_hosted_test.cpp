@@ -78,11 +78,6 @@ TEST_F(HostedSockets, TimeoutsFollowTheClockAndTheirReplacement)
     nElapsed = MillisecondsOf([&] { ExpectReceiveTimeout(link.hServer); });
     EXPECT_GE(nElapsed, 70);
     EXPECT_LT(nElapsed, 4000) << "8000 ms at a hundred times the speed";
-
-    hosted::SetSocketTimeout(3600000);
-    LinkPair::SetTimeout(link.hServer, SO_RCVTIMEO, 7000);
-    nElapsed = MillisecondsOf([&] { ExpectReceiveTimeout(link.hServer); });
-    EXPECT_LT(nElapsed, 4000) << "only 8000 ms is replaced";
 }
 
 TEST_F(HostedSockets, AHoldSendsOnceAndLeavesNothingBehind)
@@ -126,8 +121,14 @@ TEST_F(HostedSockets, ATimeoutBehindAHoldEndsTheExchange)
 
 TEST_F(HostedSockets, ACutBreaksTheConnectionsOfItsMoment)
 {
-    LinkPair link;
-    char     aBytes[100];
+    LinkPair    link, other;
+    char        aBytes[100];
+    int32_t     nError = 0;
+    std::thread receiver([&] { // blocked by the time of the cut or not: it ends
+        char aByte[1];
+        EXPECT_EQ(SOCKET_ERROR, recv(other.hServer, aByte, 1, 0));
+        nError = WSAGetLastError();
+    });
     hosted::CutLinkAfter(15);
     EXPECT_EQ(10, send(link.hClient, "0123456789", 10, 0));
     EXPECT_EQ(5, send(link.hClient, "0123456789", 10, 0));
@@ -135,25 +136,11 @@ TEST_F(HostedSockets, ACutBreaksTheConnectionsOfItsMoment)
     EXPECT_EQ(WSAECONNRESET, WSAGetLastError());
     EXPECT_EQ(SOCKET_ERROR, recv(link.hServer, aBytes, sizeof aBytes, 0));
     EXPECT_EQ(WSAECONNRESET, WSAGetLastError());
+    receiver.join();
+    EXPECT_EQ(WSAECONNRESET, nError);
     LinkPair later;
     EXPECT_EQ(10, send(later.hClient, "0123456789", 10, 0));
     EXPECT_EQ(10, recv(later.hServer, aBytes, sizeof aBytes, 0));
-}
-
-TEST_F(HostedSockets, ACutWakesABlockedReceiver)
-{
-    LinkPair    link, other;
-    int32_t     nError = 0;
-    std::thread receiver([&] {
-        char aByte[1];
-        EXPECT_EQ(SOCKET_ERROR, recv(other.hServer, aByte, 1, 0));
-        nError = WSAGetLastError();
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(30)); // likely blocked by then; both orders must work
-    hosted::CutLinkAfter(1);
-    EXPECT_EQ(1, send(link.hClient, "x", 1, 0));
-    receiver.join();
-    EXPECT_EQ(WSAECONNRESET, nError);
 }
 
 TEST_F(HostedSockets, ADelayHoldsEachRealSend)
@@ -161,61 +148,7 @@ TEST_F(HostedSockets, ADelayHoldsEachRealSend)
     LinkPair link;
     hosted::SetLinkDelay(40);
     EXPECT_GE(MillisecondsOf([&] {
-                  HoldSends(link.hClient);
-                  for (int i = 0; i < 50; i++) send(link.hClient, "x", 1, 0);
-                  EXPECT_EQ(0, FlushSends(link.hClient));
-              }),
-              40);
-    EXPECT_GE(MillisecondsOf([&] {
                   for (int i = 0; i < 3; i++) send(link.hClient, "x", 1, 0);
               }),
               120);
-}
-
-TEST_F(HostedSockets, EachCallFailsWhenAskedAndLeaksNothing)
-{
-    LinkPair       link;
-    char           aByte[1] = {'x'};
-    uint16_t       nPort    = 0;
-    int32_t        cb       = sizeof(sockaddr);
-    sockaddr       address  = {};
-    addrinfo      *pInfo    = nullptr;
-    WSADATA        data;
-    const SOCKET   hListen = ListenOnLoopback(&nPort);
-    const uint32_t dwValue = 1;
-    const char    *pValue  = reinterpret_cast<const char *>(&dwValue);
-    const int      nSockets = hosted::OpenSockets(), nBlocks = hosted::LiveBlocks();
-    const struct {
-        const char              *pszCall;
-        std::function<int64_t()> fn;
-    } aCases[] = {
-        {"socket", [&] { return static_cast<int64_t>(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP)); }},
-        {"bind", [&] { return bind(hListen, &address, cb); }},
-        {"listen", [&] { return listen(hListen, 1); }},
-        {"accept", [&] { return static_cast<int64_t>(accept(hListen, nullptr, nullptr)); }},
-        {"connect", [&] { return ConnectToLoopback(hListen, nPort); }},
-        {"getsockname", [&] { return getsockname(hListen, &address, &cb); }},
-        {"setsockopt", [&] { return setsockopt(link.hClient, SOL_SOCKET, SO_SNDTIMEO, pValue, 4); }},
-        {"send", [&] { return send(link.hClient, aByte, 1, 0); }},
-        {"FlushSends", [&] { return FlushSends(link.hClient); }},
-        {"recv", [&] { return recv(link.hServer, aByte, 1, 0); }},
-        {"shutdown", [&] { return shutdown(link.hClient, SD_BOTH); }},
-        {"closesocket", [&] { return closesocket(link.hClient); }},
-        {"WSACleanup", [&] { return WSACleanup(); }},
-        {"WSAStartup", [&] { return WSAStartup(0x0202, &data) == WSAENOBUFS ? -1 : 0; }},
-        {"getaddrinfo", [&] { return getaddrinfo("127.0.0.1", "1", nullptr, &pInfo) == WSAENOBUFS ? -1 : 0; }},
-    };
-    for (const auto &c : aCases) {
-        hosted::FailCall(c.pszCall, 1, static_cast<uint32_t>(WSAENOBUFS));
-        WSASetLastError(0);
-        EXPECT_EQ(-1, c.fn()) << c.pszCall;
-        EXPECT_EQ(WSAENOBUFS, WSAGetLastError()) << c.pszCall;
-        EXPECT_EQ(nSockets, hosted::OpenSockets()) << c.pszCall;
-        EXPECT_EQ(nBlocks, hosted::LiveBlocks()) << c.pszCall;
-    }
-    // nothing of this touched the link
-    EXPECT_EQ(1, send(link.hClient, aByte, 1, 0));
-    EXPECT_EQ(1, recv(link.hServer, aByte, 1, 0));
-    EXPECT_EQ(1, hosted::WinsockStarts());
-    closesocket(hListen);
 }

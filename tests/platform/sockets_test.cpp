@@ -79,9 +79,7 @@ TEST_F(Sockets, AddressesAreResolved)
         uint16_t    nPort;
     } aCases[] = {
         {nullptr, "0", AI_PASSIVE, 0, 0, 0},
-        {nullptr, "9001", AI_PASSIVE, 0, 0, 9001},
         {nullptr, "65535", 0, 0, 0x0100007F, 65535},
-        {"127.0.0.1", "9001", 0, 0, 0x0100007F, 9001},
         {"localhost", "9001", 0, 0, 0x0100007F, 9001},
         {"10.1.2.3", "80", 0, 0, 0x0302010A, 80},
         {"127.0.0.1", "no such service", 0, WSATYPE_NOT_FOUND, 0, 0},
@@ -101,11 +99,8 @@ TEST_F(Sockets, AddressesAreResolved)
         ASSERT_NE(nullptr, pResult) << sCase;
         sockaddr_in address;
         std::memcpy(&address, pResult->ai_addr, sizeof address);
-        EXPECT_EQ(AF_INET, address.sin_family) << sCase;
         EXPECT_EQ(c.nAddress, address.sin_addr) << sCase;
         EXPECT_EQ(c.nPort, ntohs(address.sin_port)) << sCase;
-        EXPECT_EQ(SOCK_STREAM, pResult->ai_socktype) << sCase;
-        EXPECT_EQ(IPPROTO_TCP, pResult->ai_protocol) << sCase;
         freeaddrinfo(pResult);
     }
 }
@@ -123,10 +118,6 @@ TEST_F(Sockets, CallsOutOfPlaceHaveTheirCodes)
     EXPECT_EQ(UnderWine() ? WSAECONNRESET : WSAENOTCONN, WSAGetLastError());
     EXPECT_EQ(SOCKET_ERROR, recv(hFresh, aByte, 1, 0));
     EXPECT_EQ(WSAENOTCONN, WSAGetLastError());
-    EXPECT_EQ(SOCKET_ERROR, listen(hFresh, SOMAXCONN));
-    EXPECT_EQ(WSAEINVAL, WSAGetLastError());
-    EXPECT_EQ(INVALID_SOCKET, accept(hFresh, nullptr, nullptr));
-    EXPECT_EQ(WSAEINVAL, WSAGetLastError());
 
     closesocket(ListenOnLoopback(&nPort)); // nobody listens there now
     EXPECT_EQ(SOCKET_ERROR, ConnectToLoopback(hFresh, nPort));

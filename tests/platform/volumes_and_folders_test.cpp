@@ -26,15 +26,6 @@ std::vector<std::u16string> Arguments(const char16_t *pszLine)
 
 } // namespace
 
-TEST_F(VolumesAndFolders, DriveCIsFixed)
-{
-    EXPECT_EQ(4u, GetLogicalDrives() & 4u);
-    EXPECT_EQ(DRIVE_FIXED, GetDriveTypeW(u"C:\\"));
-    EXPECT_EQ(DRIVE_NO_ROOT_DIR, GetDriveTypeW(u"Q:\\"));
-    HotPlugInfo info = {TRUE, TRUE};
-    EXPECT_FALSE(GetHotPlugInfo(u"Q:\\", &info));
-}
-
 TEST_F(VolumesAndFolders, KnownFoldersExistWithoutTrailingBackslash)
 {
     for (const GUID *pId : {&FOLDERID_Windows, &FOLDERID_ProgramFilesX86, &FOLDERID_ProgramFilesX64,
@@ -87,8 +78,16 @@ TEST_F(VolumesAndFolders, CommandLinesComeApartAsWindowsTakesThem)
     EXPECT_EQ(1u, Arguments(u"").size()) << "the program itself";
 }
 
-TEST_F(VolumesAndFolders, ComputerNameAndSystemFolders)
+TEST_F(VolumesAndFolders, DrivesNameSystemFoldersAndMissingKeys)
 {
+    HotPlugInfo info = {TRUE, TRUE};
+    HKEY        hKey = nullptr;
+    EXPECT_EQ(4u, GetLogicalDrives() & 4u);
+    EXPECT_EQ(DRIVE_FIXED, GetDriveTypeW(u"C:\\"));
+    EXPECT_EQ(DRIVE_NO_ROOT_DIR, GetDriveTypeW(u"Q:\\"));
+    EXPECT_FALSE(GetHotPlugInfo(u"Q:\\", &info));
+    EXPECT_EQ(static_cast<int32_t>(ERROR_FILE_NOT_FOUND),
+              RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"SOFTWARE\\VORN\\No Such Key", 0, KEY_QUERY_VALUE, &hKey));
     char16_t sz[260];
     uint32_t cch = 260;
     ASSERT_TRUE(GetComputerNameW(sz, &cch));
@@ -103,12 +102,4 @@ TEST_F(VolumesAndFolders, ComputerNameAndSystemFolders)
     EXPECT_TRUE(PathMakeSystemFolderW(sFolder.c_str()));
     EXPECT_NE(0u, GetFileAttributesW(sFolder.c_str()) & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_SYSTEM));
     EXPECT_FALSE(PathMakeSystemFolderW((sFolder + u"\\none").c_str()));
-}
-
-TEST_F(VolumesAndFolders, AMissingKeyIsNotFound)
-{
-    HKEY hKey = nullptr;
-    EXPECT_EQ(
-        static_cast<int32_t>(ERROR_FILE_NOT_FOUND),
-        RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"SOFTWARE\\VORN\\No Such Key", 0, KEY_QUERY_VALUE | KEY_WOW64_64KEY, &hKey));
 }

@@ -21,11 +21,3 @@ const TraceMessageFormat g_aTraceMessageFormats[TRACE_MESSAGE_COUNT] = {
     {37, "%1: start", "s"},
     {38, "%1: end", "s"},
 };
-
-const TraceMessageFormat *FindTraceMessageFormat(uint16_t nNumber)
-{
-    for (const TraceMessageFormat &format : g_aTraceMessageFormats) {
-        if (format.nNumber == nNumber) return &format;
-    }
-    return nullptr;
-}

@@ -11,6 +11,3 @@ constexpr size_t TRACE_MESSAGE_COUNT    = 15;
 constexpr size_t TRACE_ARGUMENT_COUNT   = 8; // of the longest message, program name included
 
 extern const platform::TraceMessageFormat g_aTraceMessageFormats[TRACE_MESSAGE_COUNT]; // by ascending number
-
-// The row of a message number; null when there is none.
-const platform::TraceMessageFormat *FindTraceMessageFormat(uint16_t nNumber);

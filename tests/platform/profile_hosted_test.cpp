@@ -189,6 +189,9 @@ TEST_F(HostedProfile, MarksStayWithARewrittenFile)
     EXPECT_TRUE(ReadEveryoneAccess(hFile, SecuredObject::File, &dwMask, &nEntries));
     EXPECT_EQ(0x1F01FFu, dwMask);
     CloseHandle(hFile);
+    SetFileAttributesW(sFile.c_str(), FILE_ATTRIBUTE_READONLY);
+    EXPECT_FALSE(Put(u"A", u"a", u"2"));
+    EXPECT_EQ(ERROR_ACCESS_DENIED, GetLastError());
 }
 
 TEST_F(HostedProfile, AFullDriveLeavesTheOldText)

@@ -18,7 +18,6 @@ class Sockets : public MachineTest {
 protected:
     WinsockStarted m_Winsock;
 };
-class WinsockStart : public MachineTest {};
 
 std::string Pattern(size_t cb)
 {
@@ -48,27 +47,6 @@ bool SendAll(SOCKET s, const std::string &sBytes)
 }
 
 } // namespace
-
-TEST_F(WinsockStart, IsAskedForAndCounted)
-{
-    WSADATA   data;
-    addrinfo *pResult = nullptr;
-    EXPECT_EQ(INVALID_SOCKET, socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
-    EXPECT_EQ(WSANOTINITIALISED, WSAGetLastError());
-    if (!UnderWine()) { // which resolves without being asked to start
-        EXPECT_EQ(WSANOTINITIALISED, getaddrinfo("127.0.0.1", "1", nullptr, &pResult));
-    }
-    EXPECT_EQ(SOCKET_ERROR, WSACleanup());
-
-    EXPECT_EQ(0, WSAStartup(0x0202, &data));
-    EXPECT_EQ(0, WSAStartup(0x0202, &data));
-    EXPECT_EQ(0, WSACleanup());
-    const SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    EXPECT_NE(INVALID_SOCKET, s);
-    EXPECT_EQ(0, closesocket(s));
-    EXPECT_EQ(0, WSACleanup());
-    EXPECT_EQ(INVALID_SOCKET, socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
-}
 
 TEST_F(Sockets, AddressesAreResolved)
 {

@@ -28,18 +28,12 @@ void ResetRelay()
 
 // The peer's files of the shared data folder have been stored below the own application data: the service must look
 // there.
-//   pszPath  a text of IPC_TEXT_UNITS units, in place; a longer result is cut
+//   pszPath  a text of IPC_TEXT_UNITS units, in place; left as it is when the result would not fit
 static void MapPath(char16_t *pszPath)
 {
-    const SpecialFolders folders = GetSpecialFolders();
-    const size_t         cchRoot = TextLengthW(folders.szProgramDataRoot);
     char16_t             szMapped[IPC_TEXT_UNITS];
-
-    const bool bMapped = cchRoot > 0 && folders.szAppDataRoot[0] != 0 &&
-                         CompareTextNoCaseN_W(pszPath, folders.szProgramDataRoot, cchRoot) == 0;
-    if (bMapped) FormatTextW(szMapped, IPC_TEXT_UNITS, u"%s%s", folders.szAppDataRoot, pszPath + cchRoot);
-    else CopyTextW(szMapped, IPC_TEXT_UNITS, pszPath);
-    TracePathMapping("TransferProgramDataToAppData", bMapped, pszPath, szMapped, IPC_TEXT_UNITS);
+    const SpecialFolders folders = GetSpecialFolders();
+    TransferProgramDataToAppData(&folders, pszPath, szMapped, IPC_TEXT_UNITS, 1);
     CopyTextW(pszPath, IPC_TEXT_UNITS, szMapped);
 }
 

@@ -63,6 +63,8 @@ uint64_t AddThreadExecution()
     EnterCriticalSection(ListLock());
     if (g_bListOpen) {
         ullExecution = GetTickCount64();
+        // One pass is enough: nodes that began earlier have smaller numbers, except within one tick after a removal,
+        // where two may share theirs; both are then cancelled, and each of the two removals takes one.
         for (ExecutionNode *pNode = g_pFirstNode; pNode != nullptr; pNode = pNode->pNext) {
             if (pNode->ullExecution == ullExecution) ullExecution++;
         }

@@ -26,8 +26,9 @@ static constexpr uint32_t FIRST_RECORDS_POLLS     = 40; // a client that says no
 
 std::atomic<HANDLE> g_hStartupEvent{nullptr};
 
-// 1 once the newest connection's first records have been taken, or the connection has ended.
-static std::atomic<uint8_t> g_bFirstRecordsTaken{1};
+// The newest connection while none of its records have been taken, else null. Its own reader alone takes it back: an
+// older connection that speaks or ends late says nothing of the newest.
+static std::atomic<HANDLE> g_hSilentPipe{nullptr};
 
 enum class Accepted {
     Connected, // the pipe has a client
@@ -78,15 +79,23 @@ static Accepted AwaitClient(HANDLE hPipe)
 // Hands a connected pipe to a reader of its own, which owns it from then on, or closes it.
 static void StartReader(HANDLE hPipe)
 {
-    for (uint32_t n = 0; n < FIRST_RECORDS_POLLS && !g_bFirstRecordsTaken && !WaitForStop(FIRST_RECORDS_POLL_MS); n++) {}
-    g_bFirstRecordsTaken = 0;
+    for (uint32_t n = 0; n < FIRST_RECORDS_POLLS && g_hSilentPipe != nullptr; n++) {
+        if (WaitForStop(FIRST_RECORDS_POLL_MS)) break;
+    }
+    g_hSilentPipe        = hPipe;
     const HANDLE hThread = CreateThread(nullptr, 0, NetLoopThread, hPipe, 0, nullptr);
     if (hThread != nullptr) {
         CloseHandle(hThread);
     } else {
+        g_hSilentPipe = nullptr;
         CloseHandle(hPipe);
-        g_bFirstRecordsTaken = 1;
     }
+}
+
+// Lets the next connection be read, if it waits for this one.
+static void EndSilence(HANDLE hPipe)
+{
+    g_hSilentPipe.compare_exchange_strong(hPipe, nullptr);
 }
 
 static void AcceptClients(const char16_t *pszPipeName, SECURITY_ATTRIBUTES *pSecurity)
@@ -132,8 +141,7 @@ uint32_t CommandPipeServerThread(void *)
 
 uint32_t NetLoopThread(void *pPipe)
 {
-    const HANDLE hPipe  = pPipe;
-    bool         bTaken = false; // this connection's first records
+    const HANDLE hPipe = pPipe;
     IpcMessage   aRecords[COMMAND_PIPE_BUFFER_BYTES / IPC_MESSAGE_SIZE];
     uint32_t     cbRead = 0;
     static_assert(sizeof(aRecords) == COMMAND_PIPE_BUFFER_BYTES);
@@ -143,10 +151,9 @@ uint32_t NetLoopThread(void *pPipe)
         for (uint32_t n = 0; n < cbRead / IPC_MESSAGE_SIZE; n++) { // what follows the last whole record is dropped
             if (aRecords[n].dwSessionId == 0) NetHandleIPC(&aRecords[n]);
         }
-        if (!bTaken) g_bFirstRecordsTaken = 1;
-        bTaken = true;
+        EndSilence(hPipe);
     }
-    if (!bTaken) g_bFirstRecordsTaken = 1;
+    EndSilence(hPipe);
     DisconnectNamedPipe(hPipe);
     CloseHandle(hPipe);
     return 0;

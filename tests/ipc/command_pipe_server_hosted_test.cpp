@@ -1,15 +1,14 @@
 // command_pipe_server_hosted_test.cpp: the accept loop when its calls fail: what it tries again, when it ends, what it
-// leaves open.
+// leaves open; and what it takes from clients in a hurry.
 #include "ipc/command_pipe_server.h"
 #include "ipc/stop_signal.h"
 #include "platform/errors.h"
 #include "platform/hosted/control.h"
 #include "platform/kernel.h"
 #include "tests/ipc/fake_service.h"
+#include "tests/support/eventually.h"
 #include "tests/support/test_machine.h"
 #include "tests/trace/trace_session_hosted.h"
-#include <chrono>
-#include <functional>
 #include <thread>
 
 using namespace platform;
@@ -21,23 +20,74 @@ protected:
         MachineTest::SetUp();
         hosted::SetClockRate(20);
         GetOwnSessionId();
+        g_hAppEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
         m_nHandles  = hosted::OpenHandles();
         m_nBlocks   = hosted::LiveBlocks();
-        g_hAppEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
         hosted::ClearFaults();
     }
-    void TearDown() override { CloseHandle(g_hAppEvent.exchange(nullptr)); }
-    void ExpectNothingLeft()
+    void TearDown() override
     {
-        EXPECT_EQ(m_nHandles + 1, hosted::OpenHandles()); // the stop signal
+        Stop();
+        CloseHandle(g_hAppEvent.exchange(nullptr));
+    }
+    // Starts the server and returns when it waits for its first client.
+    void Serve()
+    {
+        m_Server = std::thread([] { CommandPipeServerThread(nullptr); });
+        ExpectWaits(1);
+    }
+    static void ExpectWaits(int n)
+    {
+        EXPECT_TRUE(Eventually([n] { return hosted::CallCount("WaitForMultipleObjects") >= n; }));
+    }
+    // Ends it; whatever it had open is closed.
+    void Stop()
+    {
+        SetEvent(g_hAppEvent);
+        if (m_Server.joinable()) m_Server.join();
+        EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
+        EXPECT_EQ(m_nHandles, hosted::OpenHandles());
         EXPECT_EQ(m_nBlocks, hosted::LiveBlocks());
     }
-    static bool Becomes(const std::function<bool()> &Condition)
+    // Connects the moment an instance is there.
+    static HANDLE Connect()
     {
-        for (int n = 0; n < 2000 && !Condition(); n++) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        return Condition();
+        HANDLE hPipe = INVALID_HANDLE_VALUE;
+        while (hPipe == INVALID_HANDLE_VALUE) {
+            hPipe = CreateFileW(u"\\\\.\\pipe\\VornMigrationNet_NamedPipeCommand_0x1", GENERIC_WRITE, 0, nullptr,
+                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+        }
+        return hPipe;
     }
-    int m_nHandles = 0, m_nBlocks = 0;
+    static void Write(HANDLE hPipe, const void *pData, size_t cb)
+    {
+        uint32_t cbWritten = 0;
+        EXPECT_TRUE(WriteFile(hPipe, pData, static_cast<uint32_t>(cb), &cbWritten, nullptr)) << GetLastError();
+    }
+    // A client of one record, nobody's, so that it leaves its trace and no thread.
+    static void SendNumber(uint32_t n)
+    {
+        const IpcMessage record = MakeRecord(0x306, n);
+        const HANDLE     hPipe  = Connect();
+        Write(hPipe, &record, sizeof(record));
+        CloseHandle(hPipe);
+    }
+    static std::string NumberLine(uint32_t n)
+    {
+        return "27 VornTramsaNet: NetHandleIPC, STOA_, " + std::to_string(n) + ", 0, 0, , , ";
+    }
+    static std::vector<std::string> TakeLines(TraceSession *pSession, size_t nLines, const char *pszStart = "")
+    {
+        std::vector<std::string> aLines;
+        EXPECT_TRUE(Eventually([&] {
+            for (std::string &sLine : pSession->Take())
+                if (sLine.rfind(pszStart, 0) == 0) aLines.push_back(std::move(sLine));
+            return aLines.size() >= nLines;
+        }));
+        return aLines;
+    }
+    std::thread m_Server;
+    int         m_nHandles = 0, m_nBlocks = 0;
 };
 
 TEST_F(CommandPipeFaults, ThreeFailuresInARowEndTheServer)
@@ -47,7 +97,6 @@ TEST_F(CommandPipeFaults, ThreeFailuresInARowEndTheServer)
     EXPECT_EQ(0u, CommandPipeServerThread(nullptr));
     EXPECT_EQ(3, hosted::CallCount("CreateNamedPipeW"));
     EXPECT_GE(GetTickCount64() - ullStart, 1000u - 40); // 500 ms after the first and the second
-    ExpectNothingLeft();
 }
 
 TEST_F(CommandPipeFaults, WithoutItsMutexOrWithTheStopSignalItServesNothing)
@@ -58,10 +107,9 @@ TEST_F(CommandPipeFaults, WithoutItsMutexOrWithTheStopSignalItServesNothing)
     SetEvent(g_hAppEvent);
     EXPECT_EQ(0u, CommandPipeServerThread(nullptr));
     EXPECT_EQ(1, hosted::CallCount("CreateMutexW"));
-    ExpectNothingLeft();
 }
 
-// A single failure of each call: the server goes on and can still be stopped, which closes whatever it had open.
+// A single failure of each call: the server goes on and can still be stopped.
 TEST_F(CommandPipeFaults, OneFailureIsSurvivedAndTheStopSignalEndsTheWait)
 {
     static const struct {
@@ -74,147 +122,81 @@ TEST_F(CommandPipeFaults, OneFailureIsSurvivedAndTheStopSignalEndsTheWait)
         {"CreateEventW", 8, 2, 1000},
         {"ConnectNamedPipe", 995, 2, 0},
         {"CreateEveryoneSecurity", 8, 1, 0}, // default security then
-        {nullptr, 0, 1, 0},
     };
     for (const auto &c : aCases) {
-        SCOPED_TRACE(c.pszCall != nullptr ? c.pszCall : "no failure");
+        SCOPED_TRACE(c.pszCall);
         ResetEvent(g_hAppEvent);
         hosted::ClearFaults();
-        if (c.pszCall != nullptr) hosted::FailCall(c.pszCall, 1, c.dwError);
+        hosted::FailCall(c.pszCall, 1, c.dwError);
         const uint64_t ullStart = GetTickCount64();
-        std::thread    server([] { CommandPipeServerThread(nullptr); });
-        EXPECT_TRUE(Becomes([&] { return hosted::CallCount("WaitForMultipleObjects") >= 1; }));
+        Serve();
         EXPECT_EQ(c.nPipes, hosted::CallCount("CreateNamedPipeW"));
         EXPECT_GE(GetTickCount64() - ullStart + 40, c.dwPauseMs);
-        SetEvent(g_hAppEvent);
-        server.join();
-        ExpectNothingLeft();
+        Stop();
     }
 }
 
 TEST_F(CommandPipeFaults, AConnectionThatNoThreadCanReadIsClosed)
 {
-    std::thread server([] { CommandPipeServerThread(nullptr); });
-    EXPECT_TRUE(Becomes([] { return hosted::CallCount("WaitForMultipleObjects") == 1; }));
+    Serve();
     hosted::FailCall("CreateThread", 1, 8);
-    const HANDLE hPipe = CreateFileW(u"\\\\.\\pipe\\VornMigrationNet_NamedPipeCommand_0x1", GENERIC_WRITE, 0, nullptr,
-                                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    EXPECT_NE(INVALID_HANDLE_VALUE, hPipe) << GetLastError();
-    EXPECT_TRUE(
-        Becomes([] { return hosted::CallCount("WaitForMultipleObjects") == 2; })); // the next instance is awaited
+    const HANDLE hPipe = Connect();
+    ExpectWaits(2); // for a client of the next instance
     CloseHandle(hPipe);
-    SetEvent(g_hAppEvent);
-    server.join();
-    ExpectNothingLeft();
 }
 
-TEST_F(CommandPipeFaults, EachReadIsTracedWithItsBytesAndItsWholeRecords)
+TEST_F(CommandPipeFaults, EachReadIsTracedWithItsBytesAndItsWholeRecordsAreHandled)
 {
     static const struct {
         size_t nBytes;
-        int    nRecords;
-    } aCases[] = {{1584, 1}, {1600, 1}, {1583, 0}, {4, 0}, {3168, 2}, {7920, 5}};
-    std::thread server([] { CommandPipeServerThread(nullptr); });
-    EXPECT_TRUE(Becomes([] { return hosted::CallCount("WaitForMultipleObjects") == 1; }));
-    {
-        TraceSession session;
-        const HANDLE hPipe = CreateFileW(u"\\\\.\\pipe\\VornMigrationNet_NamedPipeCommand_0x1", GENERIC_WRITE, 0,
-                                         nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-        for (const auto &c : aCases) {
-            IpcMessage aRecords[5];
-            for (IpcMessage &record : aRecords) record = MakeRecord(0x306, 1, 2, 3, u"a", u"b", u"c"); // nobody's
-            uint32_t cbWritten = 0;
-            EXPECT_TRUE(WriteFile(hPipe, aRecords, static_cast<uint32_t>(c.nBytes), &cbWritten, nullptr));
-            std::vector<std::string> aLines;
-            EXPECT_TRUE(Becomes([&] {
-                for (std::string &sLine : session.Take()) aLines.push_back(std::move(sLine));
-                return aLines.size() >= static_cast<size_t>(1 + 2 * c.nRecords);
-            })) << c.nBytes;
-            std::vector<std::string> aExpected = {
-                "13 VornTramsaNet: NetLoopThread ReadFile, " + std::to_string(c.nBytes) + " bytes"};
-            for (int n = 0; n < c.nRecords; n++) {
-                aExpected.push_back("27 VornTramsaNet: NetHandleIPC, STOA_, 1, 2, 3, a, b, c");
-                aExpected.push_back("10 VornTramsaNet: ## Unhandle IPC");
-            }
-            EXPECT_EQ(aExpected, aLines) << c.nBytes;
+        int    nRecords, nForeign; // those of another session, which come first and do not count
+    } aCases[] = {{1584, 1, 0}, {1600, 1, 0}, {1583, 0, 0}, {4, 0, 0}, {3168, 2, 1}, {7920, 5, 0}};
+    TraceSession session;
+    Serve();
+    const HANDLE hPipe = Connect();
+    for (const auto &c : aCases) {
+        IpcMessage aRecords[5];
+        for (IpcMessage &record : aRecords) record = MakeRecord(0x306, 1, 2, 3, u"a", u"b", u"c");
+        for (int n = 0; n < c.nForeign; n++) aRecords[n].dwSessionId = 1;
+        Write(hPipe, aRecords, c.nBytes);
+        std::vector<std::string> aExpected = {
+            "13 VornTramsaNet: NetLoopThread ReadFile, " + std::to_string(c.nBytes) + " bytes"};
+        for (int n = c.nForeign; n < c.nRecords; n++) {
+            aExpected.push_back("27 VornTramsaNet: NetHandleIPC, STOA_, 1, 2, 3, a, b, c");
+            aExpected.push_back("10 VornTramsaNet: ## Unhandle IPC");
         }
-        CloseHandle(hPipe);
-        EXPECT_TRUE(Becomes([] { return hosted::LiveThreads() == 0; }));
+        EXPECT_EQ(aExpected, TakeLines(&session, aExpected.size())) << c.nBytes;
     }
-    SetEvent(g_hAppEvent);
-    server.join();
-    ExpectNothingLeft();
+    CloseHandle(hPipe);
 }
 
-// A service opens a connection for each record: a disconnect and the connect after it must not change places. A client
-// that stays silent holds nobody up for long.
-TEST_F(CommandPipeFaults, RecordsOnConnectionsOfTheirOwnAreTakenInTheirOrder)
+// A service opens a connection for each record: a disconnect and the connect after it must not change places, and what
+// a client wrote counts also when it has left before its instance was awaited.
+TEST_F(CommandPipeFaults, RecordsOnConnectionsOfTheirOwnAllArriveInTheirOrder)
 {
-    constexpr int RECORDS = 200;
-    const char16_t *pszPipe = u"\\\\.\\pipe\\VornMigrationNet_NamedPipeCommand_0x1";
-    std::thread     server([] { CommandPipeServerThread(nullptr); });
-    EXPECT_TRUE(Becomes([] { return hosted::CallCount("WaitForMultipleObjects") == 1; }));
-    {
-        TraceSession session;
-        HANDLE       hSilent = INVALID_HANDLE_VALUE;
-        for (int n = 0; n <= RECORDS; n++) {
-            HANDLE hPipe;
-            do hPipe = CreateFileW(pszPipe, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-            while (hPipe == INVALID_HANDLE_VALUE && WaitNamedPipeW(pszPipe, 5000));
-            EXPECT_NE(INVALID_HANDLE_VALUE, hPipe) << GetLastError();
-            if (n == 0) {
-                hSilent = hPipe;
-                continue;
-            }
-            const IpcMessage record = MakeRecord(0x306, static_cast<uint32_t>(n), 0, 0, u"");
-            uint32_t         cbWritten = 0;
-            EXPECT_TRUE(WriteFile(hPipe, &record, sizeof(record), &cbWritten, nullptr));
-            CloseHandle(hPipe);
-        }
-        std::vector<std::string> aTaken, aExpected;
-        for (int n = 1; n <= RECORDS; n++)
-            aExpected.push_back("27 VornTramsaNet: NetHandleIPC, STOA_, " + std::to_string(n) + ", 0, 0, , , ");
-        EXPECT_TRUE(Becomes([&] {
-            for (std::string &sLine : session.Take())
-                if (sLine.rfind("27 ", 0) == 0) aTaken.push_back(std::move(sLine));
-            return aTaken.size() >= aExpected.size();
-        }));
-        EXPECT_EQ(aExpected, aTaken);
-        CloseHandle(hSilent);
-        EXPECT_TRUE(Becomes([] { return hosted::LiveThreads() == 0; }));
+    constexpr uint32_t RECORDS = 300;
+    TraceSession       session;
+    Serve();
+    std::vector<std::string> aExpected;
+    for (uint32_t n = 1; n <= RECORDS; n++) {
+        SendNumber(n);
+        aExpected.push_back(NumberLine(n));
     }
-    SetEvent(g_hAppEvent);
-    server.join();
-    ExpectNothingLeft();
+    EXPECT_EQ(aExpected, TakeLines(&session, RECORDS, "27 "));
 }
 
-// A client may connect, write and leave before its instance is awaited. What it wrote counts all the same.
-TEST_F(CommandPipeFaults, NoRecordOfAClientInAHurryIsLost)
+// A client that stays silent is waited for, but not for long, and an older one that ends makes no difference to that.
+TEST_F(CommandPipeFaults, ASilentConnectionHoldsTheNextOneUpFor200Milliseconds)
 {
-    hosted::SetClockRate(1);
-    std::thread server([] { CommandPipeServerThread(nullptr); });
-    {
-        TraceSession session;
-        const auto   record = MakeRecord(0x306); // nobody's, so that each leaves one line and no thread
-        for (int n = 0; n < 300; n++) {
-            HANDLE hPipe = INVALID_HANDLE_VALUE;
-            while (hPipe == INVALID_HANDLE_VALUE) { // the moment the next instance is there
-                hPipe = CreateFileW(u"\\\\.\\pipe\\VornMigrationNet_NamedPipeCommand_0x1", GENERIC_WRITE, 0, nullptr,
-                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-            }
-            uint32_t cbWritten = 0;
-            EXPECT_TRUE(WriteFile(hPipe, &record, sizeof(record), &cbWritten, nullptr)) << GetLastError();
-            CloseHandle(hPipe);
-        }
-        int nUnhandled = 0;
-        Becomes([&] {
-            for (const std::string &sLine : session.Take()) nUnhandled += sLine.find("## Unhandle IPC") != sLine.npos;
-            return nUnhandled >= 300;
-        });
-        EXPECT_EQ(300, nUnhandled);
-    }
-    SetEvent(g_hAppEvent);
-    server.join();
-    EXPECT_TRUE(Becomes([] { return hosted::LiveThreads() == 0; }));
-    ExpectNothingLeft();
+    TraceSession session;
+    Serve();
+    const HANDLE hOlder = Connect(), hSilent = Connect();
+    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 2; }));
+    CloseHandle(hOlder);
+    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 1; }));
+    const uint64_t ullStart = GetTickCount64();
+    SendNumber(1);
+    EXPECT_EQ(std::vector<std::string>{NumberLine(1)}, TakeLines(&session, 1, "27 "));
+    EXPECT_GE(GetTickCount64() - ullStart, 200u - 40);
+    CloseHandle(hSilent);
 }

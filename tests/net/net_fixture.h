@@ -13,6 +13,7 @@
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "tests/ipc/fake_service.h"
+#include "tests/support/eventually.h"
 #include "tests/support/link_pair.h"
 #include "tests/support/test_machine.h"
 #include "trace/debug_output.h"
@@ -24,15 +25,6 @@
 #include <string>
 #include <thread>
 #include <utility>
-
-inline bool Eventually(const std::function<bool()> &holds)
-{
-    for (int i = 0; i < 30000; i++) {
-        if (holds()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-}
 
 // A field of cb bytes, zero-filled.
 inline std::string Field(const std::string &sText, size_t cb = COMMAND_WORD_BYTES)

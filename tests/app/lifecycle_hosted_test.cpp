@@ -3,19 +3,16 @@
 #include "app/lifecycle.h"
 #include "app/notification_window.h"
 #include "app/user_interface_table.h"
-#include "ipc/command_pipe_server.h"
 #include "ipc/stop_signal.h"
 #include "ipc/thread_execution.h"
 #include "net/settings.h"
 #include "platform/files.h"
 #include "platform/hosted/control.h"
 #include "platform/kernel.h"
-#include "platform/pipes.h"
 #include "tests/ipc/fake_service.h"
 #include "tests/support/child_process_hosted.h"
-#include "tests/support/test_machine.h"
+#include "tests/support/eventually.h"
 #include "tests/trace/trace_session_hosted.h"
-#include <chrono>
 #include <functional>
 #include <string>
 #include <thread>
@@ -23,26 +20,9 @@
 
 using namespace platform;
 
-class Lifecycle : public MachineTest {
+class Lifecycle : public ServiceTest {
 protected:
-    void SetUp() override
-    {
-        MachineTest::SetUp();
-        ResetServicePipeClient();
-        GetOwnSessionId();
-    }
-    void TearDown() override
-    {
-        ExpectBecomes([] { return hosted::LiveThreads() == 0; });
-        ResetServicePipeClient();
-    }
-    static void ExpectBecomes(const std::function<bool()> &Condition)
-    {
-        bool bHolds = false;
-        for (int n = 0; n < 2000 && !(bHolds = Condition()); n++)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        EXPECT_TRUE(bHolds);
-    }
+    void TearDown() override { EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; })); }
     // The agent on a thread of its own, with whatever the test does meanwhile.
     static void WhileAgentRuns(const std::function<void()> &Meanwhile)
     {
@@ -65,68 +45,18 @@ protected:
         EXPECT_EQ(816u, aRecords[0].dwCommand);
         EXPECT_EQ(1u, aRecords[0].dwParam1);
     }
-    static void SendToAgent(const IpcMessage &record)
-    {
-        static constexpr char16_t szPipe[] = u"\\\\.\\pipe\\VornMigrationNet_NamedPipeCommand_0x1";
-        HANDLE                    hPipe    = INVALID_HANDLE_VALUE;
-        ExpectBecomes([&] { // between two clients the pipe is busy for a moment
-            hPipe = CreateFileW(szPipe, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-            return hPipe != INVALID_HANDLE_VALUE;
-        });
-        uint32_t cbWritten = 0;
-        EXPECT_TRUE(WriteFile(hPipe, &record, sizeof(record), &cbWritten, nullptr));
-        CloseHandle(hPipe);
-    }
 };
 
-TEST_F(Lifecycle, AnnouncesItselfOnceItsPipeIsThereAndEndsOnRequest)
-{
-    const int nHandles = hosted::OpenHandles(), nBlocks = hosted::LiveBlocks();
-    {
-        FakeService service;
-        WhileAgentRuns([&] {
-            ExpectAnnounced(&service);
-            SendToAgent(MakeRecord(545, 2)); // not an exit
-            SendToAgent(MakeRecord(545, 1));
-        });
-    }
-    ExpectBecomes([] { return hosted::LiveThreads() == 0; });
-    EXPECT_EQ(nHandles, hosted::OpenHandles());
-    EXPECT_EQ(nBlocks, hosted::LiveBlocks());
-    EXPECT_EQ(0, hosted::OpenWindows());
-    EXPECT_EQ(0, hosted::OpenSockets());
-}
-
-TEST_F(Lifecycle, TheServicesExitEventAndTheEndOfTheSessionEndIt)
+TEST_F(Lifecycle, IsTracedFromStartToEndWhichTheServicesExitEventBrings)
 {
     const HANDLE hExit = CreateEventW(nullptr, TRUE, FALSE, u"Global\\VORN VornMigrationService App ExitEvent");
-    {
-        FakeService service;
-        WhileAgentRuns([&] {
-            ExpectAnnounced(&service);
-            SetEvent(hExit);
-        });
-    }
-    ResetEvent(hExit);
-    {
-        FakeService service;
-        WhileAgentRuns([&] {
-            ExpectAnnounced(&service);
-            ExpectBecomes([] { return g_pfnPostMessageW != nullptr && g_hNotificationWindow != nullptr; });
-            g_pfnPostMessageW(g_hNotificationWindow, WM_ENDSESSION, 1, 0);
-        });
-    }
-    CloseHandle(hExit);
-}
-
-TEST_F(Lifecycle, StartAndEndAreTracedInOrder)
-{
-    FakeService service;
+    FakeService  service;
     ASSERT_TRUE(hosted::StartTraceSession(hosted::MachineFolder(), "test", 5, 3));
     WhileAgentRuns([&] {
         ExpectAnnounced(&service);
-        PostAgentExit();
+        SetEvent(hExit);
     });
+    CloseHandle(hExit);
     TraceSession                   session;
     const std::vector<std::string> aLines = session.Take();
     ASSERT_GT(aLines.size(), 51u);
@@ -174,11 +104,9 @@ TEST_F(Lifecycle, UninstallDeletesTheSettingsAlsoWhileAnInstanceLivesAndTracesNo
     const HANDLE hLiving = CreateEventW(nullptr, TRUE, FALSE, APP_EVENT_NAME);
     GetConfigPath();
     ASSERT_EQ(0, platform::_access(g_szConfigPath, 0));
-    for (int n = 0; n < 2; n++) { // the second time there is nothing to delete
-        ChildProcess child("agent", "", {}, {"-uninstall"});
-        EXPECT_EQ(0, child.Wait());
-        EXPECT_EQ(-1, platform::_access(g_szConfigPath, 0));
-    }
+    ChildProcess child("agent", "", {}, {"-uninstall"});
+    EXPECT_EQ(0, child.Wait());
+    EXPECT_EQ(-1, platform::_access(g_szConfigPath, 0));
     EXPECT_TRUE(session.Take().empty());
     CloseHandle(hLiving);
 }
@@ -204,7 +132,7 @@ TEST_F(Lifecycle, AStartWaitsForAnInstanceThatIsShuttingDownButNotForEver)
     FakeService service;
     hosted::ClearFaults();
     WhileAgentRuns([&] {
-        ExpectBecomes([] { return hosted::CallCount("OpenEventW") >= 2; });
+        EXPECT_TRUE(Eventually([] { return hosted::CallCount("OpenEventW") >= 2; }));
         CloseHandle(hOld); // the old instance has gone
         ExpectAnnounced(&service);
         PostAgentExit();
@@ -226,7 +154,7 @@ TEST_F(Lifecycle, ATransferThatDoesNotEndIsCancelledAndWaitedForAtMost2500Millis
             if (!bEnds) hosted::SetClockRate(20);
             ullStart = GetTickCount64();
             PostAgentExit();
-            ExpectBecomes([&] { return bCancelled != 0; });
+            EXPECT_TRUE(Eventually([&] { return bCancelled != 0; }));
             if (bEnds) RemoveThreadExecution(ullTransfer);
         });
         const uint64_t ullTook = GetTickCount64() - ullStart;
@@ -242,7 +170,7 @@ TEST_F(Lifecycle, ASenderThatIsStuckInTheServicesPipeIsLeftBehind)
     hosted::SetClockRate(20);
     uint64_t ullStart = 0;
     WhileAgentRuns([&] {
-        ExpectBecomes([] { return g_hNotificationWindow != nullptr && hosted::CallCount("WriteFile") > 0; });
+        EXPECT_TRUE(Eventually([] { return g_hNotificationWindow != nullptr && hosted::CallCount("WriteFile") > 0; }));
         ullStart = GetTickCount64();
         PostAgentExit();
     });
@@ -250,55 +178,38 @@ TEST_F(Lifecycle, ASenderThatIsStuckInTheServicesPipeIsLeftBehind)
     EXPECT_EQ(1, hosted::LiveThreads());
     CloseHandle(hPipe); // now its write fails
     CloseHandle(hMutex);
-    ExpectBecomes([] { return hosted::LiveThreads() == 0; });
-}
-
-TEST_F(Lifecycle, WithoutAWindowNothingIsStartedAndAllIsTakenDown)
-{
-    ASSERT_TRUE(hosted::StartTraceSession(hosted::MachineFolder(), "test", 5, 3));
-    for (const char *pszMissing : {"CreateWindowExW", "RegisterClassExW"}) {
-        hosted::RemoveFunction("user32.dll", pszMissing);
-        const int nHandles = hosted::OpenHandles();
-        hosted::ClearFaults();
-        WhileAgentRuns([] {});
-        EXPECT_EQ(0, hosted::CallCount("CreateThread"));
-        EXPECT_EQ(nHandles, hosted::OpenHandles());
-    }
-    FakeService service;
-    EXPECT_EQ(0, PassObjectInQueue()); // no first message
-    TraceSession session;
-    EXPECT_TRUE(session.Saw("38 VornTramsaNet: end"));
+    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
 }
 
 // Each call of start-up fails once, one after the other: the agent always ends with 0 and gives everything back.
-TEST_F(Lifecycle, EveryFailingCallOfStartUpLeavesNothingOpen)
+TEST_F(Lifecycle, NothingIsLeftOpenWhicheverCallOfStartUpFails)
 {
     static const struct {
         const char *pszCall;
         int         nCalls;
-    } aCases[] = {{"CreateEventW", 5},  {"CreateThread", 4},     {"CreateMutexW", 1},    {"LoadLibraryW", 3},
-                  {"DuplicateHandle", 2}, {"CreateNamedPipeW", 1}, {"RegisterTraceGuidsW", 2}};
+    } aCases[] = {{"none", 1},         {"CreateEventW", 5},    {"CreateThread", 4},     {"CreateMutexW", 1},
+                  {"LoadLibraryW", 3}, {"DuplicateHandle", 2}, {"CreateNamedPipeW", 1}, {"RegisterTraceGuidsW", 2}};
     const HANDLE hExit = CreateEventW(nullptr, TRUE, FALSE, u"Global\\VORN VornMigrationService App ExitEvent");
     hosted::SetClockRate(20);
     const int nHandles = hosted::OpenHandles(), nBlocks = hosted::LiveBlocks();
     for (const auto &c : aCases) {
         for (int n = 1; n <= c.nCalls; n++) {
             SCOPED_TRACE(testing::Message() << c.pszCall << " " << n);
+            std::atomic<bool> bEnded{false};
             hosted::ClearFaults();
             hosted::FailCall(c.pszCall, n, 8);
-            std::atomic<bool> bEnded{false};
-            std::thread       exiter([&] {
-                while (!bEnded) {
-                    PostAgentExit();
-                    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-                }
-            });
+            std::thread exiter([&] { EXPECT_TRUE(Eventually([&] { return PostAgentExit(), bEnded.load(); })); });
             WhileAgentRuns([] {});
             bEnded = true;
             exiter.join();
-            ExpectBecomes([] { return hosted::LiveThreads() == 0; });
+            if (c.pszCall == std::string("LoadLibraryW") && n == 1) { // no user32, no window
+                EXPECT_EQ(0, hosted::CallCount("CreateThread"));
+            }
+            EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
             EXPECT_EQ(nHandles, hosted::OpenHandles());
             EXPECT_EQ(nBlocks, hosted::LiveBlocks());
+            EXPECT_EQ(0, hosted::OpenWindows());
+            EXPECT_EQ(0, hosted::OpenSockets());
         }
     }
     CloseHandle(hExit);

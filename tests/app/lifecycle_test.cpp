@@ -5,19 +5,18 @@
 #include "platform/files.h"
 #include "platform/kernel.h"
 #include "platform/pipes.h"
+#include "platform/security.h"
 #include "platform/text.h"
 #include "tests/ipc/fake_service.h"
-#include "tests/support/test_machine.h"
 #include <cstring>
 #include <thread>
 
 using namespace platform;
 
-class AgentRun : public MachineTest {};
+using AgentRun = ServiceTest;
 
-TEST_F(AgentRun, AnnouncesItselfServesItsPipeAndEndsOnRequest)
+TEST_F(AgentRun, AnnouncesItselfServesItsPipeToEveryoneAndEndsOnRequest)
 {
-    ResetServicePipeClient();
     FakeService service;
     int32_t     nExitCode = -1;
     std::thread agent([&] { nExitCode = RunAgent(nullptr); });
@@ -33,19 +32,30 @@ TEST_F(AgentRun, AnnouncesItselfServesItsPipeAndEndsOnRequest)
     const HANDLE hEvent = OpenEventW(SYNCHRONIZE, FALSE, u"VORN Migration Network Application Event");
     EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(hEvent, 0));
 
-    char16_t szPipe[MAX_PATH];
+    char16_t szMutex[MAX_PATH], szPipe[MAX_PATH];
+    FormatTextW(szMutex, MAX_PATH, u"Global\\VornMigrationNet_NamedPipeMux_0x%x", GetOwnSessionId());
     FormatTextW(szPipe, MAX_PATH, u"\\\\.\\pipe\\VornMigrationNet_NamedPipeCommand_0x%x", GetOwnSessionId());
+    const HANDLE hMutex = OpenMutexW(SYNCHRONIZE | READ_CONTROL, FALSE, szMutex);
+    const HANDLE hPipe  = CreateFileW(szPipe, GENERIC_WRITE | READ_CONTROL, 0, nullptr, OPEN_EXISTING,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr);
+    EXPECT_NE(INVALID_HANDLE_VALUE, hPipe) << GetLastError(); // it was ready before the announcement
+    uint32_t dwAccess = 0, nEntries = 0;
+    EXPECT_TRUE(ReadEveryoneAccess(hMutex, SecuredObject::Kernel, &dwAccess, &nEntries)) << GetLastError();
+    EXPECT_EQ(0x120001u, dwAccess & 0x1F0001); // of the rights that a mutex has
+    EXPECT_EQ(1u, nEntries);
+    EXPECT_TRUE(ReadEveryoneAccess(hPipe, SecuredObject::Kernel, &dwAccess, &nEntries)) << GetLastError();
+    EXPECT_EQ(0x1201BFu, dwAccess);
+    EXPECT_EQ(1u, nEntries);
+
     const IpcMessage exit      = MakeRecord(545, 1);
     uint32_t         cbWritten = 0;
-    const HANDLE hPipe = CreateFileW(szPipe, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    EXPECT_NE(INVALID_HANDLE_VALUE, hPipe) << GetLastError(); // it was ready before the announcement
     EXPECT_TRUE(WriteFile(hPipe, &exit, sizeof(exit), &cbWritten, nullptr)) << GetLastError();
     CloseHandle(hPipe);
+    CloseHandle(hMutex);
     agent.join();
     EXPECT_EQ(0, nExitCode);
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(hEvent, 0)); // who still waits for the stop signal has got it
     CloseHandle(hEvent);
-    ResetServicePipeClient();
 }
 
 TEST_F(AgentRun, OnlyTheExactSecondArgumentUninstalls)

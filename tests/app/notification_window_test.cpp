@@ -5,19 +5,17 @@
 #include "ipc/service_pipe_client.h"
 #include "net/network_link.h"
 #include "net/session_control.h"
-#include "platform/kernel.h"
 #include "tests/ipc/fake_service.h"
-#include "tests/support/test_machine.h"
+#include "tests/support/eventually.h"
 #include <string>
 
 using namespace platform;
 
-class RealWindow : public MachineTest {
+class RealWindow : public ServiceTest {
 protected:
     void SetUp() override
     {
-        MachineTest::SetUp();
-        ResetServicePipeClient();
+        ServiceTest::SetUp();
         ResetSessionControl();
         ASSERT_EQ(1, BindUser32Functions());
         ASSERT_EQ(1, CreateNotificationWindow(nullptr));
@@ -26,7 +24,6 @@ protected:
     {
         if (g_hNotificationWindow != nullptr) EndWindow(true);
         UnbindUser32Functions();
-        ResetServicePipeClient();
         ResetSessionControl();
     }
     static void Send(uint32_t uMsg, WPARAM wParam, LPARAM lParam = 0)
@@ -62,48 +59,54 @@ protected:
 
 TEST_F(RealWindow, ReportsAndKeepsItsStateByTheMessageThatComes)
 {
-    static const struct {
-        uint32_t    uMsg; // 0: the control message
-        WPARAM      wParam;
-        LPARAM      lParam;
-        bool        bPeerSocket, bDisconnects;
-        const char *pszReports, *pszState; // console connected, session unlocked, suspended
+    std::atomic<SOCKET> *const pNone = nullptr;
+    const struct {
+        uint32_t             uMsg; // 0: the control message
+        WPARAM               wParam;
+        LPARAM               lParam;
+        std::atomic<SOCKET> *pPeerSocket; // the one that exists
+        bool                 bDisconnects;
+        const char          *pszReports, *pszState; // console connected, session unlocked, suspended
     } aSteps[] = {
-        {0, 816, 1, false, false, "816 1 ", "110"},
-        {0, 816, 2, false, false, "", "110"},
-        {0, 817, 1, false, false, "", "110"},
-        {WM_POWERBROADCAST, 4, 0, false, false, "", "111"},
-        {WM_POWERBROADCAST, 10, 0, false, false, "", "111"},
-        {WM_POWERBROADCAST, 2, 0, false, false, "", "110"},
-        {WM_POWERBROADCAST, 4, 0, false, false, "", "111"},
-        {WM_POWERBROADCAST, 0x12, 0, false, false, "", "110"},
-        {WM_WTSSESSION_CHANGE, 7, 1, false, false, "", "100"},
-        {WM_WTSSESSION_CHANGE, 8, 1, false, false, "", "110"},
-        {WM_WTSSESSION_CHANGE, 2, 1, false, true, "", "010"},
-        {WM_WTSSESSION_CHANGE, 2, 1, true, false, "", "010"}, // once, until there is a console again
-        {WM_WTSSESSION_CHANGE, 1, 1, true, false, "", "110"},
-        {WM_WTSSESSION_CHANGE, 2, 1, true, true, "818 102 ", "010"},
-        {WM_WTSSESSION_CHANGE, 2, 1, true, false, "", "010"},
-        {WM_USER, 816, 1, true, false, "", "010"},
+        {0, 816, 1, pNone, false, "816 1 ", "110"},
+        {0, 816, 2, pNone, false, "", "110"},
+        {0, 817, 1, pNone, false, "", "110"},
+        {0, 816 | (1ull << 32), 1, pNone, false, "", "110"},
+        {WM_POWERBROADCAST, 4, 0, pNone, false, "", "111"},
+        {WM_POWERBROADCAST, 10, 0, pNone, false, "", "111"},
+        {WM_POWERBROADCAST, 2, 0, pNone, false, "", "110"},
+        {WM_POWERBROADCAST, 4, 0, pNone, false, "", "111"},
+        {WM_POWERBROADCAST, 0x12, 0, pNone, false, "", "110"},
+        {WM_WTSSESSION_CHANGE, 7, 1, pNone, false, "", "100"},
+        {WM_WTSSESSION_CHANGE, 8, 1, pNone, false, "", "110"},
+        {WM_WTSSESSION_CHANGE, 2, 1, pNone, true, "", "010"},
+        {WM_WTSSESSION_CHANGE, 2, 1, &g_ClientRecvSocket, false, "", "010"}, // once, until there is a console again
+        {WM_WTSSESSION_CHANGE, 1, 1, &g_ClientRecvSocket, false, "", "110"},
+        {WM_WTSSESSION_CHANGE, 2, 1, &g_ClientRecvSocket, true, "818 102 ", "010"},
+        {WM_WTSSESSION_CHANGE, 1, 1, pNone, false, "", "110"},
+        {WM_WTSSESSION_CHANGE, 2, 1, &g_ServerSrvSocket, true, "818 102 ", "010"},
+        {WM_WTSSESSION_CHANGE, 1, 1, pNone, false, "", "110"},
+        {WM_WTSSESSION_CHANGE, 2, 1, &g_ServerSendSocket, true, "818 102 ", "010"},
+        {WM_USER, 816, 1, pNone, false, "", "010"},
     };
     FakeService service;
     for (const auto &step : aSteps) {
         SCOPED_TRACE(testing::Message() << step.uMsg << ' ' << step.wParam);
         g_ullLastPinRequest = 1; // a disconnect forgets the last PIN
-        g_ClientRecvSocket  = step.bPeerSocket ? SOCKET{12345} : INVALID_SOCKET;
+        if (step.pPeerSocket != nullptr) *step.pPeerSocket = SOCKET{12345};
         Send(step.uMsg != 0 ? step.uMsg : g_dwControlMessage, step.wParam, step.lParam);
-        g_ClientRecvSocket = INVALID_SOCKET;
+        if (step.pPeerSocket != nullptr) *step.pPeerSocket = INVALID_SOCKET;
         EXPECT_EQ(step.pszReports, Reports(&service));
         EXPECT_EQ(step.pszState, State());
-        for (int n = 0; step.bDisconnects && n < 2000 && g_ullLastPinRequest != 0; n++) Sleep(10);
-        EXPECT_EQ(step.bDisconnects, g_ullLastPinRequest == 0);
+        EXPECT_TRUE(Eventually([&] { return step.bDisconnects == (g_ullLastPinRequest == 0); }));
     }
 }
 
 TEST_F(RealWindow, ItsLoopEndsByPostedDestroyAndByEndOfSession)
 {
-    EXPECT_EQ(1, PostAgentExit());
     const HWND hWnd = g_hNotificationWindow;
+    EXPECT_EQ(hWnd, g_pfnFindWindowW(u"VORN Migration Network App Class", u"VORN Migration Network App"));
+    EXPECT_EQ(1, PostAgentExit());
     EndWindow(false);
     EXPECT_EQ(0, PostAgentExit());
     g_pfnDestroyWindow(hWnd); // a posted message destroys nothing

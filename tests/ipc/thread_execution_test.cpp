@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <set>
 #include <thread>
+#include <utility>
 #include <vector>
 
 class ThreadExecution : public ::testing::Test {
@@ -17,13 +18,14 @@ TEST_F(ThreadExecution, ManyAtOnceGetDifferentIdsAndLeaveInAnyOrder)
     std::vector<uint64_t> aIds;
     for (int n = 0; n < 50; n++) aIds.push_back(AddThreadExecution()); // most within one tick
     EXPECT_EQ(50u, std::set<uint64_t>(aIds.begin(), aIds.end()).size());
-    for (const size_t n : {25, 0, 49}) EXPECT_EQ(1, RemoveThreadExecution(aIds[n])); // middle, first, last
-    EXPECT_EQ(0, RemoveThreadExecution(aIds[25]));
+    std::swap(aIds[1], aIds[25]);
+    std::swap(aIds[2], aIds[49]);
     EXPECT_EQ(1, CancelAllThreadExecutions());
-    for (size_t n = 0; n < 50; n++) {
-        const bool bGone = n == 25 || n == 0 || n == 49;
-        EXPECT_EQ(!bGone, IsThreadExecutionCancel(aIds[n])) << n;
-        EXPECT_EQ(!bGone, RemoveThreadExecution(aIds[n])) << n;
+    for (const uint64_t ullId : aIds) { // first, middle, last, and the others
+        EXPECT_EQ(1, IsThreadExecutionCancel(ullId));
+        EXPECT_EQ(1, RemoveThreadExecution(ullId));
+        EXPECT_EQ(0, RemoveThreadExecution(ullId));
+        EXPECT_EQ(0, IsThreadExecutionCancel(ullId));
     }
     EXPECT_EQ(1, IsThreadExecutionListEmpty());
     EXPECT_EQ(0, CancelAllThreadExecutions());

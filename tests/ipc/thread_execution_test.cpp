@@ -29,6 +29,8 @@ TEST_F(ThreadExecution, ManyAtOnceGetDifferentIdsAndLeaveInAnyOrder)
     }
     EXPECT_EQ(1, IsThreadExecutionListEmpty());
     EXPECT_EQ(0, CancelAllThreadExecutions());
+    AddThreadExecution(); // behind nobody
+    EXPECT_EQ(0, IsThreadExecutionListEmpty());
 }
 
 TEST_F(ThreadExecution, CancellingReachesRunningOnesOnlyAndTheirFlags)
@@ -67,6 +69,7 @@ TEST_F(ThreadExecution, AClosedListDoesNothing)
 TEST_F(ThreadExecution, WorkersThatOutliveTheListFindItClosed)
 {
     std::atomic<bool>        bEnd{false};
+    std::atomic<int>         nRounds{0};
     std::vector<std::thread> aWorkers;
     for (int n = 0; n < 4; n++) {
         aWorkers.emplace_back([&] {
@@ -74,10 +77,11 @@ TEST_F(ThreadExecution, WorkersThatOutliveTheListFindItClosed)
                 const uint64_t ullId = AddThreadExecution();
                 IsThreadExecutionCancel(ullId);
                 RemoveThreadExecution(ullId);
+                nRounds++;
             }
         });
     }
-    for (int n = 0; n < 200; n++) {
+    while (nRounds < 5000) {
         CancelAllThreadExecutions();
         DeleteThreadExecutionList();
         InitThreadExecutionList();

@@ -21,7 +21,7 @@ protected:
     }
 };
 
-TEST_F(NotificationWindow, TracesAndHearsOfTheSessionUntilItIsDestroyed)
+TEST_F(NotificationWindow, TracesAndHearsOfTheSessionUntilItIsToldToEnd)
 {
     TraceSession session;
     ASSERT_EQ(1, BindUser32Functions());
@@ -42,10 +42,13 @@ TEST_F(NotificationWindow, TracesAndHearsOfTheSessionUntilItIsDestroyed)
         "16 VornTramsaNet: Receive \"VORN Migration Control Notification to Net\" message, wParam 817, lParam 2"));
     EXPECT_EQ(2, hosted::CallCount("CreateThread")); // the role's reset and the release
     g_ClientRecvSocket = INVALID_SOCKET;
-    DestroyTheWindow();
+    EXPECT_EQ(1, PostAgentExit());
+    while (g_pfnGetMessageW(&message, nullptr, 0, 0) != 0) g_pfnDispatchMessageW(&message);
+    EXPECT_EQ(1, hosted::OpenWindows()); // a posted message destroys nothing, it only ends everything
     EXPECT_EQ(0, hosted::SessionRegistrations());
     EXPECT_EQ(0, hosted::PowerRegistrations());
     EXPECT_EQ(1, hosted::CallCount("FreeLibrary"));
+    DestroyTheWindow();
 }
 
 TEST_F(NotificationWindow, IsNotMadeWithoutItsFunctionsButWithoutTheOptionalOnes)

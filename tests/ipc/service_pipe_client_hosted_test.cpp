@@ -13,22 +13,23 @@ using ServicePipeFaults = ServiceTest;
 TEST_F(ServicePipeFaults, OnlyABusyPipeIsWaitedFor)
 {
     static const struct {
-        const char *pszWhat;
-        uint32_t    dwOpenError;
+        const char *pszWhat, *pszCall; // the call that fails
+        uint32_t    dwError;
         uint32_t    dwWaitError; // 0: the wait succeeds
         int         nWaits, nResult;
     } aCases[] = {
-        {"access denied", 5, 0, 0, 0},
-        {"not found", 2, 0, 0, 0},
-        {"busy, then free", 231, 0, 1, 1},
-        {"busy for good", 231, 121, 1, 0},
+        {"a pipe but no mutex", "OpenMutexW", 2, 0, 0, 0},
+        {"access denied", "CreateFileW", 5, 0, 0, 0},
+        {"not found", "CreateFileW", 2, 0, 0, 0},
+        {"busy, then free", "CreateFileW", 231, 0, 1, 1},
+        {"busy for good", "CreateFileW", 231, 121, 1, 0},
     };
     for (const auto &c : aCases) {
         FakeService service;
         CallServiceNamedPipe(816, 1, 0, 0, nullptr, nullptr, nullptr);
         const int nHandles = hosted::OpenHandles();
         hosted::ClearFaults();
-        hosted::FailCall("CreateFileW", 1, c.dwOpenError);
+        hosted::FailCall(c.pszCall, 1, c.dwError);
         if (c.dwWaitError != 0) hosted::FailCall("WaitNamedPipeW", 1, c.dwWaitError);
         EXPECT_EQ(c.nResult, PassObjectInQueue()) << c.pszWhat;
         EXPECT_EQ(c.nWaits, hosted::CallCount("WaitNamedPipeW")) << c.pszWhat;

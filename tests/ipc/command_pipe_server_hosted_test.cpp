@@ -97,6 +97,14 @@ TEST_F(CommandPipeFaults, ThreeFailuresInARowEndTheServer)
     EXPECT_EQ(0u, CommandPipeServerThread(nullptr));
     EXPECT_EQ(3, hosted::CallCount("CreateNamedPipeW"));
     EXPECT_GE(GetTickCount64() - ullStart, 1000u - 40); // 500 ms after the first and the second
+
+    hosted::ClearFaults();
+    Serve();
+    for (uint32_t n = 1; n <= 3; n++) { // not in a row
+        hosted::FailCall("CreateNamedPipeW", 1, 5);
+        SendNumber(n);
+        ExpectWaits(static_cast<int>(n) + 1);
+    }
 }
 
 TEST_F(CommandPipeFaults, WithoutItsMutexOrWithTheStopSignalItServesNothing)

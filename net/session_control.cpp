@@ -188,17 +188,29 @@ bool ServePin()
     return EndIfServed(ullServed, bServerFailed);
 }
 
+bool IsLatest(const ConnectRequest *pRequest)
+{
+    return g_ullLastConnectRequest == pRequest->ullTime;
+}
+
+// True when no further try begins. Of requests in one tick the later ones have stamps ahead of the clock.
+bool IsRetryOver(const ConnectRequest *pRequest)
+{
+    const uint64_t ullNow = GetTickCount64();
+    return ullNow > pRequest->ullTime && ullNow - pRequest->ullTime >= CONNECT_RETRY_MS;
+}
+
 // Modes 1 and 2.
 void ConnectRole(const ConnectRequest *pRequest)
 {
     const bool bServer = pRequest->dwMode == MODE_SERVER;
+    int32_t    nRet    = 0;
     TraceTwoTexts("call SetNetworkServerClient", bServer ? "server networkconnect" : "client networkconnect");
-    int32_t nRet;
-    while ((nRet = SetNetworkServerClient(&g_Session, 1, bServer, "", nullptr, 0)) != 0) {
-        if (g_ullLastConnectRequest != pRequest->ullTime) return;
-        if (GetTickCount64() - pRequest->ullTime >= CONNECT_RETRY_MS || WaitForStop(CONNECT_PAUSE_MS)) break;
-    }
-    if (g_ullLastConnectRequest == pRequest->ullTime)
+    do {
+        if (!IsLatest(pRequest)) return; // also after the pause: a try would take the role from the newer request
+        nRet = SetNetworkServerClient(&g_Session, 1, bServer, "", nullptr, 0);
+    } while (nRet != 0 && IsLatest(pRequest) && !IsRetryOver(pRequest) && !WaitForStop(CONNECT_PAUSE_MS));
+    if (IsLatest(pRequest))
         CallServiceNamedPipe(STON_NETWORKCONNECTION, nRet == 0 ? ANSWER_DONE : ANSWER_FAILED, 0, 0, nullptr, nullptr,
                              nullptr);
 }

@@ -259,7 +259,13 @@ TEST_F(SessionControl, TheNewerConnectRequestWinsAndTheOlderEndsSilently)
     WriteSetting("LastServer", "PW", "stored");
     EXPECT_EQ(1, StartNetworkConnect(1, 0));
     NextListeningPort();
+    hosted::ClearFaults();
+    hosted::FailCall("bind", 1, WSAEADDRINUSE);
+    EXPECT_EQ(1, StartNetworkConnect(1, 0)); // ends the first one, fails and pauses
+    EXPECT_TRUE(Eventually([] { return hosted::CallCount("bind") == 1; }));
     EXPECT_EQ(1, StartNetworkConnect(1, 0));
+    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 1; })) << "the newest alone";
+    EXPECT_EQ(2, hosted::CallCount("bind")) << "no older one has taken the role from it";
     Peer peer = JoinAsClient(NextListeningPort(), "stored");
     EXPECT_TRUE(Reported(2080, 2));
     EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 1; })) << "the listener alone";
@@ -278,6 +284,12 @@ TEST_F(SessionControl, AConnectRequestIsTriedForTenSeconds)
     EXPECT_TRUE(Reported(2080, -4));
     EXPECT_GE(GetTickCount64() - ullStart, 10000u);
     hosted::ClearFaults();
+    hosted::FailCall("socket", 1, WSAEMFILE); // also when its stamp is ahead of the clock, as in one tick with another
+    g_ullLastConnectRequest = GetTickCount64() + 400;
+    EXPECT_EQ(1, StartNetworkConnect(1, 0));
+    EXPECT_TRUE(Eventually([] { return hosted::CallCount("accept") == 1; }));
+    EndLink();
+    m_aSeen.clear();
     EXPECT_EQ(1, StartNetworkConnect(0, 0)); // no such mode: nothing happens
     EXPECT_EQ(1, StartNetworkConnect(4, 0));
     EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));

@@ -16,8 +16,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t cb)
     if (!text.Read(u"volume", u"NUMBER", &sValue) || sValue != u"3") std::abort();
     text.RemoveKey(u"Volume", u"Number");
     text.RemoveSection(u"Collection");
-    if (text.Read(u"Collection", u"\"Size\"", &sValue)) {
-        text.RemoveSection(u"Collection"); // a second section of that name comes forward, as with the profile functions
-    }
     return 0;
 }

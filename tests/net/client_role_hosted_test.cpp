@@ -1,27 +1,21 @@
 // The client's side: one attempt's status codes, the search for servers with its fallback, and its cancellation.
-#include "platform/hosted/control.h"
 #include "tests/net/discovery_program_hosted.h"
-#include "tests/net/net_fixture.h"
-#include <fstream>
+#include "tests/net/observed_hosted.h"
 
 using namespace platform;
 
 namespace {
 
-// A server that reads a password from each connection and sends back what it is told to.
+// A server that reads a password from one connection and sends back what it is told to.
 class FakeServer
 {
 public:
-    explicit FakeServer(std::vector<std::string> aAnswers) : m_hListen(ListenOnLoopback(&m_nPort))
+    explicit FakeServer(const std::string &sAnswer) : m_hListen(ListenOnLoopback(&m_nPort))
     {
-        m_thread = std::thread([this, aAnswers] {
-            for (const std::string &sAnswer : aAnswers) {
-                Peer peer(accept(m_hListen, nullptr, nullptr));
-                if (peer.Socket() == INVALID_SOCKET) return;
-                m_sPassword = peer.Receive(10);
-                if (!sAnswer.empty()) peer.Send(sAnswer);
-                m_aPeers.push_back(std::move(peer));
-            }
+        m_thread = std::thread([this, sAnswer] {
+            m_peer      = Peer(accept(m_hListen, nullptr, nullptr));
+            m_sPassword = m_peer.Receive(10);
+            if (m_sPassword.size() == 10 && !sAnswer.empty()) m_peer.Send(Field(sAnswer));
         });
     }
     ~FakeServer()
@@ -33,10 +27,10 @@ public:
     std::string m_sPassword; // read after the attempt has ended
 
 private:
-    uint16_t          m_nPort = 0;
-    SOCKET            m_hListen;
-    std::vector<Peer> m_aPeers;
-    std::thread       m_thread;
+    uint16_t    m_nPort = 0;
+    SOCKET      m_hListen;
+    Peer        m_peer;
+    std::thread m_thread;
 };
 
 std::string FoundLines(const std::vector<std::string> &aPorts)
@@ -53,13 +47,6 @@ void SetAdapters(const std::string &sText)
     std::ofstream(sFile, std::ios::app) << "\n[adapters]\n" << sText;
 }
 
-std::string LastClient(const char *pszKey)
-{
-    char szValue[ADDRESS_BYTES];
-    ReadSetting("LastClient", pszKey, szValue, sizeof szValue);
-    return szValue;
-}
-
 } // namespace
 
 using ClientRole = NetTest;
@@ -73,33 +60,32 @@ TEST_F(ClientRole, OneAttemptHasAStatusForEachStep)
     } aCases[] = {
         {"PWACK=1", "CreateEventW", ERROR_ACCESS_DENIED, -300},
         {"PWACK=1", "getaddrinfo", WSAHOST_NOT_FOUND, -1},
+        {"PWACK=1", "socket", WSAEMFILE, -2},
         {"PWACK=1", "connect", WSAECONNREFUSED, -3},
         {"PWACK=1", "CreateThread", ERROR_NOT_ENOUGH_MEMORY, -300},
         {"PWACK=1", "send", WSAECONNRESET, -4},
         {"PWACK=0", nullptr, 0, -6},
         {"PWACK=1xx", nullptr, 0, -6},
         {"", nullptr, 0, -5},
-        {"PWACK=1", nullptr, 0, 0},
         {"pwack=1", nullptr, 0, 0},
     };
     hosted::SetSocketTimeout(300);
     for (const auto &c : aCases) {
-        const int nHandles = hosted::OpenHandles(), nSockets = hosted::OpenSockets(), nStarts = hosted::WinsockStarts();
+        const Open before = OpenNow();
         {
-            FakeServer server({*c.pszAnswer != '\0' ? Field(c.pszAnswer) : ""});
+            FakeServer server(c.pszAnswer);
             hosted::ClearFaults();
             if (c.pszCall != nullptr) hosted::FailCall(c.pszCall, 1, c.dwError);
-            EXPECT_EQ(c.nExpected, ClientInit("127.0.0.1", "secret", server.Port().c_str())) << c.pszAnswer;
+            EXPECT_EQ(c.nExpected, ClientInit("127.0.0.1", "secret", server.Port().c_str())) << c.nExpected;
             if (c.nExpected == 0) {
                 EXPECT_EQ(Field("secret"), server.m_sPassword);
                 EXPECT_EQ("127.0.0.1 " + server.Port() + " secret",
-                          LastClient("ServerIP") + ' ' + LastClient("Port") + ' ' + LastClient("PW"));
+                          Setting("LastClient", "ServerIP") + ' ' + Setting("LastClient", "Port") + ' ' +
+                              Setting("LastClient", "PW"));
             }
             EndLink();
         }
-        EXPECT_TRUE(Eventually([&] { return nHandles == hosted::OpenHandles(); })) << c.pszAnswer;
-        EXPECT_EQ(nSockets, hosted::OpenSockets()) << c.pszAnswer;
-        EXPECT_EQ(nStarts, hosted::WinsockStarts()) << c.pszAnswer;
+        EXPECT_TRUE(IsOpenAsBefore(before)) << c.nExpected;
     }
     g_bServer = 1;
     EXPECT_EQ(-201, ClientInit("", "", ""));
@@ -110,72 +96,46 @@ TEST_F(ClientRole, OneAttemptHasAStatusForEachStep)
 
 TEST_F(ClientRole, TriesEveryServerFoundUntilOneAdmits)
 {
-    FakeServer       refuses({Field("PWACK=0")}), admits({Field("PWACK=1")});
+    FakeServer       refuses("PWACK=0"), admits("PWACK=1");
     DiscoveryProgram program(FoundLines({"1", refuses.Port(), admits.Port(), "2"}));
+    DebugLog         log;
     WriteSetting("ServerEnum", "Count", "1"); // stale: cleared before the search
     WriteSetting("ServerEnum", "1", "127.0.0.1");
+    hosted::SetSocketTimeout(5000); // of real time, whatever the clock does
+    hosted::SetClockRate(20);       // the first round comes before the results
     EXPECT_EQ(0, ClientInitEnum("123456"));
-    EXPECT_EQ(admits.Port(), LastClient("Port"));
+    EXPECT_TRUE(log.Has("[ClientEnumCheck] discover count 0\n"));
+    EXPECT_EQ(admits.Port(), Setting("LastClient", "Port"));
     EXPECT_EQ(1, g_bClient);
     EXPECT_EQ(0, g_bClientEnuming);
     EXPECT_TRUE(Eventually([&] { return program.RunsOf("client") == 1 && program.RunsOf("stop") == 1; }))
         << program.Runs();
 }
 
-TEST_F(ClientRole, FindsNothingAndEndsAfterTheSearch)
+TEST_F(ClientRole, ASearchWithoutSuccessEndsAfterSixteenRounds)
 {
-    DiscoveryProgram program("");
-    hosted::SetClockRate(100);
-    const uint64_t ullStart = GetTickCount64();
-    EXPECT_EQ(1111, ClientInitEnum("123456"));
-    EXPECT_GE(GetTickCount64() - ullStart, 16000u);
-    EXPECT_EQ(0, hosted::CallCount("connect"));
-    EXPECT_EQ(0, g_bClient);
-    EXPECT_EQ(nullptr, g_hClientExitEvent.load());
-}
-
-TEST_F(ClientRole, ACountWithoutAddressesMeansTheLastServerOnce)
-{
-    FakeServer       last({Field("PWACK=1")});
-    DiscoveryProgram program("Count=2000000000\\r\\n");
-    WriteSetting("LastClient", "ServerIP", "127.0.0.1");
-    WriteSetting("LastClient", "Port", last.Port().c_str());
-    EXPECT_EQ(0, ClientInitEnum("123456"));
-    EXPECT_EQ(1, hosted::CallCount("connect"));
-    ClientUninit();
-    WriteSetting("LastClient", "Port", "1"); // where nobody listens
-    const int nBefore = hosted::CallCount("connect");
-    hosted::SetClockRate(100);
-    EXPECT_NE(0, ClientInitEnum("123456"));
-    EXPECT_LE(hosted::CallCount("connect") - nBefore, 20); // a round, an attempt
-}
-
-TEST_F(ClientRole, ResultsOfTheLastRoundStillCount)
-{
-    FakeServer late({Field("PWACK=1")});
-    hosted::SetSocketTimeout(5000); // of real time, whatever the clock does
+    static const struct {
+        const char *pszFound, *pszLastServer;
+        int32_t     nExpected;
+    } aCases[] = {{"", "", 1111}, {"Count=2000000000\\r\\n", "127.0.0.1", -3}};
     hosted::SetClockRate(20);
-    hosted::KeepDebugOutput(true);
-    g_bSocketDebug              = 1;
-    std::future<int32_t> status = std::async(std::launch::async, [] { return ClientInitEnum("1"); });
-    std::string          sLog;
-    EXPECT_TRUE(Eventually([&] {
-        sLog += hosted::TakeDebugOutput();
-        const std::string sNone   = "[ClientEnumCheck] discover count 0\n";
-        int               nRounds = 0;
-        for (size_t n = 0; (n = sLog.find(sNone, n)) != sLog.npos; n++) nRounds++;
-        if (nRounds >= 10) hosted::SetClockRate(2); // the moment between the last two rounds is not to be missed
-        return nRounds == 15;
-    }));
-    WriteSetting("ServerEnum", "1", "127.0.0.1");
-    WriteSetting("ServerEnum", "1_port", late.Port().c_str());
-    WriteSetting("ServerEnum", "Count", "1");
-    EXPECT_EQ(0, status.get());
-    g_bSocketDebug = 0;
-    hosted::KeepDebugOutput(false);
+    for (const auto &c : aCases) {
+        DiscoveryProgram program(c.pszFound);
+        DebugLog         log;
+        WriteSetting("LastClient", "ServerIP", c.pszLastServer);
+        WriteSetting("LastClient", "Port", "1"); // where nobody listens
+        hosted::ClearFaults();
+        EXPECT_EQ(c.nExpected, ClientInitEnum("123456"));
+        EXPECT_EQ(16, log.Count("[ClientEnumCheck] ServerEnum count [")) << log.Text();
+        // A count without addresses means the last server, once a round.
+        EXPECT_EQ(log.Count("] ServerEnum count [2000000000][2000000000]"), hosted::CallCount("connect"));
+        EXPECT_EQ(*c.pszFound != '\0', hosted::CallCount("connect") > 0);
+        EXPECT_EQ(0, g_bClient);
+        EXPECT_EQ(nullptr, g_hClientExitEvent.load());
+    }
 }
 
-TEST_F(ClientRole, AdaptersArePresentAbsentOrFailing)
+TEST_F(ClientRole, TheWirelessAdapterIsPresentAbsentOrFailing)
 {
     static const char WIRELESS[] = "count = 2\n1_kind = wired\n1_up = 0\n1_address = 192.168.1.9\n"
                                    "1_dhcp = 192.168.1.1\n2_kind = wireless\n2_address = 10.1.2.3\n";
@@ -186,41 +146,32 @@ TEST_F(ClientRole, AdaptersArePresentAbsentOrFailing)
         const char *pszCall;
         int         nth;
         int32_t     nExpected;
-        const char *pszLocalIP, *pszLine; // the line that is logged, if any
-        bool        bWired;
+        const char *pszLocalIP, *pszLog;
     } aCases[] = {
         {"wireless present", WITH_DHCP, nullptr, 0, 0, "10.1.2.3",
-         "[GetDhcpServerIPAddr] Local IP:[10.1.2.3].\n[GetDhcpServerIPAddr] Host IP:[10.1.2.1].\n", false},
-        {"static address", WIRELESS, nullptr, 0, 0, "", "", false},
-        {"wired alone", "count = 1\n1_kind = wired\n1_dhcp = 10.1.2.1\n", nullptr, 0, 0, "", "", true},
-        {"wireless up is not wired", "count = 1\n1_kind = wireless\n", nullptr, 0, 0, "", "", false},
-        {"no adapter", "count = 0\n", nullptr, 0, 0, "", "", false},
-        {"no wireless service", "wireless_service = off\n" + WITH_DHCP, nullptr, 0, 1, "", "", false},
-        {"list fails", WITH_DHCP, "WlanEnumInterfaces", 1, 1, "", "", false},
+         "[GetDhcpServerIPAddr] Local IP:[10.1.2.3].\n[GetDhcpServerIPAddr] Host IP:[10.1.2.1].\n"},
+        {"static address", WIRELESS, nullptr, 0, 0, "", ""},
+        {"wired alone", "count = 1\n1_kind = wired\n1_dhcp = 10.1.2.1\n", nullptr, 0, 0, "", ""},
+        {"no wireless service", "wireless_service = off\n" + WITH_DHCP, nullptr, 0, 1, "", ""},
+        {"list fails", WITH_DHCP, "WlanEnumInterfaces", 1, 1, "", ""},
         {"first query fails", WITH_DHCP, "GetAdaptersInfo", 1, 0, "",
-         "[GetDhcpServerIPAddr] GetAdaptersInfo failed with error: [50].\n", false},
+         "[GetDhcpServerIPAddr] GetAdaptersInfo failed with error: [50].\n"},
         {"second query fails", WITH_DHCP, "GetAdaptersInfo", 2, 0, "",
-         "[GetDhcpServerIPAddr] GetAdaptersInfo failed with error: [50].\n", false},
-        {"table fails", "count = 1\n1_kind = wired\n", "GetIfTable2", 1, 0, "", "", false},
+         "[GetDhcpServerIPAddr] GetAdaptersInfo failed with error: [50].\n"},
     };
-    hosted::KeepDebugOutput(true);
     for (const auto &c : aCases) {
         FreshMachine();
         SetAdapters(c.sAdapters);
-        const int nBlocks = hosted::LiveBlocks();
+        const Open before = OpenNow();
+        DebugLog   log;
         g_szLocalIP[0] = g_szLocalIPPrefix[0] = '\0';
         if (c.pszCall != nullptr) hosted::FailCall(c.pszCall, c.nth, ERROR_NOT_SUPPORTED);
-        hosted::TakeDebugOutput();
-        g_bSocketDebug = 1;
         EXPECT_EQ(c.nExpected, GetDhcpServerIPAddr()) << c.pszWhat;
-        EXPECT_STREQ(c.pszLine, hosted::TakeDebugOutput()) << c.pszWhat;
-        EXPECT_EQ(c.bWired, GetCurrentIPFromEthernetAdapter()) << c.pszWhat;
-        g_bSocketDebug = 0;
+        EXPECT_EQ(c.pszLog, log.Text()) << c.pszWhat;
         EXPECT_STREQ(c.pszLocalIP, g_szLocalIP) << c.pszWhat;
         EXPECT_STREQ(*c.pszLocalIP != '\0' ? "10" : "", g_szLocalIPPrefix) << c.pszWhat;
-        EXPECT_EQ(nBlocks, hosted::LiveBlocks()) << c.pszWhat;
+        EXPECT_TRUE(IsOpenAsBefore(before)) << c.pszWhat;
     }
-    hosted::KeepDebugOutput(false);
 }
 
 TEST_F(ClientRole, TheFallbackFollowsTheAdapters)
@@ -232,33 +183,28 @@ TEST_F(ClientRole, TheFallbackFollowsTheAdapters)
         int         nAttempts;
     } aCases[] = {{"10.0.0.5", "0", 1}, {"192.168.1.9", "0", 0}, {"192.168.1.9", "1", 1}};
     for (const auto &c : aCases) {
+        const Open before = OpenNow();
         FreshMachine();
         GetConfigPath();
         hosted::SetClockRate(100);
         SetAdapters(std::string(pszWireless) + c.pszWiredUp + "\n");
         WriteSetting("LastClient", "ServerIP", c.pszAddress);
         hosted::FailCall("connect", 1, WSAECONNREFUSED, true);
-        hosted::KeepDebugOutput(true);
-        g_bSocketDebug = 1;
+        DebugLog log;
         EXPECT_EQ(1111, ClientInitEnum("")) << "the search's status, not the fallback's";
-        g_bSocketDebug          = 0;
-        const std::string sLog  = hosted::TakeDebugOutput();
-        const std::string sNone = "[ClientEnumCheck] discover count 0\n";
-        EXPECT_NE(std::string::npos, sLog.find(sNone)) << sLog;
-        EXPECT_EQ(sLog.rfind(sNone), sLog.find(sNone, sLog.find(sNone) + 1)) << "without a password two rounds";
-        EXPECT_NE(std::string::npos, sLog.find("[ClientInitEnum] lpszPW empty case, break to try default.\n"));
+        EXPECT_EQ(2, log.Count("[ClientEnumCheck] discover count 0\n")) << "without a password two rounds";
         const std::string sStatus = c.nAttempts != 0 ? "-3" : "1111"; // the fallback's is in the log alone
-        EXPECT_NE(std::string::npos, sLog.find("[ClientInitEnum] create failed, call uninit, nErr[" + sStatus + "]\n"));
-        hosted::KeepDebugOutput(false);
+        EXPECT_TRUE(log.Has("[ClientInitEnum] create failed, call uninit, nErr[" + sStatus + "]\n")) << log.Text();
         EXPECT_EQ(c.nAttempts, hosted::CallCount("connect")) << c.pszAddress << c.pszWiredUp;
-        EXPECT_STREQ("10.1.2.3", g_szLocalIP);
+        EXPECT_TRUE(IsOpenAsBefore(before)) << c.pszAddress << c.pszWiredUp;
     }
-    hosted::ClearFaults();
+    hosted::FailCall("GetIfTable2", 1, ERROR_NOT_SUPPORTED);
+    EXPECT_FALSE(GetCurrentIPFromEthernetAdapter());
 }
 
 TEST_F(ClientRole, TheLastServerAdmitsWithItsStoredPassword)
 {
-    FakeServer server({Field("PWACK=1")});
+    FakeServer server("PWACK=1");
     SetAdapters("count = 1\n1_kind = wired\n1_up = 1\n");
     WriteSetting("LastClient", "ServerIP", "127.0.0.1");
     WriteSetting("LastClient", "Port", server.Port().c_str());
@@ -273,48 +219,24 @@ TEST_F(ClientRole, AStopCancelsWaitsAndAttempts)
     enum { BEGINNING, SEARCH, ATTEMPT, FALLBACK };
     SetAdapters("count = 1\n1_kind = wired\n1_up = 1\n");
     for (const int nWait : {BEGINNING, SEARCH, ATTEMPT, FALLBACK}) {
-        const int        nHandles = hosted::OpenHandles();
-        FakeServer       mute({""});
-        DiscoveryProgram program(nWait == ATTEMPT ? FoundLines({mute.Port()}) : "");
-        hosted::SetSocketTimeout(300);
-        hosted::SetClockRate(nWait == FALLBACK ? 20 : 1);
-        WriteSetting("LastClient", "ServerIP", nWait == FALLBACK ? "127.0.0.1" : "");
-        WriteSetting("LastClient", "Port", mute.Port().c_str());
-        std::future<int32_t> status =
-            std::async(std::launch::async, [nWait] { return ClientInitEnum(nWait == FALLBACK ? "" : "9"); });
-        if (nWait == BEGINNING)
-            while (!g_bClientEnuming) std::this_thread::yield();
-        EXPECT_TRUE(Eventually([&] {
-            if (nWait == BEGINNING) return true;
-            return nWait == SEARCH ? g_bClient != 0 : g_hClientExitEvent != nullptr;
-        }));
-        ClientUninit();
-        EXPECT_EQ(9999, status.get()) << nWait;
-        EXPECT_EQ(0, g_bClient) << nWait << ": the role does not come back";
-        EXPECT_EQ(nHandles, hosted::OpenHandles()) << nWait;
+        const Open before = OpenNow();
+        {
+            FakeServer       mute("");
+            DiscoveryProgram program(nWait == ATTEMPT ? FoundLines({mute.Port()}) : "");
+            hosted::SetSocketTimeout(300);
+            hosted::SetClockRate(nWait == FALLBACK ? 20 : 1);
+            WriteSetting("LastClient", "ServerIP", nWait == FALLBACK ? "127.0.0.1" : "");
+            WriteSetting("LastClient", "Port", mute.Port().c_str());
+            std::future<int32_t> status =
+                std::async(std::launch::async, [nWait] { return ClientInitEnum(nWait == FALLBACK ? "" : "9"); });
+            EXPECT_TRUE(Eventually([&] {
+                if (nWait == BEGINNING) return g_bClientEnuming != 0;
+                return nWait == SEARCH ? g_bClient != 0 : g_hClientExitEvent != nullptr;
+            }));
+            ClientUninit();
+            EXPECT_EQ(9999, status.get()) << nWait;
+            EXPECT_EQ(0, g_bClient) << nWait << ": the role does not come back";
+        }
+        EXPECT_TRUE(IsOpenAsBefore(before)) << nWait;
     }
-}
-
-TEST_F(ClientRole, ASecondSearchWaitsForTheFirstToEnd)
-{
-    DiscoveryProgram program;
-    hosted::KeepDebugOutput(true);
-    g_bSocketDebug             = 1;
-    std::future<int32_t> first = std::async(std::launch::async, [] { return ClientInitEnum("1"); });
-    EXPECT_TRUE(Eventually([&] { return program.Runs() != ""; }));
-    std::future<int32_t> second = std::async(std::launch::async, [] { return ClientInitEnum("2"); });
-    std::string          sLog;
-    const auto           logged = [&](const char *psz) {
-        return (sLog += hosted::TakeDebugOutput()).find(psz) != sLog.npos;
-    };
-    EXPECT_TRUE(Eventually([&] { return logged("[ClientInitEnum] Wait last enum begin\n"); }));
-    ClientUninit();
-    EXPECT_EQ(9999, first.get());
-    EXPECT_TRUE(Eventually([&] { return logged("[ClientInitEnum] PW[2]\n"); }));
-    EXPECT_LT(sLog.find("[ClientInitEnum] Wait last enum end["), sLog.find("[ClientInitEnum] PW[2]\n"));
-    EXPECT_LT(sLog.find("[ClientInitEnum] g_bStopClientEnum.\n"), sLog.find("[ClientInitEnum] PW[2]\n"));
-    ClientUninit();
-    EXPECT_EQ(9999, second.get());
-    g_bSocketDebug = 0;
-    hosted::KeepDebugOutput(false);
 }

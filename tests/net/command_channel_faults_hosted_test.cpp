@@ -1,6 +1,5 @@
 // Each field that does not leave has its own status, also when it was only gathered.
-#include "platform/hosted/control.h"
-#include "tests/net/net_fixture.h"
+#include "tests/net/observed_hosted.h"
 
 using namespace platform;
 
@@ -27,7 +26,7 @@ TEST_F(CommandChannelFaults, EachFailingStepHasItsOwnCodeAndLeaksNothing)
     WriteTestFile(sPath, "x");
     OpenNetSocketLock();
     for (const auto &c : aCases) {
-        const int nHandles = hosted::OpenHandles(), nSockets = hosted::OpenSockets(), nBlocks = hosted::LiveBlocks();
+        const Open before = OpenNow();
         {
             LinkPair link;
             int32_t  nRet = 0;
@@ -48,8 +47,6 @@ TEST_F(CommandChannelFaults, EachFailingStepHasItsOwnCodeAndLeaksNothing)
             }
             hosted::ClearFaults();
         }
-        EXPECT_EQ(nHandles, hosted::OpenHandles()) << c.pszCall << c.nth;
-        EXPECT_EQ(nSockets, hosted::OpenSockets()) << c.pszCall << c.nth;
-        EXPECT_EQ(nBlocks, hosted::LiveBlocks()) << c.pszCall << c.nth;
+        EXPECT_TRUE(IsOpenAsBefore(before)) << c.pszCall << c.nth;
     }
 }

@@ -4,32 +4,19 @@
 
 using namespace platform;
 
-namespace {
+using CommandChannel = NetTest;
 
-class CommandChannel : public NetTest
+// Runs a command with the lock held; what has arrived at the other end once it ended.
+template <class Command> static std::string Sent(int32_t nExpected, Command command)
 {
-protected:
-    // Runs a command with the lock held, and gives what has arrived at the other end once it ended.
-    template <class Command> std::string Sent(int32_t nExpected, Command command)
-    {
-        EnterCriticalSection(&g_csNetSocket);
-        EXPECT_EQ(nExpected, command(m_link.hClient));
-        LeaveCriticalSection(&g_csNetSocket);
-        shutdown(m_link.hClient, SD_BOTH);
-        std::string s;
-        char        a[4096];
-        for (int32_t n; (n = recv(m_link.hServer, a, sizeof a, 0)) > 0;) s.append(a, static_cast<size_t>(n));
-        return s;
-    }
-    void SetUp() override
-    {
-        NetTest::SetUp();
-        OpenNetSocketLock();
-    }
-    LinkPair m_link;
-};
-
-} // namespace
+    LinkPair link;
+    OpenNetSocketLock();
+    EnterCriticalSection(&g_csNetSocket);
+    EXPECT_EQ(nExpected, command(link.hClient));
+    LeaveCriticalSection(&g_csNetSocket);
+    shutdown(link.hClient, SD_BOTH);
+    return Peer(std::exchange(link.hServer, INVALID_SOCKET)).Receive(10000);
+}
 
 TEST_F(CommandChannel, ARecordIsItsWordAndItsBytes)
 {
@@ -47,12 +34,13 @@ TEST_F(CommandChannel, APlainFileIsItsHeaderSizeAndContent)
               Sent(0, [&](SOCKET h) { return SendFileCommand(h, sPath.c_str(), sTo.c_str(), 3, 0); }));
 }
 
-TEST_F(CommandChannel, AFolderIsItsHeaderAlone)
+TEST_F(CommandChannel, AFolderIsItsHeaderAloneAndAMissingSourceNothing)
 {
     const std::u16string sFolder = TestFolder();
     const std::string sSent = Sent(0, [&](SOCKET h) { return SendFileCommand(h, sFolder.c_str(), u"D:\\new", 2, 1); });
     EXPECT_EQ(Field("SendFile") + PathField(u"D:\\new") + Bytes(uint32_t{2}), sSent);
     EXPECT_EQ(2064u, sSent.size());
+    EXPECT_EQ("", Sent(-301, [](SOCKET h) { return SendFileCommand(h, u"C:\\nowhere\\x", u"D:\\x", 2, 0); }));
 }
 
 TEST_F(CommandChannel, ALongDestinationIsCutAndALongSourceIsRead)
@@ -65,9 +53,4 @@ TEST_F(CommandChannel, ALongDestinationIsCutAndALongSourceIsRead)
     const std::string sSent = Sent(0, [&](SOCKET h) { return SendFileCommand(h, sPath.c_str(), sTo.c_str(), 0, 0); });
     EXPECT_EQ(PathField(sTo.substr(0, 1024)), sSent.substr(10, 2050));
     EXPECT_EQ(Bytes(int64_t{4}) + "deep", sSent.substr(2069));
-}
-
-TEST_F(CommandChannel, AMissingSourceSendsNothing)
-{
-    EXPECT_EQ("", Sent(-301, [](SOCKET h) { return SendFileCommand(h, u"C:\\nowhere\\x", u"D:\\x", 0, 0); }));
 }

@@ -1,17 +1,15 @@
 // discovery_program_hosted.h: a discovery program for tests: it notes each run, and in client mode "finds" what it is
-// told to.
+// told to, after a moment.
 #pragma once
 #include "net/settings.h"
-#include "platform/files.h"
 #include "platform/hosted/control.h"
 #include "platform/path.h"
 #include "platform/text.h"
+#include "tests/support/test_machine.h"
 #include <climits>
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
 #include <sstream>
-#include <string>
 
 class DiscoveryProgram
 {
@@ -19,24 +17,17 @@ public:
     // sFound: the lines of the section ServerEnum that a run in client mode adds to Socket.dat. GetConfigPath has run.
     explicit DiscoveryProgram(const std::string &sFound = "")
     {
-        m_sLog = HostFile("C:\\discovery-runs.txt");
-        const std::string sProgram = HostFile(g_szmDNSPath);
+        const std::string sProgram = HostFile(g_szmDNSPath), sPart = sProgram + ".new";
         std::filesystem::create_directories(std::filesystem::path(sProgram).parent_path());
-        const std::string sPart = sProgram + ".new";
-        std::ofstream(sPart) << "#!/bin/sh\necho \"$@\" >> '" << m_sLog << "'\n"
-                             << "[ \"$1\" = client ] && printf '"
+        std::ofstream(sPart) << "#!/bin/sh\necho \"$@\" >> '" << HostFile("C:\\discovery-runs.txt") << "'\n"
+                             << "[ \"$1\" = client ] && sleep 0.1 && printf '"
                              << (sFound.empty() ? "" : "[ServerEnum]\\r\\n" + sFound) << "' >> '"
                              << HostFile(g_szConfigPath) << "'\nexit 0\n";
         std::filesystem::permissions(sPart, std::filesystem::perms::owner_all);
         std::filesystem::rename(sPart, sProgram);
     }
     // One line of arguments for each run so far.
-    std::string Runs() const
-    {
-        std::ostringstream all;
-        all << std::ifstream(m_sLog).rdbuf();
-        return all.str();
-    }
+    std::string Runs() const { return ReadTestFile(u"C:\\discovery-runs.txt"); }
     // How many of them began with this argument.
     int RunsOf(const std::string &sFirst) const
     {
@@ -55,5 +46,4 @@ private:
         EXPECT_TRUE(hosted::HostPath(szWide, szHost, sizeof szHost)) << pszPath;
         return szHost;
     }
-    std::string m_sLog;
 };

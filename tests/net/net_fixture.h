@@ -53,26 +53,19 @@ inline std::string FileCommand(const std::u16string &sPath, uint32_t dwType, con
 class Peer
 {
 public:
-    explicit Peer(platform::SOCKET h = platform::INVALID_SOCKET) : m_h(h) {}
-    Peer(Peer &&other) noexcept : m_h(std::exchange(other.m_h, platform::INVALID_SOCKET)) {}
-    Peer &operator=(Peer &&other) noexcept
-    {
-        std::swap(m_h, other.m_h);
-        return *this;
-    }
-    ~Peer() { Close(); }
+    explicit Peer(platform::SOCKET h = platform::INVALID_SOCKET) : m_pSocket(new platform::SOCKET(h), CloseAndFree) {}
     static Peer Connect(uint16_t nPortHostOrder)
     {
         Peer peer;
         EXPECT_TRUE(Eventually([&] {
             peer = Peer(platform::socket(platform::AF_INET, platform::SOCK_STREAM, platform::IPPROTO_TCP));
-            return ConnectToLoopback(peer.m_h, platform::htons(nPortHostOrder)) == 0;
+            return ConnectToLoopback(*peer.m_pSocket, platform::htons(nPortHostOrder)) == 0;
         })) << platform::WSAGetLastError();
         return peer;
     }
     void Send(const std::string &s)
     {
-        EXPECT_EQ(static_cast<int32_t>(s.size()), SendBuffer(m_h, s.data(), static_cast<int32_t>(s.size())));
+        EXPECT_EQ(static_cast<int32_t>(s.size()), SendBuffer(*m_pSocket, s.data(), static_cast<int32_t>(s.size())));
     }
     // cb bytes; what came until the end or until nothing came for long, when it is less.
     std::string Receive(size_t cb)
@@ -80,18 +73,29 @@ public:
         std::string s(cb, '\0');
         size_t      cbDone = 0;
         while (cbDone < cb) {
-            const int32_t n = platform::recv(m_h, s.data() + cbDone, static_cast<int32_t>(cb - cbDone), 0);
+            const int32_t n = platform::recv(*m_pSocket, s.data() + cbDone, static_cast<int32_t>(cb - cbDone), 0);
             if (n <= 0) break;
             cbDone += static_cast<size_t>(n);
         }
         s.resize(cbDone);
         return s;
     }
-    void             Close() { LinkPair::Close(&m_h); }
-    platform::SOCKET Socket() const { return m_h; }
+    template <class T> T ReceiveValue()
+    {
+        T value = 0;
+        Receive(sizeof value).copy(reinterpret_cast<char *>(&value), sizeof value);
+        return value;
+    }
+    void             Close() { LinkPair::Close(m_pSocket.get()); }
+    platform::SOCKET Socket() const { return *m_pSocket; }
 
 private:
-    platform::SOCKET m_h;
+    static void CloseAndFree(platform::SOCKET *ph)
+    {
+        LinkPair::Close(ph);
+        delete ph;
+    }
+    std::shared_ptr<platform::SOCKET> m_pSocket;
 };
 
 class NetTest : public ::testing::Test
@@ -163,15 +167,20 @@ protected:
         EXPECT_EQ(1, StartServerListener(g_ServerSendSocket, g_hServerExitEvent));
         return Peer(std::exchange(pair.hClient, platform::INVALID_SOCKET));
     }
-    // The port that a starting server announces; it listens a moment later.
-    static uint16_t ListeningPort()
+    static std::string Setting(const char *pszSection, const char *pszKey)
     {
-        char szPort[PORT_BYTES] = "";
-        EXPECT_TRUE(Eventually([&] {
-            ReadSetting("ServerMDNS", "Port", szPort, sizeof szPort);
-            return szPort[0] != '\0';
-        })) << "no server announces itself";
-        return static_cast<uint16_t>(atoi(szPort));
+        char szValue[ADDRESS_BYTES];
+        ReadSetting(pszSection, pszKey, szValue, sizeof szValue);
+        return szValue;
+    }
+    // The port that a starting server announces, taken away so that the next server's is a new one; it listens a
+    // moment later.
+    static uint16_t NextListeningPort()
+    {
+        std::string sPort;
+        EXPECT_TRUE(Eventually([&] { return (sPort = Setting("ServerMDNS", "Port")) != ""; })) << "no server";
+        WriteSetting("ServerMDNS", "Port", "");
+        return static_cast<uint16_t>(atoi(sPort.c_str()));
     }
 
     WinsockStarted               m_Winsock;

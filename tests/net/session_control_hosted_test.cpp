@@ -1,11 +1,7 @@
 // What the service asks and hears: PINs, roles, the exchange of machine info, release.
-#include "platform/hosted/control.h"
-#include "platform/profile.h"
 #include "tests/net/discovery_program_hosted.h"
-#include "tests/net/net_fixture.h"
+#include "tests/net/observed_hosted.h"
 #include "tests/trace/trace_session_hosted.h"
-#include "transfer/file_stream.h"
-#include <atomic>
 
 using namespace platform;
 
@@ -16,25 +12,18 @@ constexpr char16_t PEER_INFO[] =
     u"[Package]\r\n\"Version\"=\"1.0.4.0\"\r\n";
 const std::string PeerInfo(reinterpret_cast<const char *>(PEER_INFO), sizeof PEER_INFO - 2);
 
-// Reads one "SendFile" with its whole stream; the path it names.
-std::u16string TakeFile(Peer &peer)
+// Reads the server's machine info: a "SendFile" with its whole stream.
+void TakeMachineInfo(Peer &peer)
 {
     EXPECT_EQ(Field("SendFile"), peer.Receive(10));
-    const std::string sHead = peer.Receive(2050 + 4 + 4 + 1 + 8);
-    if (sHead.size() != 2067) return u"<cut>";
-    int64_t  cbLeft = 0;
-    uint32_t dwType = 0, cbKey = 0, cbCipher = 0;
-    memcpy(&dwType, sHead.data() + 2050, 4);
-    memcpy(&cbLeft, sHead.data() + 2059, 8);
-    EXPECT_EQ(10u, dwType);
-    EXPECT_EQ(1, sHead[2058]) << "encrypted";
-    memcpy(&cbKey, peer.Receive(4).data(), 4);
-    peer.Receive(cbKey);
-    for (; cbLeft > 0; cbLeft -= 65536) {
-        memcpy(&cbCipher, peer.Receive(4).data(), 4);
-        peer.Receive(cbCipher);
-    }
-    return std::u16string(reinterpret_cast<const char16_t *>(sHead.data()));
+    peer.Receive(FILE_PATH_BYTES);
+    EXPECT_EQ(10u, peer.ReceiveValue<uint32_t>());
+    peer.Receive(4);
+    EXPECT_EQ("\1", peer.Receive(1)) << "encrypted";
+    EXPECT_LE(peer.ReceiveValue<int64_t>(), 65536) << "in one chunk";
+    peer.Receive(peer.ReceiveValue<uint32_t>()); // key
+    peer.Receive(peer.ReceiveValue<uint32_t>()); // cipher text
+    peer.Send(Field("FileDone"));
 }
 
 // The part of a client: handshake, own machine info, the server's.
@@ -46,8 +35,7 @@ Peer JoinAsClient(uint16_t nPort, const std::string &sPin, bool bInfo = true)
     if (!bInfo) return peer;
     peer.Send(FileCommand(u"C:\\theirs\\localinfo.ini", 10, PeerInfo));
     EXPECT_EQ(Field("FileDone"), peer.Receive(10));
-    TakeFile(peer);
-    peer.Send(Field("FileDone"));
+    TakeMachineInfo(peer);
     return peer;
 }
 
@@ -59,24 +47,19 @@ protected:
         NetTest::SetUp();
         hosted::SetSocketTimeout(5000); // of real time, whatever the clock does
     }
-    // The PIN that the service was told.
-    std::string MadePin()
+    // Asks for a server's PIN, at a tick of its own; the PIN that the service was told.
+    std::string RequestPin()
     {
+        m_aSeen.clear();
+        hosted::AdvanceClock(12345);
+        Request(2336);
         EXPECT_TRUE(Reported(2336, 3));
-        for (auto p = m_aSeen.rbegin(); p != m_aSeen.rend(); ++p)
-            if (p->dwCommand == 2336 && p->dwParam1 == 3) return std::to_string(p->dwParam2);
-        return "";
+        return m_aSeen.empty() ? "" : std::to_string(m_aSeen.back().dwParam2);
     }
     static void Request(uint32_t dwCode, uint32_t dwPin = 0)
     {
         const IpcMessage record = MakeRecord(dwCode, 1, dwPin);
         EXPECT_EQ(1, StartPinCodeThread(&record));
-    }
-    static uint16_t NextListeningPort()
-    {
-        const uint16_t nPort = ListeningPort();
-        WriteSetting("ServerMDNS", "Port", "");
-        return nPort;
     }
     static std::string ServerPin()
     {
@@ -92,8 +75,7 @@ TEST_F(SessionControl, APinStartsTheServerAndAPeerCompletesTheSession)
 {
     hosted::SetClockRate(5);
     TraceSession trace;
-    Request(2336);
-    const std::string sPin = MadePin();
+    const std::string sPin = RequestPin();
     EXPECT_LE(sPin.size(), 6u);
     Peer peer = JoinAsClient(NextListeningPort(), sPin);
     ASSERT_TRUE(Reported(2336, 2));
@@ -116,36 +98,22 @@ TEST_F(SessionControl, APinStartsTheServerAndAPeerCompletesTheSession)
     EXPECT_EQ(0, CountSeen(818, 102)) << "an own disconnect is no broken link";
 }
 
-TEST_F(SessionControl, ANewPinReplacesTheOldOneExceptWhileAPeerConnects)
+TEST_F(SessionControl, APinThatComesWhileAPeerConnectsDoesNotCountYet)
 {
     hosted::SetClockRate(5);
-    Request(2336);
-    MadePin();
-    const uint16_t nPort = NextListeningPort();
-    m_aSeen.clear();
-    hosted::AdvanceClock(12345);
-    Request(2336);
-    const std::string sSecond = MadePin();
-    EXPECT_TRUE(Eventually([&] { return ServerPin() == sSecond; }));
-    Peer stranger = Peer::Connect(nPort);
+    DebugLog log;
+    const std::string sFirst   = RequestPin();
+    const uint16_t    nPort    = NextListeningPort();
+    Peer              stranger = Peer::Connect(nPort);
     stranger.Send(Field("wrong"));
     EXPECT_EQ(Field("PWACK=0"), stranger.Receive(10)); // from here on a peer counts as connecting
-    m_aSeen.clear();
-    hosted::AdvanceClock(54321);
-    hosted::KeepDebugOutput(true);
-    g_bSocketDebug = 1;
-    Request(2336);
-    const std::string sThird = MadePin();
-    std::string       sLog;
-    EXPECT_TRUE(Eventually([&] {
-        return (sLog += hosted::TakeDebugOutput()).find("[UpdateServerPW] g_bConnecting true. Exit.\n") != sLog.npos;
-    }));
-    g_bSocketDebug = 0;
-    EXPECT_NE(sLog.npos, sLog.find("[UpdateServerPW] old[" + sSecond + "], new[" + sThird + "]\n")) << sLog;
-    EXPECT_EQ(sSecond, ServerPin());
-    Peer peer = JoinAsClient(nPort, sSecond);
+    const std::string sSecond = RequestPin();
+    EXPECT_TRUE(Eventually([&] { return log.Has("[UpdateServerPW] g_bConnecting true. Exit.\n"); }));
+    EXPECT_TRUE(log.Has("[UpdateServerPW] old[" + sFirst + "], new[" + sSecond + "]\n")) << log.Text();
+    EXPECT_EQ(sFirst, ServerPin());
+    Peer peer = JoinAsClient(nPort, sFirst);
     EXPECT_TRUE(Reported(2336, 2));
-    EXPECT_EQ(sThird, std::to_string(m_aSeen.back().dwParam2));
+    EXPECT_EQ(sSecond, std::to_string(m_aSeen.back().dwParam2));
 }
 
 TEST_F(SessionControl, APinReplacedWhileTheServerStartsIsTheOneThatAdmits)
@@ -153,16 +121,10 @@ TEST_F(SessionControl, APinReplacedWhileTheServerStartsIsTheOneThatAdmits)
     hosted::SetClockRate(5);
     for (const uint32_t dwPause : {0u, 1u, 2u, 4u, 8u, 16u}) { // between announcement and first accept
         ResetSessionControl();
-        WriteSetting("ServerMDNS", "Port", "");
-        m_aSeen.clear();
-        Request(2336);
-        MadePin();
+        RequestPin();
         const uint16_t nPort = NextListeningPort();
-        m_aSeen.clear();
-        hosted::AdvanceClock(1000 + dwPause);
         std::this_thread::sleep_for(std::chrono::milliseconds(dwPause));
-        Request(2336);
-        const std::string sSecond = MadePin();
+        const std::string sSecond = RequestPin();
         EXPECT_TRUE(Eventually([&] { return ServerPin() == sSecond; })) << dwPause;
         Peer peer = JoinAsClient(nPort, sSecond);
         EXPECT_TRUE(Reported(2336, 2));
@@ -175,8 +137,7 @@ TEST_F(SessionControl, AFailedServerStartIsReportedAndTriedAgain)
 {
     hosted::SetClockRate(5);
     hosted::FailCall("bind", 1, WSAEADDRINUSE);
-    Request(2336);
-    const std::string sPin = MadePin();
+    const std::string sPin = RequestPin();
     EXPECT_TRUE(Reported(2336, -4));
     WriteSetting("ServerMDNS", "Port", "");
     Peer peer = JoinAsClient(NextListeningPort(), sPin);
@@ -185,17 +146,24 @@ TEST_F(SessionControl, AFailedServerStartIsReportedAndTriedAgain)
 
 TEST_F(SessionControl, APeerWithoutMachineInfoIsTurnedAway)
 {
-    hosted::SetClockRate(100);
-    std::future<int32_t> status = std::async(std::launch::async, [] {
-        char16_t szName[260];
-        return SetNetworkServerClient(&g_Session, 1, 1, "12", szName, 260);
-    });
-    Peer peer = JoinAsClient(NextListeningPort(), "12", false);
-    EXPECT_EQ(-1, status.get());
-    EXPECT_EQ(0, g_bServer);
-    EXPECT_EQ(0u, g_Session.bServerStarted);
-    EXPECT_TRUE(Eventually([] { return g_nListeners == 0; }));
-    EXPECT_EQ(0, CountSeen(818, 102));
+    for (const bool bStop : {true, false}) { // what ends the wait for it: the stop signal or its time
+        hosted::SetClockRate(bStop ? 1 : 100);
+        const uint64_t       ullBegin = GetTickCount64();
+        std::future<int32_t> status   = std::async(std::launch::async, [] {
+            char16_t szName[260];
+            return SetNetworkServerClient(&g_Session, 1, 1, "12", szName, 260);
+        });
+        Peer peer = JoinAsClient(NextListeningPort(), "12", false);
+        if (bStop) SetEvent(g_hAppEvent);
+        TakeMachineInfo(peer); // it follows the server's wait, however that ended
+        EXPECT_EQ(-1, status.get());
+        EXPECT_EQ(bStop, GetTickCount64() - ullBegin < 10000u);
+        ResetEvent(g_hAppEvent);
+        EXPECT_EQ(0, g_bServer);
+        EXPECT_EQ(0u, g_Session.bServerStarted);
+        EXPECT_TRUE(Eventually([] { return g_nListeners == 0; }));
+        EXPECT_TRUE(Queued().empty()) << "the own teardown is no broken link";
+    }
 }
 
 TEST_F(SessionControl, AClientHearsWhetherItsPinWasRight)
@@ -211,17 +179,14 @@ TEST_F(SessionControl, AClientHearsWhetherItsPinWasRight)
         DiscoveryProgram program("Count=1\\r\\n1=127.0.0.1\\r\\n1_port=" + std::to_string(ntohs(nPort)) + "\\r\\n");
         Peer             peer;
         std::thread      server([&] {
-            for (;;) {
-                Peer next(accept(hListen, nullptr, nullptr));
-                if (next.Socket() == INVALID_SOCKET) return;
-                EXPECT_EQ(Field("77"), next.Receive(10));
-                peer = std::move(next);
+            while ((peer = Peer(accept(hListen, nullptr, nullptr))).Socket() != INVALID_SOCKET) {
+                EXPECT_EQ(Field("77"), peer.Receive(10));
                 peer.Send(Field(c.bRight ? "PWACK=1" : "PWACK=0"));
                 if (!c.bRight) continue;
-                EXPECT_NE(u"", TakeFile(peer)); // the client sends first
-                peer.Send(Field("FileDone") + (c.bOvertaken ? Field("KeepAlive") : FileCommand(u"C:\\x", 10, PeerInfo)));
+                TakeMachineInfo(peer); // the client sends first
+                peer.Send(c.bOvertaken ? Field("KeepAlive") : FileCommand(u"C:\\x", 10, PeerInfo));
                 EXPECT_EQ(Field(c.bOvertaken ? "AckAlive" : "FileDone"), peer.Receive(10));
-                if (!c.bOvertaken) continue;
+                if (!c.bOvertaken) break;
                 disconnect();
                 SignalSpecialReady();
             }
@@ -243,8 +208,7 @@ TEST_F(SessionControl, FurtherRequestsRestartTheWaitAndTheLastOneCounts)
     TraceSession trace;
     Request(2337, 1);
     EXPECT_TRUE(Eventually([] { return g_hNetInitTimerEvent != nullptr; }));
-    Request(2336);
-    const std::string sPin = MadePin();
+    const std::string sPin = RequestPin();
     EXPECT_TRUE(Eventually([&] {
         return trace.Saw("CallPinCodeThread Reset timer") && trace.Saw("NetInitializationThread reset timer");
     }));
@@ -288,8 +252,7 @@ TEST_F(SessionControl, AConnectRequestIsTriedForTenSeconds)
     g_ullLastConnectRequest = GetTickCount64() + 400;
     EXPECT_EQ(1, StartNetworkConnect(1, 0));
     EXPECT_TRUE(Eventually([] { return hosted::CallCount("accept") == 1; }));
-    EndLink();
-    m_aSeen.clear();
+    EXPECT_EQ(1, StartNetworkConnect(3, 0));
     EXPECT_EQ(1, StartNetworkConnect(0, 0)); // no such mode: nothing happens
     EXPECT_EQ(1, StartNetworkConnect(4, 0));
     EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
@@ -338,20 +301,8 @@ TEST_F(SessionControl, TheStopSignalEndsEachWait)
     EXPECT_EQ(1, StartNetworkConnect(1, 0));
     EXPECT_TRUE(Eventually([] { return hosted::CallCount("socket") > 0; }));
     SetEvent(g_hAppEvent);
-    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
-    ResetEvent(g_hAppEvent);
     EXPECT_TRUE(Reported(2080, -4));
     hosted::ClearFaults();
-    WriteSetting("ServerMDNS", "Port", "");
-
-    std::future<int32_t> status = std::async(std::launch::async, [] { // until the peer's machine info is there
-        return SetNetworkServerClient(&g_Session, 1, 1, "12", nullptr, 0);
-    });
-    Peer peer = JoinAsClient(NextListeningPort(), "12", false);
-    SetEvent(g_hAppEvent);
-    TakeFile(peer); // the server's own info follows its wait, however that ended
-    peer.Send(Field("FileDone"));
-    EXPECT_EQ(-1, status.get());
     EXPECT_LT(GetTickCount64() - ullBegin, 10000u) << "no wait ran to its end";
 }
 

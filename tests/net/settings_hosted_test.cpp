@@ -1,30 +1,20 @@
 // Socket.dat, the debug setting, and how the discovery program is run.
-#include "platform/hosted/control.h"
-#include "platform/profile.h"
 #include "platform/security.h"
 #include "tests/net/discovery_program_hosted.h"
-#include "tests/net/net_fixture.h"
-#include <fstream>
+#include "tests/net/observed_hosted.h"
 
 using namespace platform;
-
-namespace {
-
-void SetRegistry(const std::string &sText)
-{
-    std::ofstream(std::string(hosted::MachineFolder()) + "/registry.ini") << sText;
-}
-
-} // namespace
 
 using Settings = MachineTest;
 
 TEST_F(Settings, TheFirstStartMakesTheFolderAndAFileThatHoldsOnlyInit)
 {
+    std::ofstream(std::string(hosted::MachineFolder()) + "/machine.ini") << "[folders]\nProgramData=C:\\Common\\Data\n";
+    EXPECT_FALSE(PathExists(u"C:\\Common"));
     GetConfigPath();
-    EXPECT_STREQ("C:\\ProgramData\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat", g_szConfigPath);
-    const std::string sContent = ReadTestFile(u"C:\\ProgramData\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat");
-    EXPECT_EQ("[Init]\r\nInit=\r\n", sContent);
+    EXPECT_STREQ("C:\\Common\\Data\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat", g_szConfigPath);
+    EXPECT_EQ("[Init]\r\nInit=\r\n",
+              ReadTestFile(u"C:\\Common\\Data\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat"));
     WriteSetting("LastServer", "Port", "12345678901");
     GetConfigPath(); // a file that is there stays
     char szPort[PORT_BYTES];
@@ -32,28 +22,16 @@ TEST_F(Settings, TheFirstStartMakesTheFolderAndAFileThatHoldsOnlyInit)
     EXPECT_STREQ("123456789", szPort) << "cut to the field";
 }
 
-TEST_F(Settings, TheCommonFolderIsWhereThisMachineHasItAndIsMadeWhenMissing)
-{
-    std::ofstream(std::string(hosted::MachineFolder()) + "/machine.ini") << "[folders]\nProgramData=C:\\Common\\Data\n";
-    EXPECT_FALSE(PathExists(u"C:\\Common"));
-    GetConfigPath();
-    EXPECT_STREQ("C:\\Common\\Data\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat", g_szConfigPath);
-    EXPECT_TRUE(PathExists(u"C:\\Common\\Data\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat"));
-}
-
 TEST_F(Settings, WithoutTheCommonFolderTheFixedPathCounts)
 {
     hosted::FailCall("SHGetSpecialFolderPathA", 1, ERROR_PATH_NOT_FOUND);
-    hosted::KeepDebugOutput(true);
-    g_bSocketDebug = 1;
+    DebugLog log;
     GetConfigPath();
-    g_bSocketDebug = 0;
     EXPECT_STREQ("C:\\ProgramData\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat", g_szConfigPath);
     EXPECT_EQ("[VnNetSocket][Notify]SHGetSpecialFolderPathA failed! -> GetConfigPath\r\n"
               "[GetConfigPath] g_szConfigPath path is [" + std::string(g_szConfigPath) + "]\n"
               "[GetConfigPath] g_szmDNSPath path is [" + g_szmDNSPath + "]\n",
-              hosted::TakeDebugOutput());
-    hosted::KeepDebugOutput(false);
+              log.Text());
 }
 
 TEST_F(Settings, SharedFilesBelongToEveryoneAndFailuresLeaveNothing)
@@ -69,36 +47,35 @@ TEST_F(Settings, SharedFilesBelongToEveryoneAndFailuresLeaveNothing)
     WriteTestFile(sPath, "old content");
     EXPECT_EQ(1, CreateSharedFile(sPath.c_str()));
     EXPECT_EQ("", ReadTestFile(sPath));
-    const int nBlocks = hosted::LiveBlocks(), nHandles = hosted::OpenHandles();
+    const Open before = OpenNow();
     EXPECT_EQ(0, CreateSharedFile(u"C:\\no such folder\\shared.ini"));
     EXPECT_EQ(ERROR_PATH_NOT_FOUND, GetLastError());
-    EXPECT_EQ(nBlocks, hosted::LiveBlocks());
-    EXPECT_EQ(nHandles, hosted::OpenHandles());
+    EXPECT_TRUE(IsOpenAsBefore(before));
 }
 
 TEST_F(Settings, TheIniSettingCountsOnlyBesideTheRegistryValue)
 {
     static const struct {
-        const char *pszRegistry, *pszIni;
+        const char *pszValue, *pszIni;
         bool        bFound;
         int         nFlag;
     } aCases[] = {
-        {"", "1", false, 0},
-        {"[HKEY_LOCAL_MACHINE\\Software\\VORN\\VORN Tramsa]\nSocketDebug=dword:00000000\n", "1", true, 1},
-        {"[HKEY_LOCAL_MACHINE\\Software\\VORN\\VORN Tramsa]\nSocketDebug=dword:00000000\n", "0", true, 0},
-        {"[HKEY_LOCAL_MACHINE\\Software\\VORN\\VORN Tramsa]\nSocketDebug=dword:00000001\n", "0", true, 1},
-        {"[HKEY_LOCAL_MACHINE\\Software\\VORN\\VORN Tramsa]\nOther=dword:00000001\n", "1", false, 0},
+        {"Other=dword:00000001", "1", false, 0},
+        {"SocketDebug=dword:00000000", "1", true, 1},
+        {"SocketDebug=dword:00000000", "0", true, 0},
+        {"SocketDebug=dword:00000001", "0", true, 1},
     };
+    const std::string sRegistry = std::string(hosted::MachineFolder()) + "/registry.ini";
     GetConfigPath();
+    EXPECT_FALSE(SocketDebugInit());
     for (const auto &c : aCases) {
         g_bSocketDebug = 0;
-        SetRegistry(c.pszRegistry);
+        std::ofstream(sRegistry) << "[HKEY_LOCAL_MACHINE\\Software\\VORN\\VORN Tramsa]\n" << c.pszValue << '\n';
         WriteSetting("Debug", "SocketDebug", c.pszIni);
-        EXPECT_EQ(c.bFound, SocketDebugInit()) << c.pszRegistry;
-        EXPECT_EQ(c.nFlag, g_bSocketDebug) << c.pszRegistry << c.pszIni;
+        EXPECT_EQ(c.bFound, SocketDebugInit()) << c.pszValue;
+        EXPECT_EQ(c.nFlag, g_bSocketDebug) << c.pszValue << c.pszIni;
     }
-    g_bSocketDebug = 1; // once on, it stays
-    SetRegistry("");
+    std::ofstream(sRegistry) << ""; // once on, it stays
     EXPECT_FALSE(SocketDebugInit());
     EXPECT_EQ(1, g_bSocketDebug);
     g_bSocketDebug = 0;

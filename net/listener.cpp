@@ -150,7 +150,6 @@ int32_t Listen(const ListenerRole &role, const ListenerStart &start)
         if (bCommand) {
             silence = {};
         } else if (nRecvErr == WSAETIMEDOUT) {
-            std::memset(szWord, 0, sizeof szWord); // a part of a word is no word
             const int32_t nErr = CountSilence(role, start.hSocket, &silence, szWord, &bCommand);
             if ((nErr != 0 || bCommand) && HasEnded(role, start)) return 0; // the probe may have taken its time
             if (nErr != 0) return nErr;

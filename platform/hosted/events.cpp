@@ -23,24 +23,19 @@ struct LocalEvent : Event {
     }
     void Set() override
     {
-        bool bSeveral = false;
-        {
-            const std::lock_guard<std::mutex> guard(TheWaits().mutex);
-            bSignalled = true;
-            bSeveral   = TheWaits().nSeveral != 0;
-        }
-        condition.notify_all();
-        if (bSeveral) TheWaits().condition.notify_all();
+        const std::lock_guard<std::mutex> guard(TheWaits().mutex);
+        bSignalled = true;
+        WakeAll(apWaiters);
     }
-    std::condition_variable &Condition() override { return condition; }
-    void Reset() override
+    Waiters &ListOfWaiters() override { return apWaiters; }
+    void     Reset() override
     {
         const std::lock_guard<std::mutex> guard(TheWaits().mutex);
         bSignalled = false;
     }
-    const bool              bManualReset;
-    bool                    bSignalled; // under Waits::mutex
-    std::condition_variable condition;
+    const bool bManualReset;
+    bool       bSignalled; // this and the next under Waits::mutex
+    Waiters    apWaiters;
 };
 
 struct NamedEvent : Event {

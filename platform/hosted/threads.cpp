@@ -28,7 +28,7 @@ void *RunThread(void *pArgument)
         const std::lock_guard<std::mutex> guard(TheWaits().mutex);
         pBlock->pThread->dwId = platform::GetCurrentThreadId();
     }
-    TheWaits().condition.notify_all();
+    Announce(false);
     const uint32_t dwExitCode = pBlock->pStart(pBlock->pParameter);
     {
         const std::lock_guard<std::mutex> guard(TheWaits().mutex);
@@ -36,7 +36,7 @@ void *RunThread(void *pArgument)
         pBlock->pThread->dwExitCode = dwExitCode;
         pBlock->pThread->bEnded     = true;
     }
-    TheWaits().condition.notify_all();
+    Announce(false);
     return nullptr;
 }
 

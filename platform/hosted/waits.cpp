@@ -1,6 +1,6 @@
 // waits.cpp: WaitForSingleObject and WaitForMultipleObjects.
 #include "platform/hosted/waits.h"
-#include <vector>
+#include <algorithm>
 
 namespace hosted {
 
@@ -8,6 +8,21 @@ Waits &TheWaits()
 {
     static Waits &s_Waits = *new Waits;
     return s_Waits;
+}
+
+void WakeAll(const Waiters &apWaiters)
+{
+    for (Waiter *pWaiter : apWaiters) pWaiter->condition.notify_one();
+}
+
+void Announce(bool bFromMachine)
+{
+    {
+        const std::lock_guard<std::mutex> guard(TheWaits().mutex);
+        if (bFromMachine) TheWaits().nWakes++;
+        WakeAll(TheWaits().apAnnounced);
+    }
+    TheWaits().condition.notify_all();
 }
 
 Deadline DeadlineAfter(uint32_t dwMilliseconds)
@@ -45,6 +60,14 @@ std::shared_ptr<Waitable> WaitableOf(platform::HANDLE hObject)
     return nullptr;
 }
 
+// [held: Waits::mutex] The first object that is signalled, or nCount.
+uint32_t TakeFirst(uint32_t nCount, const std::shared_ptr<Waitable> *apObjects)
+{
+    uint32_t i = 0;
+    while (i < nCount && !apObjects[i]->TakeSignal()) i++;
+    return i;
+}
+
 uint32_t WaitForAny(uint32_t nCount, const platform::HANDLE *pHandles, uint32_t dwMilliseconds)
 {
     // Kept alive though a handle be closed meanwhile.
@@ -53,19 +76,20 @@ uint32_t WaitForAny(uint32_t nCount, const platform::HANDLE *pHandles, uint32_t 
         aObjects[i] = WaitableOf(pHandles[i]);
         if (aObjects[i] == nullptr) return platform::WAIT_FAILED;
     }
-    const Deadline               deadline  = DeadlineAfter(dwMilliseconds);
-    std::condition_variable     &condition = nCount == 1 ? aObjects[0]->Condition() : TheWaits().condition;
-    const uint32_t               nSeveral  = nCount == 1 ? 0 : 1;
+    const Deadline               deadline = DeadlineAfter(dwMilliseconds);
     std::unique_lock<std::mutex> lock(TheWaits().mutex);
-    for (bool bInTime = dwMilliseconds != 0;;) {
+    uint32_t                     nTaken = TakeFirst(nCount, aObjects);
+    if (nTaken == nCount && dwMilliseconds != 0) {
+        Waiter waiter;
+        for (uint32_t i = 0; i < nCount; i++) aObjects[i]->ListOfWaiters().push_back(&waiter);
+        for (bool bInTime = true; nTaken == nCount && bInTime; nTaken = TakeFirst(nCount, aObjects))
+            bInTime = WaitUntil(lock, waiter.condition, deadline);
         for (uint32_t i = 0; i < nCount; i++) {
-            if (aObjects[i]->TakeSignal()) return platform::WAIT_OBJECT_0 + i;
+            Waiters &apWaiters = aObjects[i]->ListOfWaiters();
+            apWaiters.erase(std::find(apWaiters.begin(), apWaiters.end(), &waiter));
         }
-        if (!bInTime) return platform::WAIT_TIMEOUT;
-        TheWaits().nSeveral += nSeveral;
-        bInTime = WaitUntil(lock, condition, deadline);
-        TheWaits().nSeveral -= nSeveral;
     }
+    return nTaken == nCount ? platform::WAIT_TIMEOUT : platform::WAIT_OBJECT_0 + nTaken;
 }
 
 } // namespace

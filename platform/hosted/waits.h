@@ -1,30 +1,42 @@
 // waits.h: how threads of this process wait, for objects of their own and for named ones that another process signals.
-// One mutex and one condition for the process: a state changes under the mutex and everybody who waits looks again. Who
-// waits for one unnamed event alone sleeps at that event, so that setting it wakes nobody else.
-// What other processes change is announced through the machine's wake word, which a watcher thread passes on to the
-// condition.
+// One mutex for the process: a state changes under it. Each waiting thread sleeps on a condition of its own and is listed
+// with what it waits for, so that setting an unnamed event wakes only those who wait for it. Everything else (threads,
+// named objects) is announced to all who wait for any such object; what other processes change comes through the
+// machine's wake word, which a watcher thread passes on.
 #pragma once
 #include "platform/hosted/internal.h"
 #include <condition_variable>
 #include <mutex>
+#include <vector>
 
 namespace hosted {
 
-struct Waits {
-    std::mutex              mutex;
+// One call that waits, on its thread's stack; in the lists of its objects for as long as it waits.
+struct Waiter {
     std::condition_variable condition;
-    uint64_t                nWakes = 0;   // announcements from the machine so far
-    uint32_t                nSeveral = 0; // threads that wait for several objects at once
+};
+using Waiters = std::vector<Waiter *>;
+
+struct Waits {
+    std::mutex              mutex; // guards what follows, and the lists of the objects
+    std::condition_variable condition;  // of those who wait for an announcement itself
+    uint64_t                nWakes = 0; // announcements from the machine so far
+    Waiters                 apAnnounced; // who waits for objects that have no list of their own
 };
 Waits &TheWaits();
+// [held: Waits::mutex] Under the mutex, since a waiter's condition goes when it has returned.
+void WakeAll(const Waiters &apWaiters);
+// Everybody who does not wait for unnamed events alone looks again. Not under Waits::mutex.
+//   bFromMachine  something of run/ has changed
+void Announce(bool bFromMachine);
 
 // What WaitForSingleObject accepts.
 struct Waitable : KernelObject {
     using KernelObject::KernelObject;
     // [held: Waits::mutex] True when signalled; an auto-reset event is then consumed.
     virtual bool TakeSignal() = 0;
-    // Where a thread sleeps that waits for nothing else.
-    virtual std::condition_variable &Condition() { return TheWaits().condition; }
+    // [held: Waits::mutex] Where those who wait for it are listed.
+    virtual Waiters &ListOfWaiters() { return TheWaits().apAnnounced; }
 };
 
 // Waits on the condition; false when the deadline has passed. [held, by the lock]

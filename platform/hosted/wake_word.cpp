@@ -68,11 +68,7 @@ void Watch(Word *pWord, const std::atomic<bool> *pbStop)
 {
     while (!pbStop->load()) {
         const uint32_t dwSeen = pWord->load();
-        {
-            const std::lock_guard<std::mutex> guard(TheWaits().mutex);
-            TheWaits().nWakes++;
-        }
-        TheWaits().condition.notify_all();
+        Announce(true);
         if (pbStop->load()) break;
         // Returns at once when the word has moved on.
         syscall(SYS_futex, pWord, FUTEX_WAIT, dwSeen, nullptr, nullptr, 0);
@@ -112,11 +108,7 @@ void WakeMachine()
         const std::lock_guard<std::mutex> guard(wakes.mutex);
         if (Word *pWord = MapWord(wakes)) Bump(pWord);
     }
-    {
-        const std::lock_guard<std::mutex> guard(TheWaits().mutex); // this process hears of it at once
-        TheWaits().nWakes++;
-    }
-    TheWaits().condition.notify_all();
+    Announce(true); // this process hears of it at once
 }
 
 } // namespace hosted

@@ -60,8 +60,8 @@ void ForgetFolders();
 enum class IndexAnswer { Absent, Present, NoFolder };
 // Looks for a name without regard to case; *psHostName receives the stored one.
 IndexAnswer FindInFolder(const std::string &sFolder, std::u16string_view sName, std::string *psHostName);
-// True when an index at hand is valid and lacks the name.
-bool IndexLacks(const std::string &sFolder, std::u16string_view sName);
+// True when an index at hand is valid and lacks the name. bToMake: for a caller of LocateToMake's kind.
+bool IndexLacks(const std::string &sFolder, std::u16string_view sName, bool bToMake);
 // To be asked just before a change.
 bool        IndexIsValid(const std::string &sFolder);
 void        IndexAdded(const std::string &sFolder, bool bWasValid, std::string_view sHostName);

@@ -92,7 +92,9 @@ uint32_t LocateOnce(const DiskPath &path, Located *pFound, bool bToMake, bool *p
     pFound->sHost = pFound->sFolder;
     pFound->sHost += '/';
     pFound->sHost += HostName(sName);
-    pFound->bIndexValid = bToMake && IndexLacks(pFound->sFolder, sName);
+    // the index knows a long name by what it is called on the host
+    const bool bLong = pFound->sHost.compare(pFound->sFolder.size() + 1, LONG_NAME_PREFIX.size(), LONG_NAME_PREFIX) == 0;
+    pFound->bIndexValid = !bLong && IndexLacks(pFound->sFolder, sName, bToMake);
     if (pFound->bIndexValid || Look(pFound)) return 0;
     if (errno == ENAMETOOLONG) return platform::ERROR_FILENAME_EXCED_RANGE; // the host's limit for a whole path
     if (errno != ENOENT) return errno == ENOTDIR ? platform::ERROR_PATH_NOT_FOUND : ErrorFromErrno(errno);

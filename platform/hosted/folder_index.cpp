@@ -1,14 +1,16 @@
 // folder_index.cpp: which names a folder holds, without regard to case.
 // A look-up that misses must not read the whole folder: a migration makes tens of thousands of files in one folder, and
 // each is looked for first. So the hashes of a folder's folded names are remembered; a hash that is not among them is
-// absent, one that is there is looked for on disk. An index is valid while the folder's time stamp and its shared
-// generation stand; this process keeps both in step for what it adds itself. Hashes of removed names stay until the
-// next scan: they cost that scan, never a wrong answer.
-// Where the kernel's stamps are coarse, a stamp that was young when it was taken does not show what a program outside
-// the machine made in the same tick. Such an index is made anew before it is used, as often as the folder's size
-// allows: a small folder each time, a large one after so many uses that the cost for each stays the same. Between, a
-// name from outside is found by its exact case only. A folder of more than half a million names is scanned each time.
+// absent, one that is there is looked for on disk. Hashes of removed names stay until the next scan: they cost that
+// scan, never a wrong answer. An indexed folder is watched (folder_watch.h), so the index is as good as the folder.
+// Where folders cannot be watched, an index is valid while the folder's time stamp and its shared generation stand; this
+// process keeps both in step for what it adds itself. Where the kernel's stamps are coarse, a stamp that was young when
+// it was taken does not show what a program outside the machine made in the same tick. Such an index is made anew before
+// it is used, as often as the folder's size allows: a small folder each time, a large one after so many uses that the
+// cost for each stays the same. Between, a name from outside is found by its exact case only.
+// A folder of more than half a million names is scanned each time.
 #include "platform/hosted/disk.h"
+#include "platform/hosted/folder_watch.h"
 #include "platform/text.h"
 #include <algorithm>
 #include <cerrno>
@@ -30,6 +32,7 @@ constexpr size_t  NAMES_A_USE  = 8;        // a scan of so many names is worth o
 constexpr int64_t TICK_NS      = 20000000; // two ticks of the slowest kernel clock
 
 struct Index {
+    bool                  bWatched    = false; // then the next six are not used
     dev_t                 nDevice     = 0;
     ino_t                 nInode      = 0;
     struct timespec       tChanged    = {};
@@ -160,13 +163,36 @@ bool EqualNames(std::u16string_view sLeft, std::u16string_view sRight)
            platform::CompareTextNoCaseN_W(sLeft.data(), sRight.data(), sLeft.size()) == 0;
 }
 
+// [g_Mutex] Brings the indexes of watched folders up to date.
+void TakeNews()
+{
+    TakeFolderNews([](FolderNews eNews, const std::string &sFolder, const char *pszName) {
+        const auto it = g_aIndexes.find(sFolder);
+        switch (eNews) {
+        case FolderNews::Added:
+            if (it != g_aIndexes.end()) Add(it->second, SlotHash(ToUtf16(pszName)));
+            break;
+        case FolderNews::Gone:
+            if (it != g_aIndexes.end()) Drop(it);
+            break;
+        case FolderNews::Unknown:
+            g_aIndexes.clear();
+            g_nSlots = 0;
+            break;
+        }
+    });
+    if (g_nSlots > MAX_HASHES) KeepBounds("");
+}
+
 // Reads the folder into a new index and looks for one name on the way; of several, the first in byte order counts.
 IndexAnswer Scan(const std::string &sFolder, std::u16string_view sName, std::string *psHostName)
 {
     struct stat    st;
     const uint32_t nGeneration =
         FolderGeneration(sFolder).load(); // before the scan: a change during it voids the index
-    if (stat(sFolder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return IndexAnswer::NoFolder;
+    TakeNews();
+    const bool bWatched = WatchFolder(sFolder); // before the scan, for the same reason
+    if (!bWatched && (stat(sFolder.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))) return IndexAnswer::NoFolder;
     DIR *pDir = opendir(sFolder.c_str());
     if (pDir == nullptr) return errno == ENOENT || errno == ENOTDIR ? IndexAnswer::NoFolder : IndexAnswer::Absent;
     const auto itOld = g_aIndexes.find(sFolder);
@@ -174,9 +200,10 @@ IndexAnswer Scan(const std::string &sFolder, std::u16string_view sName, std::str
     Index &index      = g_aIndexes[sFolder];
     bool   bFound     = false;
     bool   bIndexed   = true;
+    index.bWatched    = bWatched;
     index.nGeneration = nGeneration;
     index.nLastUse    = ++g_nUses;
-    SetStamp(index, st);
+    if (!bWatched) SetStamp(index, st);
     while (const dirent *pEntry = readdir(pDir)) {
         const char *psz = pEntry->d_name;
         if (strcmp(psz, ".") == 0 || strcmp(psz, "..") == 0) continue;
@@ -193,15 +220,25 @@ IndexAnswer Scan(const std::string &sFolder, std::u16string_view sName, std::str
     return bFound ? IndexAnswer::Present : IndexAnswer::Absent;
 }
 
-// Whether a young stamp will do, for now: always for one who makes the name next and is told if it was there.
-bool IsValid(const std::string &sFolder, Index &index, bool bYoungToo)
+// [g_Mutex] The folder's index, if there is one that is valid. bYoungToo: one whose stamp is young will do, for one who
+// makes the name next and is told if it was there.
+Index *ValidIndex(const std::string &sFolder, bool bYoungToo)
 {
+    auto it = g_aIndexes.find(sFolder);
+    if (it == g_aIndexes.end()) return nullptr;
+    if (it->second.bWatched) {
+        TakeNews();
+        it = g_aIndexes.find(sFolder);
+        return it == g_aIndexes.end() ? nullptr : &it->second;
+    }
+    Index      &index = it->second;
     struct stat st;
     index.nUses++;
     if (index.bYoung && !bYoungToo && (index.nUsed <= SMALL_FOLDER || index.nUses * NAMES_A_USE >= index.nUsed))
-        return false;
-    return index.nGeneration == FolderGeneration(sFolder).load() && stat(sFolder.c_str(), &st) == 0 &&
-           SameStamp(index, st);
+        return nullptr;
+    const bool bValid = index.nGeneration == FolderGeneration(sFolder).load() && stat(sFolder.c_str(), &st) == 0 &&
+                        SameStamp(index, st);
+    return bValid ? &index : nullptr;
 }
 
 // After a change of this process: counts it for the others, and takes the folder's new stamp over when the index was
@@ -211,7 +248,7 @@ void Changed(const std::string &sFolder, bool bWasValid, const uint32_t *pnHash)
     const uint32_t                    nBefore = FolderGeneration(sFolder).fetch_add(1);
     const std::lock_guard<std::mutex> guard(g_Mutex);
     const auto                        it = g_aIndexes.find(sFolder);
-    if (it == g_aIndexes.end()) return;
+    if (it == g_aIndexes.end() || it->second.bWatched) return; // what is watched will be told
     struct stat st;
     if (!bWasValid || it->second.nGeneration != nBefore || stat(sFolder.c_str(), &st) != 0) {
         Drop(it);
@@ -230,20 +267,21 @@ const OnUseMachine g_Reset(DropIndexes);
 IndexAnswer FindInFolder(const std::string &sFolder, std::u16string_view sName, std::string *psHostName)
 {
     const std::lock_guard<std::mutex> guard(g_Mutex);
-    const auto                        it = g_aIndexes.find(sFolder);
-    if (it == g_aIndexes.end() || !IsValid(sFolder, it->second, false) || Holds(it->second, SlotHash(sName)))
-        return Scan(sFolder, sName, psHostName);
-    it->second.nLastUse = ++g_nUses;
+    Index                            *pIndex = ValidIndex(sFolder, false);
+    if (pIndex == nullptr || Holds(*pIndex, SlotHash(sName))) return Scan(sFolder, sName, psHostName);
+    pIndex->nLastUse = ++g_nUses;
     return IndexAnswer::Absent;
 }
 
-bool IndexLacks(const std::string &sFolder, std::u16string_view sName)
+bool IndexLacks(const std::string &sFolder, std::u16string_view sName, bool bToMake)
 {
     const std::lock_guard<std::mutex> guard(g_Mutex);
-    const auto                        it = g_aIndexes.find(sFolder);
-    if (it == g_aIndexes.end() || Holds(it->second, SlotHash(sName)) || !IsValid(sFolder, it->second, true))
-        return false;
-    it->second.nLastUse = ++g_nUses;
+    const auto                        it    = g_aIndexes.find(sFolder);
+    const uint32_t                    nHash = SlotHash(sName);
+    if (it == g_aIndexes.end() || (!bToMake && !it->second.bWatched) || Holds(it->second, nHash)) return false;
+    Index *pIndex = ValidIndex(sFolder, true);
+    if (pIndex == nullptr || Holds(*pIndex, nHash)) return false;
+    pIndex->nLastUse = ++g_nUses;
     return true;
 }
 
@@ -251,7 +289,7 @@ bool IndexIsValid(const std::string &sFolder)
 {
     const std::lock_guard<std::mutex> guard(g_Mutex);
     const auto                        it = g_aIndexes.find(sFolder);
-    return it != g_aIndexes.end() && IsValid(sFolder, it->second, false);
+    return it != g_aIndexes.end() && (it->second.bWatched || ValidIndex(sFolder, false) != nullptr);
 }
 
 void IndexAdded(const std::string &sFolder, bool bWasValid, std::string_view sHostName)
@@ -267,6 +305,7 @@ void DropIndexes()
     const std::lock_guard<std::mutex> guard(g_Mutex);
     g_aIndexes.clear();
     g_nSlots = 0;
+    UnwatchFolders();
 }
 
 } // namespace hosted

@@ -7,6 +7,7 @@
 #include "platform/kernel.h"
 #include "tests/support/child_process_hosted.h"
 #include "tests/support/test_machine.h"
+#include <fcntl.h>
 #include <fstream>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -91,6 +92,46 @@ TEST_F(HostedFiles, APlantedNameIsFoundInAnyCaseAlsoAfterAMiss)
     EXPECT_EQ("lower", ReadTestFile(sFolder + u"\\both")) << "the exact name comes first";
     EXPECT_EQ("upper", ReadTestFile(sFolder + u"\\Both"));
     EXPECT_EQ("upper", ReadTestFile(sFolder + u"\\BOTH")) << "then the first in order";
+}
+
+TEST_F(HostedFiles, FoldersThatOthersPutInEachOthersPlaceAreNotMistaken)
+{
+    const std::u16string sTop = TestFolder(), sIn = sTop + u"\\up\\in";
+    const std::string    sHost = HostOf(sTop);
+    const auto           make  = [&](const char *pszUp, const char *pszFile) {
+        mkdir((sHost + pszUp).c_str(), 0777);
+        mkdir((sHost + pszUp + "/in").c_str(), 0777);
+        Plant(sHost + pszUp + "/in/" + pszFile, pszFile);
+    };
+    const auto missing = [&](const char16_t *pszName) { return ErrorOf(!PathExists(sIn + pszName)); };
+    for (int i = 0; i < 20; i++) { // within a tick of the kernel's clock, as often as not
+        make("/up", "First");
+        EXPECT_EQ(ERROR_FILE_NOT_FOUND, missing(u"\\second")); // makes the folder's index
+        EXPECT_EQ("First", ReadTestFile(sIn + u"\\FIRST"));
+        make("/other", "Second");
+        ASSERT_EQ(0, rename((sHost + "/up").c_str(), (sHost + "/gone").c_str()));
+        EXPECT_EQ(ERROR_PATH_NOT_FOUND, missing(u"\\second"));
+        ASSERT_EQ(0, rename((sHost + "/other").c_str(), (sHost + "/up").c_str()));
+        EXPECT_EQ("Second", ReadTestFile(sIn + u"\\second"));
+        EXPECT_EQ(ERROR_FILE_NOT_FOUND, missing(u"\\first"));
+        const int nFd = open((sHost + "/up/in").c_str(), O_RDONLY | O_DIRECTORY); // somebody stands in it
+        ASSERT_EQ(0, unlink((sHost + "/up/in/Second").c_str()));
+        ASSERT_EQ(0, rmdir((sHost + "/up/in").c_str()));
+        EXPECT_EQ(ERROR_PATH_NOT_FOUND, missing(u"\\third"));
+        make("/up", "Third");
+        EXPECT_EQ("Third", ReadTestFile(sIn + u"\\third"));
+        close(nFd);
+        for (const char *psz : {"/gone/in/First", "/up/in/Third"}) unlink((sHost + psz).c_str());
+        for (const char *psz : {"/gone/in", "/gone", "/up/in", "/up"}) ASSERT_EQ(0, rmdir((sHost + psz).c_str())) << psz;
+        EXPECT_EQ(ERROR_PATH_NOT_FOUND, missing(u"\\third"));
+    }
+    make("/real", "Here");
+    ASSERT_EQ(0, symlink("real", (sHost + "/up").c_str()));
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, missing(u"\\there"));
+    make("/new", "There");
+    ASSERT_EQ(0, unlink((sHost + "/up").c_str()));
+    ASSERT_EQ(0, symlink("new", (sHost + "/up").c_str()));
+    EXPECT_EQ("There", ReadTestFile(sIn + u"\\there")) << "behind a link that names another folder now";
 }
 
 TEST_F(HostedFiles, TwoProcessesNeverMakeTwoNamesThatDifferInCaseOnly)

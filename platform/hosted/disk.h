@@ -40,7 +40,8 @@ struct Located {
     bool        bExists = false;
     bool        bIndexValid = false; // the folder's index was looked at and holds
     bool        bLink   = false; // a symbolic link; st is the target's, or the link's own when the target is missing
-    struct stat st      = {};
+    struct stat st      = {};    // kind, identity, size and times; the rest is 0
+    struct timespec tCreated = {}; // of the last write where the host keeps none
     bool        IsFolder() const { return bExists && S_ISDIR(st.st_mode); }
 };
 // 0: found, or only the last name is missing. ERROR_PATH_NOT_FOUND: a folder on the way is missing.
@@ -115,7 +116,5 @@ bool TakeRoom(char chDrive, int64_t cb);
 
 // ---- Windows' times of a file ----
 platform::FILETIME FileTime(const struct timespec &ts);
-// The time of the last write where the host keeps none of the creation.
-platform::FILETIME CreationTime(const char *pszHost, const struct stat &st);
 
 } // namespace hosted

@@ -3,7 +3,9 @@
 // anew when it is not there any more. A name in the exact case therefore costs one call of the host.
 #include "platform/hosted/disk.h"
 #include <cerrno>
+#include <fcntl.h>
 #include <mutex>
+#include <sys/sysmacros.h>
 #include <unordered_map>
 
 namespace hosted {
@@ -13,6 +15,7 @@ constexpr size_t MAX_FOLDERS = 1024;
 
 std::mutex                                         &g_Mutex = *new std::mutex;
 std::unordered_map<std::u16string, std::string>    &g_aFolders = *new std::unordered_map<std::u16string, std::string>;
+std::atomic<uint32_t>                               g_nForgotten{0}; // how often
 
 bool Remembered(const std::u16string &sFull, std::string *psHost)
 {
@@ -60,18 +63,71 @@ uint32_t FindFolder(const std::u16string &sFull, std::string *psHost, bool *pbRe
     return 0;
 }
 
+struct timespec TimeOf(const struct statx_timestamp &t)
+{
+    struct timespec ts = {};
+    ts.tv_sec          = static_cast<time_t>(t.tv_sec);
+    ts.tv_nsec         = static_cast<long>(t.tv_nsec);
+    return ts;
+}
+
+bool LookAt(const std::string &sHost, int nFlags, Located *pFound)
+{
+    struct statx sx;
+    if (statx(AT_FDCWD, sHost.c_str(), nFlags, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0) return false;
+    pFound->st          = {};
+    pFound->st.st_mode  = sx.stx_mode;
+    pFound->st.st_dev   = makedev(sx.stx_dev_major, sx.stx_dev_minor);
+    pFound->st.st_ino   = sx.stx_ino;
+    pFound->st.st_size  = static_cast<off_t>(sx.stx_size);
+    pFound->st.st_atim  = TimeOf(sx.stx_atime);
+    pFound->st.st_mtim  = TimeOf(sx.stx_mtime);
+    pFound->tCreated    = (sx.stx_mask & STATX_BTIME) != 0 ? TimeOf(sx.stx_btime) : pFound->st.st_mtim;
+    return true;
+}
+
 // Fills the rest in when sHost names something.
 bool Look(Located *pFound)
 {
     pFound->bLink = false;
-    if (lstat(pFound->sHost.c_str(), &pFound->st) != 0) return false;
+    if (!LookAt(pFound->sHost, AT_SYMLINK_NOFOLLOW, pFound)) return false;
     if (S_ISLNK(pFound->st.st_mode)) {
         pFound->bLink = true;
-        struct stat st;
-        if (stat(pFound->sHost.c_str(), &st) == 0) pFound->st = st;
+        LookAt(pFound->sHost, 0, pFound);
     }
     pFound->bExists = true;
     return true;
+}
+
+// Where a name is in its exact case: the host folder and the path in it. What a thread asked for last is kept, since
+// most names are asked for several times in a row. *pbRemembered: not looked at on disk. 0 or ERROR_PATH_NOT_FOUND.
+uint32_t FindPlace(const std::u16string &sFull, size_t nLeaf, Located *pFound, bool *pbRemembered)
+{
+    struct Place {
+        std::u16string sFull;
+        uint32_t       nForgotten = 0;
+        std::string    sFolder, sHost;
+    };
+    constexpr size_t          KEPT = 4;
+    static thread_local Place t_aPlaces[KEPT];
+    static thread_local size_t t_nNext = 0;
+    const uint32_t             nForgotten = g_nForgotten.load();
+    for (const Place &place : t_aPlaces) {
+        if (place.nForgotten != nForgotten || place.sFull != sFull) continue;
+        pFound->sFolder = place.sFolder;
+        pFound->sHost   = place.sHost;
+        *pbRemembered   = true;
+        return 0;
+    }
+    if (const uint32_t dwError = FindFolder(sFull.substr(0, nLeaf <= 3 ? 3 : nLeaf - 1), &pFound->sFolder, pbRemembered))
+        return dwError;
+    const std::u16string_view sName = std::u16string_view(sFull).substr(nLeaf);
+    pFound->sHost.reserve(pFound->sFolder.size() + sName.size() + 8);
+    pFound->sHost = pFound->sFolder;
+    pFound->sHost += '/';
+    pFound->sHost += HostName(sName);
+    t_aPlaces[t_nNext++ % KEPT] = {sFull, nForgotten, pFound->sFolder, pFound->sHost};
+    return 0;
 }
 
 uint32_t LocateOnce(const DiskPath &path, Located *pFound, bool bToMake, bool *pbRemembered)
@@ -84,14 +140,8 @@ uint32_t LocateOnce(const DiskPath &path, Located *pFound, bool bToMake, bool *p
         return platform::ERROR_PATH_NOT_FOUND;
     }
     const size_t nLeaf = path.LeafAt();
-    if (const uint32_t dwError =
-            FindFolder(path.sFull.substr(0, nLeaf <= 3 ? 3 : nLeaf - 1), &pFound->sFolder, pbRemembered))
-        return dwError;
+    if (const uint32_t dwError = FindPlace(path.sFull, nLeaf, pFound, pbRemembered)) return dwError;
     const std::u16string_view sName = std::u16string_view(path.sFull).substr(nLeaf);
-    pFound->sHost.reserve(pFound->sFolder.size() + sName.size() + 8);
-    pFound->sHost = pFound->sFolder;
-    pFound->sHost += '/';
-    pFound->sHost += HostName(sName);
     // the index knows a long name by what it is called on the host
     const bool bLong = pFound->sHost.compare(pFound->sFolder.size() + 1, LONG_NAME_PREFIX.size(), LONG_NAME_PREFIX) == 0;
     pFound->bIndexValid = !bLong && IndexLacks(pFound->sFolder, sName, bToMake);
@@ -144,6 +194,7 @@ void ForgetFolders()
 {
     const std::lock_guard<std::mutex> guard(g_Mutex);
     g_aFolders.clear();
+    g_nForgotten++;
 }
 
 } // namespace hosted

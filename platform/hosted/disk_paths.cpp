@@ -71,23 +71,8 @@ uint32_t AddNames(std::u16string_view sRest, DiskPath *pPath)
     return 0;
 }
 
-} // namespace
-
-bool IsDeviceName(std::u16string_view sName)
+uint32_t Parse(std::u16string_view sPath, DiskPath *pPath, size_t cchLimit)
 {
-    std::u16string_view sBase = sName.substr(0, sName.find(u'.'));
-    while (!sBase.empty() && sBase.back() == u' ') sBase.remove_suffix(1);
-    for (const std::u16string_view sDevice : {u"CON", u"PRN", u"AUX", u"NUL"})
-        if (EqualsFolded(sBase, sDevice)) return true;
-    if (sBase.size() != 4 || sBase[3] < u'1' || sBase[3] > u'9') return false;
-    return EqualsFolded(sBase.substr(0, 3), u"COM") || EqualsFolded(sBase.substr(0, 3), u"LPT");
-}
-
-uint32_t ParsePath(const char16_t *pszPath, DiskPath *pPath, size_t cchLimit)
-{
-    if (pszPath == nullptr || *pszPath == 0) return platform::ERROR_PATH_NOT_FOUND;
-    std::u16string_view sPath(pszPath, platform::TextLengthBoundedW(pszPath, LONGEST_PATH + 1));
-    if (sPath.size() > LONGEST_PATH) return platform::ERROR_FILENAME_EXCED_RANGE;
     const size_t cchGiven = sPath.size();
     pPath->bVerbatim      = sPath.substr(0, 4) == u"\\\\?\\";
     pPath->bEndsInBackslash = false;
@@ -111,6 +96,42 @@ uint32_t ParsePath(const char16_t *pszPath, DiskPath *pPath, size_t cchLimit)
     if (!pPath->bVerbatim && cchLimit != 0 && (cchGiven >= cchLimit || pPath->sFull.size() >= cchLimit))
         return platform::ERROR_PATH_NOT_FOUND;
     return 0;
+}
+
+} // namespace
+
+bool IsDeviceName(std::u16string_view sName)
+{
+    std::u16string_view sBase = sName.substr(0, sName.find(u'.'));
+    while (!sBase.empty() && sBase.back() == u' ') sBase.remove_suffix(1);
+    for (const std::u16string_view sDevice : {u"CON", u"PRN", u"AUX", u"NUL"})
+        if (EqualsFolded(sBase, sDevice)) return true;
+    if (sBase.size() != 4 || sBase[3] < u'1' || sBase[3] > u'9') return false;
+    return EqualsFolded(sBase.substr(0, 3), u"COM") || EqualsFolded(sBase.substr(0, 3), u"LPT");
+}
+
+// A path is mostly named several times in a row, so what a thread had parsed last is kept.
+uint32_t ParsePath(const char16_t *pszPath, DiskPath *pPath, size_t cchLimit)
+{
+    struct Parsed {
+        std::u16string sText;
+        size_t         cchLimit = 0;
+        DiskPath       path;
+    };
+    constexpr size_t           KEPT = 4;
+    static thread_local Parsed t_aParsed[KEPT];
+    static thread_local size_t t_nNext = 0;
+    if (pszPath == nullptr || *pszPath == 0) return platform::ERROR_PATH_NOT_FOUND;
+    const std::u16string_view sPath(pszPath, platform::TextLengthBoundedW(pszPath, LONGEST_PATH + 1));
+    if (sPath.size() > LONGEST_PATH) return platform::ERROR_FILENAME_EXCED_RANGE;
+    for (const Parsed &parsed : t_aParsed) {
+        if (parsed.cchLimit != cchLimit || parsed.sText != sPath) continue;
+        *pPath = parsed.path;
+        return 0;
+    }
+    const uint32_t dwError = Parse(sPath, pPath, cchLimit);
+    if (dwError == 0) t_aParsed[t_nNext++ % KEPT] = {std::u16string(sPath), cchLimit, *pPath};
+    return dwError;
 }
 
 std::string HostName(std::u16string_view sName)

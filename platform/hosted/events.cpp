@@ -23,9 +23,9 @@ struct LocalEvent : Event {
     }
     void Set() override
     {
-        const std::lock_guard<std::mutex> guard(TheWaits().mutex);
+        std::unique_lock<std::mutex> lock(TheWaits().mutex);
         bSignalled = true;
-        WakeAll(apWaiters);
+        WakeAll(lock, apWaiters);
     }
     Waiters &ListOfWaiters() override { return apWaiters; }
     void     Reset() override

@@ -1,5 +1,5 @@
 // faults.cpp: which call fails, and how often each was made.
-// Every public function of the backend comes through FailsNow, so a call without faults costs one hash and one atomic
+// Every public function of the backend comes through FailsNow, so a call without faults costs a look-up and one atomic
 // addition: names live in a table that only grows and is read without a lock.
 #include "platform/hosted/internal.h"
 #include <cstring>
@@ -88,10 +88,30 @@ int CallCount(const char *pszCall)
     return pSlot == nullptr ? 0 : static_cast<int>(pSlot->nCalls.load());
 }
 
+// The slot of a name that is a literal of the backend, mostly found by its address.
+static Slot *SlotOfLiteral(const char *pszCall)
+{
+    struct Known {
+        std::atomic<const char *> pszName{nullptr};
+        std::atomic<Slot *>       pSlot{nullptr};
+    };
+    constexpr size_t KNOWN = 256;
+    static Known    *s_pKnown = new Known[KNOWN];
+    Known           &known    = s_pKnown[(reinterpret_cast<uintptr_t>(pszCall) >> 2) % KNOWN];
+    // A slot never moves, so whoever is first at a place keeps it.
+    const char *pszKnown = known.pszName.load(std::memory_order_relaxed);
+    if (pszKnown == pszCall)
+        if (Slot *pSlot = known.pSlot.load(std::memory_order_acquire)) return pSlot;
+    Slot *pSlot = FindSlot(pszCall, true);
+    if (pszKnown == nullptr && known.pszName.compare_exchange_strong(pszKnown, pszCall))
+        known.pSlot.store(pSlot, std::memory_order_release);
+    return pSlot;
+}
+
 bool FailsNow(const char *pszCall, uint32_t *pdwError)
 {
     Start();
-    Slot         *pSlot = FindSlot(pszCall, true);
+    Slot         *pSlot = SlotOfLiteral(pszCall);
     const int64_t nCall = pSlot->nCalls.fetch_add(1, std::memory_order_relaxed) + 1;
     if (!pSlot->bArmed.load(std::memory_order_acquire)) return false;
     const std::lock_guard<std::mutex> guard(Mutex());

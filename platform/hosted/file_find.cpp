@@ -161,16 +161,6 @@ uint32_t StartFind(const char16_t *pszFileName, FindObject *pFind, WIN32_FIND_DA
 
 } // namespace
 
-FILETIME CreationTime(const char *pszHost, const struct stat &st)
-{
-    struct statx sx;
-    if (statx(AT_FDCWD, pszHost, 0, STATX_BTIME, &sx) == 0 && (sx.stx_mask & STATX_BTIME) != 0) {
-        const struct timespec ts = {static_cast<time_t>(sx.stx_btime.tv_sec), static_cast<long>(sx.stx_btime.tv_nsec)};
-        return FileTime(ts);
-    }
-    return FileTime(st.st_mtim);
-}
-
 } // namespace hosted
 
 platform::HANDLE platform::FindFirstFileW(const char16_t *pszFileName, WIN32_FIND_DATAW *pFindData)

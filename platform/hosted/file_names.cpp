@@ -174,7 +174,7 @@ platform::BOOL platform::GetFileAttributesExW(const char16_t *pszFileName, GET_F
     pData->dwFileAttributes          = hosted::AttributesOf({found.sHost.c_str()}, found.st, found.bLink);
     pData->ftLastAccessTime          = hosted::FileTime(found.st.st_atim);
     pData->ftLastWriteTime           = hosted::FileTime(found.st.st_mtim);
-    pData->ftCreationTime            = hosted::CreationTime(found.sHost.c_str(), found.st);
+    pData->ftCreationTime            = hosted::FileTime(found.tCreated);
     pData->nFileSizeHigh             = static_cast<uint32_t>(cb >> 32);
     pData->nFileSizeLow              = static_cast<uint32_t>(cb);
     return TRUE;

@@ -1,6 +1,10 @@
 // waits.cpp: WaitForSingleObject and WaitForMultipleObjects.
 #include "platform/hosted/waits.h"
 #include <algorithm>
+#include <cerrno>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace hosted {
 
@@ -10,18 +14,27 @@ Waits &TheWaits()
     return s_Waits;
 }
 
-void WakeAll(const Waiters &apWaiters)
+// A waiter whose call has returned meanwhile is no more; waking its address then does nothing, or wakes something that
+// looks again, as everything that sleeps on a futex must.
+void WakeAll(std::unique_lock<std::mutex> &lock, const Waiters &apWaiters)
 {
-    for (Waiter *pWaiter : apWaiters) pWaiter->condition.notify_one();
+    constexpr size_t       USUAL = 8;
+    std::atomic<uint32_t> *apWords[USUAL];
+    size_t                 nWords = 0;
+    for (Waiter *pWaiter : apWaiters) {
+        pWaiter->nWoken.store(1);
+        if (nWords < USUAL) apWords[nWords++] = &pWaiter->nWoken;
+        else syscall(SYS_futex, &pWaiter->nWoken, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    }
+    lock.unlock();
+    for (size_t i = 0; i < nWords; i++) syscall(SYS_futex, apWords[i], FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
 void Announce(bool bFromMachine)
 {
-    {
-        const std::lock_guard<std::mutex> guard(TheWaits().mutex);
-        if (bFromMachine) TheWaits().nWakes++;
-        WakeAll(TheWaits().apAnnounced);
-    }
+    std::unique_lock<std::mutex> lock(TheWaits().mutex);
+    if (bFromMachine) TheWaits().nWakes++;
+    WakeAll(lock, TheWaits().apAnnounced);
     TheWaits().condition.notify_all();
 }
 
@@ -60,6 +73,22 @@ std::shared_ptr<Waitable> WaitableOf(platform::HANDLE hObject)
     return nullptr;
 }
 
+// [held, by the lock] Sleeps until somebody wakes it; false when the deadline has passed.
+bool SleepUntil(std::unique_lock<std::mutex> &lock, Waiter &waiter, const Deadline &deadline)
+{
+    constexpr int64_t NS_PER_S = 1000000000;
+    const auto        nNs      = std::chrono::duration_cast<std::chrono::nanoseconds>(deadline.time_since_epoch()).count();
+    const timespec    tEnd     = {static_cast<time_t>(nNs / NS_PER_S), static_cast<long>(nNs % NS_PER_S)};
+    int               nErrno   = 0;
+    waiter.nWoken.store(0);
+    lock.unlock();
+    if (syscall(SYS_futex, &waiter.nWoken, FUTEX_WAIT_BITSET_PRIVATE, 0, deadline == Deadline::max() ? nullptr : &tEnd,
+                nullptr, FUTEX_BITSET_MATCH_ANY) != 0)
+        nErrno = errno;
+    lock.lock();
+    return nErrno != ETIMEDOUT;
+}
+
 // [held: Waits::mutex] The first object that is signalled, or nCount.
 uint32_t TakeFirst(uint32_t nCount, const std::shared_ptr<Waitable> *apObjects)
 {
@@ -83,7 +112,7 @@ uint32_t WaitForAny(uint32_t nCount, const platform::HANDLE *pHandles, uint32_t 
         Waiter waiter;
         for (uint32_t i = 0; i < nCount; i++) aObjects[i]->ListOfWaiters().push_back(&waiter);
         for (bool bInTime = true; nTaken == nCount && bInTime; nTaken = TakeFirst(nCount, aObjects))
-            bInTime = WaitUntil(lock, waiter.condition, deadline);
+            bInTime = SleepUntil(lock, waiter, deadline);
         for (uint32_t i = 0; i < nCount; i++) {
             Waiters &apWaiters = aObjects[i]->ListOfWaiters();
             apWaiters.erase(std::find(apWaiters.begin(), apWaiters.end(), &waiter));

@@ -1,8 +1,8 @@
 // waits.h: how threads of this process wait, for objects of their own and for named ones that another process signals.
-// One mutex for the process: a state changes under it. Each waiting thread sleeps on a condition of its own and is listed
-// with what it waits for, so that setting an unnamed event wakes only those who wait for it. Everything else (threads,
-// named objects) is announced to all who wait for any such object; what other processes change comes through the
-// machine's wake word, which a watcher thread passes on.
+// One mutex for the process: a state changes under it. Each waiting thread sleeps on a word of its own and is listed with
+// what it waits for, so that setting an unnamed event wakes only those who wait for it. Everything else (threads, named
+// objects) is announced to all who wait for any such object; what other processes change comes through the machine's wake
+// word, which a watcher thread passes on.
 #pragma once
 #include "platform/hosted/internal.h"
 #include <condition_variable>
@@ -13,19 +13,19 @@ namespace hosted {
 
 // One call that waits, on its thread's stack; in the lists of its objects for as long as it waits.
 struct Waiter {
-    std::condition_variable condition;
+    std::atomic<uint32_t> nWoken{0}; // what it sleeps on
 };
 using Waiters = std::vector<Waiter *>;
 
 struct Waits {
-    std::mutex              mutex; // guards what follows, and the lists of the objects
-    std::condition_variable condition;  // of those who wait for an announcement itself
-    uint64_t                nWakes = 0; // announcements from the machine so far
+    std::mutex              mutex;       // guards what follows, and the lists of the objects
+    std::condition_variable condition;   // of those who wait for an announcement itself
+    uint64_t                nWakes = 0;  // announcements from the machine so far
     Waiters                 apAnnounced; // who waits for objects that have no list of their own
 };
 Waits &TheWaits();
-// [held: Waits::mutex] Under the mutex, since a waiter's condition goes when it has returned.
-void WakeAll(const Waiters &apWaiters);
+// [held, by the lock, which it lets go of] Wakes them. They wake without the mutex, which they want first.
+void WakeAll(std::unique_lock<std::mutex> &lock, const Waiters &apWaiters);
 // Everybody who does not wait for unnamed events alone looks again. Not under Waits::mutex.
 //   bFromMachine  something of run/ has changed
 void Announce(bool bFromMachine);

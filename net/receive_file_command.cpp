@@ -71,7 +71,10 @@ void RefusePath(ReceivedFile *pFile, const char *pszReason)
 void ChooseFreeName(ReceivedFile *pFile)
 {
     SetLocalPath(pFile);
-    if (GetFileAttributesW(pFile->szLocal) == INVALID_FILE_ATTRIBUTES) return;
+    if (GetFileAttributesW(pFile->szLocal) == INVALID_FILE_ATTRIBUTES) {
+        pFile->bFolderSeen = GetLastError() == ERROR_FILE_NOT_FOUND; // else it would have been the path
+        return;
+    }
     char16_t szUnique[UNIQUE_PATH_UNITS];
     if (!CopyTextW(szUnique, UNIQUE_PATH_UNITS, pFile->szLocal) || !MakeUniqueFileName(szUnique)) {
         RefusePath(pFile, "no free name");
@@ -140,7 +143,7 @@ void MakeParentFolder(const ReceivedFile *pFile)
     CopyTextW(szFolder, LOCAL_PATH_UNITS, pFile->szPath);
     const bool bRemoved = PathCchRemoveFileSpec(szFolder, LOCAL_PATH_UNITS) == 0;
     TraceDebugW(u"[SendFileCMDHandler][PathRemoveFileSpec] tszDir [%s] bRet[%d]", szFolder, bRemoved ? 1 : 0);
-    MakeFolderOnce(szFolder); // the long form too: CreateFolderTree makes it of what needs it
+    if (!pFile->bFolderSeen) MakeFolderOnce(szFolder); // the long form too: CreateFolderTree makes it of what needs it
     if (CompareTextW(pFile->szPath, pFile->szLocal) != 0)
         TraceDebugW(u"[SendFileCMDHandler][PathRemoveFileSpec][bDstUseUNC] tszDir [\\\\?\\%s] bRet[%d]", szFolder,
                     bRemoved ? 1 : 0);

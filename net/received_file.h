@@ -13,8 +13,9 @@ struct ReceivedFile {
     char16_t         szLocal[LOCAL_PATH_UNITS];   // the same in the form that can be opened here
     uint32_t         dwType;
     uint32_t         dwAttributes;
-    uint32_t         bIniExists; // type 4: the machine has that file already
-    int64_t          llSize;     // RecvFile's result
+    uint32_t         bFolderSeen; // the look for a free name has found the folder, and no file of that name in it
+    uint32_t         bIniExists;  // type 4: the machine has that file already
+    int64_t          llSize;      // RecvFile's result
 };
 
 // After "FileDone": progress, shell links, folder settings, the peer's machine info. Failures are logged at most: the

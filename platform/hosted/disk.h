@@ -5,6 +5,7 @@
 // Threads  any.
 #pragma once
 #include "platform/hosted/internal.h"
+#include <cstring>
 #include <sys/stat.h>
 
 namespace hosted {
@@ -25,6 +26,11 @@ constexpr size_t DIRECTORY_LIMIT = 248; // the same for a new folder, which must
 // 0, or ERROR_PATH_NOT_FOUND (empty, no such form, too long), ERROR_INVALID_NAME, ERROR_FILENAME_EXCED_RANGE.
 // cchLimit 0: not limited. A relative path counts from C:\, the current folder of every process here.
 uint32_t ParsePath(const char16_t *pszPath, DiskPath *pPath, size_t cchLimit = PATH_LIMIT);
+// Equal as they stand.
+inline bool SameUnits(std::u16string_view sLeft, std::u16string_view sRight)
+{
+    return sLeft.size() == sRight.size() && memcmp(sLeft.data(), sRight.data(), sLeft.size() * sizeof(char16_t)) == 0;
+}
 // The name a Windows name has on the host, and back. sFolder is needed for long names only.
 std::string    HostName(std::u16string_view sName);
 std::u16string WindowsName(const std::string &sHostFolder, const char *pszHostName);
@@ -44,11 +50,16 @@ struct Located {
     struct timespec tCreated = {}; // of the last write where the host keeps none
     bool        IsFolder() const { return bExists && S_ISDIR(st.st_mode); }
 };
+// Looks at what sHost names and fills in the rest but sFolder. False: errno.
+bool Look(Located *pFound);
 // 0: found, or only the last name is missing. ERROR_PATH_NOT_FOUND: a folder on the way is missing.
 uint32_t Locate(const DiskPath &path, Located *pFound);
 // The same for a caller that is about to make the name and takes EEXIST as an answer: the name itself need not be
 // looked at when the folder's index lacks it.
 uint32_t LocateToMake(const DiskPath &path, Located *pFound);
+// True when the path's exact name was a plain file, no link, when this thread last looked at anything on the host. Where
+// it is is filled in; it is not looked at.
+bool LocateSeenFile(const DiskPath &path, Located *pFound);
 // After a name was made where Locate had said it was missing, or in another way (bWasValid: IndexIsValid before it).
 void NameAdded(const Located &found);
 void NameAdded(const std::string &sFolder, bool bWasValid, std::string_view sHostName);

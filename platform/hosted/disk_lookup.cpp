@@ -82,22 +82,12 @@ bool LookAt(const std::string &sHost, int nFlags, Located *pFound)
     pFound->st.st_size  = static_cast<off_t>(sx.stx_size);
     pFound->st.st_atim  = TimeOf(sx.stx_atime);
     pFound->st.st_mtim  = TimeOf(sx.stx_mtime);
+    pFound->st.st_ctim  = TimeOf(sx.stx_ctime);
     pFound->tCreated    = (sx.stx_mask & STATX_BTIME) != 0 ? TimeOf(sx.stx_btime) : pFound->st.st_mtim;
     return true;
 }
 
-// Fills the rest in when sHost names something.
-bool Look(Located *pFound)
-{
-    pFound->bLink = false;
-    if (!LookAt(pFound->sHost, AT_SYMLINK_NOFOLLOW, pFound)) return false;
-    if (S_ISLNK(pFound->st.st_mode)) {
-        pFound->bLink = true;
-        LookAt(pFound->sHost, 0, pFound);
-    }
-    pFound->bExists = true;
-    return true;
-}
+thread_local std::string t_sSeenFile; // what this thread looked at last, when that was a plain file
 
 // Where a name is in its exact case: the host folder and the path in it. What a thread asked for last is kept, since
 // most names are asked for several times in a row. *pbRemembered: not looked at on disk. 0 or ERROR_PATH_NOT_FOUND.
@@ -113,7 +103,7 @@ uint32_t FindPlace(const std::u16string &sFull, size_t nLeaf, Located *pFound, b
     static thread_local size_t t_nNext = 0;
     const uint32_t             nForgotten = g_nForgotten.load();
     for (const Place &place : t_aPlaces) {
-        if (place.nForgotten != nForgotten || place.sFull != sFull) continue;
+        if (place.nForgotten != nForgotten || !SameUnits(place.sFull, sFull)) continue;
         pFound->sFolder = place.sFolder;
         pFound->sHost   = place.sHost;
         *pbRemembered   = true;
@@ -175,8 +165,30 @@ uint32_t LocateTwice(const DiskPath &path, Located *pFound, bool bToMake)
 
 } // namespace
 
+bool Look(Located *pFound)
+{
+    pFound->bLink = false;
+    t_sSeenFile.clear();
+    if (!LookAt(pFound->sHost, AT_SYMLINK_NOFOLLOW, pFound)) return false;
+    if (S_ISLNK(pFound->st.st_mode)) {
+        pFound->bLink = true;
+        LookAt(pFound->sHost, 0, pFound);
+    } else if (S_ISREG(pFound->st.st_mode)) {
+        t_sSeenFile = pFound->sHost;
+    }
+    pFound->bExists = true;
+    return true;
+}
+
 uint32_t Locate(const DiskPath &path, Located *pFound) { return LocateTwice(path, pFound, false); }
 uint32_t LocateToMake(const DiskPath &path, Located *pFound) { return LocateTwice(path, pFound, true); }
+
+bool LocateSeenFile(const DiskPath &path, Located *pFound)
+{
+    bool bRemembered = false;
+    return !t_sSeenFile.empty() && !path.IsRoot() && FindPlace(path.sFull, path.LeafAt(), pFound, &bRemembered) == 0 &&
+           pFound->sHost == t_sSeenFile;
+}
 
 void NameAdded(const Located &found)
 {

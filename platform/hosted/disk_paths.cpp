@@ -23,6 +23,7 @@ bool HasInvalidUnit(std::u16string_view sName)
 {
     for (const char16_t ch : sName) {
         if (ch < 32) return true;
+        if (ch > u'|' || (ch > u'?' && ch < u'|')) continue; // nearly all
         switch (ch) {
         case u'<': case u'>': case u':': case u'"': case u'/': case u'|': case u'?': case u'*': return true;
         default: break;
@@ -125,7 +126,7 @@ uint32_t ParsePath(const char16_t *pszPath, DiskPath *pPath, size_t cchLimit)
     const std::u16string_view sPath(pszPath, platform::TextLengthBoundedW(pszPath, LONGEST_PATH + 1));
     if (sPath.size() > LONGEST_PATH) return platform::ERROR_FILENAME_EXCED_RANGE;
     for (const Parsed &parsed : t_aParsed) {
-        if (parsed.cchLimit != cchLimit || parsed.sText != sPath) continue;
+        if (parsed.cchLimit != cchLimit || !SameUnits(parsed.sText, sPath)) continue;
         *pPath = parsed.path;
         return 0;
     }

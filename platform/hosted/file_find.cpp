@@ -25,31 +25,18 @@ struct FindObject : KernelObject {
     size_t                nNext = 0;
 };
 
-FILETIME FileTimeOf(const struct statx_timestamp &t)
-{
-    struct timespec ts = {};
-    ts.tv_sec          = static_cast<time_t>(t.tv_sec);
-    ts.tv_nsec         = static_cast<long>(t.tv_nsec);
-    return FileTime(ts);
-}
-
 // False when the entry is gone, or its name does not fit the structure.
 bool FillEntry(const std::string &sFolder, const char *pszHostName, WIN32_FIND_DATAW *pData)
 {
-    const std::string  sHost = sFolder + '/' + pszHostName;
-    constexpr unsigned MASK  = STATX_TYPE | STATX_MODE | STATX_SIZE | STATX_ATIME | STATX_MTIME | STATX_BTIME;
-    struct statx       sx, target;
-    *pData = {};
-    if (statx(AT_FDCWD, sHost.c_str(), AT_SYMLINK_NOFOLLOW, MASK, &sx) != 0) return false;
-    const bool bLink = S_ISLNK(sx.stx_mode);
-    if (bLink && statx(AT_FDCWD, sHost.c_str(), 0, MASK, &target) == 0) sx = target;
-    struct stat st = {};
-    st.st_mode     = sx.stx_mode;
-    const uint64_t cb       = S_ISDIR(sx.stx_mode) ? 0 : sx.stx_size;
-    pData->dwFileAttributes = AttributesOf({sHost.c_str()}, st, bLink);
-    pData->ftCreationTime   = FileTimeOf((sx.stx_mask & STATX_BTIME) != 0 ? sx.stx_btime : sx.stx_mtime);
-    pData->ftLastAccessTime = FileTimeOf(sx.stx_atime);
-    pData->ftLastWriteTime  = FileTimeOf(sx.stx_mtime);
+    Located found;
+    *pData      = {};
+    found.sHost = sFolder + '/' + pszHostName;
+    if (!Look(&found)) return false;
+    const uint64_t cb       = found.IsFolder() ? 0 : static_cast<uint64_t>(found.st.st_size);
+    pData->dwFileAttributes = AttributesOf({found.sHost.c_str()}, found.st, found.bLink);
+    pData->ftCreationTime   = FileTime(found.tCreated);
+    pData->ftLastAccessTime = FileTime(found.st.st_atim);
+    pData->ftLastWriteTime  = FileTime(found.st.st_mtim);
     pData->nFileSizeHigh    = static_cast<uint32_t>(cb >> 32);
     pData->nFileSizeLow     = static_cast<uint32_t>(cb);
     return CopyTextW(pData->cFileName, MAX_PATH, WindowsName(sFolder, pszHostName).c_str());

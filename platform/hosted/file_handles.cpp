@@ -89,7 +89,7 @@ uint32_t OpenOld(const Located &found, const Request &request, FileObject *pFile
         const uint32_t dwKept = dwOld & (FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM);
         if (request.dwDisposition == CREATE_ALWAYS && (dwKept & ~request.dwFlags) != 0) return ERROR_ACCESS_DENIED;
     }
-    pFile->nFd = open(found.sHost.c_str(), (bWrite ? O_RDWR : O_RDONLY) | O_NONBLOCK | O_CLOEXEC);
+    if (pFile->nFd < 0) pFile->nFd = open(found.sHost.c_str(), (bWrite ? O_RDWR : O_RDONLY) | O_NONBLOCK | O_CLOEXEC);
     if (pFile->nFd < 0) return ErrorFromErrno(errno);
     if (const uint32_t dwError = Join(pFile, found.st, nAccess | (bTruncate ? SHARE_WRITE : 0), request.dwShare, false))
         return dwError;
@@ -102,6 +102,20 @@ uint32_t OpenOld(const Located &found, const Request &request, FileObject *pFile
     const uint32_t dwNew = dwOld | (request.dwFlags & ATTRIBUTE_BITS) | FILE_ATTRIBUTE_ARCHIVE;
     if ((dwNew & ~FILE_ATTRIBUTE_NORMAL) == dwOld) return 0;
     return SetAttributesOf({found.sHost.c_str(), pFile->nFd}, found.st, dwNew) ? 0 : ErrorFromErrno(errno);
+}
+
+// Opens for reading what this thread has just seen to be a plain file, without one more look before: that would be for
+// pipes and devices of the host, which opening alone disturbs. False: nothing is open.
+bool OpenSeenFile(const DiskPath &path, Located *pFound, FileObject *pFile)
+{
+    if (!LocateSeenFile(path, pFound)) return false;
+    pFile->nFd = open(pFound->sHost.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (pFile->nFd < 0) return false;
+    pFound->bExists = fstat(pFile->nFd, &pFound->st) == 0 && S_ISREG(pFound->st.st_mode);
+    if (pFound->bExists) return true;
+    close(pFile->nFd);
+    pFile->nFd = -1;
+    return false;
 }
 
 uint32_t CheckRequest(const Request &request)
@@ -127,7 +141,9 @@ uint32_t OpenOrMake(const char16_t *pszFileName, const Request &request, bool bA
     if (!path.bVerbatim && IsDeviceName(std::u16string_view(path.sFull).substr(path.LeafAt())))
         return ERROR_FILE_NOT_FOUND;
     const bool bMakes = request.dwDisposition == CREATE_ALWAYS || request.dwDisposition == CREATE_NEW;
-    dwError           = bMakes && !bAgain ? LocateToMake(path, &found) : Locate(path, &found);
+    const bool bReads = request.dwDisposition == OPEN_EXISTING && SharingAccess(request.dwAccess) == SHARE_READ;
+    if (!bReads || bAgain || !OpenSeenFile(path, &found, pFile))
+        dwError = bMakes && !bAgain ? LocateToMake(path, &found) : Locate(path, &found);
     if (dwError != 0) return dwError;
     pFile->chDrive  = path.Drive();
     pFile->nFileKey = HashFolded(path.sFull);

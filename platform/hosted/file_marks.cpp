@@ -130,11 +130,44 @@ bool WriteHexMark(const MarkedFile &file, const char *pszMark, uint32_t dwValue)
     return WriteMark(file, pszMark, szValue);
 }
 
+// The mark of the attributes; false: none. Every change of a mark changes the file's time of change, so a mark is known
+// as long as that stands; not while that is so young that a further change might not show in it.
+static bool AttributesMark(const MarkedFile &file, const struct stat &st, uint32_t *pdwAttributes)
+{
+    struct Known {
+        dev_t           nDevice = 0;
+        ino_t           nInode  = 0;
+        struct timespec tChange = {};
+        bool            bMark   = false;
+        uint32_t        dwMark  = 0;
+    };
+    constexpr time_t          YOUNG_S = 2;
+    constexpr size_t          KEPT    = 4;
+    static thread_local Known t_aKnown[KEPT];
+    static thread_local size_t t_nNext = 0;
+    for (const Known &known : t_aKnown) {
+        if (known.nInode != st.st_ino || known.nDevice != st.st_dev || known.tChange.tv_sec != st.st_ctim.tv_sec ||
+            known.tChange.tv_nsec != st.st_ctim.tv_nsec || st.st_ctim.tv_sec == 0)
+            continue;
+        *pdwAttributes = known.dwMark;
+        return known.bMark;
+    }
+    errno            = 0;
+    const bool bMark = ReadHexMark(file, MARK_ATTRIBUTES, pdwAttributes);
+    if (errno == (bMark ? 0 : ENODATA) && st.st_ctim.tv_sec != 0) { // not what stands in run/marks
+        struct timespec tNow;
+        clock_gettime(CLOCK_REALTIME_COARSE, &tNow);
+        if (tNow.tv_sec - st.st_ctim.tv_sec > YOUNG_S)
+            t_aKnown[t_nNext++ % KEPT] = {st.st_dev, st.st_ino, st.st_ctim, bMark, bMark ? *pdwAttributes : 0};
+    }
+    return bMark;
+}
+
 uint32_t AttributesOf(const MarkedFile &file, const struct stat &st, bool bLink)
 {
     const bool bFolder      = S_ISDIR(st.st_mode);
     uint32_t   dwAttributes = 0;
-    if (!ReadHexMark(file, MARK_ATTRIBUTES, &dwAttributes)) dwAttributes = bFolder ? 0 : FILE_ATTRIBUTE_ARCHIVE;
+    if (!AttributesMark(file, st, &dwAttributes)) dwAttributes = bFolder ? 0 : FILE_ATTRIBUTE_ARCHIVE;
     dwAttributes &= SETTABLE;
     if (bFolder) dwAttributes |= FILE_ATTRIBUTE_DIRECTORY;
     if (bLink) dwAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;

@@ -24,7 +24,7 @@ constexpr int32_t WSAEFAULT = 10014, WSAEALREADY = 10037, WSAEMSGSIZE = 10040, W
                   WSAEAFNOSUPPORT = 10047, WSAENETDOWN = 10050, WSAEISCONN = 10056, WSAEHOSTDOWN = 10064,
                   WSAVERNOTSUPPORTED = 10092;
 
-constexpr size_t SEND_HOLD_BYTES  = 128 * 1024; // what a hold gathers before it sends on
+constexpr size_t SEND_HOLD_BYTES  = 16 * 1024; // what a hold gathers before it sends on: the peer works meanwhile
 constexpr size_t RECV_AHEAD_BYTES = 64 * 1024;  // what one real receive may take for the receives to come
 constexpr int    SHUT_FOR_RECV = 1, SHUT_FOR_SEND = 2;
 

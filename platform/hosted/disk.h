@@ -57,8 +57,8 @@ uint32_t Locate(const DiskPath &path, Located *pFound);
 // The same for a caller that is about to make the name and takes EEXIST as an answer: the name itself need not be
 // looked at when the folder's index lacks it.
 uint32_t LocateToMake(const DiskPath &path, Located *pFound);
-// True when the path's exact name was a plain file, no link, when this thread last looked at anything on the host. Where
-// it is is filled in; it is not looked at.
+// True when the path's exact name was a plain file, no link, when this thread last looked at anything on the host. Its
+// place is filled in; it is not looked at.
 bool LocateSeenFile(const DiskPath &path, Located *pFound);
 // After a name was made where Locate had said it was missing, or in another way (bWasValid: IndexIsValid before it).
 void NameAdded(const Located &found);

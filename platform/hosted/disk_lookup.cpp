@@ -109,7 +109,8 @@ uint32_t FindPlace(const std::u16string &sFull, size_t nLeaf, Located *pFound, b
         *pbRemembered   = true;
         return 0;
     }
-    if (const uint32_t dwError = FindFolder(sFull.substr(0, nLeaf <= 3 ? 3 : nLeaf - 1), &pFound->sFolder, pbRemembered))
+    if (const uint32_t dwError =
+            FindFolder(sFull.substr(0, nLeaf <= 3 ? 3 : nLeaf - 1), &pFound->sFolder, pbRemembered))
         return dwError;
     const std::u16string_view sName = std::u16string_view(sFull).substr(nLeaf);
     pFound->sHost.reserve(pFound->sFolder.size() + sName.size() + 8);
@@ -133,7 +134,8 @@ uint32_t LocateOnce(const DiskPath &path, Located *pFound, bool bToMake, bool *p
     if (const uint32_t dwError = FindPlace(path.sFull, nLeaf, pFound, pbRemembered)) return dwError;
     const std::u16string_view sName = std::u16string_view(path.sFull).substr(nLeaf);
     // the index knows a long name by what it is called on the host
-    const bool bLong = pFound->sHost.compare(pFound->sFolder.size() + 1, LONG_NAME_PREFIX.size(), LONG_NAME_PREFIX) == 0;
+    const bool bLong =
+        pFound->sHost.compare(pFound->sFolder.size() + 1, LONG_NAME_PREFIX.size(), LONG_NAME_PREFIX) == 0;
     pFound->bIndexValid = !bLong && IndexLacks(pFound->sFolder, sName, bToMake);
     if (pFound->bIndexValid || Look(pFound)) return 0;
     if (errno == ENAMETOOLONG) return platform::ERROR_FILENAME_EXCED_RANGE; // the host's limit for a whole path

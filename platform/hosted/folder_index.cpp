@@ -3,11 +3,11 @@
 // each is looked for first. So the hashes of a folder's folded names are remembered; a hash that is not among them is
 // absent, one that is there is looked for on disk. Hashes of removed names stay until the next scan: they cost that
 // scan, never a wrong answer. An indexed folder is watched (folder_watch.h), so the index is as good as the folder.
-// Where folders cannot be watched, an index is valid while the folder's time stamp and its shared generation stand; this
-// process keeps both in step for what it adds itself. Where the kernel's stamps are coarse, a stamp that was young when
-// it was taken does not show what a program outside the machine made in the same tick. Such an index is made anew before
-// it is used, as often as the folder's size allows: a small folder each time, a large one after so many uses that the
-// cost for each stays the same. Between, a name from outside is found by its exact case only.
+// Where folders cannot be watched, an index is valid while the folder's time stamp and its shared generation stand;
+// this process keeps both in step for what it adds itself. Where the kernel's stamps are coarse, a stamp that was young
+// when it was taken does not show what a program outside the machine made in the same tick. Such an index is made anew
+// before it is used, as often as the folder's size allows: a small folder each time, a large one after so many uses
+// that the cost for each stays the same. Between, a name from outside is found by its exact case only.
 // A folder of more than half a million names is scanned each time.
 #include "platform/hosted/disk.h"
 #include "platform/hosted/folder_watch.h"

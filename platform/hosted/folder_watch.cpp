@@ -1,7 +1,7 @@
 // folder_watch.cpp: one inotify descriptor for the process.
 // A path goes through all folders above it, so they are watched as well, up to the machine's: a moved one voids
-// everything, a removed one what was known of it. A folder behind a symbolic link is not watched, since the link may come
-// to name another. A child made by fork shares the descriptor and would take its parent's events; it starts anew.
+// everything, a removed one what was known of it. A folder behind a symbolic link is not watched, since the link may
+// come to name another. A child made by fork shares the descriptor and would take its parent's events; it starts anew.
 #include "platform/hosted/folder_watch.h"
 #include "platform/hosted/internal.h"
 #include <cerrno>

@@ -14,7 +14,8 @@ enum class FolderNews {
 };
 using FolderNewsUse = std::function<void(FolderNews eNews, const std::string &sFolder, const char *pszName)>;
 
-// Tells of the folder from now on; to be called with no news outstanding. False: it cannot be watched, which is no error.
+// Tells of the folder from now on; to be called with no news outstanding. False: it cannot be watched, which is no
+// error.
 bool WatchFolder(const std::string &sFolder);
 // Passes on what has happened in watched folders since the last call.
 void TakeFolderNews(const FolderNewsUse &use);

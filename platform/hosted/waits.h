@@ -1,8 +1,8 @@
 // waits.h: how threads of this process wait, for objects of their own and for named ones that another process signals.
-// One mutex for the process: a state changes under it. Each waiting thread sleeps on a word of its own and is listed with
-// what it waits for, so that setting an unnamed event wakes only those who wait for it. Everything else (threads, named
-// objects) is announced to all who wait for any such object; what other processes change comes through the machine's wake
-// word, which a watcher thread passes on.
+// One mutex for the process: a state changes under it. Each waiting thread sleeps on a word of its own and is listed
+// with what it waits for, so that setting an unnamed event wakes only those who wait for it. Everything else (threads,
+// named objects) is announced to all who wait for any such object; what other processes change comes through the
+// machine's wake word, which a watcher thread passes on.
 #pragma once
 #include "platform/hosted/internal.h"
 #include <condition_variable>

@@ -229,8 +229,9 @@ TEST_F(SessionControl, TheNewerConnectRequestWinsAndTheOlderEndsSilently)
     EXPECT_TRUE(Eventually([] { return hosted::CallCount("bind") == 1; }));
     EXPECT_EQ(1, StartNetworkConnect(1, 0));
     EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 1; })) << "the newest alone";
+    const uint16_t nPort = NextListeningPort();
     EXPECT_EQ(2, hosted::CallCount("bind")) << "no older one has taken the role from it";
-    Peer peer = JoinAsClient(NextListeningPort(), "stored");
+    Peer peer = JoinAsClient(nPort, "stored");
     EXPECT_TRUE(Reported(2080, 2));
     EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 1; })) << "the listener alone";
     for (const IpcMessage &record : Queued()) m_aSeen.push_back(record);

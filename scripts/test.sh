@@ -77,7 +77,7 @@ stage_tsan() {
     for name in $THREADED; do
         programs+=("build/tsan/tests/$name")
     done
-    run_counted tsan env TSAN_OPTIONS="halt_on_error=0 second_deadlock_stack=1" RUNNER="$(fixed_placement)" \
+    run_counted tsan env TSAN_OPTIONS="halt_on_error=0 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp" RUNNER="$(fixed_placement)" \
         scripts/run-test-programs.sh tsan 300 "${programs[@]}"
 }
 

@@ -1,7 +1,9 @@
 // profile.cpp: generating and comparing profiles through the host's own file system.
 #include "tools/driver/profile.h"
 #include <algorithm>
+#include <clocale>
 #include <cstring>
+#include <cwctype>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -68,6 +70,35 @@ void AddItem(const MachinePtr &old, const MachinePtr &next, const LeftOut &leftO
     pProfile->nFiles += item.nFiles;
     pProfile->cb += item.cb;
     pProfile->items.push_back(std::move(item));
+}
+
+// The path as a Windows machine tells paths apart, without regard to case; empty when it is no UTF-8.
+std::u32string WithoutCase(const fs::path &path)
+{
+    static const locale_t s_Locale = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+    try {
+        std::u32string sPath = path.u32string();
+        for (char32_t &ch : sPath)
+            ch = static_cast<char32_t>(towupper_l(static_cast<wint_t>(ch), s_Locale));
+        return sPath;
+    } catch (const std::system_error &) {
+        return {};
+    }
+}
+
+// Why a Windows machine cannot have that entry; null when it can. *pTaken grows by it.
+const char *WhyNotOnWindows(const fs::directory_entry &found, const fs::path &relative,
+                            std::set<std::u32string> *pTaken)
+{
+    std::error_code   error;
+    const std::string sName = found.path().filename().string();
+    if (found.is_symlink(error) || !(found.is_directory(error) || found.is_regular_file(error)))
+        return "neither file nor folder";
+    const std::u32string sPath = WithoutCase(relative);
+    if (sPath.empty() || sName.find_first_of("<>:\"\\|?*") != std::string::npos || sName.back() == '.' ||
+        sName.back() == ' ')
+        return "a name that Windows cannot have";
+    return pTaken->insert(sPath).second ? nullptr : "another name there differs from it in case only";
 }
 
 } // namespace
@@ -206,17 +237,14 @@ bool ProfileFromFolder(const MachinePtr &old, const MachinePtr &next, const std:
     const std::string sTarget =
         KnownFolder(old, "Documents") + "\\" + (source.has_filename() ? source.filename().string() : "Ordner");
     const fs::path target = HostPathOf(old, sTarget);
+    std::set<std::u32string> taken;
     fs::create_directories(target, error);
     for (auto it = fs::recursive_directory_iterator(source, fs::directory_options::skip_permission_denied);
          it != fs::end(it); ++it) {
         const fs::path    relative = it->path().lexically_relative(source);
-        const std::string sName = it->path().filename().string();
-        const bool        bGood =
-            sName.find_first_of("<>:\"\\|?*") == std::string::npos && sName.back() != '.' && sName.back() != ' ';
-        const bool bPlain = it->is_directory(error) || it->is_regular_file(error);
-        if (!bGood || !bPlain || it->is_symlink(error)) {
-            pSkipped->push_back(relative.string() +
-                                (bGood ? ": neither file nor folder" : ": a name that Windows cannot have"));
+        const char *const pszWhy = WhyNotOnWindows(*it, relative, &taken);
+        if (pszWhy != nullptr) {
+            pSkipped->push_back(relative.string() + ": " + pszWhy);
             if (it->is_directory(error)) it.disable_recursion_pending();
             continue;
         }

@@ -1,75 +1,51 @@
-// migration_bench.cpp: how fast the agents move data, beside scp and rsync over ssh on the same data, medium and
-// loopback, in one run. The runs of the three are interleaved, so that what else the machine does meets them alike; the
-// figures are medians.
-#include "bench/data_sets.h"
-#include "tools/driver/scenario.h"
+// migration_bench.cpp: how fast the agents move data, with a window of files on the way and one file at a time, beside
+// scp, rsync over ssh and an rsync daemon without encryption, on the same data and medium, in one run: over loopback
+// directly, and behind a delay each way. The runs are interleaved, so that what else the machine does meets them alike;
+// the figures are medians.
+#include "bench/contenders.h"
+#include "bench/delay_proxy.h"
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <thread>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
 
 namespace
 {
 
-struct BenchOptions {
-    std::string sPrograms, sWork, sSshPort, sSshKey, sSets = "LSM";
-    uint64_t    nDivisor = 1;
-    int         nRuns = 5;
-};
-
 int Usage(const std::string &sWhy)
 {
     std::fprintf(stderr,
-                 "migration-bench: %s\nusage: migration-bench --programs BUILD --work FOLDER --ssh-port N --ssh-key "
-                 "FILE [--sets LSMN]\n"
-                 "       [--runs N] [--divisor N]\n",
+                 "migration-bench: %s\nusage: migration-bench --programs BUILD --work FOLDER --ssh WRAPPER --ssh-port N "
+                 "--daemon-port N\n"
+                 "       [--sets LSMN] [--paths direct,delayed] [--runs N] [--delayed-runs N] [--divisor N]\n",
                  sWhy.c_str());
     return 2;
 }
 
+bool TakeOption(const std::string &sName, const std::string &sValue, BenchOptions *pOptions)
+{
+    const int nValue = std::atoi(sValue.c_str());
+    if (sName == "--programs") pOptions->sPrograms = sValue;
+    else if (sName == "--work") pOptions->sWork = sValue;
+    else if (sName == "--ssh") pOptions->sSsh = sValue;
+    else if (sName == "--ssh-port" && nValue > 0) pOptions->sSshPort = sValue;
+    else if (sName == "--daemon-port" && nValue > 0) pOptions->sDaemonPort = sValue;
+    else if (sName == "--sets" && sValue.find_first_not_of("LSMN") == std::string::npos) pOptions->sSets = sValue;
+    else if (sName == "--paths" && (sValue == "direct" || sValue == "delayed" || sValue == "direct,delayed"))
+        pOptions->sPaths = sValue;
+    else if (sName == "--runs" && nValue > 0) pOptions->nRuns = nValue;
+    else if (sName == "--delayed-runs" && nValue > 0) pOptions->nDelayedRuns = nValue;
+    else if (sName == "--divisor" && nValue > 0) pOptions->nDivisor = static_cast<uint64_t>(nValue);
+    else return false;
+    return true;
+}
+
 double Median(std::vector<double> values)
 {
+    if (values.empty() || *std::min_element(values.begin(), values.end()) < 0) return -1;
     std::sort(values.begin(), values.end());
-    return values.empty() ? 0 : values[values.size() / 2];
-}
-
-double Seconds(Clock::time_point begin)
-{
-    return std::chrono::duration<double>(Clock::now() - begin).count();
-}
-
-// Negative when it failed. The target folder is empty before and is checked by count afterwards.
-double RunAgents(const MachinePtr &next, const std::string &sSource, const fs::path &target, const DataSet &set)
-{
-    std::error_code error;
-    fs::remove_all(target, error);
-    const auto begin = Clock::now();
-    if (!RequestCollection(next, {sSource + "\\"}, set.cb, false) ||
-        WaitForCollection(next, std::chrono::seconds(1800)) != 2)
-        return -1;
-    const double dSeconds = Seconds(begin);
-    uint64_t     nFiles = 0;
-    for (const auto &entry : fs::recursive_directory_iterator(target))
-        nFiles += entry.is_regular_file();
-    return nFiles == set.nFiles ? dSeconds : -1;
-}
-
-double RunCopy(const std::vector<std::string> &command, const fs::path &target)
-{
-    std::error_code error;
-    fs::remove_all(target, error);
-    fs::create_directories(target, error);
-    std::string sOutput;
-    const auto  begin = Clock::now();
-    const int   nExit = RunProgram(command, {}, &sOutput);
-    if (nExit != 0) std::fprintf(stderr, "%s: %s\n", command[0].c_str(), sOutput.c_str());
-    return nExit == 0 ? Seconds(begin) : -1;
+    return values[values.size() / 2];
 }
 
 std::string Rate(const DataSet &set, double dSeconds)
@@ -82,33 +58,62 @@ std::string Rate(const DataSet &set, double dSeconds)
     return szText;
 }
 
-// Files per second of the first and the last tenth of a run, from the target's progress; true when the last is not much
-// slower.
-bool RunFlatness(const MachinePtr &next, const std::string &sSource, const fs::path &target, const DataSet &set)
+std::string Times(double dOther, double dWindow)
 {
-    std::vector<std::pair<double, uint64_t>> samples;
-    std::atomic<int>                         nOutcome{100};
-    std::error_code                          error;
-    fs::remove_all(target, error);
-    if (!RequestCollection(next, {sSource + "\\"}, set.cb, false)) return false;
-    const auto  begin = Clock::now();
-    std::thread waiter([&] { nOutcome = WaitForCollection(next, std::chrono::seconds(1800)); });
-    while (nOutcome == 100) {
-        const uint64_t cb = CollectedBytes(next);
-        if (samples.empty() || cb > samples.back().second) samples.emplace_back(Seconds(begin), cb);
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    char szText[32];
+    if (dOther <= 0 || dWindow <= 0) return "-";
+    std::snprintf(szText, sizeof(szText), "%.2f", dOther / dWindow);
+    return szText;
+}
+
+// All contenders on one data set and path. False when an agent's run failed.
+bool Compare(const BenchOptions &options, const AgentPair &pair, const CopyPorts &ports, Path ePath,
+             const std::string &sSource, const DataSet &set)
+{
+    constexpr Tool      TOOLS[] = {Tool::Scp, Tool::RsyncSsh, Tool::RsyncDaemon};
+    const std::string   sHostSource = HostPathOf(pair.old, sSource);
+    std::vector<double> window, single, copies[std::size(TOOLS)];
+    const int           nRuns = ePath == Path::Direct ? options.nRuns : options.nDelayedRuns;
+    for (int i = 0; i < nRuns; i++) {
+        window.push_back(Relink(pair, ePath, 0) ? RunAgents(pair, sSource, set) : -1);
+        single.push_back(Relink(pair, ePath, 1) ? RunAgents(pair, sSource, set) : -1);
+        for (size_t nTool = 0; nTool < std::size(TOOLS); nTool++)
+            copies[nTool].push_back(RunCopy(TOOLS[nTool], options, ports, sHostSource));
     }
-    waiter.join();
-    if (nOutcome != 2 || samples.size() < 20) return false;
-    const auto At = [&](uint64_t cb) {
-        return std::find_if(samples.begin(), samples.end(), [cb](const auto &s) { return s.second >= cb; })->first;
-    };
-    const double dTenth = static_cast<double>(set.nFiles) / 10;
-    const double dFirst = dTenth / (At(set.cb / 10) - samples.front().first),
-                 dLast = dTenth / (At(set.cb) - At(set.cb / 10 * 9));
-    std::printf("  N  %-40s first tenth %.0f files/s, last tenth %.0f files/s, last/first %.2f\n", set.pszWhat, dFirst,
-                dLast, dLast / dFirst);
-    return true;
+    const double dWindow = Median(window), dSingle = Median(single), dScp = Median(copies[0]),
+                 dSsh = Median(copies[1]), dDaemon = Median(copies[2]);
+    std::printf("  %s  %-8s %14s %14s %14s %14s %14s   %7s %7s %7s %7s\n", set.pszName,
+                ePath == Path::Direct ? "direct" : "1 ms", Rate(set, dWindow).c_str(), Rate(set, dSingle).c_str(),
+                Rate(set, dScp).c_str(), Rate(set, dSsh).c_str(), Rate(set, dDaemon).c_str(),
+                Times(dSingle, dWindow).c_str(), Times(dScp, dWindow).c_str(), Times(dSsh, dWindow).c_str(),
+                Times(dDaemon, dWindow).c_str());
+    std::fflush(stdout);
+    return dWindow > 0 && dSingle > 0;
+}
+
+// One data set over the paths that are wanted.
+bool MeasureSet(const BenchOptions &options, const AgentPair &pair, const CopyPorts &direct, const CopyPorts &delayed,
+                char chSet)
+{
+    const std::string sSource = std::string("D:\\Set") + chSet;
+    const DataSet     set = MakeDataSet(chSet, HostPathOf(pair.old, sSource), options.nDivisor);
+    bool              bOk = true;
+    if (chSet == 'N') {
+        bOk = Relink(pair, Path::Direct, 0) && RunFlatness(pair, sSource, set);
+    } else {
+        if (options.sPaths.find("direct") != std::string::npos)
+            bOk = Compare(options, pair, direct, Path::Direct, sSource, set) && bOk;
+        if (options.sPaths.find("delayed") != std::string::npos)
+            bOk = Compare(options, pair, delayed, Path::Delayed, sSource, set) && bOk;
+    }
+    std::error_code error;
+    fs::remove_all(HostPathOf(pair.old, sSource), error);
+    return bOk;
+}
+
+std::string ProxyPort(const std::string &sPort)
+{
+    return std::to_string(StartDelayProxy(static_cast<uint16_t>(std::atoi(sPort.c_str())), ONE_WAY_DELAY));
 }
 
 } // namespace
@@ -116,86 +121,34 @@ bool RunFlatness(const MachinePtr &next, const std::string &sSource, const fs::p
 int main(int argc, char **argv)
 {
     BenchOptions options;
-    for (int i = 1; i < argc; i++) {
-        const std::string sArg = argv[i];
-        if (i + 1 >= argc) return Usage("a value is missing: " + sArg);
-        const std::string sValue = argv[++i];
-        if (sArg == "--programs") options.sPrograms = sValue;
-        else if (sArg == "--work") options.sWork = sValue;
-        else if (sArg == "--ssh-port") options.sSshPort = sValue;
-        else if (sArg == "--ssh-key") options.sSshKey = sValue;
-        else if (sArg == "--sets" && sValue.find_first_not_of("LSMN") == std::string::npos) options.sSets = sValue;
-        else if (sArg == "--runs" && std::atoi(sValue.c_str()) > 0) options.nRuns = std::atoi(sValue.c_str());
-        else if (sArg == "--divisor" && std::atoi(sValue.c_str()) > 0)
-            options.nDivisor = static_cast<uint64_t>(std::atoi(sValue.c_str()));
-        else return Usage("wrong option: " + sArg + " " + sValue);
+    for (int i = 1; i < argc; i += 2) {
+        if (i + 1 >= argc) return Usage(std::string("a value is missing: ") + argv[i]);
+        if (!TakeOption(argv[i], argv[i + 1], &options))
+            return Usage(std::string("wrong option: ") + argv[i] + " " + argv[i + 1]);
     }
-    if (options.sPrograms.empty() || options.sWork.empty() || options.sSshPort.empty() || options.sSshKey.empty())
+    if (options.sPrograms.empty() || options.sWork.empty() || options.sSsh.empty() || options.sSshPort.empty() ||
+        options.sDaemonPort.empty())
         return Usage("an option is missing");
-    std::string      sError;
-    const MachinePtr old = CreateMachine({MachineKind::Hosted,
-                                          options.sWork + "/old",
-                                          options.sPrograms,
-                                          "OLDPC",
-                                          "anna",
-                                          {'D'},
-                                          {},
-                                          options.sWork + "/rendezvous"},
-                                         &sError);
-    const MachinePtr next = old ? CreateMachine({MachineKind::Hosted,
-                                                 options.sWork + "/new",
-                                                 options.sPrograms,
-                                                 "NEWPC",
-                                                 "bernd",
-                                                 {},
-                                                 {},
-                                                 options.sWork + "/rendezvous"},
-                                                &sError)
-                                : nullptr;
-    if (!next || !StartMachine(old) || !StartMachine(next) || !LinkByPin(old, next, nullptr)) {
-        std::fprintf(stderr, "migration-bench: the machines cannot be linked: %s\n", sError.c_str());
+    AgentPair   pair;
+    std::string sError;
+    if (!StartPair(options, &pair, &sError)) {
+        std::fprintf(stderr, "migration-bench: %s\n", sError.c_str());
         return 1;
     }
-    const std::string sSsh =
-        "ssh -p " + options.sSshPort + " -i " + options.sSshKey +
-        " -c aes128-gcm@openssh.com -o StrictHostKeyChecking=no -o UserKnownHostsFile=/dev/null -o LogLevel=ERROR";
+    const CopyPorts direct = {options.sSshPort, options.sDaemonPort};
+    const CopyPorts delayed = {ProxyPort(options.sSshPort), ProxyPort(options.sDaemonPort)};
+    std::printf("     %-8s %14s %14s %14s %14s %14s   %s\n", "path", "window", "one at a time", "scp", "rsync ssh",
+                "rsync daemon", "window against:  one,    scp,    ssh,  daemon");
     bool bOk = true;
-    std::printf("  %-43s %14s %14s %14s   %s\n", "data", "agents", "scp", "rsync", "agents/scp  agents/rsync");
     for (const char chSet : options.sSets) {
-        const std::string sSource = std::string("D:\\Set") + chSet;
-        const fs::path    source = HostPathOf(old, sSource),
-                       target = HostPathOf(next, std::string("C:\\OLDPC_D\\Set") + chSet),
-                       copy = fs::path(options.sWork) / "copy";
-        const DataSet set = MakeDataSet(chSet, source, options.nDivisor);
-        if (chSet == 'N') {
-            bOk = RunFlatness(next, sSource, target, set) && bOk;
-        } else {
-            std::vector<double> agents, scp, rsync;
-            for (int i = 0; i < options.nRuns; i++) {
-                agents.push_back(RunAgents(next, sSource, target, set));
-                scp.push_back(RunCopy({"/bin/sh", "-c", "exec scp -q -r -S \"$1\" \"$2\" 127.0.0.1:\"$3\"", "sh",
-                                       options.sWork + "/ssh.sh", source.string(), copy.string()},
-                                      copy));
-                rsync.push_back(RunCopy(
-                    {"rsync", "-a", "--whole-file", "-e", sSsh, source.string(), "127.0.0.1:" + copy.string()}, copy));
-                std::error_code error;
-                fs::remove_all(copy, error);
-            }
-            const double dAgents = Median(agents), dScp = Median(scp), dRsync = Median(rsync);
-            bOk = bOk && *std::min_element(agents.begin(), agents.end()) > 0;
-            std::printf("  %s  %-40s %14s %14s %14s   %10.2f  %12.2f\n", set.pszName, set.pszWhat,
-                        Rate(set, dAgents).c_str(), Rate(set, dScp).c_str(), Rate(set, dRsync).c_str(), dScp / dAgents,
-                        dRsync / dAgents);
+        if (!MeasureSet(options, pair, direct, delayed, chSet)) {
+            std::printf("  %c  failed\n", chSet);
+            bOk = false;
         }
-        std::fflush(stdout);
-        std::error_code error;
-        fs::remove_all(source, error);
-        fs::remove_all(target, error);
     }
     std::printf("  peak memory: %.1f MiB (sending agent), %.1f MiB (receiving agent)\n",
-                static_cast<double>(PeakMemoryKiB(old->agent)) / 1024,
-                static_cast<double>(PeakMemoryKiB(next->agent)) / 1024);
-    StopMachine(old);
-    StopMachine(next);
+                static_cast<double>(PeakMemoryKiB(pair.old->agent)) / 1024,
+                static_cast<double>(PeakMemoryKiB(pair.next->agent)) / 1024);
+    StopPair(pair);
     return bOk ? 0 : 1;
 }

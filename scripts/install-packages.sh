@@ -9,6 +9,8 @@ PACKAGES=(
     g++ cmake ninja-build libssl-dev googletest nlohmann-json3-dev ca-certificates git procps
     # fuzz programs
     clang libclang-rt-14-dev
+    # format and linter
+    clang-format clang-tidy
     # Windows build, and where its programs run
     g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine wine64
     # what the benchmarks compare with

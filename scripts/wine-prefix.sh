@@ -44,9 +44,11 @@ trap 'rm -f "$log"' EXIT
 
 # Wine's own words of a first start (no 32-bit part, no display) say nothing about this machine: shown when it fails.
 run() {
-    timeout 180 "$@" </dev/null >>"$log" 2>&1 && return
+    local code=0
+    timeout 180 "$@" </dev/null >>"$log" 2>&1 || code=$?
+    [ "$code" != 0 ] || return 0
     cat "$log" >&2
-    echo "wine-prefix: failed: $*" >&2
+    echo "wine-prefix: failed with code $code: $*" >&2
     exit 1
 }
 

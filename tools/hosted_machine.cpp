@@ -3,8 +3,8 @@
 // differ in case only, names that Windows does not have, entries that are neither file nor folder.
 #include "platform/errors.h"
 #include "platform/hosted/control.h"
-#include "platform/hosted/disk.h"
-#include "platform/hosted/machine.h"
+#include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/machine.h"
 #include "platform/text.h"
 #include <algorithm>
 #include <cctype>

@@ -1,7 +1,7 @@
 // trace_viewer.cpp: switches trace sessions and the debugger output of a hosted machine, and shows what they recorded.
 // Programs of the machine notice a session at once, whether it is switched on before they start or while they run. The
 // lines are rendered by the programs that write them, so this tool needs to know no message.
-#include "platform/hosted/trace_sessions.h"
+#include "platform/hosted/trace/trace_sessions.h"
 #include <cerrno>
 #include <charconv>
 #include <chrono>

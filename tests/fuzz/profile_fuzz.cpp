@@ -1,5 +1,5 @@
 // profile_fuzz.cpp: an INI file of any bytes is read, changed and read again; what was written must be found.
-#include "platform/hosted/profile_text.h"
+#include "platform/hosted/profile/profile_text.h"
 #include <cstdlib>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t cb)

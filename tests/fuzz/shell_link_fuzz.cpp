@@ -1,5 +1,5 @@
 // shell_link_fuzz.cpp: a .lnk file of any bytes; one that can be read can be retargeted, written and read again.
-#include "platform/hosted/shell_link_format.h"
+#include "platform/hosted/desktop/shell_link_format.h"
 #include <cstdlib>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t cb)

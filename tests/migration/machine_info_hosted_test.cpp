@@ -2,7 +2,7 @@
 #include "migration/machine_info.h"
 #include "platform/errors.h"
 #include "platform/hosted/control.h"
-#include "platform/hosted/machine.h"
+#include "platform/hosted/machine/machine.h"
 #include "tests/migration/migration_fixture.h"
 
 using namespace platform;

@@ -2,7 +2,7 @@
 #include "platform/errors.h"
 #include "platform/event_tracing.h"
 #include "platform/hosted/control.h"
-#include "platform/hosted/trace_sessions.h"
+#include "platform/hosted/trace/trace_sessions.h"
 #include "tests/support/test_machine.h"
 #include <atomic>
 #include <chrono>

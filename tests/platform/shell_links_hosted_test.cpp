@@ -3,7 +3,7 @@
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/hosted/control.h"
-#include "platform/hosted/shell_link_format.h"
+#include "platform/hosted/desktop/shell_link_format.h"
 #include "platform/shell.h"
 #include "tests/support/test_machine.h"
 #include <random>

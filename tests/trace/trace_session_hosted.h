@@ -1,7 +1,7 @@
 // trace_session_hosted.h: a trace session on the current machine for the life of a test, and what it recorded.
 #pragma once
 #include "platform/hosted/control.h"
-#include "platform/hosted/trace_sessions.h"
+#include "platform/hosted/trace/trace_sessions.h"
 #include "trace/trace_log.h"
 #include <fstream>
 #include <gtest/gtest.h>

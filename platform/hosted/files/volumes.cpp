@@ -1,0 +1,68 @@
+// volumes.cpp: the drives of a machine: the drive_x folders that exist, of the kinds that machine.ini names.
+#include "platform/volumes.h"
+#include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/machine.h"
+
+namespace {
+
+using namespace platform;
+
+constexpr uint32_t ERROR_INVALID_FUNCTION = 1;
+
+struct Kind {
+    const char *pszName;
+    uint32_t    dwType;
+    HotPlugInfo info;
+    bool        bAnswers; // the storage query works on it
+};
+constexpr Kind g_aKinds[] = {
+    {"fixed", DRIVE_FIXED, {FALSE, FALSE}, true},  {"removable", DRIVE_REMOVABLE, {TRUE, TRUE}, true},
+    {"hotplug", DRIVE_FIXED, {FALSE, TRUE}, true}, {"cdrom", DRIVE_CDROM, {TRUE, FALSE}, true},
+    {"remote", DRIVE_REMOTE, {FALSE, FALSE}, false},
+};
+
+// The kind of the drive with root "X:\"; null when there is none.
+const Kind *KindOf(const char16_t *pszRoot)
+{
+    hosted::DiskPath path;
+    if (pszRoot == nullptr || pszRoot[0] == 0 || pszRoot[1] != u':' || pszRoot[2] != u'\\' || pszRoot[3] != 0 ||
+        hosted::ParsePath(pszRoot, &path) != 0 || hosted::DriveFolder(path.Drive()).empty())
+        return nullptr;
+    const char        szDrive[2] = {path.Drive(), '\0'};
+    const std::string sKind      = hosted::MachineSetting("drives", szDrive, "fixed");
+    for (const Kind &kind : g_aKinds)
+        if (sKind == kind.pszName) return &kind;
+    hosted::Fatal("machine.ini: drive %s is of no kind known here: %s", szDrive, sKind.c_str());
+}
+
+} // namespace
+
+uint32_t platform::GetLogicalDrives()
+{
+    if (hosted::FailsNow("GetLogicalDrives")) return 0;
+    uint32_t dwDrives = 0;
+    for (int i = 0; i < 26; i++)
+        if (!hosted::DriveFolder(static_cast<char>('A' + i)).empty()) dwDrives |= 1u << i;
+    hosted::SetError(dwDrives == 0 ? ERROR_PATH_NOT_FOUND : ERROR_SUCCESS);
+    return dwDrives;
+}
+
+uint32_t platform::GetDriveTypeW(const char16_t *pszRoot)
+{
+    if (hosted::FailsNow("GetDriveTypeW")) return DRIVE_NO_ROOT_DIR;
+    const Kind *pKind = KindOf(pszRoot);
+    return pKind == nullptr ? DRIVE_NO_ROOT_DIR : pKind->dwType;
+}
+
+bool platform::GetHotPlugInfo(const char16_t *pszRoot, HotPlugInfo *pInfo)
+{
+    *pInfo = {};
+    if (hosted::FailsNow("GetHotPlugInfo")) return false;
+    const Kind *pKind = KindOf(pszRoot);
+    if (pKind == nullptr || !pKind->bAnswers) {
+        hosted::SetError(pKind == nullptr ? ERROR_FILE_NOT_FOUND : ERROR_INVALID_FUNCTION);
+        return false;
+    }
+    *pInfo = pKind->info;
+    return true;
+}

@@ -5,6 +5,7 @@
 #include "platform/hosted/control.h"
 #include "platform/hosted/files/disk.h"
 #include "platform/hosted/machine/machine.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include <algorithm>
 #include <cctype>

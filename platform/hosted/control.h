@@ -30,8 +30,6 @@ void FailCall(const char *pszCall, int nth, uint32_t dwError, bool bFromThenOn =
 void ClearFaults();
 // Calls of pszCall since the last ClearFaults.
 int CallCount(const char *pszCall);
-// For backends: counts the call; true when it must fail now, with the error set (*pdwError too, when given).
-bool FailsNow(const char *pszCall, uint32_t *pdwError = nullptr);
 
 // What is open in this process. A clean function leaves each as it found it.
 int OpenHandles();  // events, mutexes, threads, pipes, files, finds

@@ -3,11 +3,19 @@
 // their order, and WM_QUIT when none is left. A thread that waits for an answer answers what is sent to it meanwhile.
 // Difference from Windows: of another process's lower standing only the sender's side knows, so that the filter is
 // applied there.
+#include "platform/errors.h"
+#include "platform/hosted/control.h"
 #include "platform/hosted/desktop/user_interface_functions.h"
 #include "platform/hosted/desktop/window_queues.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/machine.h"
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <memory>
+#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
 

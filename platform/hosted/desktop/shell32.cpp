@@ -4,9 +4,12 @@
 //                  thread waits for its end, so that it leaves no dead entry behind.
 // SHFileOperationW FO_DELETE without any window, of whole trees; no patterns.
 #include "platform/errors.h"
+#include "platform/hosted/control.h"
 #include "platform/hosted/desktop/user_interface_table.h"
 #include "platform/hosted/files/disk.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include "platform/user_interface.h"
 #include <cerrno>

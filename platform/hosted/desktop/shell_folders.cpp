@@ -4,7 +4,11 @@
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/counts.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
 #include "platform/hosted/machine/machine.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/shell.h"
 #include "platform/text.h"
 #include <cerrno>

@@ -5,7 +5,6 @@
 // in code page 1252 with
 // '?' for what it lacks. No path has a '?', so a reader that meets one takes the other form.
 #include "platform/hosted/desktop/shell_link_format.h"
-#include "platform/hosted/internal.h"
 #include "platform/unicode.h"
 #include <algorithm>
 

@@ -2,8 +2,14 @@
 // A link that is saved takes the old file's place in one step, with its attributes. A target must be on a drive: a
 // network path is read but cannot be set, since a hosted machine has no network file system.
 #include "platform/errors.h"
+#include "platform/files.h"
 #include "platform/hosted/desktop/shell_link_format.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/counts.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/shell.h"
 #include "platform/text.h"
 #include <cerrno>

@@ -3,9 +3,12 @@
 // Differences from Windows: icons and cursors are tokens; a registration for power settings is counted and gets no
 // first notification; TranslateMessage has nothing to translate.
 #include "platform/hosted/desktop/user_interface_table.h"
+#include "platform/errors.h"
+#include "platform/hosted/control.h"
 #include "platform/hosted/desktop/user_interface_functions.h"
 #include "platform/hosted/desktop/window_queues.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
 #include <algorithm>
 #include <set>
 

@@ -2,11 +2,17 @@
 // Differences from Windows: nothing is ever drawn, so styles, places, icons and menus are kept by nobody; there are
 // top-level windows only (another parent: ERROR_NOT_SUPPORTED); a window gets WM_NCCREATE, WM_CREATE, WM_DESTROY and
 // WM_NCDESTROY of the messages about its own life.
+#include "platform/errors.h"
 #include "platform/hosted/desktop/user_interface_functions.h"
 #include "platform/hosted/desktop/window_queues.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/kernel.h"
 #include "platform/text.h"
 #include <map>
+#include <memory>
+#include <string>
 #include <unistd.h>
 
 namespace hosted {

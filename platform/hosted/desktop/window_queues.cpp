@@ -1,6 +1,10 @@
 // window_queues.cpp: see window_queues.h.
 #include "platform/hosted/desktop/window_queues.h"
-#include "platform/hosted/internal.h"
+#include "platform/errors.h"
+#include "platform/hosted/control.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/kernel.h"
 #include <algorithm>
 #include <cstring>
 #include <map>

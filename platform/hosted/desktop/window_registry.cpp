@@ -1,8 +1,11 @@
 // window_registry.cpp: see window_registry.h.
 #include "platform/hosted/desktop/window_registry.h"
-#include "platform/hosted/internal.h"
+#include "platform/errors.h"
 #include "platform/hosted/kernel/named_objects.h"
 #include "platform/hosted/kernel/unix_sockets.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include <algorithm>
 #include <cerrno>

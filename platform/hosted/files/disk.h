@@ -4,8 +4,11 @@
 //          hash of its folded form, with the name itself as a mark of the file.
 // Threads  any.
 #pragma once
-#include "platform/hosted/internal.h"
+#include "platform/files.h"
+#include <atomic>
 #include <cstring>
+#include <string>
+#include <string_view>
 #include <sys/stat.h>
 
 namespace hosted {

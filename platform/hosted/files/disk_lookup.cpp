@@ -1,10 +1,16 @@
 // disk_lookup.cpp: from a parsed path to the file behind it.
 // The host path of a folder, once found, is remembered under the text it was asked by; it is tried first and looked for
 // anew when it is not there any more. A name in the exact case therefore costs one call of the host.
+#include "platform/errors.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <mutex>
+#include <string>
+#include <string_view>
 #include <sys/sysmacros.h>
 #include <unordered_map>
 

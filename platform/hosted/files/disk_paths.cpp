@@ -2,9 +2,15 @@
 // Not kept here: alternate streams ("a.txt:b" is an invalid name), network paths (there is no network file system, so
 // they are not found), and a current folder for each drive. The host's limit of 255 bytes for a name does not show:
 // disk.h says how longer names are stored.
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/hosted/control.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include <cstdio>
+#include <string_view>
 
 namespace hosted {
 namespace {

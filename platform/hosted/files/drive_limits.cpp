@@ -1,6 +1,11 @@
 // drive_limits.cpp: how much further data a drive takes, as a test or the environment sets it.
 // What counts is growth: a write over existing bytes needs no room.
+#include "platform/errors.h"
+#include "platform/hosted/control.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include <atomic>
 
 namespace hosted {
 namespace {

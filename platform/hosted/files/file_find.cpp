@@ -3,7 +3,13 @@
 // out, so that a file that went in between is left out and one that grew has its new size. Names that Windows could not
 // have (made by a program outside the machine) are listed too: a caller then fails on them and says so, instead of
 // losing them silently. Patterns other than "*", "*.*" and a plain name fail with ERROR_NOT_SUPPORTED.
+#include "platform/errors.h"
+#include "platform/files.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/kernel/handles.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include <algorithm>
 #include <cerrno>

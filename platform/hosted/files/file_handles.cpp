@@ -2,8 +2,18 @@
 // A file that is made gets the attributes asked for and the archive attribute, as on Windows; one that is truncated
 // keeps its access list. Opening a name that is a device in every folder of Windows ("nul", "com1.txt") fails, since a
 // hosted machine has no devices. FILE_FLAG_SEQUENTIAL_SCAN only advises and needs nothing here.
+#include "platform/errors.h"
+#include "platform/files.h"
 #include "platform/hosted/files/files.h"
+#include "platform/hosted/kernel/handles.h"
+#include "platform/hosted/kernel/security.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/utf.h"
+#include "platform/hosted/pipes/pipe_client.h"
+#include "platform/kernel.h"
 #include "platform/text.h"
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 

@@ -1,11 +1,14 @@
 // file_marks.cpp: what Windows keeps with a file and the host does not: attributes, the access list for Everyone, long
 // names. They are extended attributes of the file, so they move with it. On a file system without such attributes a
 // mark is a small file in run/marks, named by device and inode and void for an inode that is younger than the mark.
+#include "platform/files.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/current_machine.h"
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <string>
 #include <sys/xattr.h>
 #include <unistd.h>
 

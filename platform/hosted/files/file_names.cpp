@@ -1,6 +1,13 @@
 // file_names.cpp: what is done with a file or folder by its name: attributes, delete, move, make, remove.
 // Replacing a file by MoveFileExW keeps the replaced name's letter case, so that the exchange is one step of the host.
+#include "platform/errors.h"
+#include "platform/files.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/kernel/security.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/utf.h"
+#include "platform/kernel.h"
 #include "platform/text.h"
 #include <algorithm>
 #include <cerrno>

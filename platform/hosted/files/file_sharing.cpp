@@ -4,7 +4,10 @@
 // place first and then looks for others, so that of two that come at once at least one sees the other. Both may: then
 // each steps back for a moment that differs, and tries again. A shared count of open handles saves the look in the
 // usual case that nobody else has the file.
+#include "platform/errors.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/errors.h"
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>

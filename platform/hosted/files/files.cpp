@@ -1,6 +1,12 @@
 // files.cpp: reading, writing and measuring open files.
 // The position belongs to the handle and not to the host's descriptor, so that moving it costs no call.
 #include "platform/hosted/files/files.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/pipes/pipe_client.h"
+#include "platform/hosted/pipes/pipes.h"
 #include <cerrno>
 #include <sys/stat.h>
 

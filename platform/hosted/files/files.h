@@ -1,6 +1,8 @@
 // files.h: the object behind a file handle.
 #pragma once
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/kernel/handles.h"
+#include <atomic>
 #include <unistd.h>
 
 namespace hosted {

@@ -9,10 +9,14 @@
 // before it is used, as often as the folder's size allows: a small folder each time, a large one after so many uses
 // that the cost for each stays the same. Between, a name from outside is found by its exact case only.
 // A folder of more than half a million names is scanned each time.
+#include "platform/hosted/control.h"
 #include "platform/hosted/files/disk.h"
 #include "platform/hosted/files/folder_watch.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>

@@ -3,7 +3,8 @@
 // everything, a removed one what was known of it. A folder behind a symbolic link is not watched, since the link may
 // come to name another. A child made by fork shares the descriptor and would take its parent's events; it starts anew.
 #include "platform/hosted/files/folder_watch.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/control.h"
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <pthread.h>

@@ -3,9 +3,13 @@
 // stamp alone cannot tell two changes within one tick of the kernel's clock apart. A machine whose run/ cannot be
 // mapped gets counters of this process, and then only time stamps tell what others do.
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/current_machine.h"
 #include "platform/text.h"
+#include <atomic>
 #include <fcntl.h>
 #include <mutex>
+#include <string>
+#include <string_view>
 #include <sys/mman.h>
 #include <unistd.h>
 

@@ -1,7 +1,11 @@
 // volumes.cpp: the drives of a machine: the drive_x folders that exist, of the kinds that machine.ini names.
 #include "platform/volumes.h"
+#include "platform/errors.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
 #include "platform/hosted/machine/machine.h"
+#include <string>
 
 namespace {
 

@@ -1,15 +1,20 @@
 // clock.cpp: the process's clock, which may run faster than real time and be moved forward.
 // Tick counts start from the host's uptime, as GetTickCount64 does from the machine's, so processes agree on them while
 // no rate is set.
-#include "platform/hosted/internal.h"
+#include "platform/hosted/control.h"
+#include "platform/hosted/kernel/clock.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/kernel.h"
+#include <atomic>
+#include <chrono>
 #include <ctime>
 #include <mutex>
 #include <sched.h>
 #include <thread>
 
 namespace hosted {
-
-void Start(); // control.cpp
 
 namespace {
 
@@ -71,13 +76,6 @@ std::chrono::microseconds RealTime(uint32_t dwMilliseconds)
     Start();
     const uint64_t nRate = TheClock().nRate.load(std::memory_order_relaxed);
     return std::chrono::microseconds((dwMilliseconds * US_PER_MS + nRate - 1) / nRate);
-}
-
-uint32_t ScaledMilliseconds(uint32_t dwMilliseconds)
-{
-    if (dwMilliseconds == platform::INFINITE) return platform::INFINITE;
-    const auto ullUs = static_cast<uint64_t>(RealTime(dwMilliseconds).count());
-    return static_cast<uint32_t>((ullUs + US_PER_MS - 1) / US_PER_MS);
 }
 
 } // namespace hosted

@@ -1,7 +1,9 @@
 // critical_sections.cpp: recursive locks on pthread mutexes, which the thread sanitizer knows.
 // Misuse that corrupts memory on Windows (an uninitialised section, a leave by a stranger, a delete under its owner's
 // feet) ends the process with a message.
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/kernel.h"
+#include <atomic>
 #include <new>
 #include <pthread.h>
 

@@ -1,9 +1,10 @@
 // descriptor_watcher.cpp: see descriptor_watcher.h. Events carry an id and not a descriptor, so that one that comes
 // late never reaches the next user of the same number.
 #include "platform/hosted/kernel/descriptor_watcher.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/errors.h"
 #include <cerrno>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <sys/epoll.h>
 #include <thread>

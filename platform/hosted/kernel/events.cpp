@@ -1,8 +1,14 @@
 // events.cpp: events and mutexes.
 // Difference from Windows: a mutex is a name and nothing else; a wait for one is refused (waits.cpp), so who owns it
 // first cannot be seen.
+#include "platform/errors.h"
+#include "platform/hosted/kernel/handles.h"
 #include "platform/hosted/kernel/named_objects.h"
+#include "platform/hosted/kernel/security.h"
 #include "platform/hosted/kernel/waits.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/kernel.h"
 
 namespace hosted {
 namespace {

@@ -1,6 +1,10 @@
 // named_objects.cpp: see named_objects.h. Opening, making and removing happen under the machine's lock; the state
 // itself is changed without it, by atomic operations.
 #include "platform/hosted/kernel/named_objects.h"
+#include "platform/errors.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/utf.h"
 #include <cerrno>
 #include <cstdio>
 #include <cstring>

@@ -2,7 +2,10 @@
 // One small file for each name, mapped by every holder. A holder keeps a shared lock (flock) on it, which the kernel
 // gives back however the process dies; a file that nobody has locked names nothing and is made anew or removed.
 #pragma once
-#include "platform/hosted/internal.h"
+#include "platform/hosted/kernel/handles.h"
+#include "platform/hosted/kernel/security.h"
+#include <atomic>
+#include <string>
 
 namespace hosted {
 

@@ -1,5 +1,9 @@
 // processes.cpp: process ids and sessions. All processes of a machine are in the one session that machine.ini names.
-#include "platform/hosted/internal.h"
+#include "platform/errors.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/machine.h"
+#include "platform/kernel.h"
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>

@@ -3,7 +3,15 @@
 // mark of the file, on a kernel object it is in the object's shared state. Nothing is refused because of it: all
 // processes of a hosted machine run as one user of the host.
 #include "platform/security.h"
+#include "platform/errors.h"
 #include "platform/hosted/files/files.h"
+#include "platform/hosted/kernel/handles.h"
+#include "platform/hosted/kernel/security.h"
+#include "platform/hosted/machine/counts.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/machine.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include <cstdlib>
 #include <cstring>

@@ -1,5 +1,11 @@
 // threads.cpp: threads as objects that are signalled when they end.
+#include "platform/errors.h"
+#include "platform/hosted/kernel/handles.h"
 #include "platform/hosted/kernel/waits.h"
+#include "platform/hosted/machine/counts.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/kernel.h"
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>

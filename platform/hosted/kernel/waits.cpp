@@ -1,5 +1,10 @@
 // waits.cpp: WaitForSingleObject and WaitForMultipleObjects.
 #include "platform/hosted/kernel/waits.h"
+#include "platform/errors.h"
+#include "platform/hosted/kernel/clock.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/kernel.h"
 #include <algorithm>
 #include <cerrno>
 #include <linux/futex.h>

@@ -4,7 +4,9 @@
 // named objects) is announced to all who wait for any such object; what other processes change comes through the
 // machine's wake word, which a watcher thread passes on.
 #pragma once
-#include "platform/hosted/internal.h"
+#include "platform/hosted/kernel/handles.h"
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <vector>

@@ -1,11 +1,17 @@
 // wake_word.cpp: one 32-bit word in run/wake, mapped by every process of the machine and waited for as a futex.
 // Who changes something in run/ adds 1 and wakes. The watcher takes the process's mutex before it wakes the condition,
 // so a thread that has looked and found nothing either sleeps already or looks again.
+#include "platform/errors.h"
+#include "platform/hosted/control.h"
 #include "platform/hosted/kernel/waits.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
 #include <linux/futex.h>
+#include <string>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <thread>

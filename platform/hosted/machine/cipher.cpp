@@ -7,9 +7,11 @@
 // Differences from Windows: only CBC, only block padding, an explicit key object and start vector; everything else is
 // refused. The size of a decryption is told as the input's length, an upper bound, as Windows does for padded data.
 #include "platform/cipher.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/counts.h"
+#include "platform/hosted/machine/faults.h"
 #include "platform/text.h"
 #include <cstring>
+#include <memory>
 #include <new>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>

@@ -1,8 +1,12 @@
 // command_line.cpp: the command line and its arguments.
 // The program's name has rules of its own: a quote ends it, and backslashes mean nothing in it.
 #include "platform/errors.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/counts.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
 #include "platform/hosted/machine/machine.h"
+#include "platform/hosted/machine/program.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/shell.h"
 #include <cstring>
 #include <vector>

@@ -2,7 +2,12 @@
 // The environment is read on the first call of any operation and not by a static object, since the settings go to other
 // files whose globals may not be there yet while static objects are made.
 #include "platform/hosted/control.h"
-#include "platform/hosted/internal.h"
+#include "platform/errors.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/machine.h"
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -11,6 +16,7 @@
 #include <deque>
 #include <fcntl.h>
 #include <mutex>
+#include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,19 +24,11 @@
 
 namespace hosted {
 
-std::atomic<int> g_nSockets{0}, g_nLiveThreads{0}, g_nCiphers{0}, g_nBlocks{0}, g_nWinsockStarts{0};
-
 namespace {
 
 std::atomic<const std::string *> g_psFolder{nullptr};
 std::atomic<bool>                g_bStarted{false};
 thread_local bool                t_bStarting = false;
-
-std::vector<void (*)()> &ResetHooks()
-{
-    static auto &s_aHooks = *new std::vector<void (*)()>;
-    return s_aHooks;
-}
 
 // Every folder so far: what MachineFolder gave stays readable.
 std::deque<std::string> &Folders()
@@ -127,7 +125,7 @@ bool MoveTo(const char *pszFolder)
         SetError(platform::ERROR_INVALID_PARAMETER);
         return false;
     }
-    for (void (*pReset)() : ResetHooks()) pReset();
+    DropWhatBelongsToAMachine();
     g_psFolder.store(nullptr);
     if (!MakeFolders(sFolder + "/run")) {
         SetErrorFromErrno();
@@ -181,11 +179,6 @@ void Start()
     g_bStarted.store(true, std::memory_order_release);
 }
 
-OnUseMachine::OnUseMachine(void (*pReset)())
-{
-    ResetHooks().push_back(pReset);
-}
-
 bool UseMachine(const char *pszFolder)
 {
     Start();
@@ -198,84 +191,5 @@ const char *MachineFolder()
     const std::string *psFolder = g_psFolder.load();
     return psFolder == nullptr ? "" : psFolder->c_str();
 }
-
-std::string RunFolder(const char *pszSub)
-{
-    const std::string sMachine = MachineFolder();
-    if (sMachine.empty()) {
-        SetError(platform::ERROR_PATH_NOT_FOUND);
-        return "";
-    }
-    std::string sFolder = sMachine + "/run/" + pszSub;
-    if (mkdir(sFolder.c_str(), 0777) != 0 && errno != EEXIST) {
-        SetErrorFromErrno();
-        return "";
-    }
-    return sFolder;
-}
-
-MachineLock::MachineLock() : m_nFd(-1)
-{
-    const std::string sMachine = MachineFolder();
-    if (sMachine.empty()) {
-        SetError(platform::ERROR_PATH_NOT_FOUND);
-        return;
-    }
-    const int nFd = open((sMachine + "/run/lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (nFd < 0) {
-        SetErrorFromErrno();
-        return;
-    }
-    int nResult = 0;
-    do {
-        nResult = flock(nFd, LOCK_EX);
-    } while (nResult != 0 && errno == EINTR);
-    if (nResult != 0) {
-        SetErrorFromErrno();
-        close(nFd);
-        return;
-    }
-    m_nFd = nFd;
-}
-
-MachineLock::~MachineLock()
-{
-    if (m_nFd >= 0) close(m_nFd);
-}
-
-void Fatal(const char *pszFormat, ...)
-{
-    va_list args;
-    va_start(args, pszFormat);
-    fputs("hosted machine: ", stderr);
-    vfprintf(stderr, pszFormat, args);
-    fputc('\n', stderr);
-    va_end(args);
-    abort();
-}
-
-void *AllocBlock(size_t cb)
-{
-    void *pMem = calloc(1, cb == 0 ? 1 : cb);
-    if (pMem == nullptr) {
-        SetError(platform::ERROR_NOT_ENOUGH_MEMORY);
-    } else {
-        g_nBlocks++;
-    }
-    return pMem;
-}
-
-void FreeBlock(void *pMem)
-{
-    if (pMem == nullptr) return;
-    free(pMem);
-    g_nBlocks--;
-}
-
-int OpenSockets() { return g_nSockets.load(); }
-int LiveThreads() { return g_nLiveThreads.load(); }
-int OpenCiphers() { return g_nCiphers.load(); }
-int LiveBlocks() { return g_nBlocks.load(); }
-int WinsockStarts() { return g_nWinsockStarts.load(); }
 
 } // namespace hosted

@@ -1,7 +1,8 @@
 // entry.cpp: the start-up code of a hosted program that has a WinMain.
 #include "platform/entry.h"
 #include "platform/hosted/control.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/program.h"
+#include "platform/hosted/machine/utf.h"
 #include <cstdio>
 
 int main()

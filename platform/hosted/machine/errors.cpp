@@ -1,7 +1,10 @@
 // errors.cpp: the last error of each thread, one value for GetLastError and WSAGetLastError as on Windows.
 #include "platform/errors.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/errors.h"
 #include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 
 namespace {
 
@@ -66,4 +69,15 @@ uint32_t hosted::ErrorFromErrno(int nErrno)
     case EOPNOTSUPP:   return ERROR_NOT_SUPPORTED;
     default:           return ERROR_GEN_FAILURE;
     }
+}
+
+void hosted::Fatal(const char *pszFormat, ...)
+{
+    va_list args;
+    va_start(args, pszFormat);
+    fputs("hosted machine: ", stderr);
+    vfprintf(stderr, pszFormat, args);
+    fputc('\n', stderr);
+    va_end(args);
+    abort();
 }

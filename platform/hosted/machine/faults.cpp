@@ -1,7 +1,11 @@
 // faults.cpp: which call fails, and how often each was made.
 // Every public function of the backend comes through FailsNow, so a call without faults costs a look-up and one atomic
 // addition: names live in a table that only grows and is read without a lock.
-#include "platform/hosted/internal.h"
+#include "platform/hosted/control.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include <atomic>
 #include <cstring>
 #include <mutex>
 #include <vector>
@@ -61,8 +65,6 @@ const hosted::OnUseMachine g_Reset(hosted::ClearFaults);
 } // namespace
 
 namespace hosted {
-
-void Start(); // control.cpp: reads the environment on first use
 
 void FailCall(const char *pszCall, int nth, uint32_t dwError, bool bFromThenOn)
 {

@@ -1,7 +1,11 @@
 // machine.cpp: machine.ini and registry.ini of a hosted machine, and making one.
 // The file is small and read anew when it has changed, so a test may edit it under a running process.
 #include "platform/hosted/machine/machine.h"
+#include "platform/errors.h"
+#include "platform/hosted/control.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include <cctype>
 #include <cerrno>

@@ -43,6 +43,12 @@ bool CreateMachine(const std::string &sFolder, const MachinePlan &plan);
 // Moves this process to a machine like UseMachine, but makes nothing that is missing in it; for a tool that reports it.
 bool LookAt(const std::string &sFolder);
 
+// A setting of the current machine's machine.ini; sDefault when it is not there.
+std::string MachineSetting(const char *pszSection, const char *pszKey, const char *pszDefault);
+// Makes what a machine needs at least (machine.ini, registry.ini, drive_c with the known folders) where it is missing;
+// UseMachine has made the folder itself and run/ before. False with the last error set.
+bool MakeMachine(const std::string &sFolder);
+
 // One [folders] entry of the current machine; "" when it cannot be resolved.
 std::string KnownFolderSetting(const char *pszName);
 // All entries of a section of a machine's INI file, in order. False: the file cannot be read, or *pnBadLine (from 1) is

@@ -6,9 +6,14 @@
 //              (a test from the build folder) gives its name in the agent's folder.
 #include "platform/modules.h"
 #include "platform/errors.h"
+#include "platform/hosted/control.h"
 #include "platform/hosted/desktop/user_interface_table.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
 #include "platform/hosted/machine/machine.h"
+#include "platform/hosted/machine/program.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include "platform/version_info.h"
 #include <algorithm>

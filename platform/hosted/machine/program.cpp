@@ -1,6 +1,7 @@
 // program.cpp: the program's file and command line, read from the kernel so that tests and tools have them without
 // entry.cpp.
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/program.h"
+#include "platform/hosted/machine/utf.h"
 #include <climits>
 #include <fstream>
 #include <iterator>

@@ -1,6 +1,11 @@
 // runtime_library.cpp: the functions of the C run-time library that the interfaces name.
 // _access takes mode 0 (exists), 2 (may be written), 4 and 6, as the run-time library does; any other mode is EINVAL.
+#include "platform/errors.h"
+#include "platform/files.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/utf.h"
 #include <cerrno>
 #include <cstring>
 

@@ -2,9 +2,12 @@
 // A code without a text fails as on Windows (ERROR_MR_MID_NOT_FOUND). IGNORE_INSERTS is always asked for, so the texts
 // hold no inserts.
 #include "platform/errors.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/counts.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
 #include <algorithm>
 #include <iterator>
+#include <string>
 
 namespace {
 

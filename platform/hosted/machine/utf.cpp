@@ -1,7 +1,7 @@
 // utf.cpp: UTF-16 of the interfaces, UTF-8 of the host.
 // A Windows name is any sequence of 16-bit units and a host name any sequence of bytes, so both directions must keep
 // what is not valid: otherwise a file could be listed and then not be found again.
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/utf.h"
 
 namespace {
 

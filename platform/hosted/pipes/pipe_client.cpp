@@ -1,12 +1,21 @@
 // pipe_client.cpp: the client's side of named pipes: finding a free instance, writing within the server's in-buffer.
+#include "platform/hosted/pipes/pipe_client.h"
+#include "platform/errors.h"
+#include "platform/files.h"
+#include "platform/hosted/kernel/handles.h"
+#include "platform/hosted/kernel/security.h"
 #include "platform/hosted/kernel/unix_sockets.h"
 #include "platform/hosted/kernel/waits.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
 #include "platform/hosted/pipes/pipe_credits.h"
 #include "platform/hosted/pipes/pipe_instances.h"
 #include "platform/pipes.h"
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
 

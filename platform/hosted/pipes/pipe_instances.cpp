@@ -1,8 +1,12 @@
 // pipe_instances.cpp: see pipe_instances.h.
 #include "platform/hosted/pipes/pipe_instances.h"
-#include "platform/hosted/internal.h"
+#include "platform/errors.h"
 #include "platform/hosted/kernel/named_objects.h"
 #include "platform/hosted/kernel/unix_sockets.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/utf.h"
+#include "platform/hosted/pipes/pipe_client.h"
 #include "platform/text.h"
 #include <algorithm>
 #include <cerrno>

@@ -3,6 +3,7 @@
 //   00000001.socket    where one client connects; there only while the instance is free
 // All functions are called under MachineLock.
 #pragma once
+#include "platform/hosted/kernel/security.h"
 #include <cstdint>
 #include <string>
 #include <vector>

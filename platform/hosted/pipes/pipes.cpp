@@ -4,14 +4,22 @@
 // credit waits.
 // Differences from Windows: inbound byte-read message pipes only (others: ERROR_NOT_SUPPORTED); an
 // in-buffer of 0 holds one byte; the number of instances is bounded by the value that each creator gives.
-#include "platform/pipes.h"
+#include "platform/hosted/pipes/pipes.h"
+#include "platform/errors.h"
 #include "platform/hosted/kernel/descriptor_watcher.h"
+#include "platform/hosted/kernel/handles.h"
+#include "platform/hosted/kernel/security.h"
 #include "platform/hosted/kernel/unix_sockets.h"
 #include "platform/hosted/kernel/waits.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
 #include "platform/hosted/pipes/pipe_credits.h"
 #include "platform/hosted/pipes/pipe_instances.h"
+#include "platform/pipes.h"
 #include <cerrno>
 #include <poll.h>
+#include <string>
 #include <sys/socket.h>
 #include <unistd.h>
 

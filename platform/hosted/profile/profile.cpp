@@ -1,7 +1,11 @@
 // profile.cpp: the private-profile functions.
 // The narrow functions are the wide ones with the text converted: a file with FF FE stays UTF-16LE whoever writes it.
 #include "platform/profile.h"
+#include "platform/errors.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/hosted/profile/profile_store.h"
 #include "platform/text.h"
 #include <cstring>

@@ -3,11 +3,13 @@
 // process that is killed inside must not keep the others out, so it is robust. What the dead one leaves behind is a
 // whole file (profile_store.cpp says why), hence nothing has to be repaired.
 #include "platform/hosted/profile/profile_lock.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/current_machine.h"
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <mutex>
 #include <pthread.h>
+#include <string>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>

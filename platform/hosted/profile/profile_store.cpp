@@ -7,7 +7,12 @@
 // alone: where stamps are coarse, a change of the same length within one tick is not. A relative file name counts from
 // C:\Windows, as on Windows.
 #include "platform/hosted/profile/profile_store.h"
+#include "platform/errors.h"
+#include "platform/files.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/hosted/profile/profile_lock.h"
 #include "platform/text.h"
 #include <cerrno>

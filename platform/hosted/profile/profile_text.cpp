@@ -4,7 +4,7 @@
 // line costs no more than moving the text behind it, and finding one costs a hash. A section ends at the last ']' of
 // its line: folder names with brackets are section names here.
 #include "platform/hosted/profile/profile_text.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include <bit>
 #include <cstring>

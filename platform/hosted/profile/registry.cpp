@@ -2,8 +2,13 @@
 // A section is a key's whole name, "[HKEY_LOCAL_MACHINE\SOFTWARE\...]"; a value is "Name=dword:1f" (hexadecimal, as in
 // an exported registry file) or "Name=text". A key exists when its section or one below it does.
 #include "platform/registry.h"
+#include "platform/errors.h"
+#include "platform/hosted/control.h"
 #include "platform/hosted/files/disk.h"
+#include "platform/hosted/machine/counts.h"
+#include "platform/hosted/machine/faults.h"
 #include "platform/hosted/machine/machine.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include <cstdlib>
 #include <cstring>

@@ -13,7 +13,10 @@
 // The file is read by every query, so that a test may change it while the program runs.
 #include "platform/adapters.h"
 #include "platform/errors.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/counts.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/machine.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include <cstdio>
 #include <cstring>

@@ -2,8 +2,11 @@
 // The delay and the replaced time-out are real milliseconds, whatever the clock rate. The cut counts the bytes that all
 // sockets of the process have really sent, breaks the connections of that moment, and is then used up: a later
 // connection lives. The peer gets a reset after it has read what had arrived.
-#include "platform/hosted/internal.h"
+#include "platform/hosted/control.h"
+#include "platform/hosted/kernel/clock.h"
+#include "platform/hosted/machine/current_machine.h"
 #include "platform/hosted/sockets/socket_table.h"
+#include <atomic>
 #include <cerrno>
 #include <ctime>
 #include <sys/socket.h>

@@ -1,6 +1,7 @@
 // socket_names.cpp: getaddrinfo for IPv4.
 // The result's blocks are counted like every other memory that an interface hands out: one block for each entry.
-#include "platform/hosted/internal.h"
+#include "platform/hosted/machine/counts.h"
+#include "platform/hosted/machine/faults.h"
 #include "platform/hosted/sockets/socket_table.h"
 #include <cctype>
 #include <cstdlib>

@@ -3,7 +3,10 @@
 // Differences from Windows: a receive or send that another thread's closesocket ends gives WSAENOTSOCK at once, where
 // Windows gives that or WSAEINTR or WSAECONNABORTED by the moment; a blocked accept gives WSAEINTR, as there.
 #include "platform/hosted/sockets/socket_table.h"
-#include "platform/hosted/internal.h"
+#include "platform/errors.h"
+#include "platform/hosted/machine/counts.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>

@@ -4,12 +4,12 @@
 // SEND_HOLD_BYTES. A receive never waits for more than there is: it blocks only while nothing has arrived.
 // When gathered bytes cannot be sent (time-out, reset), the rest of that hold is dropped and every send up to the flush
 // gives the same error, the flush too: half an exchange is never followed by more of it.
-#include "platform/hosted/internal.h"
 #include "platform/hosted/sockets/socket_table.h"
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <memory>
 #include <netinet/tcp.h>
 #include <sched.h>
 #include <sys/socket.h>

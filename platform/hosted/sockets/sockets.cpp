@@ -1,11 +1,11 @@
 // sockets.cpp: making, naming, connecting and setting up sockets.
 // Two defaults of Linux are turned into Windows': a listening port may be taken again while old connections of it wait out
 // their time, but never while another socket is bound to it; and send/receive time-outs act on neither connect nor accept.
-#include "platform/hosted/internal.h"
 #include "platform/hosted/sockets/socket_table.h"
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>

@@ -1,10 +1,16 @@
 // debug_output.cpp: the debugger output of a hosted machine: its trace/debug.log, and what a test keeps.
 // Most runs want neither. Whether trace/debug.on exists is looked up once a second at most, on a clock that costs no
 // call.
+#include "platform/errors.h"
 #include "platform/event_tracing.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/control.h"
+#include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/utf.h"
 #include "platform/hosted/trace/trace_lines.h"
 #include "platform/hosted/trace/trace_sessions.h"
+#include <atomic>
 #include <ctime>
 #include <fcntl.h>
 #include <mutex>

@@ -11,10 +11,13 @@
 //          written.
 #include "platform/event_tracing.h"
 #include "platform/errors.h"
-#include "platform/hosted/internal.h"
+#include "platform/hosted/control.h"
+#include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/faults.h"
 #include "platform/hosted/trace/trace_lines.h"
 #include "platform/hosted/trace/trace_sessions.h"
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -24,9 +27,12 @@
 #include <fcntl.h>
 #include <fstream>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <poll.h>
 #include <sstream>
+#include <string>
+#include <string_view>
 #include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>

@@ -9,8 +9,10 @@
 #include "ipc/service_pipe_client.h"
 #include "ipc/stop_signal.h"
 #include "ipc/thread_execution.h"
+#include "net/role_end.h"
 #include "net/session_control.h"
 #include "net/settings.h"
+#include "platform/detached_thread.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/kernel.h"
@@ -116,14 +118,9 @@ static void StartServiceExitWatcher()
     auto *pBlock =
         new (std::nothrow) WatcherBlock{DuplicateOwnHandle(g_hServiceExitEvent), DuplicateOwnHandle(g_hAppEvent)};
     if (pBlock == nullptr) return;
-    HANDLE hThread = nullptr;
-    if (pBlock->hServiceExit != nullptr && pBlock->hStop != nullptr) {
-        hThread = CreateThread(nullptr, 0, ServiceExitWatcherThread, pBlock, 0, nullptr);
-    }
-    if (hThread != nullptr) {
-        CloseHandle(hThread);
+    if (pBlock->hServiceExit != nullptr && pBlock->hStop != nullptr &&
+        StartDetachedThread(ServiceExitWatcherThread, pBlock))
         return;
-    }
     if (pBlock->hServiceExit != nullptr) CloseHandle(pBlock->hServiceExit);
     if (pBlock->hStop != nullptr) CloseHandle(pBlock->hStop);
     delete pBlock;

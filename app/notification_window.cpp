@@ -7,8 +7,10 @@
 #include "ipc/ipc_message.h"
 #include "ipc/service_pipe_client.h"
 #include "net/network_link.h"
+#include "net/role_end.h"
 #include "net/session_control.h"
 #include "platform/modules.h"
+#include "platform/system_library.h"
 #include "platform/text.h"
 #include "trace/trace_log.h"
 
@@ -124,15 +126,8 @@ static HWND MakeWindow(HINSTANCE hInstance)
 
 static void RegisterForSession(HWND hWnd)
 {
-    char16_t szFolder[MAX_PATH];
-    char16_t szPath[MAX_PATH];
-    if (g_hWtsapi32 == nullptr) {
-        const uint32_t cchFolder = GetSystemDirectoryW(szFolder, MAX_PATH);
-        if (cchFolder == 0 || cchFolder >= MAX_PATH) return;
-        if (FormatTextW(szPath, MAX_PATH, u"%s\\Wtsapi32.dll", szFolder) < 0) return;
-        g_hWtsapi32 = LoadLibraryW(szPath);
-        if (g_hWtsapi32 == nullptr) return;
-    }
+    if (g_hWtsapi32 == nullptr) g_hWtsapi32 = LoadSystemLibrary(u"Wtsapi32.dll");
+    if (g_hWtsapi32 == nullptr) return;
     const auto pfnRegisterSession = reinterpret_cast<WTSRegisterSessionNotificationProc>(
         GetProcAddress(g_hWtsapi32, "WTSRegisterSessionNotification"));
     if (pfnRegisterSession == nullptr) return;

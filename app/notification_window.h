@@ -8,7 +8,6 @@
 
 constexpr char16_t WINDOW_CLASS_NAME[] = u"VORN Migration Network App Class";
 constexpr char16_t WINDOW_TITLE[]      = u"VORN Migration Network App";
-constexpr char16_t CONTROL_MESSAGE_NAME[] = u"VORN Migration Control Notification to Net";
 
 // A second start posts the control message with these to the running instance, which announces itself to the service
 // again.

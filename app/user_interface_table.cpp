@@ -1,8 +1,7 @@
 // user_interface_table.cpp: one table of names, log names and pointers; binding and unbinding run through it.
 // Functions that nobody calls stand in it too: their log lines tell support which Windows the agent met.
 #include "app/user_interface_table.h"
-#include "app/notification_window.h"
-#include "platform/modules.h"
+#include "platform/system_library.h"
 #include "platform/text.h"
 #include "trace/trace_log.h"
 #include <cstring>
@@ -106,17 +105,6 @@ static BoundFunction g_aShell32[] = {
 };
 static_assert(std::size(g_aShell32) == 5);
 
-// The library from the system folder, by its full path: nothing that lies beside the program is taken for it.
-static HMODULE LoadSystemLibrary(const char16_t *pszFormat)
-{
-    char16_t szFolder[MAX_PATH];
-    char16_t szPath[MAX_PATH];
-    const uint32_t cchFolder = GetSystemDirectoryW(szFolder, MAX_PATH);
-    if (cchFolder == 0 || cchFolder >= MAX_PATH) return nullptr;
-    if (FormatTextW(szPath, MAX_PATH, pszFormat, szFolder) < 0) return nullptr;
-    return LoadLibraryW(szPath);
-}
-
 template <size_t nFunctions> static void BindFunctions(HMODULE hModule, BoundFunction (&aFunctions)[nFunctions])
 {
     for (BoundFunction &function : aFunctions) {
@@ -144,7 +132,7 @@ template <size_t nFunctions> static void ReleaseFunctions(HMODULE *phModule, Bou
 
 int32_t BindUser32Functions()
 {
-    if (g_hUser32 == nullptr) g_hUser32 = LoadSystemLibrary(u"%s\\user32.dll");
+    if (g_hUser32 == nullptr) g_hUser32 = LoadSystemLibrary(u"user32.dll");
     if (g_hUser32 == nullptr) return 0;
     BindFunctions(g_hUser32, g_aUser32);
     const RegisterWindowMessageWProc pfnRegisterWindowMessageW = g_pfnRegisterWindowMessageW;
@@ -161,7 +149,7 @@ int32_t UnbindUser32Functions()
 
 int32_t BindShell32Functions()
 {
-    if (g_hShell32 == nullptr) g_hShell32 = LoadSystemLibrary(u"%s\\Shell32.dll");
+    if (g_hShell32 == nullptr) g_hShell32 = LoadSystemLibrary(u"Shell32.dll");
     if (g_hShell32 == nullptr) return 0;
     BindFunctions(g_hShell32, g_aShell32);
     return 1;

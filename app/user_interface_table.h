@@ -26,7 +26,8 @@ void ReleaseShell32Functions();
 void EnterBoundCall();
 void LeaveBoundCall();
 
-// The registered message "VORN Migration Control Notification to Net"; 0 when it could not be registered. Main thread.
+constexpr char16_t CONTROL_MESSAGE_NAME[] = u"VORN Migration Control Notification to Net";
+// That message, registered; 0 when it could not be registered. Main thread.
 extern uint32_t g_dwControlMessage;
 
 extern std::atomic<platform::RegisterWindowMessageWProc>           g_pfnRegisterWindowMessageW;

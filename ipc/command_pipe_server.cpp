@@ -6,7 +6,9 @@
 // are not much too late.
 #include "ipc/command_pipe_server.h"
 #include "ipc/service_pipe_client.h"
+#include "ipc/service_requests.h"
 #include "ipc/stop_signal.h"
+#include "platform/detached_thread.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/kernel.h"
@@ -82,14 +84,10 @@ static void StartReader(HANDLE hPipe)
     for (uint32_t n = 0; n < FIRST_RECORDS_POLLS && g_hSilentPipe != nullptr; n++) {
         if (WaitForStop(FIRST_RECORDS_POLL_MS)) break;
     }
-    g_hSilentPipe        = hPipe;
-    const HANDLE hThread = CreateThread(nullptr, 0, NetLoopThread, hPipe, 0, nullptr);
-    if (hThread != nullptr) {
-        CloseHandle(hThread);
-    } else {
-        g_hSilentPipe = nullptr;
-        CloseHandle(hPipe);
-    }
+    g_hSilentPipe = hPipe;
+    if (StartDetachedThread(NetLoopThread, hPipe)) return;
+    g_hSilentPipe = nullptr;
+    CloseHandle(hPipe);
 }
 
 // Lets the next connection be read, if it waits for this one.

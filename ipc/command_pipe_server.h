@@ -23,7 +23,3 @@ extern std::atomic<platform::HANDLE> g_hStartupEvent;
 uint32_t CommandPipeServerThread(void *pUnused);
 // pPipe: the connected pipe's handle, owned by the thread from here on. Result 0.
 uint32_t NetLoopThread(void *pPipe);
-
-// Filters one record of the service (dwSessionId 0) and acts on it or hands it to a worker (service_requests.cpp).
-// Never waits. Any thread; takes no lock of its own. The record's texts may lack terminators.
-void NetHandleIPC(const IpcMessage *pRecord);

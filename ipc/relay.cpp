@@ -6,25 +6,15 @@
 #include "ipc/service_pipe_client.h"
 #include "ipc/thread_execution.h"
 #include "migration/collection.h"
-#include "migration/special_data.h"
+#include "migration/special_folders.h"
 #include "net/network_link.h"
+#include "net/received_file.h"
 #include "platform/text.h"
 #include "trace/trace_log.h"
 #include <cstring>
 #include <new>
 
 using namespace platform;
-
-uint32_t g_dwReceiveProgressTag   = NO_PROGRESS_TAG;
-int64_t  g_llReceiveProgressDone  = 0;
-int64_t  g_llReceiveProgressTotal = 0;
-
-void ResetRelay()
-{
-    g_dwReceiveProgressTag   = NO_PROGRESS_TAG;
-    g_llReceiveProgressDone  = 0;
-    g_llReceiveProgressTotal = 0;
-}
 
 // The peer's files of the shared data folder have been stored below the own application data: the service must look
 // there.
@@ -73,14 +63,6 @@ static int32_t PassLongText(const IpcMessage *pRecord)
     return 1;
 }
 
-static int32_t StartReceiveProgress(uint32_t dwTag, const char16_t *pszTotal)
-{
-    g_dwReceiveProgressTag   = dwTag;
-    g_llReceiveProgressDone  = 0;
-    g_llReceiveProgressTotal = TextToInt64W(pszTotal);
-    return 1;
-}
-
 // The table. 0 when the record has no row.
 static int32_t RelayRecord(const IpcMessage *pRecord)
 {
@@ -106,7 +88,10 @@ static int32_t RelayRecord(const IpcMessage *pRecord)
         break;
     case ATOS_UPDATEPERCENTAGE:
         if (p1 < 101) return Pass(ATOS_UPDATEPERCENTAGE, p1, p2, p3, t1);
-        if (p1 == IPC_PARAM_TOTAL) return StartReceiveProgress(p2, t1);
+        if (p1 == IPC_PARAM_TOTAL) {
+            StartReceiveProgress(p2, TextToInt64W(t1));
+            return 1;
+        }
         break;
     case STON_COLLECTIONFOLDERS:
         if (p1 == IPC_PARAM_REQUEST) return Pass(NTOS_COLLECTIONFOLDERS, 1, p2, p3, t1, t2);

@@ -6,6 +6,7 @@
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/kernel.h"
+#include "platform/made_once.h"
 #include "platform/pipes.h"
 #include "platform/text.h"
 #include "trace/trace_log.h"
@@ -24,12 +25,10 @@ static HANDLE     g_hQueueEvent; // auto-reset; null while no sender thread wait
 
 static std::atomic<uint32_t> g_dwOwnSession{SESSION_UNKNOWN};
 
+static CRITICAL_SECTION g_csQueue;
 static CRITICAL_SECTION *QueueLock()
 {
-    static CRITICAL_SECTION g_csQueue;
-    static const bool       g_bMade = (InitializeCriticalSection(&g_csQueue), true);
-    static_cast<void>(g_bMade);
-    return &g_csQueue;
+    return MadeOnce<&g_csQueue>();
 }
 
 uint32_t GetOwnSessionId()

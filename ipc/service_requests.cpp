@@ -1,10 +1,12 @@
 // service_requests.cpp: which of the service's records the agent accepts, and what it does with each.
 // The conditions are strict on purpose: a record that does not fit exactly is an answer on its way to somebody else, or
 // an older service's, and must not start a transfer.
+#include "ipc/service_requests.h"
 #include "app/notification_window.h"
-#include "ipc/command_pipe_server.h"
 #include "ipc/thread_execution.h"
 #include "migration/special_data.h"
+#include "migration/special_folders.h"
+#include "migration/special_requests.h"
 #include "net/session_control.h"
 #include "trace/trace_log.h"
 

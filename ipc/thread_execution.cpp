@@ -1,6 +1,7 @@
 // thread_execution.cpp: the list of running transfers.
 #include "ipc/thread_execution.h"
 #include "platform/kernel.h"
+#include "platform/made_once.h"
 #include <new>
 
 using namespace platform;
@@ -18,12 +19,10 @@ static bool           g_bListOpen;
 static ExecutionNode *g_pFirstNode;
 static ExecutionNode *g_pLastNode;
 
+static CRITICAL_SECTION g_csList;
 static CRITICAL_SECTION *ListLock()
 {
-    static CRITICAL_SECTION g_csList;
-    static const bool       g_bMade = (InitializeCriticalSection(&g_csList), true);
-    static_cast<void>(g_bMade);
-    return &g_csList;
+    return MadeOnce<&g_csList>();
 }
 
 // [list lock held] A closed list has no nodes.

@@ -6,12 +6,14 @@
 #include "ipc/stop_signal.h"
 #include "ipc/thread_execution.h"
 #include "migration/collection_items.h"
-#include "migration/machine_info.h"
+#include "migration/known_folders.h"
+#include "migration/peer_reports.h"
 #include "migration/record_store.h"
-#include "migration/special_data.h"
 #include "migration/state_files.h"
 #include "net/network_link.h"
-#include "net/session_control.h"
+#include "net/role_end.h"
+#include "net/session_state.h"
+#include "platform/detached_thread.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/profile.h"
@@ -210,11 +212,7 @@ static uint32_t CollectionThread(void *pRequest)
 
 int32_t StartCollection(CollectionRequest *pRequest)
 {
-    HANDLE hThread = CreateThread(nullptr, 0, CollectionThread, pRequest, 0, nullptr);
-    if (hThread == nullptr) {
-        delete pRequest;
-        return 0;
-    }
-    CloseHandle(hThread);
-    return 1;
+    if (StartDetachedThread(CollectionThread, pRequest)) return 1;
+    delete pRequest;
+    return 0;
 }

@@ -6,13 +6,14 @@
 // name; to skip it would cost the file itself if the peer did not store it.)
 #include "migration/collection_items.h"
 #include "ipc/thread_execution.h"
+#include "migration/peer_reports.h"
 #include "migration/record_store.h"
-#include "migration/special_data.h"
 #include "migration/state_files.h"
 #include "net/command_channel.h"
 #include "platform/path.h"
 #include "platform/text.h"
 #include "trace/trace_log.h"
+#include "transfer/file_queries.h"
 #include "transfer/network_send.h"
 #include <algorithm>
 #include <new>

@@ -75,9 +75,3 @@ int32_t CreateFolderTree(const char16_t *pszFolder)
     return 0;
 }
 
-const char16_t *LongPathForm(const char16_t *pszPath, size_t cchLimit, char16_t (&szLong)[LONG_PATH_UNITS])
-{
-    if (TextLengthBoundedW(pszPath, cchLimit) < cchLimit) return pszPath;
-    if (CompareTextNoCaseN_W(pszPath, LONG_PATH_PREFIX, PREFIX_UNITS) == 0) return pszPath;
-    return FormatTextW(szLong, LONG_PATH_UNITS, u"%s%s", LONG_PATH_PREFIX, pszPath) < 0 ? pszPath : szLong;
-}

@@ -1,6 +1,6 @@
 // known_folders.cpp: the folders of this machine that both machines have under different paths.
 // A folder that cannot be resolved gives an empty entry and not a missing one: position is meaning here.
-#include "migration/machine_info.h"
+#include "migration/known_folders.h"
 #include "platform/path.h"
 #include "platform/shell.h"
 #include "platform/text.h"

@@ -1,4 +1,5 @@
 // local_info.cpp: what each machine tells the other about itself at the start of a session.
+#include "migration/local_info.h"
 #include "migration/machine_info.h"
 #include "migration/state_files.h"
 #include "net/command_channel.h"
@@ -97,4 +98,9 @@ void ReadTargetInfo(SessionRecord *pSession, char16_t *pszPeerName, uint32_t cch
     pSession->bPeerAtLeast1040       = static_cast<uint32_t>(CompareVersion(pSession->szPeerVersion, VERSION_1040));
     pSession->bPeerAtLeast1050       = bAtLeast1050;
     pSession->bPeerAtLeast1050Second = bAtLeast1050;
+}
+
+void ResetLocalInfo()
+{
+    g_szProductVersion[0] = u'\0';
 }

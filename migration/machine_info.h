@@ -8,23 +8,16 @@
 //            [Volume]         Number; [Volume0] [Volume1] ...: Path, the root of a fixed volume
 // Threads  any; no lock.
 #pragma once
+#include "migration/known_folders.h"
 #include "migration/string_list.h"
 #include "platform/types.h"
 #include <cstdint>
-
-constexpr uint32_t SYSTEM_FOLDER_COUNT = 6; // Windows, ProgramFilesX86, ProgramFilesX64, ProgramData, Public, Profile
-constexpr uint32_t USER_FOLDER_COUNT   = 3; // Desktop, Documents, Pictures
-constexpr size_t   MACHINE_TEXT_UNITS  = 260;
 
 // Names that readers of the file outside this module use.
 constexpr char16_t SOURCE_MACHINE_SECTION[] = u"SourceMachine";
 constexpr char16_t COMPUTER_NAME_KEY[]      = u"\"ComputerName\"";
 constexpr char16_t CURRENT_USER_KEY[]       = u"\"CurrentUser\"";
 
-// Append one entry for each known folder in the order above, with trailing backslash, empty when it cannot be resolved:
-// the two machines' lists are paired by position. (Fewer entries only without memory.)
-void GetSystemFolderList(StringList *pList);
-void GetUserFolderList(StringList *pList);
 // Roots ("C:\") of the fixed drives without removable media that are no hot-plug devices, in letter order. A drive that
 // does not answer the hot-plug query counts as one that cannot be pulled.
 void GetFixedVolumes(StringList *pList);
@@ -38,10 +31,3 @@ int32_t WriteMachineInfo(const char16_t *pszIniPath, const char16_t *pszCurrentU
 // Each list may be null and is filled only when empty. 1 when the system folder list was filled (with empty texts where
 // the file says nothing, so also for a missing file). Volumes: drive roots only, everything else is passed over.
 int32_t ReadMachineInfo(const char16_t *pszIniPath, StringList *pSystem, StringList *pUser, StringList *pVolumes);
-// What the walk through whole drives leaves out; entries without trailing backslash. Lists may be null.
-//   pSystem        Windows, both program folders, ProgramData, and what an earlier Windows left behind
-//   ("C:\Windows.old")
-//   pUserProfiles  the folder that holds all users' profiles
-//   pProfile       this user's profile and the public one
-// The last two are filled together, each as far as the folders can be resolved in that order.
-void GetUpgradeFolders(StringList *pSystem, StringList *pUserProfiles, StringList *pProfile);

@@ -1,12 +1,15 @@
 // special_requests.cpp: one request of the service carried to the peer: its files first, then its record, then the
 // cache. The record goes last because the peer's service acts on it at once and expects the files to be there. Each
 // request runs on a thread of its own and belongs to the link it began on.
+#include "migration/special_requests.h"
 #include "app/user_interface_table.h"
 #include "ipc/service_pipe_client.h"
 #include "ipc/stop_signal.h"
 #include "ipc/thread_execution.h"
 #include "migration/special_data.h"
+#include "migration/special_folders.h"
 #include "net/network_link.h"
+#include "platform/detached_thread.h"
 #include "platform/files.h"
 #include "platform/kernel.h"
 #include "platform/path.h"
@@ -17,6 +20,8 @@
 #include <new>
 
 using namespace platform;
+
+std::atomic<uint32_t> g_nTotalsUnderWay;
 
 constexpr char16_t CACHE_RESERVED_EVENT[] = u"Global\\VORN VornMigrationService Cache Reserved Event";
 constexpr uint32_t TWO_PATHS_KIND         = 2; // of an answer 0x1130: its second text names a file too
@@ -196,12 +201,8 @@ int32_t StartSpecialTransfer(const IpcMessage *pRequest)
     pSpecial->dwLinkGeneration                   = g_dwLinkGeneration;
     pSpecial->bTotal = pRequest->dwCommand == ATOS_UPDATEPERCENTAGE && pRequest->dwParam1 == IPC_PARAM_TOTAL;
     if (pSpecial->bTotal) ++g_nTotalsUnderWay;
-    HANDLE hThread = CreateThread(nullptr, 0, SpecialTransferThread, pSpecial, 0, nullptr);
-    if (hThread == nullptr) {
-        if (pSpecial->bTotal) --g_nTotalsUnderWay;
-        delete pSpecial;
-        return 0;
-    }
-    CloseHandle(hThread);
-    return 1;
+    if (StartDetachedThread(SpecialTransferThread, pSpecial)) return 1;
+    if (pSpecial->bTotal) --g_nTotalsUnderWay;
+    delete pSpecial;
+    return 0;
 }

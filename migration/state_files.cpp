@@ -7,6 +7,8 @@
 #include "migration/folders.h"
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/made_once.h"
+#include "platform/path.h"
 #include "platform/profile.h"
 #include "platform/security.h"
 #include "platform/shell.h"
@@ -31,12 +33,10 @@ constexpr uint32_t LINE_END_UNITS    = 2;
 static std::atomic<uint32_t> g_bProgressFolderKnown; // set once the path stands; writers hold the lock below
 
 // Guards the first filling of g_szProgressFolder; the disk is touched under it, no other lock is taken.
+static CRITICAL_SECTION g_csState;
 static CRITICAL_SECTION *StateLock()
 {
-    static CRITICAL_SECTION csState;
-    static const bool       bMade = (InitializeCriticalSection(&csState), true);
-    (void)bMade;
-    return &csState;
+    return MadeOnce<&g_csState>();
 }
 
 static int32_t GetProgramDataPath(const char16_t *pszTail, char16_t *pszPath)
@@ -273,5 +273,4 @@ void ResetStateFiles()
     g_bProgressFolderKnown.store(0, std::memory_order_relaxed);
     g_szProgressFolder[0] = u'\0';
     LeaveCriticalSection(StateLock());
-    g_szProductVersion[0] = u'\0';
 }

@@ -8,14 +8,12 @@
 // thread.
 #pragma once
 #include "migration/string_list.h"
-#include "net/session_control.h"
 #include <cstdint>
 
 constexpr size_t STATE_PATH_UNITS = 260;
 
-// Built on first use and never changed afterwards; read them after GetProgressFolder / WriteLocalInfo have given 1.
+// Built on first use and never changed afterwards; read it after GetProgressFolder has given 1.
 extern char16_t g_szProgressFolder[STATE_PATH_UNITS];
-extern char16_t g_szProductVersion[STATE_PATH_UNITS]; // from the version resource; empty when there is none
 
 constexpr char16_t PROGRESS_INFO_FILE[] = u"progressinfo.ini";
 constexpr char16_t RECORD_INFO_FILE[]   = u"recordinfo.ini";
@@ -47,15 +45,6 @@ int32_t GetMappingFolder(char16_t *pszPath);
 int32_t CreateStateFile(const char16_t *pszPath);
 // Bytes; bTotal 1: all, 0: received so far. 0 when not known.
 uint64_t GetProgressSize(int32_t bTotal);
-// Writes localinfo.ini anew. 1, or 0 when the progress folder is unavailable. The session's own mapping path is read.
-int32_t WriteLocalInfo(SessionRecord *pSession);
-// The result of SendNetworkFile for localinfo.ini; 0 when there is no progress folder.
-int32_t SendLocalInfo();
-// 1 when version a ("%u.%u.%u.%u", missing parts 0) is not lower than b.
-int32_t CompareVersion(const char16_t *pszA, const char16_t *pszB);
-// Reads the peer's name (may be null) and the session's fields from targetinfo.ini; what it does not say is empty, and
-// the version then 1.0.2.0, the last one that did not say it. Session thread.
-void ReadTargetInfo(SessionRecord *pSession, char16_t *pszPeerName, uint32_t cchPeerName);
 // 1 when the line is in completeinfo.ini; 0 when it is not, also for a path that no line has room for. What a process
 // that was killed half-way through a line left behind never becomes one.
 int32_t AppendCompleteInfo(const char16_t *pszPath, int32_t bFolder);
@@ -63,5 +52,5 @@ int32_t AppendCompleteInfo(const char16_t *pszPath, int32_t bFolder);
 // that does not end in CR LF, names nothing, or could not be kept whole is passed over.
 // 1, or 0 when the file cannot be opened or read (GetLastError); the lists then hold what was read until then.
 int32_t ReadPathLines(const char16_t *pszFile, StringList *pFolders, StringList *pFiles);
-// Forgets the cached folder and version. Tests only.
+// Forgets the cached folder. Tests only.
 void ResetStateFiles();

@@ -1,6 +1,5 @@
 // unique_name.cpp: names for files whose own name is taken at their destination.
 #include "migration/unique_name.h"
-#include "migration/folders.h"
 #include "platform/files.h"
 #include "platform/path.h"
 #include "platform/text.h"

@@ -1,5 +1,5 @@
 // adapter_queries.cpp: which network this machine is on, as far as the fallback of the server search asks.
-#include "net/client_role.h"
+#include "net/adapter_queries.h"
 #include "platform/adapters.h"
 #include "platform/errors.h"
 #include "platform/text.h"

@@ -1,6 +1,10 @@
 // client_discovery.cpp: the search for servers, and the fallback to the one of the last session.
 // The discovery program writes what it finds into Socket.dat while the search runs; each round reads it anew.
+#include "net/client_discovery.h"
+#include "net/adapter_queries.h"
 #include "net/client_role.h"
+#include "net/network_link.h"
+#include "net/role_end.h"
 #include "net/settings.h"
 #include "platform/kernel.h"
 #include "platform/profile.h"
@@ -8,8 +12,6 @@
 #include "trace/debug_output.h"
 
 using namespace platform;
-
-std::atomic<uint8_t> g_bClientEnuming{0};
 
 namespace {
 

@@ -1,10 +1,11 @@
-// client_role.cpp: one attempt to reach a server, and the end of the role.
+// client_role.cpp: one attempt to reach a server.
 // ClientUninit cannot wake a connect that blocks; an attempt therefore looks at g_bStopClientEnum after each step, and
 // publishes its socket under the role lock only while neither that flag nor a new link number says that the role has
 // ended.
 #include "net/client_role.h"
-#include "net/command_channel.h"
-#include "net/server_role.h"
+#include "net/listener.h"
+#include "net/network_link.h"
+#include "net/role_end.h"
 #include "net/settings.h"
 #include "platform/errors.h"
 #include "platform/text.h"
@@ -13,8 +14,6 @@
 
 using namespace platform;
 
-std::atomic<uint8_t> g_bStopClientEnum{0};
-std::atomic<HANDLE>  g_hClientExitEvent{nullptr};
 char                 g_szServerIP[20];
 
 namespace {
@@ -24,8 +23,6 @@ constexpr char16_t OPERATION[]         = u"ClientInit";
 constexpr char     DEFAULT_ADDRESS[]   = "127.0.0.1";
 constexpr char     DEFAULT_PORT[]      = "9001";
 constexpr char     ADMITTED_ANSWER[]   = "pwack=1";
-
-std::atomic<uint8_t> g_bClientWinsock{0}; // 1 while the role's WSAStartup is to be undone
 
 bool IsStopped()
 {
@@ -205,34 +202,4 @@ int32_t ClientInit(const char *pszAddress, const char *pszPassword, const char *
 {
     uint32_t dwGeneration = 0;
     return ClientInitLink(pszAddress, pszPassword, pszPort, &dwGeneration);
-}
-
-void ClientUninitLink(uint32_t dwGeneration)
-{
-    TraceDebugA("[ClientUninit] i am called...");
-    EnterRoleChange();
-    if (dwGeneration == 0 || dwGeneration == g_dwLinkGeneration) {
-        if (g_bClientEnuming) {
-            TraceDebugA("[ClientUninit] g_bClientEnuming..");
-            g_bStopClientEnum = 1;
-        }
-        // The number grows first: a thread that wakes from its closed socket must find its link gone.
-        if (g_bClient || g_ClientRecvSocket != INVALID_SOCKET) CloseNetSocketLock();
-        const HANDLE hEvent = g_hClientExitEvent.exchange(nullptr);
-        if (hEvent != nullptr) {
-            SetEvent(hEvent);
-            CloseHandle(hEvent);
-        }
-        RunDiscoveryHelper("stop");
-        g_bClient = 0;
-        CloseLinkSocket(&g_ClientRecvSocket);
-        EndWinsock(&g_bClientWinsock);
-    }
-    LeaveRoleChange();
-    TraceDebugA("[ClientUninit] exit...");
-}
-
-void ClientUninit()
-{
-    ClientUninitLink(0);
 }

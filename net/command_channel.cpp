@@ -2,7 +2,6 @@
 // A field that did not leave in full leaves the two ends out of step, and nothing here tries to mend that: the
 // caller learns which field it was, and the link breaks on its own.
 #include "net/command_channel.h"
-#include "ipc/relay.h"
 #include "platform/kernel.h"
 #include "platform/text.h"
 #include "trace/debug_output.h"
@@ -22,6 +21,12 @@ std::atomic<uint8_t> g_bRecvFileTypeUnknown{0};
 char                 g_szKeepAliveAck[10];
 
 static_assert(sizeof(IpcMessage) == IPC_MESSAGE_SIZE, "both pipes and the peer link carry exactly this record");
+
+HANDLE GetFileOutcomeEvent()
+{
+    static const HANDLE hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    return hEvent;
+}
 
 bool SendCommandWord(SOCKET hSocket, const char *pszWord)
 {
@@ -57,19 +62,6 @@ int32_t SendDataCommand(SOCKET hSocket, const IpcMessage *pRecord)
         return -3;
     }
     TraceDebugA("[SendDataCommand] send data done [0x%X][0x%X][0x%X][0x%X][0x%X]", p[0], p[1], p[2], p[3], p[4]);
-    return 0;
-}
-
-int32_t SendDataCMDHandler(SOCKET hSocket)
-{
-    IpcMessage  record = {};
-    const auto *p      = reinterpret_cast<const uint8_t *>(&record);
-    if (RecvBuffer(hSocket, &record, IPC_MESSAGE_SIZE) != static_cast<int32_t>(IPC_MESSAGE_SIZE)) {
-        ReportWSAError(u"SendDataCMDHandler", u"recv cmd data failed");
-        return -2;
-    }
-    TraceDebugA("[SendDataCMDHandler] recv cmd data done [0x%X][0x%X][0x%X][0x%X][0x%X]", p[0], p[1], p[2], p[3], p[4]);
-    CallTransferFromNetwork(&record);
     return 0;
 }
 

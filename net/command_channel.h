@@ -55,16 +55,6 @@ extern char                 g_szKeepAliveAck[10];   // the last answer that Keep
 //          wait: no wake-up is lost. Two pollers may take each other's, which costs the one a poll interval.
 platform::HANDLE GetFileOutcomeEvent();
 
-// The listener's argument: what it needs of its link, taken while the role's starter still owned it. The thread frees
-// it.
-struct ListenerStart;
-// Starts the listener of a role on its socket, with a duplicate of the exit event of its own, on the link that is
-// current. [role lock] 1, or 0 when it cannot start (reported).
-int32_t StartServerListener(platform::SOCKET hSocket, platform::HANDLE hExitEvent);
-int32_t StartClientListener(platform::SOCKET hSocket, platform::HANDLE hExitEvent);
-uint32_t ServerListenThread(void *pStart);
-uint32_t ClientListenThread(void *pStart);
-
 // Sends a word as its zero-filled field. False: the send failed (WSAGetLastError).
 bool SendCommandWord(platform::SOCKET hSocket, const char *pszWord);
 // Ends the hold of an exchange (HoldSends), also after a send that failed. True when every field has left. The Winsock
@@ -76,15 +66,6 @@ bool EndExchange(platform::SOCKET hSocket, bool bSent);
 
 // [held] 0 sent, -1 word not sent, -3 record not sent. No answer is awaited.
 int32_t SendDataCommand(platform::SOCKET hSocket, const IpcMessage *pRecord);
-// Listener. 0, or -2 when the record was not received.
-int32_t SendDataCMDHandler(platform::SOCKET hSocket);
-// [held] 0 or the negative result of SendFile; -301 source missing, -302 attributes not readable, -21/-22/-23/-24/-25
-// word, path, type, attributes, flag not sent; -3 also when the end of the file stream could not leave.
-//   pszDestination  at most 1024 units travel, a longer one is cut
-int32_t SendFileCommand(platform::SOCKET hSocket, const char16_t *pszSource, const char16_t *pszDestination,
-                        uint32_t dwType, uint8_t bEncrypt);
-// Listener. 0; -2/-4/-6/-7 path, type, attributes, flag not received; -8 RecvFile failed; -100 unknown type.
-int32_t SendFileCMDHandler(platform::SOCKET hSocket);
 // [held] Listener. 0, -2001 not sent, -2002 no answer, -2003 another word (in g_szKeepAliveAck), which the peer sent
 // at the same moment: it is a command like any other.
 constexpr int32_t KEEP_ALIVE_OTHER_WORD = -2003;

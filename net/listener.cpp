@@ -5,11 +5,14 @@
 // seconds of it cannot be sent or answered, and that breaks the link.
 // The own side's teardown looks to recv like any other break. The link's number tells the two apart: it has grown by
 // then.
-#include "net/client_role.h"
-#include "net/command_channel.h"
-#include "net/server_role.h"
-#include "net/session_control.h"
+#include "net/listener.h"
+#include "ipc/relay.h"
 #include "ipc/service_pipe_client.h"
+#include "net/command_channel.h"
+#include "net/receive_file_command.h"
+#include "net/role_end.h"
+#include "net/session_state.h"
+#include "platform/detached_thread.h"
 #include "platform/text.h"
 #include "trace/debug_output.h"
 #include "transfer/socket_io.h"
@@ -192,16 +195,13 @@ int32_t StartListener(const ListenerRole &role, ThreadProcedure pThread, bool bS
     auto *pStart =
         new (std::nothrow) ListenerStart{hSocket, nullptr, {bServer, GetRoleStart(bServer), g_dwLinkGeneration}};
     if (pStart == nullptr) return 0;
-    HANDLE hThread = nullptr;
+    bool bStarted = false;
     if (DuplicateHandle(GetCurrentProcess(), hExitEvent, GetCurrentProcess(), &pStart->hExitEvent, 0, FALSE,
                         DUPLICATE_SAME_ACCESS)) {
         ++g_nListeners;
-        hThread = CreateThread(nullptr, 0, pThread, pStart, 0, nullptr);
+        bStarted = StartDetachedThread(pThread, pStart) != 0;
     }
-    if (hThread != nullptr) {
-        CloseHandle(hThread);
-        return 1;
-    }
+    if (bStarted) return 1;
     ReportSocketError(role.pszOperation, u"CreateThread failed", false, REPORT_LAST_ERROR);
     if (pStart->hExitEvent != nullptr) {
         --g_nListeners;
@@ -213,10 +213,17 @@ int32_t StartListener(const ListenerRole &role, ThreadProcedure pThread, bool bS
 
 } // namespace
 
-HANDLE GetFileOutcomeEvent()
+int32_t SendDataCMDHandler(SOCKET hSocket)
 {
-    static const HANDLE hEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    return hEvent;
+    IpcMessage  record = {};
+    const auto *p      = reinterpret_cast<const uint8_t *>(&record);
+    if (RecvBuffer(hSocket, &record, IPC_MESSAGE_SIZE) != static_cast<int32_t>(IPC_MESSAGE_SIZE)) {
+        ReportWSAError(u"SendDataCMDHandler", u"recv cmd data failed");
+        return -2;
+    }
+    TraceDebugA("[SendDataCMDHandler] recv cmd data done [0x%X][0x%X][0x%X][0x%X][0x%X]", p[0], p[1], p[2], p[3], p[4]);
+    CallTransferFromNetwork(&record);
+    return 0;
 }
 
 int32_t StartServerListener(SOCKET hSocket, HANDLE hExitEvent)

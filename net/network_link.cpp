@@ -2,6 +2,7 @@
 // The locks are made on first use and never deleted: threads of a former link may still be about to enter them.
 #include "net/network_link.h"
 #include "platform/files.h"
+#include "platform/made_once.h"
 #include "transfer/socket_io.h"
 
 using namespace platform;
@@ -29,16 +30,12 @@ thread_local uint32_t t_dwLink;     // 0: bound to no link
 
 CRITICAL_SECTION *PasswordLock()
 {
-    static const bool bMade = (InitializeCriticalSection(&g_csPassword), true);
-    static_cast<void>(bMade);
-    return &g_csPassword;
+    return MadeOnce<&g_csPassword>();
 }
 
 CRITICAL_SECTION *RoleLock()
 {
-    static const bool bMade = (InitializeCriticalSection(&g_csRole), true);
-    static_cast<void>(bMade);
-    return &g_csRole;
+    return MadeOnce<&g_csRole>();
 }
 
 void SetLinkOption(SOCKET hSocket, int32_t nLevel, int32_t nOption, uint32_t dwValue)
@@ -51,8 +48,7 @@ void SetLinkOption(SOCKET hSocket, int32_t nLevel, int32_t nOption, uint32_t dwV
 
 void OpenNetSocketLock()
 {
-    static const bool bMade = (InitializeCriticalSection(&g_csNetSocket), true);
-    static_cast<void>(bMade);
+    MadeOnce<&g_csNetSocket>();
 }
 
 void CloseNetSocketLock()

@@ -21,7 +21,8 @@ extern std::atomic<platform::SOCKET> g_ClientRecvSocket; // connected
 extern char                          g_szPW[10];    // the current password; guarded by SetPassword / GetPassword
 extern platform::CRITICAL_SECTION    g_csNetSocket;
 
-constexpr uint32_t SOCKET_TIMEOUT_MS = 8000; // both directions
+// Of each of the two fields of a handshake, zero-filled after the text, without length.
+constexpr int32_t HANDSHAKE_FIELD_BYTES = 10;
 
 void OpenNetSocketLock();  // a peer was admitted: makes the lock if no earlier link has. Any thread, may be repeated.
 void CloseNetSocketLock(); // the role ends: g_dwLinkGeneration grows, so that whoever belongs to the link is shut out

@@ -2,11 +2,12 @@
 // the answer sent. What a type wants done afterwards stands in received_file.cpp.
 // The path comes from outside: it may lack a terminator, a drive, or any sense. What cannot be a place on this machine
 // is never touched, and the stream is read all the same, so that the connection stays in step.
-#include "net/received_file.h"
+#include "net/receive_file_command.h"
 #include "migration/folders.h"
 #include "migration/state_files.h"
 #include "migration/unique_name.h"
 #include "net/command_channel.h"
+#include "net/received_file.h"
 #include "net/settings.h"
 #include "platform/errors.h"
 #include "platform/files.h"
@@ -14,6 +15,7 @@
 #include "platform/text.h"
 #include "trace/debug_output.h"
 #include "transfer/file_stream.h"
+#include "transfer/recv_file.h"
 #include "transfer/socket_io.h"
 #include <cstring>
 

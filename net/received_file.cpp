@@ -2,11 +2,12 @@
 // Percentages are told to the service only when the whole number changes, so that thousands of small files cost a few
 // records.
 #include "net/received_file.h"
-#include "ipc/relay.h"
+#include "ipc/ipc_message.h"
 #include "ipc/service_pipe_client.h"
 #include "migration/shortcuts.h"
 #include "migration/state_files.h"
-#include "net/session_control.h"
+#include "net/network_link.h"
+#include "net/session_state.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/path.h"
@@ -18,6 +19,10 @@
 #include <algorithm>
 
 using namespace platform;
+
+uint32_t g_dwReceiveProgressTag   = NO_PROGRESS_TAG;
+int64_t  g_llReceiveProgressDone  = 0;
+int64_t  g_llReceiveProgressTotal = 0;
 
 namespace {
 
@@ -116,6 +121,18 @@ void FinishFolderSettings(const ReceivedFile *pFile)
 }
 
 } // namespace
+
+void StartReceiveProgress(uint32_t dwTag, int64_t llTotal)
+{
+    g_dwReceiveProgressTag   = dwTag;
+    g_llReceiveProgressDone  = 0;
+    g_llReceiveProgressTotal = llTotal;
+}
+
+void ResetReceiveProgress()
+{
+    StartReceiveProgress(NO_PROGRESS_TAG, 0);
+}
 
 void FinishReceivedFile(const ReceivedFile *pFile)
 {

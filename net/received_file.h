@@ -1,4 +1,4 @@
-// received_file.h: a file on its way in, and what its type wants done once it is stored.
+// received_file.h: a file on its way in, what its type wants done once it is stored, and the progress that it counts for.
 // Thread   the link's listener.
 #pragma once
 #include "net/command_channel.h"
@@ -17,6 +17,17 @@ struct ReceivedFile {
     uint32_t         bIniExists;  // type 4: the machine has that file already
     int64_t          llSize;      // RecvFile's result
 };
+
+constexpr uint32_t NO_PROGRESS_TAG = 0xFFFFFFFF;
+
+// Progress of special data. Listener thread only; FinishReceivedFile counts.
+extern uint32_t g_dwReceiveProgressTag;
+extern int64_t  g_llReceiveProgressDone;  // bytes
+extern int64_t  g_llReceiveProgressTotal; // bytes
+// It begins anew, with the tag it is reported under and the bytes that are to come: what
+// the peer wrote, so it may be 0 or negative. Code 836 with parameter 128 from the peer.
+void StartReceiveProgress(uint32_t dwTag, int64_t llTotal);
+void ResetReceiveProgress(); // none is under way
 
 // After "FileDone": progress, shell links, folder settings, the peer's machine info. Failures are logged at most: the
 // file itself is stored and answered.

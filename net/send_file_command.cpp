@@ -1,13 +1,15 @@
 // send_file_command.cpp: the sender's side of "SendFile": word, path, type, attributes, flag, then the file stream.
 // The whole exchange stands inside one hold of the socket, so that a small file leaves in one or two segments; the
 // peer may answer with an error word meanwhile, which the own listener reads.
+#include "net/send_file_command.h"
 #include "net/command_channel.h"
-#include "migration/folders.h"
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/path.h"
 #include "platform/text.h"
 #include "trace/debug_output.h"
 #include "transfer/file_stream.h"
+#include "transfer/send_file.h"
 #include "transfer/socket_io.h"
 #include <algorithm>
 #include <cassert>

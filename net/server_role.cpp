@@ -3,8 +3,10 @@
 // ServerInit may start before this one has woken. So it keeps its link's number and changes globals only while that
 // number is current: what a late waker would clear or close may be its successor's.
 #include "net/server_role.h"
-#include "net/command_channel.h"
-#include "net/session_control.h"
+#include "net/listener.h"
+#include "net/network_link.h"
+#include "net/role_end.h"
+#include "net/session_state.h"
 #include "net/settings.h"
 #include "platform/errors.h"
 #include "platform/text.h"
@@ -13,14 +15,10 @@
 
 using namespace platform;
 
-std::atomic<HANDLE> g_hServerExitEvent{nullptr};
-
 namespace {
 
 constexpr char16_t SERVER_EXIT_EVENT[] = u"Global\\VORN Pendrel Server Socket Exit Event";
 constexpr char16_t OPERATION[]         = u"ServerInit";
-
-std::atomic<uint8_t> g_bServerWinsock{0}; // 1 while the role's WSAStartup is to be undone
 
 // What one ServerInit knows of its own start.
 struct ServerStart {
@@ -296,31 +294,4 @@ int32_t ServerInit(const char *pszPassword)
 {
     uint32_t dwGeneration = 0;
     return ServerInitLink(pszPassword, nullptr, &dwGeneration);
-}
-
-void ServerUninitLink(uint32_t dwGeneration)
-{
-    TraceDebugA("[ServerUninit] i am called...");
-    EnterRoleChange();
-    if (dwGeneration == 0 || dwGeneration == g_dwLinkGeneration) {
-        // The number grows first: a thread that wakes from its closed socket must find its link gone.
-        if (g_bServer || g_ServerSendSocket != INVALID_SOCKET || g_ServerSrvSocket != INVALID_SOCKET)
-            CloseNetSocketLock();
-        const HANDLE hEvent = g_hServerExitEvent.exchange(nullptr);
-        if (hEvent != nullptr) {
-            SetEvent(hEvent);
-            CloseHandle(hEvent);
-        }
-        RunDiscoveryHelper("stop");
-        g_bServer = 0;
-        CloseLinkSocket(&g_ServerSendSocket);
-        CloseLinkSocket(&g_ServerSrvSocket);
-        EndWinsock(&g_bServerWinsock);
-    }
-    LeaveRoleChange();
-}
-
-void ServerUninit()
-{
-    ServerUninitLink(0);
 }

@@ -1,15 +1,9 @@
-// server_role.h: listening, admitting the peer that sends the right password, and the end of the role.
+// server_role.h: listening, admitting the peer that sends the right password.
 // Handshake  client to server the password, server to client "PWACK=1" or "PWACK=0"; each a field of ten bytes,
 //            zero-filled after the text, without length.
 #pragma once
 #include "net/network_link.h"
 #include <cstdint>
-
-constexpr int32_t HANDSHAKE_FIELD_BYTES = 10;
-
-// Auto-reset, "Global\VORN Pendrel Server Socket Exit Event". ServerInit creates it, ServerUninit signals and closes
-// it, ServerListenThread consumes it through a handle of its own.
-extern std::atomic<platform::HANDLE> g_hServerExitEvent;
 
 // Blocks until a peer is admitted (0) or a failure ends it. Worker thread of session control.
 //   pszPassword  may be empty: the one of the last session then counts
@@ -17,12 +11,8 @@ extern std::atomic<platform::HANDLE> g_hServerExitEvent;
 //   -3 bind   -4 listen   -5 password not received   -6 acknowledgement not sent   -1000 exit event in the handshake
 //   -1001 accept failed, which is how ServerUninit cancels a waiting server
 int32_t ServerInit(const char *pszPassword);
-// Tears the role down; may be repeated, any thread.
-void ServerUninit();
 
-// The same, for callers that must not touch a link that came later: the first tells the link's number (valid with 0),
-// the second does nothing but log when dwGeneration is neither 0 nor the current number.
+// The same, and tells the link's number (valid with 0), for callers that must not touch a link that came later.
 //   pbWanted  null, or a flag that whoever ends the role clears before he calls ServerUninit: found clear, the role is
 //             not taken at all (-1001)
 int32_t ServerInitLink(const char *pszPassword, const std::atomic<uint32_t> *pbWanted, uint32_t *pdwGeneration);
-void    ServerUninitLink(uint32_t dwGeneration);

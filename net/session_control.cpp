@@ -5,9 +5,12 @@
 #include "net/session_control.h"
 #include "ipc/service_pipe_client.h"
 #include "ipc/stop_signal.h"
-#include "migration/special_data.h"
 #include "net/client_role.h"
-#include "net/server_role.h"
+#include "net/network_link.h"
+#include "net/role_end.h"
+#include "net/session_start.h"
+#include "net/session_state.h"
+#include "platform/detached_thread.h"
 #include "platform/errors.h"
 #include "platform/kernel.h"
 #include "platform/text.h"
@@ -18,13 +21,6 @@
 #include <new>
 
 using namespace platform;
-
-SessionRecord         g_Session;
-char                  g_szServerPin[260];
-char                  g_szClientPin[260];
-std::atomic<uint64_t> g_ullLastPinRequest{0};
-std::atomic<uint64_t> g_ullLastConnectRequest{0};
-std::atomic<HANDLE>   g_hNetInitTimerEvent{nullptr};
 
 namespace {
 
@@ -48,21 +44,6 @@ struct ConnectRequest {
 };
 static_assert(sizeof(ConnectRequest) == 16, "the block of a network-role request");
 
-CRITICAL_SECTION g_csSession;
-uint32_t         g_aRoleStarts[2]; // client, server; session lock
-char             g_szServedPin[PIN_BYTES]; // what the session thread starts the server with; session lock
-
-CRITICAL_SECTION *SessionLock()
-{
-    static const bool bMade = (InitializeCriticalSection(&g_csSession), true);
-    static_cast<void>(bMade);
-    return &g_csSession;
-}
-
-std::atomic<uint32_t> *StartedFlag(SessionRecord *pSession, bool bServer)
-{
-    return bServer ? &pSession->bServerStarted : &pSession->bClientStarted;
-}
 
 // The stamp of a new request: the time, but never that of the request before, so that of two the newer one is known.
 uint64_t NextStamp(std::atomic<uint64_t> *pullLast)
@@ -71,14 +52,6 @@ uint64_t NextStamp(std::atomic<uint64_t> *pullLast)
     do ullNow = GetTickCount64() > ullLast ? GetTickCount64() : ullLast + 1;
     while (!pullLast->compare_exchange_weak(ullLast, ullNow));
     return ullNow;
-}
-
-int32_t StartThread(ThreadProcedure pThread, void *pBlock)
-{
-    const HANDLE hThread = CreateThread(nullptr, 0, pThread, pBlock, 0, nullptr);
-    if (hThread == nullptr) return 0;
-    CloseHandle(hThread);
-    return 1;
 }
 
 int32_t GeneratePin()
@@ -99,7 +72,7 @@ enum class PinStep { ServerExists, ResetTimer, NewThread };
 PinStep StorePin(bool bServerPin, const char *pszPin)
 {
     PinStep eStep = PinStep::NewThread;
-    EnterCriticalSection(SessionLock());
+    EnterSession();
     const HANDLE hTimer = g_hNetInitTimerEvent;
     if (hTimer != nullptr && bServerPin && g_szServerPin[0] != '\0') {
         TraceText("CallPinCodeThread server exist");
@@ -115,18 +88,18 @@ PinStep StorePin(bool bServerPin, const char *pszPin)
             eStep = PinStep::ResetTimer;
         }
     }
-    LeaveCriticalSection(SessionLock());
+    LeaveSession();
     return eStep;
 }
 
 // The PINs as they are now; the stamp of the request that they belong to.
 uint64_t ReadPins(char (&szServerPin)[PIN_BYTES], char (&szClientPin)[PIN_BYTES])
 {
-    EnterCriticalSection(SessionLock());
+    EnterSession();
     const uint64_t ullRequest = g_ullLastPinRequest;
     CopyTextA(szServerPin, sizeof szServerPin, g_szServerPin);
     CopyTextA(szClientPin, sizeof szClientPin, g_szClientPin);
-    LeaveCriticalSection(SessionLock());
+    LeaveSession();
     return ullRequest;
 }
 
@@ -139,20 +112,18 @@ void CloseTimerEvent()
 // True when a PIN has been served and nothing newer came, or a disconnect ended the request; the event is then gone.
 bool EndIfServed(uint64_t ullServed, bool bServerFailed)
 {
-    EnterCriticalSection(SessionLock());
+    EnterSession();
     const uint64_t ullLast = g_ullLastPinRequest;
     const bool     bEnd    = ullLast == 0 || (ullLast == ullServed && !bServerFailed);
     if (bEnd) CloseTimerEvent();
-    LeaveCriticalSection(SessionLock());
+    LeaveSession();
     return bEnd;
 }
 
 // True when the server could not be started.
 bool ServeServerPin(const char *pszPin)
 {
-    EnterCriticalSection(SessionLock());
-    CopyTextA(g_szServedPin, sizeof g_szServedPin, pszPin);
-    LeaveCriticalSection(SessionLock());
+    SetServedPin(pszPin);
     char16_t szPeerName[NAME_UNITS] = u"";
     char     szNow[PIN_BYTES], szClientPin[PIN_BYTES];
     TraceText("call SetNetworkServerClient server");
@@ -225,7 +196,7 @@ int32_t StartPinCodeThread(const IpcMessage *pRecord)
         *pBlock = *pRecord;
     else
         errno = EINVAL;
-    if (StartThread(CallPinCodeThread, pBlock)) return 1;
+    if (StartDetachedThread(CallPinCodeThread, pBlock)) return 1;
     delete pBlock;
     return 0;
 }
@@ -247,7 +218,7 @@ uint32_t CallPinCodeThread(void *pBlock)
     case PinStep::ResetTimer: disconnect(); break;
     case PinStep::NewThread:
         TraceText("CallPinCodeThread CreateThread");
-        StartThread(NetInitializationThread, nullptr);
+        StartDetachedThread(NetInitializationThread, nullptr);
         break;
     }
     return 0;
@@ -263,18 +234,10 @@ void UpdateServerPW(const char *pszPin)
         return;
     }
     if (pszPin[0] == '\0') return;
-    EnterCriticalSection(SessionLock());
+    EnterSession();
     // another PIN there means that a newer request has overtaken this one
     if (CompareTextNoCaseA(g_szServerPin, pszPin) == 0) SetPassword(pszPin);
-    LeaveCriticalSection(SessionLock());
-}
-
-void SetServerPassword(const char *pszStarted)
-{
-    EnterCriticalSection(SessionLock());
-    const bool bServed = g_szServedPin[0] != '\0' && CompareTextNoCaseA(g_szServedPin, pszStarted) == 0;
-    SetPassword(bServed && g_hNetInitTimerEvent != nullptr && g_szServerPin[0] != '\0' ? g_szServerPin : pszStarted);
-    LeaveCriticalSection(SessionLock());
+    LeaveSession();
 }
 
 uint32_t NetInitializationThread(void *)
@@ -295,9 +258,9 @@ uint32_t NetInitializationThread(void *)
         if (dwWait == WAIT_TIMEOUT && ServePin()) return 0; // it has closed the event
         if (dwWait == WAIT_FAILED && WaitForStop(SETTLE_MS)) break;
     }
-    EnterCriticalSection(SessionLock());
+    EnterSession();
     CloseTimerEvent();
-    LeaveCriticalSection(SessionLock());
+    LeaveSession();
     return 0;
 }
 
@@ -305,7 +268,7 @@ int32_t StartNetworkConnect(uint32_t dwMode, uint32_t dwOption)
 {
     auto *pBlock = new (std::nothrow) ConnectRequest{NextStamp(&g_ullLastConnectRequest), dwMode, dwOption};
     if (pBlock == nullptr) return 0;
-    if (StartThread(NetworkConnectThread, pBlock)) return 1;
+    if (StartDetachedThread(NetworkConnectThread, pBlock)) return 1;
     delete pBlock;
     return 0;
 }
@@ -328,74 +291,3 @@ uint32_t NetworkConnectThread(void *pBlock)
     return 0;
 }
 
-int32_t disconnect()
-{
-    // The marks go first: a start that has not taken its role yet then sees that it is not wanted any more.
-    if (ClearRoleStarted(&g_Session, true, GetRoleStart(true))) ServerUninit();
-    if (ClearRoleStarted(&g_Session, false, GetRoleStart(false))) ClientUninit();
-    ClearSpecialFolders();
-    return 1;
-}
-
-uint32_t ReleaseNetworkThread(void *pRelease)
-{
-    TraceText("ReleaseNetworkThread");
-    const auto *pLink = static_cast<const LinkRelease *>(pRelease);
-    if (pLink == nullptr) {
-        disconnect();
-        return 0;
-    }
-    const bool bOwnRole = ClearRoleStarted(&g_Session, pLink->bServer, pLink->dwRoleStart);
-    pLink->bServer ? ServerUninitLink(pLink->dwGeneration) : ClientUninitLink(pLink->dwGeneration);
-    if (bOwnRole) ClearSpecialFolders();
-    delete pLink;
-    return 0;
-}
-
-int32_t StartReleaseNetwork()
-{
-    return StartThread(ReleaseNetworkThread, nullptr);
-}
-
-int32_t StartReleaseOfLink(const LinkRelease *pRelease)
-{
-    auto *pBlock = new (std::nothrow) LinkRelease(*pRelease);
-    if (pBlock == nullptr) return 0;
-    if (StartThread(ReleaseNetworkThread, pBlock)) return 1;
-    delete pBlock;
-    return 0;
-}
-
-uint32_t MarkRoleStarted(SessionRecord *pSession, bool bServer)
-{
-    EnterCriticalSection(SessionLock());
-    const uint32_t dwStart           = ++g_aRoleStarts[bServer];
-    *StartedFlag(pSession, bServer) = 1;
-    LeaveCriticalSection(SessionLock());
-    return dwStart;
-}
-
-uint32_t GetRoleStart(bool bServer)
-{
-    EnterCriticalSection(SessionLock());
-    const uint32_t dwStart = g_aRoleStarts[bServer];
-    LeaveCriticalSection(SessionLock());
-    return dwStart;
-}
-
-bool ClearRoleStarted(SessionRecord *pSession, bool bServer, uint32_t dwRoleStart)
-{
-    EnterCriticalSection(SessionLock());
-    const bool bCleared = g_aRoleStarts[bServer] == dwRoleStart && StartedFlag(pSession, bServer)->exchange(0) != 0;
-    LeaveCriticalSection(SessionLock());
-    return bCleared;
-}
-
-void ResetSessionControl()
-{
-    g_szServerPin[0] = g_szClientPin[0] = g_szServedPin[0] = '\0';
-    g_ullLastPinRequest = g_ullLastConnectRequest = 0;
-    g_Session.bServerStarted = g_Session.bClientStarted = 0;
-    g_Session.szMappingPath[0] = g_Session.szPeerMappingPath[0] = g_Session.szPeerVersion[0] = u'\0';
-    g_Session.bPeerAtLeast1040 = g_Session.bPeerAtLeast1050 = g_Session.bPeerAtLeast1050Second = 0;
-}

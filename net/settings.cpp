@@ -5,12 +5,14 @@
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/kernel.h"
+#include "platform/made_once.h"
 #include "platform/modules.h"
 #include "platform/path.h"
 #include "platform/profile.h"
 #include "platform/registry.h"
 #include "platform/security.h"
 #include "platform/shell.h"
+#include "platform/system_library.h"
 #include "platform/text.h"
 #include "platform/user_interface.h"
 #include "trace/debug_output.h"
@@ -36,9 +38,7 @@ CRITICAL_SECTION g_csPaths; // guards the first store into the two paths
 
 CRITICAL_SECTION *PathLock()
 {
-    static const bool bMade = (InitializeCriticalSection(&g_csPaths), true);
-    static_cast<void>(bMade);
-    return &g_csPaths;
+    return MadeOnce<&g_csPaths>();
 }
 
 void StorePath(char (&szGlobal)[260], const char *pszPath)
@@ -108,12 +108,7 @@ int32_t CreateSharedFile(const char16_t *pszPath)
 
 int32_t RunDiscoveryHelper(const char *pszParameters)
 {
-    char16_t       szSystem[MAX_PATH] = u"";
-    char16_t       szLibrary[MAX_PATH + 16];
-    const uint32_t cchSystem = GetSystemDirectoryW(szSystem, MAX_PATH);
-    if (cchSystem == 0 || cchSystem >= MAX_PATH) return 0;
-    FormatTextW(szLibrary, sizeof szLibrary / sizeof szLibrary[0], u"%s\\Shell32.dll", szSystem);
-    const HMODULE hShell = LoadLibraryW(szLibrary);
+    const HMODULE hShell = LoadSystemLibrary(u"Shell32.dll");
     if (hShell == nullptr) return 0;
     const auto pShellExecute = reinterpret_cast<ShellExecuteAProc>(GetProcAddress(hShell, "ShellExecuteA"));
     int32_t    nRet          = 0;

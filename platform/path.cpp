@@ -122,4 +122,14 @@ const char16_t *PathFindExtensionW(const char16_t *pszPath)
     return pszDot != nullptr ? pszDot : psz;
 }
 
+static constexpr char16_t LONG_PREFIX[]     = u"\\\\?\\";
+static constexpr size_t   LONG_PREFIX_UNITS = 4;
+
+const char16_t *LongPathForm(const char16_t *pszPath, size_t cchLimit, char16_t (&szLong)[LONG_PATH_UNITS])
+{
+    if (TextLengthBoundedW(pszPath, cchLimit) < cchLimit) return pszPath;
+    if (CompareTextNoCaseN_W(pszPath, LONG_PREFIX, LONG_PREFIX_UNITS) == 0) return pszPath;
+    return FormatTextW(szLong, LONG_PATH_UNITS, u"%s%s", LONG_PREFIX, pszPath) < 0 ? pszPath : szLong;
+}
+
 } // namespace platform

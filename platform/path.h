@@ -16,4 +16,10 @@ const char16_t *PathFindFileNameW(const char16_t *pszPath);
 // The last '.' of the last component with what follows, or the terminator. A blank after the dot ends an extension.
 const char16_t *PathFindExtensionW(const char16_t *pszPath);
 
+// The form in which a path of cchLimit units and more can be opened: "\\?\" in front, unless it has it. Shorter paths
+// come back as they are, and so does one too long for the buffer (the call it is given to then fails).
+//   szLong  holds the long form when it is needed
+constexpr size_t LONG_PATH_UNITS = 1024 + 4; // the longest path, and the prefix
+const char16_t  *LongPathForm(const char16_t *pszPath, size_t cchLimit, char16_t (&szLong)[LONG_PATH_UNITS]);
+
 } // namespace platform

@@ -1,6 +1,7 @@
 // destination_limits.cpp: what is known of the peer's full disks, so that no file is sent that cannot fit.
+#include "transfer/destination_limits.h"
 #include "platform/text.h"
-#include "transfer/folder_tree.h"
+#include "transfer/file_queries.h"
 #include <iterator>
 #include <new>
 

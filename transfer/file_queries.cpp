@@ -1,7 +1,7 @@
 // file_queries.cpp: what walks ask of a file or folder before they send it.
-#include "migration/folders.h"
+#include "transfer/file_queries.h"
 #include "platform/files.h"
-#include "transfer/folder_tree.h"
+#include "platform/path.h"
 
 using namespace platform;
 

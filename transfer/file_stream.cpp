@@ -1,6 +1,7 @@
 // file_stream.cpp: what both directions of the file stream share, and the receiver's word to the sender.
 #include "transfer/file_stream.h"
 #include "net/command_channel.h"
+#include "net/network_link.h"
 #include "platform/errors.h"
 #include "platform/text.h"
 #include "trace/debug_output.h"

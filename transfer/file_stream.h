@@ -66,22 +66,6 @@ extern std::atomic<int64_t>  g_nRecvFileWritten; // bytes of the current file wr
 // g_csNetSocket.
 extern std::atomic<uint8_t> g_bSentWholeStream;
 
-// [g_csNetSocket held, inside HoldSends/FlushSends] The file's size, or a code above. Polls g_hSendExecution's
-// cancellation and the outcome flags (net/command_channel.h) once per chunk. Only the size found at the start is sent
-// of a file that grows; one that shrinks is a read failure. What cannot be read is never replaced by other bytes in a
-// file that the peer could take for whole, but for an unencrypted last chunk of 50 bytes or fewer, which no cancel
-// block fits: zeros.
-//   pszSource  a path of more than STREAM_PATH_UNITS is opened in its "\\?\" form
-int64_t SendFile(platform::SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt);
-// Listener thread, lock not held. The file's size, or a code above (of several the last one set); a negative size that
-// the peer announced is the result itself. A failure keeps the stream in step where the wire allows it, and no part of
-// the file stays behind. A file whose name is free grows under that name with RECEIVING_SUFFIX behind it (a name too
-// long for that: under the suffix alone) and gets its name when it is whole: if this process dies half-way, no broken
-// file has the name, for which the resumed send would have to take another. What is left under the other name is
-// overwritten when the file is sent again. An existing destination is truncated and written in place (its content is
-// lost either way, its access list stays).
-int64_t RecvFile(platform::SOCKET hSocket, const char16_t *pszDestination, uint8_t bEncrypt);
-constexpr char16_t RECEIVING_SUFFIX[] = u".~VornTramsa-5c12a73e.part"; // no user's file has it
 // Listener thread, lock not held: takes g_csNetSocket. Tells the sender why its file cannot be taken: "TypeWrong" when
 // g_bRecvFileTypeUnknown is set; "FILEERRDF" or "FileErrDF" when gdwErr is ERROR_DISK_FULL; else "FileError".
 void SendFileError(platform::SOCKET hSocket, const char16_t *pszDestination);

@@ -1,7 +1,7 @@
 // folder_listing.cpp: a tree's files as a list, for transfers that send each of them by rules of their own.
 #include "transfer/folder_listing.h"
-#include "migration/folders.h"
 #include "platform/files.h"
+#include "platform/path.h"
 #include "platform/text.h"
 #include <new>
 

@@ -3,14 +3,14 @@
 // level keeps only what it needs after its subfolders, so that a deep tree costs little stack.
 #include "transfer/folder_tree.h"
 #include "ipc/thread_execution.h"
-#include "migration/folders.h"
+#include "migration/peer_reports.h"
 #include "migration/record_store.h"
-#include "migration/special_data.h"
 #include "net/command_channel.h"
 #include "platform/files.h"
 #include "platform/path.h"
 #include "platform/text.h"
 #include "trace/trace_log.h"
+#include "transfer/file_queries.h"
 #include "transfer/network_send.h"
 #include <cstring>
 #include <new>

@@ -1,32 +1,14 @@
-// folder_tree.h: one folder and everything below it, sent file by file, resumable; and what walks ask of files and
-// keep of full disks.
+// folder_tree.h: one folder and everything below it, sent file by file, resumable.
 // Threads  a walk runs on one worker thread and owns all its arguments; nothing is shared, no lock is held between
 //          sends.
 #pragma once
 #include "migration/path_map.h"
 #include "migration/string_list.h"
+#include "transfer/destination_limits.h"
 #include <cstdint>
 
 extern int32_t g_bSendDesktopIni; // 0: desktop.ini files are never sent
 extern int32_t g_bTypedFiles;     // 0: every file goes as type 3; else files other than ".lnk" as type 5
-
-// A destination key (a drive such as "D:", or a folder) and the size from which files for it are refused; 0 refuses
-// all.
-struct DestinationLimit {
-    char16_t          szKey[260];
-    int64_t           llLimit; // bytes
-    DestinationLimit *pNext;
-};
-struct DestinationLimits { // zeroed: none
-    DestinationLimit *pFirst;
-};
-// Null when there is none. Keys compare without regard to case.
-DestinationLimit *FindDestinationLimit(DestinationLimits *pLimits, const char16_t *pszKey);
-// Lowers the key's limit to llLimit, or adds it. An empty key is not added. 1, or 0 without memory.
-int32_t LowerDestinationLimit(DestinationLimits *pLimits, const char16_t *pszKey, int64_t llLimit);
-// True when the limit (null: none) refuses a file of that path.
-bool IsRefusedByLimit(const DestinationLimit *pLimit, const char16_t *pszPath);
-void FreeDestinationLimits(DestinationLimits *pLimits);
 
 // What a tree send is given beside the folder. Pointers may be null where "optional".
 struct FolderTreeSend {
@@ -47,7 +29,3 @@ struct FolderTreeSend {
 // also for a folder that cannot be read.
 //   pszFolder  fewer than 1024 units, without trailing backslash
 uint32_t SendNetworkFileEx(const char16_t *pszFolder, const FolderTreeSend *pSend);
-
-// "\\?\" is used for paths of 260 units and more.
-bool    IsFolderReadOnly(const char16_t *pszFolder); // false also when it cannot be asked
-int64_t GetFileSize64(const char16_t *pszPath);      // bytes, 0 when it cannot be asked

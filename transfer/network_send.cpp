@@ -2,11 +2,12 @@
 // Winsock errors and system errors share one place per thread on Windows, so only values of Winsock's range count as a
 // broken link: a source that vanished leaves "file not found" there, and must not end the link.
 #include "transfer/network_send.h"
-#include "migration/folders.h"
 #include "net/command_channel.h"
 #include "net/network_link.h"
+#include "net/send_file_command.h"
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/path.h"
 #include "platform/text.h"
 #include "trace/debug_output.h"
 #include "trace/trace_log.h"

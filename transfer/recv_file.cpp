@@ -2,10 +2,11 @@
 // The stream has no marks to find the next command by, so a local failure never ends the reading: the rest is read and
 // discarded, and each chunk counts with the length it should have had. Only the sender's cancel block and a broken link
 // end a stream early. Every length comes from the peer and is bounded before it is used.
-#include "migration/folders.h"
+#include "transfer/recv_file.h"
 #include "net/command_channel.h"
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/path.h"
 #include "platform/text.h"
 #include "trace/debug_output.h"
 #include "transfer/file_stream.h"

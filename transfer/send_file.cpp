@@ -4,11 +4,12 @@
 // opened twice: once to learn its size, refusing to share it with writers, as the peers in the field do
 // (-401 tells a file that is being written), and once to read it, sharing it with everybody for as long as the link may
 // take.
+#include "transfer/send_file.h"
 #include "ipc/thread_execution.h"
-#include "migration/folders.h"
 #include "net/command_channel.h"
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/path.h"
 #include "platform/text.h"
 #include "trace/debug_output.h"
 #include "transfer/file_stream.h"

@@ -2,7 +2,6 @@
 // A caller sees the full length or a failure, never a part. The pieces are the peer's time-out unit: a time-out means
 // that one piece of at most 4096 bytes waited that long, not that the whole transfer did.
 #include "transfer/socket_io.h"
-#include "net/network_link.h"
 #include "platform/errors.h"
 #include "platform/kernel.h"
 #include "trace/debug_output.h"

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 
+constexpr uint32_t SOCKET_TIMEOUT_MS    = 8000; // of a link's socket, both directions
 constexpr int32_t  SOCKET_PIECE_BYTES   = 4096;
 constexpr int32_t  RECV_RETRY_LIMIT     = 10; // of time-outs on one piece of a file body, after the first one
 constexpr uint32_t CLOSED_LINK_PAUSE_MS = 15; // between two receives from a peer that closed its side
@@ -18,7 +19,7 @@ extern std::atomic<int32_t>  g_nWSAErr;         // the last Winsock error that t
 
 // cb on success, 0 when cb is below 1, the failing recv's negative result otherwise.
 // An orderly close is no error: the call goes on, pausing CLOSED_LINK_PAUSE_MS after each empty receive. Once nothing
-// but empty receives came for SOCKET_TIMEOUT_MS (net/network_link.h), that counts as one receive that timed out
+// but empty receives came for SOCKET_TIMEOUT_MS, that counts as one receive that timed out
 // (WSAETIMEDOUT), so that the listener's silence counter goes on and its probe meets the dead link. A socket closed by
 // this process ends the call at once (WSAENOTSOCK). While g_bRecvFileActive is set, a piece that timed out is tried up
 // to 11 times more.

@@ -5,6 +5,7 @@
 #include "ipc/service_pipe_client.h"
 #include "net/network_link.h"
 #include "net/session_control.h"
+#include "net/session_state.h"
 #include "tests/ipc/fake_service.h"
 #include "tests/support/eventually.h"
 #include <string>
@@ -16,7 +17,7 @@ protected:
     void SetUp() override
     {
         ServiceTest::SetUp();
-        ResetSessionControl();
+        ResetSessionState();
         ASSERT_EQ(1, BindUser32Functions());
         ASSERT_EQ(1, CreateNotificationWindow(nullptr));
     }
@@ -24,7 +25,7 @@ protected:
     {
         if (g_hNotificationWindow != nullptr) EndWindow(true);
         UnbindUser32Functions();
-        ResetSessionControl();
+        ResetSessionState();
     }
     static void Send(uint32_t uMsg, WPARAM wParam, LPARAM lParam = 0)
     {

@@ -1,7 +1,9 @@
 // peer_fuzz.cpp: a peer that has been admitted sends any bytes as the fields and the stream of a file, or as a record,
 // and breaks the link. The receiver must come back with a result, keep its memory and leave nothing open.
 #include "net/command_channel.h"
+#include "net/listener.h"
 #include "net/network_link.h"
+#include "net/receive_file_command.h"
 #include "platform/files.h"
 #include "platform/hosted/control.h"
 #include "platform/sockets.h"

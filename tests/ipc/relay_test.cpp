@@ -2,6 +2,8 @@
 #include "ipc/relay.h"
 #include "ipc/thread_execution.h"
 #include "migration/special_data.h"
+#include "migration/special_folders.h"
+#include "net/received_file.h"
 #include "tests/ipc/fake_service.h"
 #include <cstring>
 #include <string>
@@ -11,7 +13,7 @@ protected:
     void SetUp() override
     {
         ServiceTest::SetUp();
-        ResetRelay();
+        ResetReceiveProgress();
         ClearSpecialFolders();
     }
 };

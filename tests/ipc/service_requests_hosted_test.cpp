@@ -2,10 +2,13 @@
 // No thread can be started here: an accepted record shows as the attempt (one, on the calling thread), and must free
 // its copy.
 #include "ipc/command_pipe_server.h"
+#include "ipc/service_requests.h"
 #include "ipc/stop_signal.h"
 #include "ipc/thread_execution.h"
 #include "migration/special_data.h"
+#include "migration/special_folders.h"
 #include "net/session_control.h"
+#include "net/session_state.h"
 #include "platform/errors.h"
 #include "platform/hosted/control.h"
 #include "platform/kernel.h"

@@ -4,9 +4,12 @@
 #pragma once
 #include "ipc/ipc_message.h"
 #include "net/command_channel.h"
+#include "net/listener.h"
 #include "net/network_link.h"
+#include "net/role_end.h"
 #include "net/server_role.h"
 #include "net/session_control.h"
+#include "net/session_state.h"
 #include "tests/migration/migration_fixture.h"
 #include "tests/support/link_pair.h"
 #include <cstring>

@@ -1,4 +1,5 @@
 // Machines with unusual drives and folders.
+#include "migration/known_folders.h"
 #include "migration/machine_info.h"
 #include "platform/errors.h"
 #include "platform/hosted/control.h"

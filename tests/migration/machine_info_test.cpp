@@ -1,4 +1,5 @@
 // The machine-info INI: written by one machine, read by the other, and damaged on the way.
+#include "migration/known_folders.h"
 #include "migration/machine_info.h"
 #include "tests/migration/migration_fixture.h"
 

@@ -1,6 +1,7 @@
 // Paths of the source in terms of the target: pairs of folders, their priority, and drives that the target lacks.
-#include "migration/path_map.h"
+#include "migration/known_folders.h"
 #include "migration/machine_info.h"
+#include "migration/path_map.h"
 #include "tests/migration/migration_fixture.h"
 
 using namespace platform;

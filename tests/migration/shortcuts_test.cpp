@@ -1,6 +1,7 @@
 // Real shell links, made here and rewritten for this machine.
-#include "migration/shortcuts.h"
+#include "migration/known_folders.h"
 #include "migration/machine_info.h"
+#include "migration/shortcuts.h"
 #include "platform/shell.h"
 #include "tests/migration/migration_fixture.h"
 

@@ -1,5 +1,6 @@
 // Where each redirection mode sends a file, and what the trace says on the way.
 #include "migration/machine_info.h"
+#include "migration/special_folders.h"
 #include "tests/migration/special_fixture.h"
 #include "tests/trace/trace_session_hosted.h"
 

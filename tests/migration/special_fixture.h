@@ -3,6 +3,8 @@
 #include "app/user_interface_table.h"
 #include "ipc/thread_execution.h"
 #include "migration/special_data.h"
+#include "migration/special_folders.h"
+#include "migration/special_requests.h"
 #include "net/network_link.h"
 #include "platform/files.h"
 #include "tests/migration/fake_peer.h"

@@ -1,4 +1,5 @@
 // The files of the progress folder.
+#include "migration/local_info.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/security.h"

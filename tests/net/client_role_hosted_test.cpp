@@ -1,4 +1,6 @@
 // The client's side: one attempt's status codes, the search for servers with its fallback, and its cancellation.
+#include "net/adapter_queries.h"
+#include "net/client_discovery.h"
 #include "tests/net/discovery_program_hosted.h"
 #include "tests/net/observed_hosted.h"
 

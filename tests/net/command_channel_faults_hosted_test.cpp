@@ -1,4 +1,5 @@
 // Each field that does not leave has its own status, also when it was only gathered.
+#include "net/send_file_command.h"
 #include "tests/net/observed_hosted.h"
 
 using namespace platform;

@@ -1,5 +1,6 @@
 // What goes over the wire for a record, a file and a folder, byte by byte.
 #include "migration/folders.h"
+#include "net/send_file_command.h"
 #include "tests/net/net_fixture.h"
 
 using namespace platform;

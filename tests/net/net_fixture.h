@@ -4,11 +4,16 @@
 #include "ipc/relay.h"
 #include "ipc/stop_signal.h"
 #include "migration/special_data.h"
+#include "migration/special_folders.h"
 #include "migration/state_files.h"
 #include "net/client_role.h"
 #include "net/command_channel.h"
+#include "net/listener.h"
+#include "net/received_file.h"
+#include "net/role_end.h"
 #include "net/server_role.h"
 #include "net/session_control.h"
+#include "net/session_state.h"
 #include "net/settings.h"
 #include "platform/errors.h"
 #include "platform/files.h"
@@ -105,10 +110,10 @@ protected:
     {
         FreshMachine();
         ResetNetworkLink();
-        ResetSessionControl();
+        ResetSessionState();
         ResetStateFiles();
         ResetServicePipeClient();
-        ResetRelay();
+        ResetReceiveProgress();
         ClearSpecialFolders();
         g_bClientEnuming = g_bStopClientEnum = g_bSendingFile = 0;
         g_bRemoteFileDone = g_bRemoteFileError = g_bRemoteFileFull = g_bRemoteFileAllFull = g_bRemoteFileTypeUnknown =

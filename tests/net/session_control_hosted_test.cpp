@@ -1,4 +1,6 @@
 // What the service asks and hears: PINs, roles, the exchange of machine info, release.
+#include "net/client_discovery.h"
+#include "net/session_start.h"
 #include "tests/net/discovery_program_hosted.h"
 #include "tests/net/observed_hosted.h"
 #include "tests/trace/trace_session_hosted.h"
@@ -120,7 +122,7 @@ TEST_F(SessionControl, APinReplacedWhileTheServerStartsIsTheOneThatAdmits)
 {
     hosted::SetClockRate(5);
     for (const uint32_t dwPause : {0u, 1u, 2u, 4u, 8u, 16u}) { // between announcement and first accept
-        ResetSessionControl();
+        ResetSessionState();
         RequestPin();
         const uint16_t nPort = NextListeningPort();
         std::this_thread::sleep_for(std::chrono::milliseconds(dwPause));

@@ -3,6 +3,7 @@
 #include "migration/record_store.h"
 #include "migration/state_files.h"
 #include "tests/transfer/transfer_fixture.h"
+#include "transfer/destination_limits.h"
 #include "transfer/folder_listing.h"
 #include "transfer/folder_tree.h"
 #include "transfer/network_send.h"

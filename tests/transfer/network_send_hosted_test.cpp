@@ -1,6 +1,7 @@
 // The send interface: its checks, the line among senders, the answers, and the result codes.
 #include "tests/transfer/transfer_fixture.h"
 #include "transfer/network_send.h"
+#include "transfer/socket_io.h"
 
 using namespace platform;
 

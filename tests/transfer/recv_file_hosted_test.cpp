@@ -1,5 +1,6 @@
 // Receiving a stream: what is stored, the word that goes back, the code of each bad stream, and the link left in step.
 #include "tests/transfer/transfer_fixture.h"
+#include "transfer/recv_file.h"
 
 using namespace platform;
 

@@ -1,5 +1,6 @@
 // One file's stream as it lies on the wire, and the code of each way in which sending it fails.
 #include "tests/transfer/transfer_fixture.h"
+#include "transfer/send_file.h"
 #include <unistd.h>
 
 using namespace platform;

@@ -1,0 +1,10 @@
+// send_file_command.h: the sender's side of "SendFile".
+#pragma once
+#include "platform/sockets.h"
+#include <cstdint>
+
+// [held] 0 or the negative result of SendFile; -301 source missing, -302 attributes not readable, -21/-22/-23/-24/-25
+// word, path, type, attributes, flag not sent; -3 also when the end of the file stream could not leave.
+//   pszDestination  at most 1024 units travel, a longer one is cut
+int32_t SendFileCommand(platform::SOCKET hSocket, const char16_t *pszSource, const char16_t *pszDestination,
+                        uint32_t dwType, uint8_t bEncrypt);

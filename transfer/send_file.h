@@ -1,0 +1,12 @@
+// send_file.h: one file's body to the peer.
+#pragma once
+#include "transfer/file_stream.h"
+#include <cstdint>
+
+// [g_csNetSocket held, inside HoldSends/FlushSends] The file's size, or a code above. Polls g_hSendExecution's
+// cancellation and the outcome flags (net/command_channel.h) once per chunk. Only the size found at the start is sent
+// of a file that grows; one that shrinks is a read failure. What cannot be read is never replaced by other bytes in a
+// file that the peer could take for whole, but for an unencrypted last chunk of 50 bytes or fewer, which no cancel
+// block fits: zeros.
+//   pszSource  a path of more than STREAM_PATH_UNITS is opened in its "\\?\" form
+int64_t SendFile(platform::SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt);

@@ -13,7 +13,6 @@
 namespace {
 
 using namespace platform;
-using hosted::ProfileEdit;
 using hosted::ProfileText;
 
 // Optional text in UTF-16.
@@ -68,18 +67,15 @@ std::u16string WithoutTrailingBlanks(std::u16string sText)
     return sText;
 }
 
-// The whole number at the start of a value, as the system reads it: sign, 0x, 0o or 0b, digits; too large ones wrap.
+// The whole number at the start of a value, as the system reads it: sign, 0x, digits; too large ones wrap.
 uint32_t NumberIn(const std::u16string &sValue)
 {
     size_t i = 0;
     while (i < sValue.size() && sValue[i] <= u' ') i++;
     const bool bNegative = i < sValue.size() && sValue[i] == u'-';
     if (i < sValue.size() && (sValue[i] == u'-' || sValue[i] == u'+')) i++;
-    uint32_t nBase = 10;
-    if (i + 1 < sValue.size() && sValue[i] == u'0') {
-        nBase = sValue[i + 1] == u'x' ? 16 : sValue[i + 1] == u'o' ? 8 : sValue[i + 1] == u'b' ? 2 : 10;
-        if (nBase != 10) i += 2;
-    }
+    const uint32_t nBase = sValue.compare(i, 2, u"0x") == 0 ? 16 : 10;
+    if (nBase == 16) i += 2;
     uint32_t nValue = 0;
     for (; i < sValue.size(); i++) {
         const char16_t ch     = sValue[i];
@@ -106,7 +102,7 @@ BOOL Change(const char16_t *pszSection, const char16_t *pszKey, const char16_t *
         ERROR_FILE_NOT_FOUND; // what writing out the cache of an older system answers, and no section at all
     if (pszSection != nullptr) {
         const bool bWrites = pszKey != nullptr && pszValue != nullptr;
-        dwError            = hosted::ChangeProfile(pszFile, bWrites, [&](ProfileText *pText) -> ProfileEdit {
+        dwError            = hosted::ChangeProfile(pszFile, bWrites, [&](ProfileText *pText) {
             if (pszKey == nullptr) return pText->RemoveSection(pszSection);
             if (pszValue == nullptr) return pText->RemoveKey(pszSection, pszKey);
             return pText->Write(pszSection, pszKey, pszValue);

@@ -1,11 +1,10 @@
 // profile_store.cpp: reading and changing INI files, whole against every other process of the machine.
 // A reader trusts what it has in memory while the file's stamp and its shared generation stand; so reading a key again
-// costs one look at the file's state. A change is written in place where a process that is killed in the middle cannot
-// leave a wrong value: the kernel ends a write only between pages, so the value must lie within one. Every other change
-// makes a new file in run/ that takes the old one's place with its marks; only when another handle has the file open,
-// or run/ is on another file system, is it written over. What a program outside the machine writes is seen by the stamp
-// alone: where stamps are coarse, a change of the same length within one tick is not. A relative file name counts from
-// C:\Windows, as on Windows.
+// costs one look at the file's state. A change of a small file that does not shrink is one write of at most a page,
+// which a process that is killed in the middle does not tear. Every other change makes a new file in run/ that takes
+// the old one's place with its marks; only when another handle has the file open, or run/ is on another file system, is
+// it written over. What a program outside the machine writes is seen by the stamp alone: where stamps are coarse, a
+// change of the same length within one tick is not. A relative file name counts from C:\Windows, as on Windows.
 #include "platform/hosted/profile/profile_store.h"
 #include "platform/errors.h"
 #include "platform/files.h"
@@ -27,7 +26,7 @@ namespace {
 using namespace platform;
 
 constexpr size_t MAX_FILES  = 8;
-constexpr size_t MAX_MEMORY = 24 << 20;
+constexpr size_t MAX_MEMORY = 1 << 20; // of one file that is kept
 constexpr size_t CB_PAGE    = 4096;
 
 struct Kept {
@@ -97,17 +96,6 @@ void Forget(const Kept *pKept)
     Files().remove_if([&](const Kept &kept) { return &kept == pKept; });
 }
 
-// Drops what was used least while too much is kept; the front one stays.
-void KeepBounds()
-{
-    size_t cb = 0;
-    for (const Kept &kept : Files()) cb += kept.text.MemoryUsed();
-    while (Files().size() > 1 && (Files().size() > MAX_FILES || cb > MAX_MEMORY)) {
-        cb -= Files().back().text.MemoryUsed();
-        Files().pop_back();
-    }
-}
-
 // [Mutex, profile lock] Reads the file anew. Null: *pdwError.
 Kept *Load(const DiskPath &path, const Located &found, uint32_t *pdwError)
 {
@@ -141,7 +129,7 @@ Kept *Load(const DiskPath &path, const Located &found, uint32_t *pdwError)
     sBytes.resize(cbRead);
     kept.text.Load(sBytes);
     TakeStamp(kept, st);
-    KeepBounds();
+    if (Files().size() > MAX_FILES) Files().pop_back();
     return &kept;
 }
 
@@ -156,69 +144,27 @@ uint32_t FindFile(const char16_t *pszFile, DiskPath *pPath, Located *pFound)
     return 0;
 }
 
-bool WriteAll(int nFd, const char *pData, size_t cb, off_t nAt)
-{
-    while (cb > 0) {
-        const ssize_t cbDone = pwrite(nFd, pData, cb, nAt);
-        if (cbDone < 0 && errno == EINTR) continue;
-        if (cbDone <= 0) return false;
-        pData += cbDone;
-        cb -= static_cast<size_t>(cbDone);
-        nAt += cbDone;
-    }
-    return true;
-}
-
 // The whole text to a file from its start, cut at the end.
-bool WriteText(int nFd, const ProfileText &text)
+bool WriteText(int nFd, const std::string &sBytes)
 {
-    if (text.IsUtf16()) {
-        const size_t cb = 2 * text.Text().size();
-        return WriteAll(nFd, "\xFF\xFE", 2, 0) &&
-               WriteAll(nFd, reinterpret_cast<const char *>(text.Text().data()), cb, 2) &&
-               ftruncate(nFd, static_cast<off_t>(cb + 2)) == 0;
+    for (size_t cbDone = 0; cbDone < sBytes.size();) {
+        const ssize_t cb = pwrite(nFd, sBytes.data() + cbDone, sBytes.size() - cbDone, static_cast<off_t>(cbDone));
+        if (cb < 0 && errno == EINTR) continue;
+        if (cb <= 0) return false;
+        cbDone += static_cast<size_t>(cb);
     }
-    const std::string sBytes = ToUtf8(text.Text());
-    return WriteAll(nFd, sBytes.data(), sBytes.size(), 0) && ftruncate(nFd, static_cast<off_t>(sBytes.size())) == 0;
-}
-
-// True when the edit can be written at its place and a torn write leaves no wrong value.
-bool FitsInPlace(const ProfileText &text, const ProfileEdit &edit)
-{
-    const bool bAppends = edit.nRemoved == 0 && edit.nAt + edit.nAdded == text.Text().size();
-    if (!text.IsExact() || (edit.nRemoved != edit.nAdded && !bAppends)) return false;
-    const size_t nFirst = text.FileOffset(edit.nAt + edit.nValueAt);
-    const size_t nEnd   = text.FileOffset(edit.nAt + edit.nValueAt + edit.nValue);
-    return edit.nValue == 0 || nFirst / CB_PAGE == (nEnd - 1) / CB_PAGE;
-}
-
-bool WriteInPlace(const Kept &kept, const ProfileEdit &edit)
-{
-    const std::u16string_view sNew = std::u16string_view(kept.text.Text()).substr(edit.nAt, edit.nAdded);
-    const off_t               nAt  = static_cast<off_t>(kept.text.FileOffset(edit.nAt));
-    bool                      bOk;
-    if (kept.text.IsUtf16()) {
-        bOk = WriteAll(kept.nFd, reinterpret_cast<const char *>(sNew.data()), 2 * sNew.size(), nAt);
-    } else {
-        const std::string sBytes = ToUtf8(sNew);
-        bOk                      = WriteAll(kept.nFd, sBytes.data(), sBytes.size(), nAt);
-    }
-    if (bOk) return true;
-    const int nErrno = errno;
-    if (edit.nRemoved == 0 && ftruncate(kept.nFd, nAt) != 0) errno = nErrno; // half a line would be of no use to anyone
-    errno = nErrno;
-    return false;
+    return ftruncate(nFd, static_cast<off_t>(sBytes.size())) == 0;
 }
 
 // Puts a new file in the old one's place; false with errno.
-bool WriteReplacement(Kept *pKept, const Located &found)
+bool WriteReplacement(Kept *pKept, const Located &found, const std::string &sBytes)
 {
     const std::string sNew = RunFolder("") + "profile.new"; // one at a time: the profile lock is held
     struct stat       st;
     const int         nFd = open(sNew.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (nFd < 0) return false;
     bool bWasValid = false;
-    bool bOk       = fstat(pKept->nFd, &st) == 0 && WriteText(nFd, pKept->text) && fchmod(nFd, st.st_mode & 07777) == 0;
+    bool bOk       = fstat(pKept->nFd, &st) == 0 && WriteText(nFd, sBytes) && fchmod(nFd, st.st_mode & 07777) == 0;
     if (bOk) {
         CopyMarks({"", pKept->nFd}, {"", nFd});
         bWasValid = IndexIsValid(found.sFolder);
@@ -237,21 +183,22 @@ bool WriteReplacement(Kept *pKept, const Located &found)
     return true;
 }
 
-uint32_t Store(Kept *pKept, const Located &found, const ProfileEdit &edit)
+uint32_t Store(Kept *pKept, const Located &found, const std::string &sBytes)
 {
     bool bOk;
-    if (FitsInPlace(pKept->text, edit)) {
-        bOk = WriteInPlace(*pKept, edit);
+    if (sBytes.size() <= CB_PAGE && static_cast<off_t>(sBytes.size()) >= pKept->cb) {
+        bOk = pwrite(pKept->nFd, sBytes.data(), sBytes.size(), 0) == static_cast<ssize_t>(sBytes.size());
     } else if (found.bLink || IsOpenAnywhere(pKept->nFd, found.st)) {
-        bOk = WriteText(pKept->nFd, pKept->text);
+        bOk = WriteText(pKept->nFd, sBytes);
     } else {
-        bOk = WriteReplacement(pKept, found);
-        if (!bOk && errno == EXDEV) bOk = WriteText(pKept->nFd, pKept->text);
+        bOk = WriteReplacement(pKept, found, sBytes);
+        if (!bOk && errno == EXDEV) bOk = WriteText(pKept->nFd, sBytes);
     }
     const uint32_t dwError = bOk ? 0 : ErrorFromErrno(errno);
     const uint32_t nBefore = Generation(Generations::Files, pKept->nKey).fetch_add(1);
     struct stat    st;
-    if (!bOk || nBefore != pKept->nGeneration || fstat(pKept->nFd, &st) != 0) {
+    if (!bOk || nBefore != pKept->nGeneration || fstat(pKept->nFd, &st) != 0 ||
+        pKept->text.MemoryUsed() > MAX_MEMORY) {
         Forget(pKept);
         return dwError;
     }
@@ -279,10 +226,11 @@ uint32_t ReadProfile(const char16_t *pszFile, const std::function<void(const Pro
     }
     dwError = TestSharing("", pKept->nFd, found.st, SHARE_READ, SHARE_READ | SHARE_WRITE);
     if (dwError == 0) use(pKept->text);
+    if (pKept->text.MemoryUsed() > MAX_MEMORY) Forget(pKept);
     return dwError;
 }
 
-uint32_t ChangeProfile(const char16_t *pszFile, bool bMake, const std::function<ProfileEdit(ProfileText *)> &change)
+uint32_t ChangeProfile(const char16_t *pszFile, bool bMake, const std::function<bool(ProfileText *)> &change)
 {
     const std::lock_guard<std::mutex> guard(Mutex());
     const ProfileLock                 lock;
@@ -312,15 +260,13 @@ uint32_t ChangeProfile(const char16_t *pszFile, bool bMake, const std::function<
     }
     dwError = TestSharing("", pKept->nFd, found.st, SHARE_READ | SHARE_WRITE, SHARE_READ | SHARE_WRITE);
     if (dwError != 0) return dwError;
-    const ProfileEdit edit = change(&pKept->text);
-    if (!edit.bChanged) return 0;
-    const int64_t cbGrowth =
-        (static_cast<int64_t>(edit.nAdded) - static_cast<int64_t>(edit.nRemoved)) * (pKept->text.IsUtf16() ? 2 : 1);
-    if (!TakeRoom(path.Drive(), cbGrowth)) {
+    if (!change(&pKept->text)) return 0;
+    const std::string sBytes = pKept->text.Bytes();
+    if (!TakeRoom(path.Drive(), static_cast<int64_t>(sBytes.size()) - pKept->cb)) {
         Forget(pKept); // its text has the change
         return ERROR_DISK_FULL;
     }
-    return Store(pKept, found, edit);
+    return Store(pKept, found, sBytes);
 }
 
 } // namespace hosted

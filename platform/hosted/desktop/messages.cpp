@@ -1,7 +1,7 @@
 // messages.cpp: sending and taking messages.
-// A thread that asks for a message first answers those that others have sent and wait for; then come posted messages in
-// their order, and WM_QUIT when none is left. A thread that waits for an answer answers what is sent to it meanwhile.
-// Difference from Windows: of another process's lower standing only the sender's side knows, so that the filter is
+// Posted messages come in their order, and WM_QUIT when none is left.
+// Differences from Windows: a message is sent (and waited for) within a thread only, to another thread's window it fails
+// with ERROR_NOT_SUPPORTED; of another process's lower standing only the sender's side knows, so that the filter is
 // applied there.
 #include "platform/errors.h"
 #include "platform/hosted/control.h"
@@ -13,11 +13,8 @@
 #include "platform/hosted/machine/machine.h"
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <memory>
 #include <string>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace hosted {
 namespace {
@@ -35,11 +32,6 @@ bool FilterLets(const WindowRecord &record, uint32_t uMsg)
            std::find(record.aAllowed.begin(), record.aAllowed.end(), uMsg) != record.aAllowed.end();
 }
 
-WireMessage WireOf(uint32_t nWindow, uint32_t uMsg, platform::WPARAM wParam, platform::LPARAM lParam, bool bReply)
-{
-    return {WIRE_MAGIC, nWindow, uMsg, bReply, wParam, lParam};
-}
-
 bool PostTo(uint32_t nWindow, uint32_t uMsg, platform::WPARAM wParam, platform::LPARAM lParam)
 {
     if (const std::shared_ptr<Window> pWindow = WindowOf(nWindow)) {
@@ -54,61 +46,9 @@ bool PostTo(uint32_t nWindow, uint32_t uMsg, platform::WPARAM wParam, platform::
         SetError(platform::ERROR_ACCESS_DENIED);
         return false;
     }
-    if (SendToWindow(WireOf(nWindow, uMsg, wParam, lParam, false), -1)) return true;
+    if (SendToWindow({WIRE_MAGIC, nWindow, uMsg, wParam, lParam})) return true;
     SetError(ERROR_INVALID_WINDOW_HANDLE);
     return false;
-}
-
-// [held: lock, of the thread's own queue] Answers what others have sent to this thread's windows.
-void AnswerSent(MessageQueue &queue, std::unique_lock<std::mutex> &lock)
-{
-    while (!queue.aSent.empty()) {
-        const std::shared_ptr<SentMessage> pSent = queue.aSent.front();
-        queue.aSent.pop_front();
-        lock.unlock();
-        const std::shared_ptr<Window> pWindow = WindowOf(pSent->nWindow);
-        Answer(*pSent, pWindow == nullptr ? 0 : CallWindow(*pWindow, pSent->uMsg, pSent->wParam, pSent->lParam));
-        lock.lock();
-    }
-}
-
-platform::LRESULT WaitForAnswer(SentMessage &sent)
-{
-    MessageQueue                &queue = *sent.pSender;
-    std::unique_lock<std::mutex> lock(queue.mutex);
-    for (;;) {
-        AnswerSent(queue, lock);
-        if (sent.bDone) return sent.nResult;
-        if (queue.aSent.empty()) queue.condition.wait(lock);
-    }
-}
-
-platform::LRESULT SendAcross(uint32_t nWindow, uint32_t uMsg, platform::WPARAM wParam, platform::LPARAM lParam)
-{
-    int aPair[2];
-    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, aPair) != 0) {
-        SetErrorFromErrno();
-        return 0;
-    }
-    auto pOwnEnd = std::make_shared<Descriptor>(aPair[0]);
-    {
-        const Descriptor theirEnd(aPair[1]); // the receiver has its own copy, which ends with it
-        if (!SendToWindow(WireOf(nWindow, uMsg, wParam, lParam, true), theirEnd.nFd)) {
-            SetError(ERROR_INVALID_WINDOW_HANDLE);
-            return 0;
-        }
-    }
-    auto pSent     = std::make_shared<SentMessage>();
-    pSent->pSender = OwnQueue();
-    const WatchId nWatch = WatchDescriptor(aPair[0], [pOwnEnd, pSent] {
-        platform::LRESULT nResult = 0; // stays 0 when the receiver dies before it answers
-        const ssize_t     cb      = recv(pOwnEnd->nFd, &nResult, sizeof(nResult), MSG_DONTWAIT);
-        if (cb >= 0 || errno != EAGAIN) Answer(*pSent, cb == sizeof(nResult) ? nResult : 0);
-    });
-    if (nWatch == 0) return 0;
-    const platform::LRESULT nResult = WaitForAnswer(*pSent);
-    UnwatchDescriptor(nWatch, aPair[0]);
-    return nResult;
 }
 
 // [held: the queue's mutex] The next message that fits; null when there is none.
@@ -127,7 +67,6 @@ bool Take(platform::MSG *pMsg, platform::HWND hWnd, uint32_t uFirst, uint32_t uL
     const std::shared_ptr<MessageQueue> pQueue = OwnQueue();
     std::unique_lock<std::mutex>        lock(pQueue->mutex);
     for (;;) {
-        AnswerSent(*pQueue, lock);
         const auto it = NextPosted(*pQueue, hWnd, uFirst, uLast);
         if (it != pQueue->aPosted.end()) {
             *pMsg = *it;
@@ -149,7 +88,7 @@ int Broadcast(uint32_t uMsg, platform::WPARAM wParam, platform::LPARAM lParam, b
     int nReached = 0;
     for (const WindowRecord &record : AllWindows()) { // from the system: no filter
         if (bRegisteredOnly && record.nSessionRegistrations == 0) continue;
-        if (SendToWindow(WireOf(record.nWindow, uMsg, wParam, lParam, false), -1)) nReached++;
+        if (SendToWindow({WIRE_MAGIC, record.nWindow, uMsg, wParam, lParam})) nReached++;
     }
     return nReached;
 }
@@ -216,29 +155,10 @@ BOOL PostMessageW(HWND hWnd, uint32_t uMsg, WPARAM wParam, LPARAM lParam)
 LRESULT SendMessageW(HWND hWnd, uint32_t uMsg, WPARAM wParam, LPARAM lParam)
 {
     if (FailsNow("SendMessageW")) return 0;
-    const uint32_t                nWindow = NumberOf(hWnd);
-    const std::shared_ptr<Window> pWindow = WindowOf(nWindow);
-    WindowRecord                  record;
-    if (pWindow != nullptr) {
-        if (pWindow->pQueue == OwnQueue()) return CallWindow(*pWindow, uMsg, wParam, lParam);
-        auto pSent     = std::make_shared<SentMessage>();
-        pSent->nWindow = nWindow;
-        pSent->uMsg    = uMsg;
-        pSent->wParam  = wParam;
-        pSent->lParam  = lParam;
-        pSent->pSender = OwnQueue();
-        PutSent(*pWindow->pQueue, pSent);
-        return WaitForAnswer(*pSent);
-    }
-    if (nWindow == HWND_BROADCAST) {
-        SetError(ERROR_NOT_SUPPORTED);
-        return 0;
-    }
-    if (!ReadWindow(nWindow, &record) || !FilterLets(record, uMsg)) {
-        SetError(record.nWindow == 0 ? ERROR_INVALID_WINDOW_HANDLE : ERROR_ACCESS_DENIED);
-        return 0;
-    }
-    return SendAcross(nWindow, uMsg, wParam, lParam);
+    const std::shared_ptr<Window> pWindow = WindowOf(NumberOf(hWnd));
+    if (pWindow != nullptr && pWindow->pQueue == OwnQueue()) return CallWindow(*pWindow, uMsg, wParam, lParam);
+    SetError(ERROR_NOT_SUPPORTED);
+    return 0;
 }
 
 void PostQuitMessage(int32_t nExitCode)

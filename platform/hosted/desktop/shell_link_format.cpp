@@ -1,9 +1,8 @@
 // shell_link_format.cpp: the parts of a .lnk file.
 // Links of other writers are read with and without an id list, with ANSI or Unicode texts, and keep what is not
 // understood. What is written has an id list and link information in both widths, as the system's shell resolves a link
-// by the list. ANSI text of other writers is UTF-8 where it is valid UTF-8, else code page 1252; ANSI text is written
-// in code page 1252 with
-// '?' for what it lacks. No path has a '?', so a reader that meets one takes the other form.
+// by the list. ANSI text of other writers is UTF-8 where it is valid UTF-8, else code page 1252; the narrow form that is
+// written is ASCII with '?' for the rest. No path has a '?', so a reader that meets one takes the other form.
 #include "platform/hosted/desktop/shell_link_format.h"
 #include "platform/unicode.h"
 #include <algorithm>
@@ -100,11 +99,7 @@ std::u16string FromAnsi(std::string_view sText)
 std::string ToAnsi(std::u16string_view sText)
 {
     std::string sNarrow;
-    for (const char16_t ch : sText) {
-        const size_t nUpper = std::u16string_view(g_szUpper).find(ch);
-        if (nUpper != std::u16string_view::npos) sNarrow += static_cast<char>(0x80 + nUpper);
-        else sNarrow += ch < 0x100 ? static_cast<char>(ch) : '?';
-    }
+    for (const char16_t ch : sText) sNarrow += ch < 0x80 ? static_cast<char>(ch) : '?';
     return sNarrow;
 }
 

@@ -5,8 +5,6 @@
 #include "platform/hosted/machine/current_machine.h"
 #include "platform/hosted/machine/errors.h"
 #include "platform/kernel.h"
-#include <algorithm>
-#include <cstring>
 #include <map>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -28,7 +26,7 @@ WindowMap &TheWindows()
     return s_Windows;
 }
 
-// A thread's windows end with it, and whoever waits for an answer of theirs gets 0.
+// A thread's windows end with it.
 struct QueueOwner {
     std::shared_ptr<MessageQueue> pQueue = std::make_shared<MessageQueue>();
     ~QueueOwner()
@@ -41,13 +39,6 @@ struct QueueOwner {
             }
         }
         for (const uint32_t nWindow : aOwn) DropWindow(nWindow);
-        std::deque<std::shared_ptr<SentMessage>> aSent;
-        {
-            const std::lock_guard<std::mutex> guard(pQueue->mutex);
-            pQueue->bClosed = true;
-            aSent.swap(pQueue->aSent);
-        }
-        for (const auto &pSent : aSent) Answer(*pSent, 0);
     }
 };
 
@@ -55,35 +46,10 @@ void OnDatagram(const std::weak_ptr<Window> &pWeak)
 {
     const std::shared_ptr<Window> pWindow = pWeak.lock();
     if (pWindow == nullptr) return;
-    WireMessage message{};
-    iovec       part{&message, sizeof(message)};
-    msghdr      header{};
-    alignas(cmsghdr) char aControl[CMSG_SPACE(sizeof(int))] = {};
-    header.msg_iov        = &part;
-    header.msg_iovlen     = 1;
-    header.msg_control    = aControl;
-    header.msg_controllen = sizeof(aControl);
-    const ssize_t cb      = recvmsg(pWindow->pSocket->nFd, &header, MSG_CMSG_CLOEXEC | MSG_DONTWAIT);
-    if (cb < 0) return;
-    std::shared_ptr<Descriptor> pReply;
-    const cmsghdr              *pControl = CMSG_FIRSTHDR(&header);
-    if (pControl != nullptr && pControl->cmsg_type == SCM_RIGHTS && pControl->cmsg_len == CMSG_LEN(sizeof(int))) {
-        int nFd = -1;
-        memcpy(&nFd, CMSG_DATA(pControl), sizeof(nFd));
-        pReply = std::make_shared<Descriptor>(nFd);
-    }
-    if (cb != sizeof(message) || message.dwMagic != WIRE_MAGIC || message.nWindow != pWindow->record.nWindow) return;
-    if (!message.bReply) {
+    WireMessage   message{};
+    const ssize_t cb = recv(pWindow->pSocket->nFd, &message, sizeof(message), MSG_DONTWAIT | MSG_TRUNC);
+    if (cb == sizeof(message) && message.dwMagic == WIRE_MAGIC && message.nWindow == pWindow->record.nWindow)
         PostToQueue(*pWindow->pQueue, message.nWindow, message.uMsg, message.wParam, message.lParam);
-    } else if (pReply != nullptr) {
-        auto pSent     = std::make_shared<SentMessage>();
-        pSent->nWindow = message.nWindow;
-        pSent->uMsg    = message.uMsg;
-        pSent->wParam  = message.wParam;
-        pSent->lParam  = message.lParam;
-        pSent->pReply  = std::move(pReply);
-        PutSent(*pWindow->pQueue, pSent);
-    }
 }
 
 } // namespace
@@ -130,18 +96,8 @@ std::shared_ptr<Window> DropWindow(uint32_t nWindow)
     }
     UnwatchDescriptor(pWindow->nWatch, pWindow->pSocket->nFd);
     RemoveWindow(nWindow);
-    std::vector<std::shared_ptr<SentMessage>> aLost;
-    {
-        const std::lock_guard<std::mutex> guard(pWindow->pQueue->mutex);
-        std::erase_if(pWindow->pQueue->aPosted,
-                      [&](const platform::MSG &msg) { return NumberOf(msg.hwnd) == nWindow; });
-        std::erase_if(pWindow->pQueue->aSent, [&](const std::shared_ptr<SentMessage> &pSent) {
-            if (pSent->nWindow != nWindow) return false;
-            aLost.push_back(pSent);
-            return true;
-        });
-    }
-    for (const auto &pSent : aLost) Answer(*pSent, 0);
+    const std::lock_guard<std::mutex> guard(pWindow->pQueue->mutex);
+    std::erase_if(pWindow->pQueue->aPosted, [&](const platform::MSG &msg) { return NumberOf(msg.hwnd) == nWindow; });
     return pWindow;
 }
 
@@ -173,34 +129,6 @@ bool PostToQueue(MessageQueue &queue, uint32_t nWindow, uint32_t uMsg, platform:
     }
     queue.condition.notify_all();
     return true;
-}
-
-void PutSent(MessageQueue &queue, const std::shared_ptr<SentMessage> &pSent)
-{
-    {
-        const std::lock_guard<std::mutex> guard(queue.mutex);
-        if (!queue.bClosed) {
-            queue.aSent.push_back(pSent);
-            queue.condition.notify_all();
-            return;
-        }
-    }
-    Answer(*pSent, 0);
-}
-
-void Answer(SentMessage &sent, platform::LRESULT nResult)
-{
-    if (sent.pReply != nullptr) {
-        // A sender that has gone needs no answer.
-        static_cast<void>(!send(sent.pReply->nFd, &nResult, sizeof(nResult), MSG_NOSIGNAL | MSG_DONTWAIT));
-        sent.pReply = nullptr;
-    }
-    if (sent.pSender == nullptr) return;
-    const std::lock_guard<std::mutex> guard(sent.pSender->mutex);
-    if (sent.bDone) return; // the end of a reply channel follows its answer
-    sent.bDone   = true;
-    sent.nResult = nResult;
-    sent.pSender->condition.notify_all();
 }
 
 platform::LRESULT CallWindow(Window &window, uint32_t uMsg, platform::WPARAM wParam, platform::LPARAM lParam)

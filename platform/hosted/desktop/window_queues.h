@@ -14,27 +14,11 @@ namespace hosted {
 
 constexpr uint32_t ERROR_INVALID_WINDOW_HANDLE = 1400;
 
-struct MessageQueue;
-
-// A message that somebody waits for: of this process (pSender) or of another one (pReply).
-struct SentMessage {
-    uint32_t                      nWindow = 0;
-    uint32_t                      uMsg    = 0;
-    platform::WPARAM              wParam  = 0;
-    platform::LPARAM              lParam  = 0;
-    std::shared_ptr<Descriptor>   pReply;
-    std::shared_ptr<MessageQueue> pSender;
-    bool                          bDone   = false; // this and the next under the sender's mutex
-    platform::LRESULT             nResult = 0;
-};
-
 struct MessageQueue {
-    std::mutex                               mutex; // guards what follows
-    std::condition_variable                  condition;
-    std::deque<platform::MSG>                aPosted;
-    std::deque<std::shared_ptr<SentMessage>> aSent;
-    std::optional<int32_t>                   nQuit; // PostQuitMessage's code
-    bool                                     bClosed = false; // its thread has ended
+    std::mutex                mutex; // guards what follows
+    std::condition_variable   condition;
+    std::deque<platform::MSG> aPosted;
+    std::optional<int32_t>    nQuit; // PostQuitMessage's code
 };
 std::shared_ptr<MessageQueue> OwnQueue(); // of the calling thread
 
@@ -61,8 +45,6 @@ platform::HWND HandleOf(uint32_t nWindow);
 // Puts a message into the queue; ERROR_NOT_ENOUGH_QUOTA when 10,000 wait already. nWindow 0: for the thread itself.
 bool PostToQueue(MessageQueue &queue, uint32_t nWindow, uint32_t uMsg, platform::WPARAM wParam,
                  platform::LPARAM lParam);
-void PutSent(MessageQueue &queue, const std::shared_ptr<SentMessage> &pSent);
-void Answer(SentMessage &sent, platform::LRESULT nResult);
 
 // Calls the window's procedure on the calling thread, which must own it.
 platform::LRESULT CallWindow(Window &window, uint32_t uMsg, platform::WPARAM wParam, platform::LPARAM lParam);

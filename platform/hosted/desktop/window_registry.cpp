@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <dirent.h>
 #include <fstream>
 #include <sstream>
@@ -163,29 +162,15 @@ std::vector<WindowRecord> AllWindows()
     return aWindows;
 }
 
-bool SendToWindow(const WireMessage &message, int nReplyFd)
+bool SendToWindow(const WireMessage &message)
 {
     const std::string sFolder = RunFolder("windows");
     if (sFolder.empty()) return false;
     const Descriptor socket(ConnectLocalSocket(sFolder, FileOf(message.nWindow, "socket"), SOCK_DGRAM));
     if (socket.nFd < 0) return false;
-    iovec  part{const_cast<WireMessage *>(&message), sizeof(message)};
-    msghdr header{};
-    alignas(cmsghdr) char aControl[CMSG_SPACE(sizeof(int))] = {};
-    header.msg_iov    = &part;
-    header.msg_iovlen = 1;
-    if (nReplyFd >= 0) {
-        header.msg_control    = aControl;
-        header.msg_controllen = sizeof(aControl);
-        cmsghdr *pControl     = CMSG_FIRSTHDR(&header);
-        pControl->cmsg_level  = SOL_SOCKET;
-        pControl->cmsg_type   = SCM_RIGHTS;
-        pControl->cmsg_len    = CMSG_LEN(sizeof(int));
-        memcpy(CMSG_DATA(pControl), &nReplyFd, sizeof(nReplyFd));
-    }
     ssize_t cb = 0;
     do { // blocks while the receiver's watcher has many to take
-        cb = sendmsg(socket.nFd, &header, MSG_NOSIGNAL);
+        cb = send(socket.nFd, &message, sizeof(message), MSG_NOSIGNAL);
     } while (cb < 0 && errno == EINTR);
     return cb == sizeof(message);
 }

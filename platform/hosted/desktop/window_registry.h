@@ -19,12 +19,11 @@ struct WindowRecord {
     std::u16string        sClass, sTitle;
 };
 
-// A message on its way to another process. With bReply the datagram carries a descriptor for an int64_t result.
+// A message on its way to another process.
 struct WireMessage {
     uint32_t dwMagic;
     uint32_t nWindow;
     uint32_t uMsg;
-    uint32_t bReply;
     uint64_t wParam;
     int64_t  lParam;
 };
@@ -38,8 +37,8 @@ void RemoveWindow(uint32_t nWindow);
 bool ReadWindow(uint32_t nWindow, WindowRecord *pRecord);
 // Newest first, as new windows come on top of the others.
 std::vector<WindowRecord> AllWindows();
-// To the window's socket, with a descriptor unless -1. False when its process has gone.
-bool SendToWindow(const WireMessage &message, int nReplyFd);
+// To the window's socket. False when its process has gone.
+bool SendToWindow(const WireMessage &message);
 // 0xC000..0xFFFF, the same for a name in every process of the machine; 0 with the last error set on failure.
 platform::ATOM AtomOf(const std::u16string &sName);
 

@@ -4,7 +4,7 @@
 //          is Windows' secret, and differs between its versions.
 // Object   the secret lies in the caller's key object, as on Windows: the block must outlive the key.
 // Contexts each key has one for each direction, made at its first use; a chunk only sets the start vector anew.
-// Differences from Windows: only CBC, only block padding, an explicit key object and start vector; everything else is
+// Differences from Windows: only 128-bit keys, only CBC, only block padding, an explicit key object and start vector; everything else is
 // refused. The size of a decryption is told as the input's length, an upper bound, as Windows does for padded data.
 #include "platform/cipher.h"
 #include "platform/hosted/machine/counts.h"
@@ -21,7 +21,7 @@ namespace {
 using namespace platform;
 
 constexpr uint32_t BLOCK_BYTES         = 16;
-constexpr uint32_t MAX_SECRET_BYTES    = 32;
+constexpr uint32_t SECRET_BYTES        = 16;
 constexpr uint32_t BLOB_HEADER_BYTES   = 4;
 constexpr uint32_t ALGORITHM_SIGNATURE = 0x474C4156, KEY_SIGNATURE = 0x59454B56;
 constexpr NTSTATUS STATUS_INVALID_BUFFER_SIZE = static_cast<NTSTATUS>(0xC0000206);
@@ -33,13 +33,12 @@ struct Algorithm {
 
 // What lies in the caller's key object.
 struct KeyObject {
-    uint32_t cbSecret;
-    uint8_t  aSecret[MAX_SECRET_BYTES];
+    uint8_t aSecret[SECRET_BYTES];
 };
 
 struct Key {
     uint32_t        dwSignature = KEY_SIGNATURE;
-    uint8_t        *pbObject    = nullptr; // a KeyObject, at whatever alignment the caller's block has
+    uint8_t        *pbObject    = nullptr; // a KeyObject
     EVP_CIPHER_CTX *pEncrypt    = nullptr;
     EVP_CIPHER_CTX *pDecrypt    = nullptr;
 };
@@ -65,12 +64,10 @@ void KeepLibraryToTheEnd()
 }
 
 // Looked up once for the process: the look-up costs more than the encryption of a small file.
-const EVP_CIPHER *CipherFor(uint32_t cbSecret)
+const EVP_CIPHER *TheCipher()
 {
-    static const EVP_CIPHER *const p128 = EVP_CIPHER_fetch(nullptr, "AES-128-CBC", nullptr);
-    static const EVP_CIPHER *const p192 = EVP_CIPHER_fetch(nullptr, "AES-192-CBC", nullptr);
-    static const EVP_CIPHER *const p256 = EVP_CIPHER_fetch(nullptr, "AES-256-CBC", nullptr);
-    return cbSecret == 16 ? p128 : cbSecret == 24 ? p192 : cbSecret == 32 ? p256 : nullptr;
+    static const EVP_CIPHER *const s_pCipher = EVP_CIPHER_fetch(nullptr, "AES-128-CBC", nullptr);
+    return s_pCipher;
 }
 
 // True when the call must fail now; *pnStatus says how.
@@ -85,14 +82,12 @@ bool Fails(const char *pszCall, NTSTATUS *pnStatus)
 NTSTATUS MakeKey(BCRYPT_KEY_HANDLE *phKey, uint8_t *pbKeyObject, uint32_t cbKeyObject, const uint8_t *pbSecret,
                  uint32_t cbSecret)
 {
-    if (CipherFor(cbSecret) == nullptr) return STATUS_INVALID_PARAMETER;
+    if (cbSecret == 24 || cbSecret == 32) return STATUS_NOT_SUPPORTED; // AES has them, this product has not
+    if (cbSecret != SECRET_BYTES) return STATUS_INVALID_PARAMETER;
     if (cbKeyObject < sizeof(KeyObject)) return STATUS_BUFFER_TOO_SMALL;
     Key *pKey = new (std::nothrow) Key;
     if (pKey == nullptr) return STATUS_NO_MEMORY;
-    KeyObject object = {cbSecret, {}};
-    std::memcpy(object.aSecret, pbSecret, cbSecret);
-    std::memcpy(pbKeyObject, &object, sizeof object);
-    OPENSSL_cleanse(&object, sizeof object);
+    std::memcpy(pbKeyObject, pbSecret, sizeof(KeyObject));
     pKey->pbObject = pbKeyObject;
     ++hosted::g_nCiphers;
     *phKey = pKey;
@@ -105,14 +100,10 @@ EVP_CIPHER_CTX *ReadyContext(Key &key, bool bEncrypt, const uint8_t *pbIV)
     EVP_CIPHER_CTX *&pContext = bEncrypt ? key.pEncrypt : key.pDecrypt;
     if (pContext != nullptr)
         return EVP_CipherInit_ex(pContext, nullptr, nullptr, nullptr, pbIV, bEncrypt) == 1 ? pContext : nullptr;
-    KeyObject object;
-    std::memcpy(&object, key.pbObject, sizeof object);
-    const EVP_CIPHER *pCipher = CipherFor(object.cbSecret);
-    EVP_CIPHER_CTX   *pNew    = pCipher != nullptr ? EVP_CIPHER_CTX_new() : nullptr;
-    if (pNew != nullptr && EVP_CipherInit_ex(pNew, pCipher, nullptr, object.aSecret, pbIV, bEncrypt) == 1)
+    EVP_CIPHER_CTX *pNew = TheCipher() != nullptr ? EVP_CIPHER_CTX_new() : nullptr;
+    if (pNew != nullptr && EVP_CipherInit_ex(pNew, TheCipher(), nullptr, key.pbObject, pbIV, bEncrypt) == 1)
         pContext = pNew;
     else EVP_CIPHER_CTX_free(pNew);
-    OPENSSL_cleanse(&object, sizeof object);
     return pContext;
 }
 
@@ -263,13 +254,11 @@ NTSTATUS BCryptExportKey(BCRYPT_KEY_HANDLE hKey, BCRYPT_KEY_HANDLE hExportKey, c
     if (hExportKey != nullptr || pszBlobType == nullptr || CompareTextW(pszBlobType, BCRYPT_OPAQUE_KEY_BLOB) != 0)
         return STATUS_NOT_SUPPORTED;
     if (pcbResult == nullptr || dwFlags != 0) return STATUS_INVALID_PARAMETER;
-    KeyObject object;
-    std::memcpy(&object, pKey->pbObject, sizeof object);
-    *pcbResult = BLOB_HEADER_BYTES + object.cbSecret;
+    *pcbResult = BLOB_HEADER_BYTES + SECRET_BYTES;
     if (pbOutput == nullptr) return STATUS_SUCCESS;
     if (cbOutput < *pcbResult) return STATUS_BUFFER_TOO_SMALL;
-    for (uint32_t i = 0; i < BLOB_HEADER_BYTES; i++) pbOutput[i] = static_cast<uint8_t>(object.cbSecret >> (8 * i));
-    std::memcpy(pbOutput + BLOB_HEADER_BYTES, object.aSecret, object.cbSecret);
+    for (uint32_t i = 0; i < BLOB_HEADER_BYTES; i++) pbOutput[i] = static_cast<uint8_t>(SECRET_BYTES >> (8 * i));
+    std::memcpy(pbOutput + BLOB_HEADER_BYTES, pKey->pbObject, SECRET_BYTES);
     return STATUS_SUCCESS;
 }
 

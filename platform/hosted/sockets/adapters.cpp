@@ -15,10 +15,10 @@
 #include "platform/errors.h"
 #include "platform/hosted/machine/counts.h"
 #include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/guids.h"
 #include "platform/hosted/machine/machine.h"
 #include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
-#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -37,28 +37,6 @@ struct Adapter {
     std::string sDescription, sAddress, sMask, sGateway, sDhcp;
 };
 
-bool ReadGuid(const std::string &sText, GUID *pGuid)
-{
-    unsigned aTail[8];
-    char     chEnd = '\0';
-    if (std::sscanf(sText.c_str(), "{%8x-%4hx-%4hx-%2x%2x-%2x%2x%2x%2x%2x%2x%c", &pGuid->Data1, &pGuid->Data2,
-                    &pGuid->Data3, &aTail[0], &aTail[1], &aTail[2], &aTail[3], &aTail[4], &aTail[5], &aTail[6],
-                    &aTail[7], &chEnd) != 12 ||
-        chEnd != '}')
-        return false;
-    for (int i = 0; i < 8; i++) pGuid->Data4[i] = static_cast<uint8_t>(aTail[i]);
-    return true;
-}
-
-std::string GuidText(const GUID &guid)
-{
-    char szText[40];
-    std::snprintf(szText, sizeof szText, "{%08X-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", guid.Data1, guid.Data2,
-                  guid.Data3, guid.Data4[0], guid.Data4[1], guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5],
-                  guid.Data4[6], guid.Data4[7]);
-    return szText;
-}
-
 std::vector<Adapter> MachineAdapters()
 {
     std::vector<Adapter> aAdapters;
@@ -75,7 +53,7 @@ std::vector<Adapter> MachineAdapters()
         adapter.sMask        = setting("mask", "255.255.255.0");
         adapter.sGateway     = setting("gateway", "0.0.0.0");
         adapter.sDhcp        = setting("dhcp", "");
-        if (!ReadGuid(setting("guid", ""), &adapter.guid))
+        if (!hosted::ReadGuid(setting("guid", ""), &adapter.guid))
             adapter.guid = {0xADA00000u + static_cast<uint32_t>(n), 0, 0x4000, {0x80, 0, 0, 0, 0, 0, 0, 0}};
         aAdapters.push_back(std::move(adapter));
     }
@@ -178,7 +156,7 @@ uint32_t GetAdaptersInfo(IP_ADAPTER_INFO *pInfo, uint32_t *pcb)
         info.Index = info.ComboIndex = static_cast<uint32_t>(i + 1);
         info.Type                    = adapter.bWireless ? IF_TYPE_IEEE80211 : MIB_IF_TYPE_ETHERNET;
         info.DhcpEnabled             = adapter.sDhcp.empty() ? 0 : 1;
-        CopyTextA(info.AdapterName, sizeof info.AdapterName, GuidText(adapter.guid).c_str());
+        CopyTextA(info.AdapterName, sizeof info.AdapterName, hosted::GuidText(adapter.guid).c_str());
         CopyTextA(info.Description, sizeof info.Description, adapter.sDescription.c_str());
         CopyAddress(info.IpAddressList.IpAddress, adapter.sAddress);
         CopyAddress(info.IpAddressList.IpMask, adapter.sMask);

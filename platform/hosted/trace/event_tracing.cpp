@@ -14,8 +14,10 @@
 #include "platform/hosted/control.h"
 #include "platform/hosted/machine/errors.h"
 #include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/guids.h"
 #include "platform/hosted/trace/trace_lines.h"
 #include "platform/hosted/trace/trace_sessions.h"
+#include "platform/text.h"
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -101,15 +103,6 @@ std::vector<Provider> &Providers()
 std::atomic<const TraceMessageFormat *> g_pFormats{nullptr};
 std::atomic<size_t>                     g_nFormats{0};
 
-std::string GuidText(const GUID &guid)
-{
-    char szText[40];
-    std::snprintf(szText, sizeof szText, "{%08x-%04x-%04x-%02x%02x-%02x%02x%02x%02x%02x%02x}", guid.Data1, guid.Data2,
-                  guid.Data3, guid.Data4[0], guid.Data4[1], guid.Data4[2], guid.Data4[3], guid.Data4[4], guid.Data4[5],
-                  guid.Data4[6], guid.Data4[7]);
-    return szText;
-}
-
 // What the session files of the folder say, in the order of their names.
 std::vector<Enabling> ReadSessionFiles(const std::string &sFolder)
 {
@@ -131,8 +124,6 @@ std::vector<Enabling> ReadSessionFiles(const std::string &sFolder)
             std::istringstream line(sLine);
             std::string        sProvider, sLevel, sFlags;
             if (!(line >> sProvider >> sLevel >> sFlags)) continue;
-            std::transform(sProvider.begin(), sProvider.end(), sProvider.begin(),
-                           [](char ch) { return ch >= 'A' && ch <= 'F' ? static_cast<char>(ch + 'a' - 'A') : ch; });
             aEnablings.push_back({sName, sProvider, static_cast<uint8_t>(std::strtoul(sLevel.c_str(), nullptr, 0)),
                                   static_cast<uint32_t>(std::strtoul(sFlags.c_str(), nullptr, 0))});
         }
@@ -170,10 +161,10 @@ void CloseIdleLogs()
 // [g_csProviders held] Tells a provider when what it was last told no longer holds.
 void ControlProvider(Provider &provider, const std::vector<Enabling> &aEnablings, const std::string &sFolder)
 {
-    const std::string sGuid   = GuidText(provider.controlGuid);
+    const std::string sGuid   = hosted::GuidText(provider.controlGuid);
     TRACEHANDLE       hLogger = 0;
     for (const Enabling &enabling : aEnablings) {
-        if (enabling.sProvider != "*" && enabling.sProvider != sGuid) continue;
+        if (enabling.sProvider != "*" && CompareTextNoCaseA(enabling.sProvider.c_str(), sGuid.c_str()) != 0) continue;
         if (const uint16_t nId = OpenLog(sFolder, enabling.sSession))
             hLogger =
                 nId | static_cast<uint64_t>(enabling.nLevel) << 16 | static_cast<uint64_t>(enabling.dwFlags) << 32;

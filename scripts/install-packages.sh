@@ -15,6 +15,8 @@ PACKAGES=(
     g++-mingw-w64-x86-64-posix binutils-mingw-w64-x86-64 wine wine64
     # what the benchmarks compare with
     openssh-client openssh-server rsync
+    # the network of two machines that discovery is tried on, and somebody else's discovery to try it against
+    iproute2 avahi-daemon avahi-utils dbus
 )
 
 case "${1-}" in

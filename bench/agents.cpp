@@ -71,22 +71,23 @@ void StopPair(const AgentPair &pair)
 }
 
 // The section is written at the file's end, once; while the link is idle, nobody else writes the file.
-static void SetOwnWindow(const AgentPair &pair, int nWindow)
+static void SetOwnWindow(const MachinePtr &machine, int nWindow)
 {
-    const std::string sFile = HostPathOf(pair.old, SOCKET_DAT);
+    const std::string sFile = HostPathOf(machine, SOCKET_DAT);
     std::string       sText, sLine;
     std::ifstream     in(sFile, std::ios::binary);
     for (bool bOwn = false; std::getline(in, sLine);) {
         if (sLine.starts_with("[")) bOwn = sLine.starts_with("[Link]");
         if (!bOwn) sText += sLine + "\n";
     }
-    if (nWindow > 0) sText += "[Link]\r\nSendWindow=" + std::to_string(nWindow) + "\r\n";
+    sText += "[Link]\r\nSendWindow=" + std::to_string(nWindow) + "\r\n";
     std::ofstream(sFile, std::ios::binary | std::ios::trunc) << sText;
 }
 
 bool Relink(const AgentPair &pair, Path ePath, int nWindow)
 {
-    SetOwnWindow(pair, nWindow);
+    SetOwnWindow(pair.old, nWindow);
+    SetOwnWindow(pair.next, nWindow);
     Announce(pair, ePath == Path::Direct ? pair.nPort : pair.nProxyPort);
     return Unlink(pair.next) && Unlink(pair.old) && LinkAgain(pair.old, pair.next);
 }

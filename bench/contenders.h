@@ -6,6 +6,7 @@
 #include <string>
 
 constexpr std::chrono::microseconds ONE_WAY_DELAY(1000);
+constexpr int                       WINDOW_FILES = 64;
 
 struct BenchOptions {
     std::string sPrograms, sWork, sSsh, sSshPort, sDaemonPort, sSets = "LSM", sPaths = "direct,delayed";
@@ -25,8 +26,7 @@ struct AgentPair {
 // Creates and links them. False with the reason in *psError.
 bool StartPair(const BenchOptions &options, AgentPair *pPair, std::string *psError);
 void StopPair(const AgentPair &pair);
-// Links them anew over a path, with the own number of unanswered files of the sending side (0: its default; 1: one at
-// a time). False when they do not link.
+// Links them anew over a path, with that many files unanswered at most (1: one at a time). False when they do not link.
 bool Relink(const AgentPair &pair, Path ePath, int nWindow);
 // Moves the data set. Seconds, or negative when it failed: the target is empty before and is checked by count afterwards.
 double RunAgents(const AgentPair &pair, const std::string &sSource, const DataSet &set);

@@ -75,7 +75,7 @@ bool Compare(const BenchOptions &options, const AgentPair &pair, const CopyPorts
     std::vector<double> window, single, copies[std::size(TOOLS)];
     const int           nRuns = ePath == Path::Direct ? options.nRuns : options.nDelayedRuns;
     for (int i = 0; i < nRuns; i++) {
-        window.push_back(Relink(pair, ePath, 0) ? RunAgents(pair, sSource, set) : -1);
+        window.push_back(Relink(pair, ePath, WINDOW_FILES) ? RunAgents(pair, sSource, set) : -1);
         single.push_back(Relink(pair, ePath, 1) ? RunAgents(pair, sSource, set) : -1);
         for (size_t nTool = 0; nTool < std::size(TOOLS); nTool++)
             copies[nTool].push_back(RunCopy(TOOLS[nTool], options, ports, sHostSource));
@@ -99,7 +99,7 @@ bool MeasureSet(const BenchOptions &options, const AgentPair &pair, const CopyPo
     const DataSet     set = MakeDataSet(chSet, HostPathOf(pair.old, sSource), options.nDivisor);
     bool              bOk = true;
     if (chSet == 'N') {
-        bOk = Relink(pair, Path::Direct, 0) && RunFlatness(pair, sSource, set);
+        bOk = Relink(pair, Path::Direct, WINDOW_FILES) && RunFlatness(pair, sSource, set);
     } else {
         if (options.sPaths.find("direct") != std::string::npos)
             bOk = Compare(options, pair, direct, Path::Direct, sSource, set) && bOk;

@@ -103,16 +103,22 @@ static void SendFolders(CollectionWalk *pWalk)
 
 static void SendFiles(CollectionWalk *pWalk, const StringList *pDoneFiles)
 {
-    CollectionFile *pFiles = IndexCollectionFiles(pWalk, pDoneFiles);
-    if (pFiles == nullptr) {
+    CollectionFile *pFiles  = IndexCollectionFiles(pWalk, pDoneFiles);
+    SendWindow     *pWindow = OpenCollectionWindow(pWalk);
+    if (pFiles == nullptr || pWindow == nullptr) {
         pWalk->bOk = false;
+        delete[] pFiles;
+        CloseSendWindow(pWindow);
         return;
     }
     for (uint32_t i = 0; i < pWalk->Files.nCount && pWalk->bOk; ++i) {
         if (pFiles[i].bDone) continue;
         pWalk->bOk = MayWalkGoOn(pWalk);
-        if (pWalk->bOk) SendCollectionFile(pWalk, pFiles[i].pszPath);
+        if (pWalk->bOk) SendCollectionFile(pWalk, pWindow, pFiles[i].pszPath);
     }
+    DrainWindow(pWindow);
+    if (pWalk->bOk) pWalk->bOk = MayWalkGoOn(pWalk);
+    CloseSendWindow(pWindow);
     delete[] pFiles;
 }
 

@@ -21,6 +21,7 @@
 using namespace platform;
 
 constexpr int32_t  SEND_UNANSWERED = 0; // of a file that went out whole: the peer did not say what became of it
+constexpr int32_t  FILE_REFUSED    = 3; // not sent: the destination is known to be full
 constexpr uint32_t VERDICT_POLLS   = 40;
 constexpr uint32_t VERDICT_POLL_MS = 25;
 
@@ -113,11 +114,32 @@ void SendCollectionFolder(CollectionWalk *pWalk, const char16_t *pszFolder, bool
     ReportFolder(pszFolder, nSent);
 }
 
-static bool IsRefused(CollectionWalk *pWalk, const char16_t *pszFolderKey, const char16_t *pszDriveKey,
-                      const char16_t *pszFile)
+// The keys under which a destination's limits are kept: its folder, and its drive.
+struct LimitKeys {
+    char16_t szFolder[LIMIT_KEY_UNITS];
+    char16_t szDrive[LIMIT_KEY_UNITS];
+};
+static LimitKeys KeysOf(const char16_t *pszDestination)
 {
-    return IsRefusedByLimit(FindDestinationLimit(&pWalk->Limits, pszFolderKey), pszFile) ||
-           IsRefusedByLimit(FindDestinationLimit(&pWalk->Limits, pszDriveKey), pszFile);
+    LimitKeys Keys = {};
+    char16_t  szFolder[MAP_PATH_UNITS];
+    if (TextLengthW(pszDestination) <= 1) return Keys;
+    CopyTextW(szFolder, MAP_PATH_UNITS, pszDestination);
+    PathCchRemoveFileSpec(szFolder, MAP_PATH_UNITS);
+    CopyTextW(Keys.szFolder, LIMIT_KEY_UNITS, szFolder);
+    CopyTextW(Keys.szDrive, DRIVE_KEY_UNITS + 1, pszDestination);
+    return Keys;
+}
+
+// 0, or FILE_REFUSED when the limits refuse it.
+static int32_t DecideFile(void *pContext, const WindowItem *pItem)
+{
+    auto *const     pWalk = static_cast<CollectionWalk *>(pContext);
+    const LimitKeys Keys  = KeysOf(pItem->pszDestination);
+    return IsRefusedByLimit(FindDestinationLimit(&pWalk->Limits, Keys.szFolder), pItem->pszSource) ||
+                   IsRefusedByLimit(FindDestinationLimit(&pWalk->Limits, Keys.szDrive), pItem->pszSource)
+               ? FILE_REFUSED
+               : 0;
 }
 
 // What a failure says of the files that come after it.
@@ -137,29 +159,18 @@ static void LearnFromFailure(CollectionWalk *pWalk, int32_t nRet, const char16_t
     }
 }
 
-void SendCollectionFile(CollectionWalk *pWalk, const char16_t *pszFile)
+// A file's outcome, in request order.
+static void TakeFile(void *pContext, const WindowItem *pItem, int32_t nRet)
 {
-    char16_t szDestination[MAP_PATH_UNITS];
-    char16_t szFolder[MAP_PATH_UNITS];
-    char16_t szFolderKey[LIMIT_KEY_UNITS] = {};
-    char16_t szDriveKey[LIMIT_KEY_UNITS]  = {};
-    CopyTextW(szDestination, MAP_PATH_UNITS, pszFile);
-    TranslatePath(&pWalk->Map, szDestination, MAP_PATH_UNITS, 0);
-    if (TextLengthW(szDestination) > 1) {
-        CopyTextW(szFolder, MAP_PATH_UNITS, szDestination);
-        PathCchRemoveFileSpec(szFolder, MAP_PATH_UNITS);
-        CopyTextW(szFolderKey, LIMIT_KEY_UNITS, szFolder);
-        CopyTextW(szDriveKey, DRIVE_KEY_UNITS + 1, szDestination);
-    }
-    if (IsRefused(pWalk, szFolderKey, szDriveKey, pszFile)) {
+    auto *const           pWalk   = static_cast<CollectionWalk *>(pContext);
+    const char16_t *const pszFile = pItem->pszSource;
+    if (nRet == FILE_REFUSED) {
         ReportFile(pszFile, true);
         return;
     }
-
-    const int32_t nRet = SendNetworkFile(pszFile, szDestination, FILE_TYPE_COLLECTION, pWalk->ullExecution, 1, nullptr);
     if (nRet != SEND_OK) {
         TraceValueText("!!SendNetworkFileEx", static_cast<uint32_t>(nRet), pszFile, MAP_PATH_UNITS);
-        LearnFromFailure(pWalk, nRet, pszFile, szFolderKey);
+        LearnFromFailure(pWalk, nRet, pszFile, KeysOf(pItem->pszDestination).szFolder);
     }
     if (nRet == SEND_UNANSWERED) {
         ReportFile(pszFile, true);
@@ -168,4 +179,19 @@ void SendCollectionFile(CollectionWalk *pWalk, const char16_t *pszFile)
     pWalk->bOk = MayWalkGoOn(pWalk);
     if (pWalk->bOk || nRet == SEND_OK) AppendCompleteInfo(pszFile, 0);
     if (nRet != SEND_UNANSWERED) ReportFile(pszFile, nRet != SEND_OK);
+}
+
+SendWindow *OpenCollectionWindow(CollectionWalk *pWalk)
+{
+    const WindowOwner Owner = {pWalk, pWalk->ullExecution, DecideFile, TakeFile};
+    return OpenSendWindow(&Owner);
+}
+
+void SendCollectionFile(CollectionWalk *pWalk, SendWindow *pWindow, const char16_t *pszFile)
+{
+    char16_t szDestination[MAP_PATH_UNITS];
+    CopyTextW(szDestination, MAP_PATH_UNITS, pszFile);
+    TranslatePath(&pWalk->Map, szDestination, MAP_PATH_UNITS, 0);
+    const WindowItem Item = {pszFile, szDestination, FILE_TYPE_COLLECTION};
+    HandOver(pWindow, &Item, 0);
 }

@@ -4,6 +4,7 @@
 #include "migration/path_map.h"
 #include "migration/string_list.h"
 #include "transfer/folder_tree.h"
+#include "transfer/send_window.h"
 #include <cstdint>
 
 // A requested file, in request order.
@@ -36,5 +37,7 @@ CollectionFile *IndexCollectionFiles(const CollectionWalk *pWalk, const StringLi
 // Sends one folder and, when it was walked to its end, records and reports it.
 //   bResumed  the item records on disk are this folder's; otherwise they are begun anew
 void SendCollectionFolder(CollectionWalk *pWalk, const char16_t *pszFolder, bool bResumed);
-// Sends one file, or refuses it by the limits; records and reports it.
-void SendCollectionFile(CollectionWalk *pWalk, const char16_t *pszFile);
+// The window through which the single files go; its outcomes record, report and stop the walk. Null without memory.
+SendWindow *OpenCollectionWindow(CollectionWalk *pWalk);
+// Hands one file over; it is sent, or refused by the limits, and recorded and reported in its turn.
+void SendCollectionFile(CollectionWalk *pWalk, SendWindow *pWindow, const char16_t *pszFile);

@@ -3,6 +3,7 @@
 #include "migration/machine_info.h"
 #include "migration/state_files.h"
 #include "net/command_channel.h"
+#include "net/link_window.h"
 #include "platform/modules.h"
 #include "platform/profile.h"
 #include "platform/text.h"
@@ -22,6 +23,7 @@ constexpr char16_t VERSION_1050[]     = u"1.0.5.0";
 constexpr char16_t VERSION_RESOURCE[] = u"\\StringFileInfo\\040904b0\\PRODUCTVERSION";
 constexpr uint64_t VERSION_PART_MAX   = 0xFFFF;
 constexpr size_t   QUOTED_UNITS       = STATE_PATH_UNITS + 2;
+constexpr size_t   NUMBER_UNITS       = 12;
 
 static void WriteQuotedText(const char16_t *pszFile, const char16_t *pszSection, const char16_t *pszKey,
                             const char16_t *pszText)
@@ -44,6 +46,12 @@ int32_t WriteLocalInfo(SessionRecord *pSession)
     // Without a lock: a session that is overtaken may be here too, and finds the same text.
     if (g_szProductVersion[0] == u'\0') GetOwnVersionText(VERSION_RESOURCE, g_szProductVersion, STATE_PATH_UNITS);
     WriteQuotedText(szFile, PACKAGE_SECTION, VERSION_KEY, g_szProductVersion);
+    const uint32_t nWindow = ReadOwnWindow();
+    if (nWindow > 1) { // without it the file is that of an agent that knows no window
+        char16_t szNumber[NUMBER_UNITS];
+        FormatTextW(szNumber, NUMBER_UNITS, u"%u", nWindow);
+        WriteQuotedText(szFile, LINK_SECTION, SEND_WINDOW_KEY, szNumber);
+    }
     return 1;
 }
 

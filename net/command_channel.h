@@ -38,6 +38,9 @@ constexpr uint32_t FILE_TYPE_SHORTCUT        = 5;
 constexpr uint32_t FILE_TYPE_SPECIAL         = 6;
 constexpr uint32_t FILE_TYPE_MACHINE_INFO    = 10;
 
+// On a link with a send window (net/link_window.h): the end of an answer whose file is not there.
+constexpr char WORD_FILE_NONE[] = "FileNone";
+
 // Outcome flags: set by the listener, cleared and read by SendNetworkFile.
 extern std::atomic<uint8_t> g_bRemoteFileDone;
 extern std::atomic<uint8_t> g_bRemoteFileError;

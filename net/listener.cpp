@@ -9,12 +9,14 @@
 #include "ipc/relay.h"
 #include "ipc/service_pipe_client.h"
 #include "net/command_channel.h"
+#include "net/link_window.h"
 #include "net/receive_file_command.h"
 #include "net/role_end.h"
 #include "net/session_state.h"
 #include "platform/detached_thread.h"
 #include "platform/text.h"
 #include "trace/debug_output.h"
+#include "transfer/answer_queue.h"
 #include "transfer/socket_io.h"
 #include <cstring>
 #include <new>
@@ -62,6 +64,38 @@ void SetOutcome(std::atomic<uint8_t> *pFlag)
     SetEvent(GetFileOutcomeEvent());
 }
 
+// What a word says of a file. False: nothing.
+bool IsAnswerWord(const CommandWord &szWord, AnswerWord *peWord)
+{
+    if (Is(szWord, WORD_FILE_DONE)) *peWord = AnswerWord::Done;
+    else if (Is(szWord, WORD_FILE_NONE) && GetLinkWindow() > 1) *peWord = AnswerWord::None;
+    else if (Is(szWord, WORD_FILE_ERROR)) *peWord = AnswerWord::Error;
+    else if (Is(szWord, WORD_FILE_DISK_FULL))
+        *peWord = std::strcmp(szWord, WORD_FILE_ALL_DISKS_FULL) == 0 ? AnswerWord::AllFull : AnswerWord::Full;
+    else if (Is(szWord, WORD_FILE_TYPE_WRONG)) *peWord = AnswerWord::TypeUnknown;
+    else return false;
+    return true;
+}
+
+// An answer: of a file in the window, else of the one file that is under way.
+void TakeAnswer(AnswerWord eWord)
+{
+    bool bWake = false;
+    if (NoteAnswer(eWord, &bWake)) {
+        if (bWake) SetEvent(GetFileOutcomeEvent());
+        return;
+    }
+    NoteInfoAnswer(eWord == AnswerWord::Done);
+    switch (eWord) {
+    case AnswerWord::Done: SetOutcome(&g_bRemoteFileDone); break;
+    case AnswerWord::None: break;
+    case AnswerWord::Error: SetOutcome(&g_bRemoteFileError); break;
+    case AnswerWord::AllFull: g_bRemoteFileAllFull = 1; [[fallthrough]];
+    case AnswerWord::Full: SetOutcome(&g_bRemoteFileFull); break;
+    case AnswerWord::TypeUnknown: SetOutcome(&g_bRemoteFileTypeUnknown); break;
+    }
+}
+
 void AnswerKeepAlive(const ListenerRole &role, SOCKET hSocket)
 {
     TraceDebugA("[%s] Be4 send keepalive ack", role.pszThread);
@@ -76,20 +110,14 @@ void AnswerKeepAlive(const ListenerRole &role, SOCKET hSocket)
 
 void Dispatch(const ListenerRole &role, SOCKET hSocket, const CommandWord &szWord)
 {
+    AnswerWord eWord = AnswerWord::Done;
     TraceDebugA("[%s] == get %s cmd == [%s]", role.pszThread, role.pszPeer, szWord);
     if (Is(szWord, WORD_SEND_DATA)) {
         SendDataCMDHandler(hSocket);
     } else if (Is(szWord, WORD_SEND_FILE)) {
         SendFileCMDHandler(hSocket);
-    } else if (Is(szWord, WORD_FILE_DONE)) {
-        SetOutcome(&g_bRemoteFileDone);
-    } else if (Is(szWord, WORD_FILE_ERROR)) {
-        SetOutcome(&g_bRemoteFileError);
-    } else if (Is(szWord, WORD_FILE_DISK_FULL)) {
-        if (std::strcmp(szWord, WORD_FILE_ALL_DISKS_FULL) == 0) g_bRemoteFileAllFull = 1;
-        SetOutcome(&g_bRemoteFileFull);
-    } else if (Is(szWord, WORD_FILE_TYPE_WRONG)) {
-        SetOutcome(&g_bRemoteFileTypeUnknown);
+    } else if (IsAnswerWord(szWord, &eWord)) {
+        TakeAnswer(eWord);
     } else if (Is(szWord, WORD_KEEP_ALIVE)) {
         AnswerKeepAlive(role, hSocket);
     } else if (!Is(szWord, WORD_ACK_ALIVE)) { // a late answer to a probe needs nothing
@@ -118,7 +146,7 @@ int32_t CountSilence(const ListenerRole &role, SOCKET hSocket, Silence *pSilence
     if (pSilence->bTimedOut) pSilence->nSeconds += SILENCE_STEP_S;
     pSilence->bTimedOut = true;
     if (pSilence->nSeconds <= SILENCE_LIMIT_S) return 0;
-    if (g_bSendingFile) {
+    if (g_bSendingFile || IsAnswerOwed()) {
         TraceDebugA("[%s] g_bSendingFile, skip KeepAliveTest", role.pszThread);
         pSilence->nSeconds = 0;
         return 0;

@@ -7,6 +7,7 @@
 #include "migration/state_files.h"
 #include "migration/unique_name.h"
 #include "net/command_channel.h"
+#include "net/link_window.h"
 #include "net/received_file.h"
 #include "net/settings.h"
 #include "platform/errors.h"
@@ -175,13 +176,30 @@ int32_t ReceiveFolder(ReceivedFile *pFile)
 
 void AnswerFileDone(const ReceivedFile *pFile)
 {
+    const uint32_t nPeerWindow = pFile->dwType == FILE_TYPE_MACHINE_INFO ? ReadPeerWindow() : 0;
     TraceDebugW(u"[SendFileCMDHandler] Be4 CS (done) [%s]", pFile->szPath);
     EnterCriticalSection(&g_csNetSocket);
     TraceDebugW(u"[SendFileCMDHandler] Enter CS (done) [%s]", pFile->szPath);
     if (!SendCommandWord(pFile->hSocket, WORD_FILE_DONE)) ReportWSAError(OPERATION, u"send file done cmd failed");
     TraceDebugA("[SendFileCMDHandler] send file done cmd done");
+    if (nPeerWindow != 0) NotePeerWindow(nPeerWindow);
     LeaveCriticalSection(&g_csNetSocket);
     TraceDebugW(u"[SendFileCMDHandler] Leave CS (done) [%s]", pFile->szPath);
+}
+
+void AnswerFileNone(const ReceivedFile *pFile)
+{
+    EnterCriticalSection(&g_csNetSocket);
+    if (!SendCommandWord(pFile->hSocket, WORD_FILE_NONE)) ReportWSAError(OPERATION, u"send file none cmd failed");
+    LeaveCriticalSection(&g_csNetSocket);
+    TraceDebugW(u"[SendFileCMDHandler] send file none cmd done [%s]", pFile->szPath);
+}
+
+// True for the results of RecvFile after which the next command cannot be found.
+bool IsStreamBroken(int64_t llResult)
+{
+    return llResult == RECVFILE_NO_SIZE || llResult == RECVFILE_NO_KEY_SIZE || llResult == RECVFILE_NO_KEY ||
+           llResult == RECVFILE_NO_LENGTH || llResult == RECVFILE_NO_CHUNK;
 }
 
 // Attributes, flag and stream of a file, stored and answered. A status of SendFileCMDHandler.
@@ -216,19 +234,30 @@ int32_t ReceiveFile(ReceivedFile *pFile)
     return 0;
 }
 
+// A status of SendFileCMDHandler.
+int32_t HandleFile(SOCKET hSocket, ReceivedFile *pFile)
+{
+    pFile->hSocket         = hSocket;
+    g_bRecvFileTypeUnknown = 0;
+    if (!ReceiveField(hSocket, pFile->szPath, FILE_PATH_BYTES)) return Failed(u"recv path failed", -2);
+    TraceDebugW(u"[SendFileCMDHandler] recv path done [%s]", pFile->szPath);
+    if (!ReceiveField(hSocket, &pFile->dwType, sizeof pFile->dwType)) return Failed(u"recv type failed", -4);
+    TraceDebugA("[SendFileCMDHandler] recv type done [%d]", pFile->dwType);
+    if (pFile->dwType == FILE_TYPE_FOLDER) return ReceiveFolder(pFile);
+    if (!HasDrive(pFile->szPath) && pFile->dwType != FILE_TYPE_MACHINE_INFO) RefusePath(pFile, "no drive");
+    PrepareDestination(pFile);
+    return ReceiveFile(pFile);
+}
+
 } // namespace
 
 int32_t SendFileCMDHandler(SOCKET hSocket)
 {
     ReceivedFile file = {};
-    file.hSocket      = hSocket;
-    g_bRecvFileTypeUnknown = 0;
-    if (!ReceiveField(hSocket, file.szPath, FILE_PATH_BYTES)) return Failed(u"recv path failed", -2);
-    TraceDebugW(u"[SendFileCMDHandler] recv path done [%s]", file.szPath);
-    if (!ReceiveField(hSocket, &file.dwType, sizeof file.dwType)) return Failed(u"recv type failed", -4);
-    TraceDebugA("[SendFileCMDHandler] recv type done [%d]", file.dwType);
-    if (file.dwType == FILE_TYPE_FOLDER) return ReceiveFolder(&file);
-    if (!HasDrive(file.szPath) && file.dwType != FILE_TYPE_MACHINE_INFO) RefusePath(&file, "no drive");
-    PrepareDestination(&file);
-    return ReceiveFile(&file);
+    NoteFileReceived(true);
+    const int32_t nRet = HandleFile(hSocket, &file);
+    NoteFileReceived(false);
+    // On a link with a send window each file is closed by one word; a link whose stream broke off has no use for it.
+    if ((nRet == -8 || nRet == -100) && !IsStreamBroken(file.llSize) && GetLinkWindow() > 1) AnswerFileNone(&file);
+    return nRet;
 }

@@ -2,6 +2,7 @@
 // The whole exchange stands inside one hold of the socket, so that a small file leaves in one or two segments; the
 // peer may answer with an error word meanwhile, which the own listener reads.
 #include "net/send_file_command.h"
+#include "ipc/thread_execution.h"
 #include "net/command_channel.h"
 #include "platform/errors.h"
 #include "platform/files.h"
@@ -10,6 +11,7 @@
 #include "trace/debug_output.h"
 #include "transfer/file_stream.h"
 #include "transfer/send_file.h"
+#include "transfer/prepared_file.h"
 #include "transfer/socket_io.h"
 #include <algorithm>
 #include <cassert>
@@ -68,7 +70,7 @@ int32_t SendHeader(SOCKET hSocket, const char16_t *pszDestination, uint32_t dwTy
 
 // What a file has and a folder has not: attributes, flag and stream. 0, -24, -25 or SendFile's negative result.
 int32_t SendBody(SOCKET hSocket, const char16_t *pszSource, uint32_t dwAttributes, uint8_t bEncrypt,
-                 const char16_t **ppszFailure)
+                 const PreparedFile *pPrepared, const char16_t **ppszFailure)
 {
     *ppszFailure = u"send attribute failed";
     TraceDebugA("[SendFileCommand] send attribute begin [%d]", dwAttributes);
@@ -81,15 +83,15 @@ int32_t SendBody(SOCKET hSocket, const char16_t *pszSource, uint32_t dwAttribute
     TraceDebugA("[SendFileCommand] send bEncrypt done");
     *ppszFailure = u"Failed to send file";
     TraceDebugW(u"[SendFileCommand] Be4 send file...[%s]", pszSource);
-    const int64_t nRet = SendFile(hSocket, pszSource, bFlag);
+    const int64_t nRet = SendPreparedFile(hSocket, pszSource, bFlag, pPrepared);
     TraceDebugA("[SendFileCommand] After send file...ret[%I64d]", nRet);
     return nRet < 0 ? static_cast<int32_t>(nRet) : 0;
 }
 
 } // namespace
 
-int32_t SendFileCommand(SOCKET hSocket, const char16_t *pszSource, const char16_t *pszDestination, uint32_t dwType,
-                        uint8_t bEncrypt)
+int32_t SendPreparedFileCommand(SOCKET hSocket, const char16_t *pszSource, const char16_t *pszDestination,
+                                uint32_t dwType, uint8_t bEncrypt, const PreparedFile *pPrepared, bool bMore)
 {
     assert(HoldsCriticalSection(&g_csNetSocket));
     const char16_t *pszFailure   = nullptr;
@@ -100,20 +102,34 @@ int32_t SendFileCommand(SOCKET hSocket, const char16_t *pszSource, const char16_
     if (pszLocal != pszSource) TraceDebugW(u"[SendFileCommand] szSrcUNC [%s]", pszLocal);
     if (TextLengthW(pszDestination) >= LONG_PATH_FROM_UNITS)
         TraceDebugW(u"[SendFileCommand] szDstUNC [\\\\?\\%s]", pszDestination); // it travels as it is given
-    int32_t nErr = ReadSource(pszLocal, &dwAttributes);
+    int32_t nErr = 0;
+    // A cancelled file goes the usual way, which puts the cancel block into its first chunk.
+    if (pPrepared != nullptr && (bEncrypt == 0 || dwType == FILE_TYPE_FOLDER ||
+                                 IsThreadExecutionCancel(g_hSendExecution) || !IsStillPrepared(pszSource, pPrepared)))
+        pPrepared = nullptr;
+    if (pPrepared != nullptr) dwAttributes = pPrepared->dwAttributes;
+    else nErr = ReadSource(pszLocal, &dwAttributes);
     if (nErr != 0) return nErr;
 
     HoldSends(hSocket);
     nErr = SendHeader(hSocket, pszDestination, dwType, &pszFailure);
     if (nErr == 0 && dwType != FILE_TYPE_FOLDER)
-        nErr = SendBody(hSocket, pszSource, dwAttributes, bEncrypt, &pszFailure);
+        nErr = SendBody(hSocket, pszSource, dwAttributes, bEncrypt, pPrepared, &pszFailure);
     // An aborted stream ends with its cancel block, which must leave like everything else: only a break keeps it here.
-    const bool bFlushed = EndExchange(hSocket, nErr == 0);
-    if (nErr == 0 && !bFlushed) nErr = dwType == FILE_TYPE_FOLDER ? -23 : -3;
+    if (nErr != 0 || !bMore) {
+        const bool bFlushed = EndExchange(hSocket, nErr == 0);
+        if (nErr == 0 && !bFlushed) nErr = dwType == FILE_TYPE_FOLDER ? -23 : -3;
+    }
     if (nErr != 0) {
         ReportWSAError(OPERATION, pszFailure);
         return nErr;
     }
     if (dwType == FILE_TYPE_FOLDER) TraceDebugA("[SendFileCommand] dir type, done.");
     return 0;
+}
+
+int32_t SendFileCommand(SOCKET hSocket, const char16_t *pszSource, const char16_t *pszDestination, uint32_t dwType,
+                        uint8_t bEncrypt)
+{
+    return SendPreparedFileCommand(hSocket, pszSource, pszDestination, dwType, bEncrypt, nullptr, false);
 }

@@ -8,3 +8,9 @@
 //   pszDestination  at most 1024 units travel, a longer one is cut
 int32_t SendFileCommand(platform::SOCKET hSocket, const char16_t *pszSource, const char16_t *pszDestination,
                         uint32_t dwType, uint8_t bEncrypt);
+// The same; of a file that was prepared (transfer/prepared_file.h) and is still the same, nothing is looked up, opened
+// and read anew. pPrepared may be null. bMore: what was sent without failure stays held, for the caller to end
+// (EndExchange).
+struct PreparedFile;
+int32_t SendPreparedFileCommand(platform::SOCKET hSocket, const char16_t *pszSource, const char16_t *pszDestination,
+                                uint32_t dwType, uint8_t bEncrypt, const PreparedFile *pPrepared, bool bMore);

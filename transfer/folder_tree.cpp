@@ -1,4 +1,6 @@
 // folder_tree.cpp: the walk that sends a folder, in the order in which the system enumerates it.
+// What becomes of an item is known later than it is met (transfer/send_window.h): the walk only hands over, and what an
+// outcome changes stands in TakeOutcome.
 // One walk has one buffer for the source path and one for the destination, which every level extends and cuts back; a
 // level keeps only what it needs after its subfolders, so that a deep tree costs little stack.
 #include "transfer/folder_tree.h"
@@ -12,6 +14,7 @@
 #include "trace/trace_log.h"
 #include "transfer/file_queries.h"
 #include "transfer/network_send.h"
+#include "transfer/send_window.h"
 #include <cstring>
 #include <new>
 
@@ -25,9 +28,15 @@ constexpr size_t FAIL_TEXT_UNITS = 780; // a longer path cannot be reported to t
 
 enum class FileKind { Plain, Shortcut, FolderSettings };
 
+// Outcomes of items that were not sent, beside those of SendNetworkFile.
+constexpr int32_t ITEM_RECORDED = 2; // sent before
+constexpr int32_t ITEM_REFUSED  = 3; // by a destination's limit
+
 // One walk's state. At each level szSource holds the folder's path, szTarget its destination root.
 struct TreeWalk {
     const FolderTreeSend *pSend;
+    SendWindow           *pWindow;
+    uint32_t              nCount;
     char16_t              szSource[TREE_PATH_UNITS];
     char16_t              szTarget[TREE_PATH_UNITS];
     char16_t              szWork[LONG_PATH_UNITS];
@@ -37,8 +46,6 @@ struct TreeWalk {
 struct TreeLevel {
     size_t   cchSource; // lengths of the walk's paths without an entry's name
     size_t   cchTarget;
-    char16_t szKey[3]; // the destination's drive, empty when there is none
-    uint32_t nCount;
     bool     bHandled; // a file that counts was sent, found recorded, refused or failed, or a subfolder was entered
 };
 
@@ -82,19 +89,6 @@ static void TranslateRoot(TreeWalk *pWalk)
     CopyTextW(pWalk->szTarget, TREE_PATH_UNITS, pWalk->szSource);
 }
 
-// Sends the entry for the folder itself, and records it.
-static void SendFolderEntry(TreeWalk *pWalk)
-{
-    const int32_t nResult =
-        SendNetworkFile(pWalk->szSource, pWalk->szTarget, FILE_TYPE_FOLDER, pWalk->pSend->ullExecution, 1, nullptr);
-    if (nResult != SEND_OK) {
-        TraceFailure(nResult, pWalk->szSource);
-        MarkLinkEnd(pWalk, nResult);
-    } else if (pWalk->pSend->pszRecordBase != nullptr) {
-        WriteRecordState(pWalk->pSend->pszRecordBase, pWalk->szSource, 1);
-    }
-}
-
 // The kind of a file, or false for one that is not sent. szSource still holds the folder.
 static bool ClassifyFile(const TreeWalk *pWalk, const WIN32_FIND_DATAW *pEntry, FileKind *peKind)
 {
@@ -116,56 +110,88 @@ static uint32_t TypeOf(FileKind eKind)
     return eKind == FileKind::Plain && g_bTypedFiles ? FILE_TYPE_SHORTCUT : FILE_TYPE_COLLECTION;
 }
 
+// The drive of a destination, which is the key of its limit; empty when there is none.
+static void DriveOf(const char16_t *pszDestination, char16_t (&szKey)[3])
+{
+    szKey[0] = szKey[1] = szKey[2] = 0;
+    if (pszDestination[0] != 0 && pszDestination[1] != 0) memcpy(szKey, pszDestination, 2 * sizeof(char16_t));
+}
+
 // What a send that failed changes for the files after it.
-static void NoteFailure(const TreeWalk *pWalk, const TreeLevel *pLevel, int32_t nResult)
+static void NoteFailure(const TreeWalk *pWalk, const WindowItem *pItem, int32_t nResult)
 {
     const FolderTreeSend *pSend = pWalk->pSend;
+    char16_t              szKey[3];
     MarkLinkEnd(pWalk, nResult);
     if (nResult != SEND_DISK_FULL && nResult != SEND_DISK_ALL_FULL) return;
+    DriveOf(pItem->pszDestination, szKey);
     if (nResult == SEND_DISK_ALL_FULL) {
-        LowerDestinationLimit(pSend->pLimits, pLevel->szKey, 0);
+        LowerDestinationLimit(pSend->pLimits, szKey, 0);
     } else {
-        const int64_t cbFile = GetFileSize64(pWalk->szSource);
-        if (cbFile > 0) LowerDestinationLimit(pSend->pLimits, pLevel->szKey, cbFile);
+        const int64_t cbFile = GetFileSize64(pItem->pszSource);
+        if (cbFile > 0) LowerDestinationLimit(pSend->pLimits, szKey, cbFile);
     }
     if (pSend->pbSpaceExhausted != nullptr) *pSend->pbSpaceExhausted = 1;
+}
+
+// What the disks that are known to be full say of an item. 0, or ITEM_REFUSED.
+static int32_t DecideItem(void *pContext, const WindowItem *pItem)
+{
+    const auto *const pWalk = static_cast<const TreeWalk *>(pContext);
+    char16_t          szKey[3];
+    if (pItem->dwType == FILE_TYPE_FOLDER) return 0;
+    DriveOf(pItem->pszDestination, szKey);
+    return IsRefusedByLimit(FindDestinationLimit(pWalk->pSend->pLimits, szKey), pItem->pszSource) ? ITEM_REFUSED : 0;
+}
+
+static void Record(const TreeWalk *pWalk, const WindowItem *pItem)
+{
+    const char16_t *const pszBase = pWalk->pSend->pszRecordBase;
+    if (pszBase != nullptr) WriteRecordState(pszBase, pItem->pszSource, pItem->dwType == FILE_TYPE_FOLDER ? 1 : 0);
+}
+
+// An item's outcome, in the order of the items.
+static void TakeOutcome(void *pContext, const WindowItem *pItem, int32_t nResult)
+{
+    auto *const pWalk   = static_cast<TreeWalk *>(pContext);
+    const bool  bCounts = pItem->dwType != FILE_TYPE_FOLDER && pItem->dwType != FILE_TYPE_FOLDER_SETTINGS;
+    switch (nResult) {
+    case SEND_OK: Record(pWalk, pItem); [[fallthrough]];
+    case ITEM_RECORDED:
+        if (bCounts) ++pWalk->nCount;
+        return;
+    case ITEM_REFUSED:
+        if (bCounts) ReportFailedFile(pItem->pszSource);
+        return;
+    default: break;
+    }
+    TraceFailure(nResult, pItem->pszSource);
+    if (bCounts) ReportFailedFile(pItem->pszSource);
+    if (pItem->dwType == FILE_TYPE_FOLDER) MarkLinkEnd(pWalk, nResult);
+    else NoteFailure(pWalk, pItem, nResult);
 }
 
 // A file of the level's folder. szSource and szTarget are cut back by the caller.
 static void SendFileEntry(TreeWalk *pWalk, TreeLevel *pLevel, const WIN32_FIND_DATAW *pEntry)
 {
-    const FolderTreeSend *pSend   = pWalk->pSend;
-    FileKind              eKind   = FileKind::Plain;
-    int32_t               nResult = SEND_OK;
+    const FolderTreeSend *pSend    = pWalk->pSend;
+    FileKind              eKind    = FileKind::Plain;
+    int32_t               nDecided = 0;
     if (!ClassifyFile(pWalk, pEntry, &eKind)) return;
-    const bool bCounts = eKind != FileKind::FolderSettings;
-    if (bCounts) pLevel->bHandled = true;
+    if (eKind != FileKind::FolderSettings) pLevel->bHandled = true;
     if (!AppendName(pWalk->szSource, pLevel->cchSource, pEntry->cFileName)) {
         TraceFailure(SEND_BAD_SOURCE, pWalk->szSource);
         return;
     }
-    if (pSend->pszRecordBase != nullptr && ReadRecordState(pSend->pszRecordBase, pWalk->szSource) == RECORD_FILE_SENT) {
-        if (bCounts) ++pLevel->nCount;
-        return;
-    }
-    if (IsRefusedByLimit(FindDestinationLimit(pSend->pLimits, pLevel->szKey), pWalk->szSource)) {
-        if (bCounts) ReportFailedFile(pWalk->szSource);
-        return;
-    }
-    if (AppendName(pWalk->szTarget, pLevel->cchTarget, pEntry->cFileName))
-        nResult = SendNetworkFile(pWalk->szSource, pWalk->szTarget, TypeOf(eKind), pSend->ullExecution, 1, nullptr);
-    else nResult = SEND_BAD_DESTINATION;
-    if (nResult == SEND_OK) {
-        if (pSend->pszRecordBase != nullptr) WriteRecordState(pSend->pszRecordBase, pWalk->szSource, 0);
-        if (bCounts) ++pLevel->nCount;
-        return;
-    }
-    TraceFailure(nResult, pWalk->szSource);
-    if (bCounts) ReportFailedFile(pWalk->szSource);
-    NoteFailure(pWalk, pLevel, nResult);
+    if (pSend->pszRecordBase != nullptr && ReadRecordState(pSend->pszRecordBase, pWalk->szSource) == RECORD_FILE_SENT)
+        nDecided = ITEM_RECORDED;
+    else if (!AppendName(pWalk->szTarget, pLevel->cchTarget, pEntry->cFileName))
+        nDecided = SEND_BAD_DESTINATION;
+    const WindowItem item = {pWalk->szSource, nDecided == 0 ? pWalk->szTarget : u"", TypeOf(eKind)};
+    HandOver(pWalk->pWindow, &item, nDecided);
 }
 
-static uint32_t SendFolder(TreeWalk *pWalk);
+static void SendFolder(TreeWalk *pWalk);
 
 static void SendSubfolder(TreeWalk *pWalk, TreeLevel *pLevel, const WIN32_FIND_DATAW *pEntry)
 {
@@ -191,7 +217,7 @@ static void SendSubfolder(TreeWalk *pWalk, TreeLevel *pLevel, const WIN32_FIND_D
         return;
     }
     memcpy(pszTarget, pWalk->szTarget, (pLevel->cchTarget + 1) * sizeof(char16_t));
-    pLevel->nCount += SendFolder(pWalk);
+    SendFolder(pWalk);
     memcpy(pWalk->szTarget, pszTarget, (pLevel->cchTarget + 1) * sizeof(char16_t));
     delete[] pszTarget;
 }
@@ -207,19 +233,19 @@ static const char16_t *FolderPattern(const char16_t *pszFolder, char16_t (&szWor
 }
 
 // The folder in szSource, which is as it was on return.
-static uint32_t SendFolder(TreeWalk *pWalk)
+static void SendFolder(TreeWalk *pWalk)
 {
     WIN32_FIND_DATAW entry;
     TreeLevel        level = {};
     TranslateRoot(pWalk);
-    SendFolderEntry(pWalk);
+    const WindowItem folder = {pWalk->szSource, pWalk->szTarget, FILE_TYPE_FOLDER};
+    HandOver(pWalk->pWindow, &folder, 0);
     level.cchSource = TextLengthW(pWalk->szSource);
     level.cchTarget = TextLengthW(pWalk->szTarget);
-    if (level.cchTarget >= 2) memcpy(level.szKey, pWalk->szTarget, 2 * sizeof(char16_t));
 
     const char16_t *pszPattern = FolderPattern(pWalk->szSource, pWalk->szWork);
     const HANDLE    hFind      = pszPattern != nullptr ? FindFirstFileW(pszPattern, &entry) : INVALID_HANDLE_VALUE;
-    if (hFind == INVALID_HANDLE_VALUE) return 0;
+    if (hFind == INVALID_HANDLE_VALUE) return;
     do {
         if (IsThreadExecutionCancel(pWalk->pSend->ullExecution)) break;
         if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) SendFileEntry(pWalk, &level, &entry);
@@ -228,7 +254,7 @@ static uint32_t SendFolder(TreeWalk *pWalk)
         pWalk->szTarget[level.cchTarget] = 0;
     } while (FindNextFileW(hFind, &entry));
     FindClose(hFind);
-    return level.nCount != 0 || level.bHandled ? level.nCount : 1;
+    if (!level.bHandled) ++pWalk->nCount; // an empty folder counts as one
 }
 
 uint32_t SendNetworkFileEx(const char16_t *pszFolder, const FolderTreeSend *pSend)
@@ -236,9 +262,17 @@ uint32_t SendNetworkFileEx(const char16_t *pszFolder, const FolderTreeSend *pSen
     uint32_t  nCount = 0;
     TreeWalk *pWalk  = new (std::nothrow) TreeWalk;
     if (pWalk == nullptr) return 0;
-    pWalk->pSend = pSend;
-    if (CopyTextW(pWalk->szSource, TREE_PATH_UNITS, pszFolder)) nCount = SendFolder(pWalk);
-    else TraceFailure(SEND_BAD_SOURCE, pszFolder);
+    const WindowOwner owner = {pWalk, pSend->ullExecution, DecideItem, TakeOutcome};
+    pWalk->pSend            = pSend;
+    pWalk->nCount           = 0;
+    pWalk->pWindow          = OpenSendWindow(&owner);
+    if (pWalk->pWindow != nullptr) {
+        if (CopyTextW(pWalk->szSource, TREE_PATH_UNITS, pszFolder)) SendFolder(pWalk);
+        else TraceFailure(SEND_BAD_SOURCE, pszFolder);
+        DrainWindow(pWalk->pWindow);
+        CloseSendWindow(pWalk->pWindow);
+    }
+    nCount = pWalk->nCount;
     delete pWalk;
     return nCount;
 }

@@ -3,6 +3,7 @@
 // broken link: a source that vanished leaves "file not found" there, and must not end the link.
 #include "transfer/network_send.h"
 #include "net/command_channel.h"
+#include "net/link_window.h"
 #include "net/network_link.h"
 #include "net/send_file_command.h"
 #include "platform/errors.h"
@@ -113,21 +114,6 @@ static bool IsFullPath(const char16_t *pszPath)
     return pszPath != nullptr && CompareTextNoCaseW(pszPath, u"") != 0 && FindTextW(pszPath, u":\\") != nullptr;
 }
 
-// The peer's answer as the listener has it at one moment.
-struct FileOutcome {
-    bool bError;
-    bool bDone;
-    bool bFull;
-    bool bAllFull;
-    bool bTypeUnknown;
-};
-
-static FileOutcome TakeOutcome()
-{
-    return {g_bRemoteFileError != 0, g_bRemoteFileDone != 0, g_bRemoteFileFull != 0, g_bRemoteFileAllFull != 0,
-            g_bRemoteFileTypeUnknown != 0};
-}
-
 static bool IsAnswer(const FileOutcome &outcome)
 {
     return outcome.bDone || outcome.bFull || outcome.bTypeUnknown || outcome.bError;
@@ -169,7 +155,7 @@ static bool WaitForOwedAnswer()
 {
     const uint64_t ullBegin = GetTickCount64();
     bool           bSlept   = false;
-    while (g_dwAnswerOwedOnLink != 0 && g_dwAnswerOwedOnLink == g_dwLinkGeneration && !IsAnswer(TakeOutcome()) &&
+    while (g_dwAnswerOwedOnLink != 0 && g_dwAnswerOwedOnLink == g_dwLinkGeneration && !IsAnswer(GetCurrentOutcome()) &&
            PollsSince(ullBegin) < ANSWER_POLL_LIMIT) {
         bSlept = true;
         LeaveCriticalSection(&g_csNetSocket);
@@ -186,7 +172,7 @@ static uint32_t WaitForAnswer(uint32_t dwLink)
 {
     const uint64_t ullBegin = GetTickCount64();
     uint32_t       nCount   = 0;
-    while (!IsAnswer(TakeOutcome()) && (nCount = PollsSince(ullBegin)) < ANSWER_POLL_LIMIT &&
+    while (!IsAnswer(GetCurrentOutcome()) && (nCount = PollsSince(ullBegin)) < ANSWER_POLL_LIMIT &&
            dwLink == g_dwLinkGeneration)
         SleepOn(GetFileOutcomeEvent());
     return nCount;
@@ -258,45 +244,47 @@ static int32_t CheckFileSend(const char16_t *pszSource, const char16_t *pszDesti
     return SEND_SOURCE_MISSING;
 }
 
-int32_t SendNetworkFile(const char16_t *pszSource, const char16_t *pszDestination, uint32_t dwType,
-                        uint64_t ullExecution, uint8_t bEncrypt, uint64_t *pullElapsed)
+// [g_csNetSocket, let go of while it sleeps] The line is free, and the link still that of the socket. 0, or the result
+// with the lock left.
+static int32_t EnterLine(SOCKET hSocket, const char16_t *pszSource)
 {
-    SOCKET hSocket = INVALID_SOCKET;
-    TraceTextPath("SendNetworkFile szSrc", pszSource, TRACE_PATH_UNITS);
-    TraceTextPath("SendNetworkFile szDest", pszDestination, TRACE_PATH_UNITS);
-    const int32_t nCheck = CheckFileSend(pszSource, pszDestination, &hSocket);
-    if (nCheck != 0) return nCheck;
-
     TraceDebugW(u"[SendNetworkFile] Be4 CS [%s]", pszSource);
     EnterCriticalSection(&g_csNetSocket);
     TraceDebugW(u"[SendNetworkFile] Enter CS [%s]", pszSource);
     do
         WaitForLine(pszSource);
     while (WaitForOwedAnswer());
-    if (LinkSocket() != hSocket) { // the link ended while this thread waited for its turn
-        LeaveCriticalSection(&g_csNetSocket);
-        TraceDebugW(u"[SendNetworkFile] s == INVALID_SOCKET");
-        return SEND_NO_SOCKET;
-    }
-    const uint64_t ullBegin  = GetTickCount64(); // of the lock's last entering: the waits above let go of it
-    const uint32_t dwLink    = g_dwLinkGeneration;
-    g_bSendingFile           = 1;
-    g_bRemoteFileError       = 0;
-    g_bRemoteFileDone        = 0;
-    g_bRemoteFileFull        = 0;
-    g_bRemoteFileAllFull     = 0;
-    g_bRemoteFileTypeUnknown = 0;
-    g_bSentWholeStream       = 0;
-    BeginExchange(ullExecution);
+    if (LinkSocket() == hSocket) return 0;
+    LeaveCriticalSection(&g_csNetSocket); // the link ended while this thread waited for its turn
+    TraceDebugW(u"[SendNetworkFile] s == INVALID_SOCKET");
+    return SEND_NO_SOCKET;
+}
+
+// [g_csNetSocket, left on return] One file at a time: what the peer answers next is this file's.
+static int32_t SendAndWait(SOCKET hSocket, const NetworkFile *pFile, const WaitingWork *pWork, uint64_t *pullElapsed)
+{
+    const char16_t *pszSource = pFile->pszSource;
+    const uint64_t  ullBegin  = GetTickCount64(); // of the lock's last entering: the waits above let go of it
+    const uint32_t  dwLink    = g_dwLinkGeneration;
+    g_bSendingFile            = 1;
+    g_bRemoteFileError        = 0;
+    g_bRemoteFileDone         = 0;
+    g_bRemoteFileFull         = 0;
+    g_bRemoteFileAllFull      = 0;
+    g_bRemoteFileTypeUnknown  = 0;
+    g_bSentWholeStream        = 0;
+    BeginExchange(pFile->ullExecution);
+    if (pFile->dwType == FILE_TYPE_MACHINE_INFO) NoteInfoSent();
 
     FileOutcome    outcome  = {};
-    const int32_t  nRet     = SendFileCommand(hSocket, pszSource, pszDestination, dwType, bEncrypt);
+    const int32_t  nRet     = SendPreparedFileCommand(hSocket, pszSource, pFile->pszDestination, pFile->dwType,
+                                                      pFile->bEncrypt, pFile->pPrepared, false);
     const uint32_t dwErr    = gdwErr;
     const int32_t  nWSAErr  = g_nWSAErr;
     const uint32_t dwErr2   = GetLastError();
     const int32_t  nWSAErr2 = WSAGetLastError();
     if (nRet < 0) {
-        outcome = TakeOutcome();
+        outcome = GetCurrentOutcome();
         TraceDebugW(u"[SendNetworkFile] After SendFileCommand and nRet < 0, nRet[%d], g_bRemoteFileError[%d], "
                     u"g_bRemoteFileDone[%d], g_bRemoteFileFull[%d], g_bRemoteFileTypeUnknown[%d], [%s]",
                     nRet, outcome.bError, outcome.bDone, outcome.bFull, outcome.bTypeUnknown, pszSource);
@@ -306,8 +294,9 @@ int32_t SendNetworkFile(const char16_t *pszSource, const char16_t *pszDestinatio
     TraceDebugW(u"[SendNetworkFile] Leave CS [%s]", pszSource);
 
     if (nRet == 0) {
+        if (pWork != nullptr) pWork->pDo(pWork->pContext);
         const uint32_t nCount = WaitForAnswer(dwLink);
-        outcome               = TakeOutcome();
+        outcome               = GetCurrentOutcome();
         TraceDebugW(u"[SendNetworkFile] Leave CS, nCount[%d], g_bRemoteFileError[%d], g_bRemoteFileDone[%d], "
                     u"g_bRemoteFileFull[%d], g_bRemoteFileTypeUnknown[%d], [%s]",
                     nCount, outcome.bError, outcome.bDone, outcome.bFull, outcome.bTypeUnknown, pszSource);
@@ -319,4 +308,110 @@ int32_t SendNetworkFile(const char16_t *pszSource, const char16_t *pszDestinatio
     g_bSendingFile = 0;
     if (g_nLineWaiters != 0 && GetLineFreeEvent() != nullptr) SetEvent(GetLineFreeEvent());
     return DecideResult(nRet, outcome, nWSAErr, nWSAErr2, pszSource);
+}
+
+// True for a file of which nothing has gone out.
+static bool IsUnsent(int32_t nRet)
+{
+    return nRet == -301 || nRet == -302;
+}
+
+// True for a file whose fields the link did not take: no word will come for it.
+static bool IsCutOff(int32_t nRet)
+{
+    constexpr int32_t FIELD_FAILURES_END = -100; // of SendFileCommand's and SendFile's codes
+    return nRet < 0 && nRet > FIELD_FAILURES_END;
+}
+
+// [g_csNetSocket] One file of a link with a window. True when the next one may follow.
+static bool SendInWindow(SOCKET hSocket, const NetworkFile *pFile, bool bMore, FileOnTheWay *pWay)
+{
+    *pWay          = {};
+    if (!OpenAnswer(&pWay->Ticket)) return false; // the peer has answered none of very many: nRet 0 says so
+    g_bSendingFile = 1;
+    BeginExchange(pFile->ullExecution);
+    pWay->nRet      = SendPreparedFileCommand(hSocket, pFile->pszSource, pFile->pszDestination, pFile->dwType,
+                                              pFile->bEncrypt, pFile->pPrepared, bMore);
+    pWay->nWSAErr   = g_nWSAErr;
+    pWay->nWSAErr2  = WSAGetLastError();
+    pWay->bAnswerDue = !IsUnsent(pWay->nRet) && !IsCutOff(pWay->nRet);
+    EndStream(&pWay->Ticket, !IsUnsent(pWay->nRet));
+    if (!pWay->bAnswerDue) DropTicket(&pWay->Ticket);
+    g_bSendingFile = 0;
+    return !IsCutOff(pWay->nRet);
+}
+
+int32_t CheckNetworkFile(const NetworkFile *pFile)
+{
+    SOCKET hSocket = INVALID_SOCKET;
+    TraceTextPath("SendNetworkFile szSrc", pFile->pszSource, TRACE_PATH_UNITS);
+    TraceTextPath("SendNetworkFile szDest", pFile->pszDestination, TRACE_PATH_UNITS);
+    return CheckFileSend(pFile->pszSource, pFile->pszDestination, &hSocket);
+}
+
+uint32_t BeginNetworkFiles(const NetworkFile *pFiles, uint32_t nFiles, FileOnTheWay *pWays)
+{
+    const SOCKET hSocket = LinkSocket();
+    uint32_t     nDone   = 0;
+    if (nFiles == 0) return 0;
+    if (hSocket == INVALID_SOCKET || EnterLine(hSocket, pFiles[0].pszSource) != 0) return 0;
+    for (bool bGoOn = GetLinkWindow() > 1; bGoOn && nDone < nFiles; ++nDone)
+        bGoOn = SendInWindow(hSocket, &pFiles[nDone], true, &pWays[nDone]);
+    if (nDone > 0 && !EndExchange(hSocket, true) && pWays[nDone - 1].bAnswerDue) {
+        FileOnTheWay *const pLast = &pWays[nDone - 1]; // the one that has certainly not left whole
+        *pLast                    = {pLast->Ticket, -3, g_nWSAErr, WSAGetLastError(), false};
+        DropTicket(&pLast->Ticket);
+    }
+    LeaveCriticalSection(&g_csNetSocket);
+    TraceDebugW(u"[SendNetworkFile] Leave CS [%s]", pFiles[0].pszSource);
+    return nDone;
+}
+
+bool TakeNetworkResult(const FileOnTheWay *pWay, const char16_t *pszSource, bool bWake, int32_t *pnResult)
+{
+    FileOutcome outcome = {};
+    if (pWay->bAnswerDue) {
+        switch (LookAtAnswer(&pWay->Ticket, bWake, &outcome)) {
+        case AnswerState::Owed: return false;
+        case AnswerState::LinkGone: *pnResult = SEND_NO_SOCKET; return true;
+        case AnswerState::Overdue:
+        case AnswerState::Closed: DropTicket(&pWay->Ticket); break;
+        }
+    }
+    *pnResult = DecideResult(pWay->nRet, outcome, pWay->nWSAErr, pWay->nWSAErr2, pszSource);
+    return true;
+}
+
+// [g_csNetSocket, left on return] A file that waits for its own answer, and for those before it.
+static int32_t SendInTurn(SOCKET hSocket, const NetworkFile *pFile, uint64_t *pullElapsed)
+{
+    FileOnTheWay   way;
+    int32_t        nResult  = 0;
+    const uint64_t ullBegin = GetTickCount64();
+    SendInWindow(hSocket, pFile, false, &way);
+    if (pullElapsed != nullptr) *pullElapsed = GetTickCount64() - ullBegin;
+    LeaveCriticalSection(&g_csNetSocket);
+    TraceDebugW(u"[SendNetworkFile] Leave CS [%s]", pFile->pszSource);
+    while (!TakeNetworkResult(&way, pFile->pszSource, true, &nResult)) SleepOn(GetFileOutcomeEvent());
+    return nResult;
+}
+
+int32_t SendPreparedNetworkFile(const NetworkFile *pFile, const WaitingWork *pWork, uint64_t *pullElapsed)
+{
+    SOCKET        hSocket = INVALID_SOCKET;
+    TraceTextPath("SendNetworkFile szSrc", pFile->pszSource, TRACE_PATH_UNITS);
+    TraceTextPath("SendNetworkFile szDest", pFile->pszDestination, TRACE_PATH_UNITS);
+    const int32_t nCheck  = CheckFileSend(pFile->pszSource, pFile->pszDestination, &hSocket);
+    if (nCheck != 0) return nCheck;
+    const int32_t nLine = EnterLine(hSocket, pFile->pszSource);
+    if (nLine != 0) return nLine;
+    return GetLinkWindow() > 1 ? SendInTurn(hSocket, pFile, pullElapsed)
+                               : SendAndWait(hSocket, pFile, pWork, pullElapsed);
+}
+
+int32_t SendNetworkFile(const char16_t *pszSource, const char16_t *pszDestination, uint32_t dwType,
+                        uint64_t ullExecution, uint8_t bEncrypt, uint64_t *pullElapsed)
+{
+    const NetworkFile file = {pszSource, pszDestination, dwType, ullExecution, bEncrypt, nullptr};
+    return SendPreparedNetworkFile(&file, nullptr, pullElapsed);
 }

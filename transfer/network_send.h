@@ -5,6 +5,8 @@
 //          answer is still on its way is waited for before the next one begins.
 #pragma once
 #include "ipc/ipc_message.h"
+#include "transfer/answer_queue.h"
+#include "transfer/prepared_file.h"
 #include <cstdint>
 
 constexpr int32_t SEND_OK                 = 1;
@@ -39,3 +41,38 @@ int32_t SendNetworkCommand(const IpcMessage *pRecord, int32_t nUnused, uint64_t 
 //                taken
 int32_t SendNetworkFile(const char16_t *pszSource, const char16_t *pszDestination, uint32_t dwType,
                         uint64_t ullExecution, uint8_t bEncrypt, uint64_t *pullElapsed);
+
+// What SendNetworkFile is given, and what is already done of it.
+struct NetworkFile {
+    const char16_t     *pszSource;
+    const char16_t     *pszDestination;
+    uint32_t            dwType;
+    uint64_t            ullExecution;
+    uint8_t             bEncrypt;
+    const PreparedFile *pPrepared; // null, or ready: used if it still holds, and not kept
+};
+// Done once, without a lock, while the sender would only wait for the answer.
+struct WaitingWork {
+    void (*pDo)(void *pContext);
+    void *pContext;
+};
+// SendNetworkFile; pWork may be null.
+int32_t SendPreparedNetworkFile(const NetworkFile *pFile, const WaitingWork *pWork, uint64_t *pullElapsed);
+
+// The same in two halves, for a link with a send window (net/link_window.h).
+// What has become of a file that was begun.
+struct FileOnTheWay {
+    FileTicket Ticket;
+    int32_t    nRet; // the command layer's
+    int32_t    nWSAErr;
+    int32_t    nWSAErr2;
+    bool       bAnswerDue; // the peer closes it with a word
+};
+// The tests that need no lock. 0, or SendNetworkFile's result.
+int32_t CheckNetworkFile(const NetworkFile *pFile);
+// Sends the files one behind the other and flushes them together; each has passed CheckNetworkFile. The number that
+// was begun: fewer when the link took no more, 0 also when this is no link with a window. Their results are to be taken.
+uint32_t BeginNetworkFiles(const NetworkFile *pFiles, uint32_t nFiles, FileOnTheWay *pWays);
+// False: still to be waited for (bWake: GetFileOutcomeEvent is set when it comes). True, once: *pnResult is
+// SendNetworkFile's, 0 after ANSWER_WAIT_MS in which it was this file's turn to be answered.
+bool TakeNetworkResult(const FileOnTheWay *pWay, const char16_t *pszSource, bool bWake, int32_t *pnResult);

@@ -12,8 +12,10 @@
 #include "platform/path.h"
 #include "platform/text.h"
 #include "trace/debug_output.h"
+#include "transfer/answer_queue.h"
 #include "transfer/file_stream.h"
 #include "transfer/payload_cipher.h"
+#include "transfer/prepared_file.h"
 #include "transfer/socket_io.h"
 #include <algorithm>
 #include <cassert>
@@ -46,6 +48,25 @@ static int64_t SourceSize(const char16_t *pszPath)
     return -1;
 }
 
+// The key's length and blob. 0, or the code that ends the send here.
+static int64_t SendBlob(SOCKET hSocket, const uint8_t *pbBlob, uint32_t cbBlob)
+{
+    TraceDebugW(u"[SendFile] nkeyData [%d]", cbBlob);
+    if (SendBuffer(hSocket, &cbBlob, sizeof cbBlob) < static_cast<int32_t>(sizeof cbBlob)) {
+        ReportSocketError(u"SendFile", u"Send nkeyData failed", true, 0);
+        return SENDFILE_KEY_SIZE_NOT_SENT;
+    }
+    if (cbBlob == 0) {
+        TraceDebugW(u"[SendFile] nkeyData not right, exit !");
+        return SENDFILE_NOT_ENCRYPTED;
+    }
+    if (SendBuffer(hSocket, pbBlob, static_cast<int32_t>(cbBlob)) < static_cast<int32_t>(cbBlob)) {
+        ReportSocketError(u"SendFile", u"Send key failed", true, 0);
+        return SENDFILE_KEY_NOT_SENT;
+    }
+    return 0;
+}
+
 // A new key and its blob to the peer. 0, or the code that ends the send here. A key that cannot be made or exported has
 // no code of its own (-110 and -111 are never returned): the peer learns of it by a key length of 0, and
 // SendNetworkFile knows a sender's encryption error by -1313 alone.
@@ -53,24 +74,13 @@ static int64_t SendKey(SOCKET hSocket, SendCipher *pCipher)
 {
     uint8_t *pbBlob = nullptr;
     uint32_t cbBlob = 0;
-    int64_t  nRet   = 0;
     if (!GetKeyAlgHandle(nullptr, 0, &pCipher->hKey, &pCipher->pbKeyObject, &pCipher->hAlgorithm)) {
         TraceDebugW(u"[SendFile] GetKeyAlgHandle failed!");
     } else if (!OutputKeyHandleToByte(pCipher->hKey, &pbBlob, &cbBlob)) {
         TraceDebugW(u"[SendFile] OutputKeyHandleToByte failed!");
         cbBlob = 0;
     }
-    TraceDebugW(u"[SendFile] nkeyData [%d]", cbBlob);
-    if (SendBuffer(hSocket, &cbBlob, sizeof cbBlob) < static_cast<int32_t>(sizeof cbBlob)) {
-        ReportSocketError(u"SendFile", u"Send nkeyData failed", true, 0);
-        nRet = SENDFILE_KEY_SIZE_NOT_SENT;
-    } else if (cbBlob == 0) {
-        TraceDebugW(u"[SendFile] nkeyData not right, exit !");
-        nRet = SENDFILE_NOT_ENCRYPTED;
-    } else if (SendBuffer(hSocket, pbBlob, static_cast<int32_t>(cbBlob)) < static_cast<int32_t>(cbBlob)) {
-        ReportSocketError(u"SendFile", u"Send key failed", true, 0);
-        nRet = SENDFILE_KEY_NOT_SENT;
-    }
+    const int64_t nRet = SendBlob(hSocket, pbBlob, cbBlob);
     delete[] pbBlob;
     return nRet;
 }
@@ -82,15 +92,16 @@ static int64_t TestAbort(int64_t nPending)
         TraceDebugW(u"[SendFile] IsThreadExecutionCancel !");
         nPending = SENDFILE_CANCELLED;
     }
-    if (g_bRemoteFileError) {
+    const FileOutcome outcome = GetCurrentOutcome();
+    if (outcome.bError) {
         TraceDebugW(u"[SendFile] g_bRemoteFileError !");
         nPending = SENDFILE_PEER_ERROR;
     }
-    if (g_bRemoteFileFull) {
+    if (outcome.bFull) {
         TraceDebugW(u"[SendFile] g_bRemoteFileFull !");
         nPending = SENDFILE_PEER_DISK_FULL;
     }
-    if (g_bRemoteFileTypeUnknown) {
+    if (outcome.bTypeUnknown) {
         TraceDebugW(u"[SendFile] g_bRemoteFileTypeUnknown !");
         nPending = SENDFILE_PEER_TYPE_UNKNOWN;
     }
@@ -123,6 +134,20 @@ static void WriteCancelBlock(uint8_t *pbBlock)
     memcpy(pbBlock, CANCEL_TEXT, CANCEL_TEXT_BYTES);
 }
 
+// 0; -3 or -4: the link took no more.
+static int64_t SendCipherText(SOCKET hSocket, const uint8_t *pbCipher, uint32_t cbCipher)
+{
+    if (SendBuffer(hSocket, &cbCipher, sizeof cbCipher) < static_cast<int32_t>(sizeof cbCipher)) {
+        ReportSocketError(u"SendFile", u"Send nEncryptData failed", true, 0);
+        return SENDFILE_LENGTH_NOT_SENT;
+    }
+    if (SendBuffer(hSocket, pbCipher, static_cast<int32_t>(cbCipher)) < static_cast<int32_t>(cbCipher)) {
+        ReportSocketError(u"SendFile", u"Send file buffer failed", true, 0);
+        return SENDFILE_CHUNK_NOT_SENT;
+    }
+    return 0;
+}
+
 // One chunk, encrypted. 0; -3 or -4: the link took no more and the stream ends.
 //   bUnreadable   the chunk is no content and too short for the cancel block, which then goes in place of the cipher
 //   text *pnPending    -120 and -121 are added to it *pbEncrypted  what became of this chunk
@@ -131,7 +156,6 @@ static int64_t SendEncrypted(SOCKET hSocket, const SendCipher *pCipher, const ui
 {
     uint8_t       *pbCipher = nullptr;
     uint32_t       cbCipher = 0;
-    int64_t        nRet     = 0;
     uint8_t        aCancel[CANCEL_BLOCK_BYTES];
     const uint8_t *pbOut = nullptr;
 
@@ -154,13 +178,7 @@ static int64_t SendEncrypted(SOCKET hSocket, const SendCipher *pCipher, const ui
         pbOut    = aCancel;
         cbCipher = CANCEL_BLOCK_BYTES;
     }
-    if (SendBuffer(hSocket, &cbCipher, sizeof cbCipher) < static_cast<int32_t>(sizeof cbCipher)) {
-        ReportSocketError(u"SendFile", u"Send nEncryptData failed", true, 0);
-        nRet = SENDFILE_LENGTH_NOT_SENT;
-    } else if (SendBuffer(hSocket, pbOut, static_cast<int32_t>(cbCipher)) < static_cast<int32_t>(cbCipher)) {
-        ReportSocketError(u"SendFile", u"Send file buffer failed", true, 0);
-        nRet = SENDFILE_CHUNK_NOT_SENT;
-    }
+    const int64_t nRet = SendCipherText(hSocket, pbOut, cbCipher);
     delete[] pbCipher;
     return nRet;
 }
@@ -206,6 +224,31 @@ static int64_t SendChunks(SOCKET hSocket, HANDLE hFile, int64_t cbSize, const Se
     }
     if (cbRemaining == 0 && !bCancelSent) g_bSentWholeStream = 1;
     return nPending;
+}
+
+// A file whose size, key and first chunk are ready.
+static int64_t SendAhead(SOCKET hSocket, const PreparedFile *pFile)
+{
+    const SendCipher cipher     = {pFile->hAlgorithm, pFile->hKey, pFile->pbKeyObject};
+    bool             bEncrypted = true;
+    assert(HoldsCriticalSection(&g_csNetSocket));
+    TraceDebugA("[SendFile] filesize [%I64d]", pFile->cbSize);
+    if (SendBuffer(hSocket, &pFile->cbSize, sizeof pFile->cbSize) < static_cast<int32_t>(sizeof pFile->cbSize)) {
+        ReportSocketError(u"SendFile", u"Send file size failed", true, 0);
+        return SENDFILE_SIZE_NOT_SENT;
+    }
+    int64_t nRet = SendBlob(hSocket, pFile->pbBlob, pFile->cbBlob);
+    if (nRet == 0 && pFile->cbSize > 0) nRet = SendCipherText(hSocket, pFile->pbCipher, pFile->cbCipher);
+    if (nRet != 0) return nRet;
+    const int64_t cbRest = pFile->cbSize - std::min<int64_t>(pFile->cbSize, FILE_CHUNK_BYTES);
+    nRet                 = SendChunks(hSocket, pFile->hFile, cbRest, &cipher, 0, &bEncrypted);
+    if (!bEncrypted) return SENDFILE_NOT_ENCRYPTED;
+    return nRet != 0 ? nRet : pFile->cbSize;
+}
+
+int64_t SendPreparedFile(SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt, const PreparedFile *pPrepared)
+{
+    return pPrepared != nullptr && bEncrypt ? SendAhead(hSocket, pPrepared) : SendFile(hSocket, pszSource, bEncrypt);
 }
 
 int64_t SendFile(SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt)

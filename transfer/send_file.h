@@ -10,3 +10,8 @@
 // block fits: zeros.
 //   pszSource  a path of more than STREAM_PATH_UNITS is opened in its "\\?\" form
 int64_t SendFile(platform::SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt);
+// The same; with a file that was prepared for this send (null: none) what is ready of it is used. The prepared file's
+// handle has been read on: it serves one send.
+struct PreparedFile;
+int64_t SendPreparedFile(platform::SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt,
+                         const PreparedFile *pPrepared);

@@ -1,8 +1,6 @@
-// relay.cpp: the table by which a record of the peer becomes one for the own service.
-// A request (STON_) arrives as NTOS_ at the service that is to answer it; its answer arrives as STON_ at the service
-// that had asked. The third parameter marks the leg of the system-setting and application exchanges, 0 the request and
-// 1 the answer: both services test it, so the forced values below are part of the exchange.
+// relay.cpp: what becomes of a record of the peer.
 #include "ipc/relay.h"
+#include "ipc/record_rules.h"
 #include "ipc/service_pipe_client.h"
 #include "ipc/thread_execution.h"
 #include "migration/collection.h"
@@ -38,126 +36,52 @@ static void AskForCollection(const char16_t *pszListFile)
     StartCollection(pRequest); // owns the block, also when it fails
 }
 
-static bool IsAnswer(uint32_t dwParam1)
-{
-    return dwParam1 == IPC_PARAM_DONE || dwParam1 == IPC_PARAM_FAILED;
-}
-
-// For the service: what one row of the table gives.
-static int32_t Pass(uint32_t dwCommand, uint32_t dwParam1, uint32_t dwParam2, uint32_t dwParam3,
-                    const char16_t *pszText1 = nullptr, const char16_t *pszText2 = nullptr,
-                    const char16_t *pszText3 = nullptr)
-{
-    CallServiceNamedPipe(dwCommand, static_cast<int32_t>(dwParam1), static_cast<int32_t>(dwParam2),
-                         static_cast<int32_t>(dwParam3), pszText1, pszText2, pszText3);
-    return 1;
-}
-
-static int32_t PassLongText(const IpcMessage *pRecord)
+static void PassLongText(const IpcMessage *pRecord)
 {
     char16_t szLongText[IPC_LONG_TEXT_UNITS + 1];
     CopyIpcLongText(szLongText, pRecord);
     CallServiceNamedPipeLongText(pRecord->dwCommand, static_cast<int32_t>(pRecord->dwParam1),
                                  static_cast<int32_t>(pRecord->dwParam2), static_cast<int32_t>(pRecord->dwParam3),
                                  szLongText);
-    return 1;
 }
 
-// The table. 0 when the record has no row.
-static int32_t RelayRecord(const IpcMessage *pRecord)
+// For the own service: the record turned as its row says.
+static void Pass(const IpcMessage *pRecord, const RecordRule *pRule)
 {
-    const uint32_t p1 = pRecord->dwParam1;
-    const uint32_t p2 = pRecord->dwParam2;
-    const uint32_t p3 = pRecord->dwParam3;
-    char16_t       t1[IPC_TEXT_UNITS];
-    char16_t       t2[IPC_TEXT_UNITS];
-    char16_t       t3[IPC_TEXT_UNITS];
-    CopyIpcText(t1, pRecord->szText1);
-    CopyIpcText(t2, pRecord->szText2);
-    CopyIpcText(t3, pRecord->szText3);
-
-    switch (pRecord->dwCommand) {
-    case NTOS_ERRORCONTROL:
-        if (p1 > 100) return Pass(NTOS_ERRORCONTROL, p1, p2, p3);
-        break;
-    case NTOS_FAILITEMS:
-        if (p1 < 3) return PassLongText(pRecord);
-        break;
-    case NTOS_USERCONTROL:
-        if (p1 == 1) return Pass(NTOS_USERCONTROL, 1, p2, p3);
-        break;
-    case ATOS_UPDATEPERCENTAGE:
-        if (p1 < 101) return Pass(ATOS_UPDATEPERCENTAGE, p1, p2, p3, t1);
-        if (p1 == IPC_PARAM_TOTAL) {
-            StartReceiveProgress(p2, TextToInt64W(t1));
-            return 1;
-        }
-        break;
-    case STON_COLLECTIONFOLDERS:
-        if (p1 == IPC_PARAM_REQUEST) return Pass(NTOS_COLLECTIONFOLDERS, 1, p2, p3, t1, t2);
-        break;
-    case NTOS_COLLECTIONFOLDERS:
-        if (p1 < 2 || p1 > 27) break;
-        MapPath(t1);
-        MapPath(t2);
-        return Pass(STON_COLLECTIONFOLDERS, p1, p2, p3, t1, t2);
-    case STON_COLLECTIONFILES:
-        if (p1 == IPC_PARAM_REQUEST) return Pass(NTOS_COLLECTIONFILES, 1, p2, p3, t1, t2, t3);
-        break;
-    case NTOS_COLLECTIONFILES:
-        if (p1 != IPC_PARAM_DONE) break;
-        MapPath(t2);
-        MapPath(t3);
-        return Pass(STON_COLLECTIONFILES, p1, p2, 0, t1, t2, t3);
-    case STON_SYSTEMSETTINGSUPPORTED:
-        if (p1 == IPC_PARAM_REQUEST) return Pass(NTOS_SYSTEMSETTINGSUPPORTED, 1, p2, p3, t1);
-        break;
-    case NTOS_SYSTEMSETTINGSUPPORTED:
-        if (p1 != IPC_PARAM_DONE) break;
-        MapPath(t1);
-        return Pass(STON_SYSTEMSETTINGSUPPORTED, p1, p2, p3, t1);
-    case STON_APPLICATIONSUPPORTED:
-        if (p1 == IPC_PARAM_REQUEST) return Pass(NTOS_APPLICATIONSUPPORTED, 1, 0, 1, t1);
-        break;
-    case NTOS_APPLICATIONSUPPORTED:
-        if (p1 != IPC_PARAM_DONE) break;
-        MapPath(t1);
-        return Pass(STON_APPLICATIONSUPPORTED, p1, p2, 1, t1);
-    case STON_MIGRATIONOPTIONS:
-        if (p1 == IPC_PARAM_REQUEST) return Pass(NTOS_MIGRATIONOPTIONS, 1, p2, 0);
-        break;
-    case STON_MIGRATIONCOLLECTION:
-        if (p1 == IPC_PARAM_REQUEST) {
-            AskForCollection(t1);
-            return 1; // also when the walk could not start: the record was understood
-        }
-        if (IsAnswer(p1)) return Pass(STON_MIGRATIONCOLLECTION, p1, 0, 0, t1);
-        break;
-    case STON_MIGRATIONSYSTEMSETTING:
-        if (p1 == IPC_PARAM_REQUEST && p3 == 0) return Pass(NTOS_MIGRATIONSYSTEMSETTING, 1, p2, 1, t1);
-        break;
-    case NTOS_MIGRATIONSYSTEMSETTING:
-        if (IsAnswer(p1) && p3 == 1) return Pass(STON_MIGRATIONSYSTEMSETTING, p1, p2, 0, t1);
-        break;
-    case STON_MIGRATIONAPPLICATION:
-        if (p1 == IPC_PARAM_REQUEST && p3 == 0) return Pass(NTOS_MIGRATIONAPPLICATION, 1, p2, 1, t1, t2);
-        break;
-    case NTOS_MIGRATIONAPPLICATION:
-        if (IsAnswer(p1) && p3 == 1) return Pass(STON_MIGRATIONAPPLICATION, p1, p2, 0, t1, t2);
-        break;
-    case STON_SETPROGRESS:
-        if (p1 != 3 && p1 != 4) break;
-        CancelAllThreadExecutions();
-        return Pass(NTOS_SETPROGRESS, p1, 0, 0);
-    default: break;
+    constexpr uint32_t TEXTS                        = 3;
+    const char16_t    *apszFields[TEXTS]            = {pRecord->szText1, pRecord->szText2, pRecord->szText3};
+    const char16_t    *apszTexts[TEXTS]             = {};
+    char16_t           aszTexts[TEXTS][IPC_TEXT_UNITS];
+    for (uint32_t i = 0; i < pRule->nTexts; ++i) {
+        CopyIpcText(aszTexts[i], apszFields[i]);
+        if ((pRule->nMapped & 1u << i) != 0) MapPath(aszTexts[i]);
+        apszTexts[i] = aszTexts[i];
     }
-    return 0;
+    const uint32_t dwParam2 = pRule->dwTurnedParam2 == KEEP_PARAM ? pRecord->dwParam2 : pRule->dwTurnedParam2;
+    const uint32_t dwParam3 = pRule->dwTurnedParam3 == KEEP_PARAM ? pRecord->dwParam3 : pRule->dwTurnedParam3;
+    CallServiceNamedPipe(pRule->dwTurned, static_cast<int32_t>(pRecord->dwParam1), static_cast<int32_t>(dwParam2),
+                         static_cast<int32_t>(dwParam3), apszTexts[0], apszTexts[1], apszTexts[2]);
 }
 
 int32_t CallTransferFromNetwork(const IpcMessage *pRecord)
 {
+    char16_t szText[IPC_TEXT_UNITS];
     TraceIpcMessage(pRecord, 0);
-    if (RelayRecord(pRecord)) return 1;
-    TraceText("## Unhandle Command");
-    return 0;
+    const RecordRule *pRule = FindRecordRule(pRecord, RecordOrigin::Peer);
+    if (pRule == nullptr) {
+        TraceText("## Unhandle Command");
+        return 0;
+    }
+    CopyIpcText(szText, pRecord->szText1);
+    switch (pRule->eAction) {
+    case RecordAction::Pass: Pass(pRecord, pRule); break;
+    case RecordAction::PassLongText: PassLongText(pRecord); break;
+    case RecordAction::BeginProgress: StartReceiveProgress(pRecord->dwParam2, TextToInt64W(szText)); break;
+    case RecordAction::BeginCollection: AskForCollection(szText); break; // also when the walk cannot start: understood
+    case RecordAction::CancelAndPass:
+        CancelAllThreadExecutions();
+        Pass(pRecord, pRule);
+        break;
+    }
+    return 1;
 }

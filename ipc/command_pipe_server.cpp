@@ -1,10 +1,8 @@
 // command_pipe_server.cpp: accepting the service's connections and reading its records.
 // Every pass creates one further instance of the pipe, so that a client always finds one that waits while its
-// predecessors are still being read. A service that opens a connection for each record relies on their order all the
-// same: "disconnect" and then "connect" the other way round would leave a person without a link and without a report.
-// So a connection is not read before the first records of the one before it have been taken, for as long as those
-// are not much too late.
+// predecessors are still being read. Whose records are handled next is the readers' concern (pipe_connections.h).
 #include "ipc/command_pipe_server.h"
+#include "ipc/pipe_connections.h"
 #include "ipc/service_pipe_client.h"
 #include "ipc/service_requests.h"
 #include "ipc/stop_signal.h"
@@ -23,14 +21,8 @@ static constexpr uint32_t PIPE_DEFAULT_TIMEOUT_MS = 200;
 static constexpr int32_t  CREATE_ATTEMPTS         = 3;
 static constexpr uint32_t CREATE_PAUSE_MS         = 500;
 static constexpr uint32_t CONNECT_PAUSE_MS        = 1000;
-static constexpr uint32_t FIRST_RECORDS_POLL_MS   = 5;
-static constexpr uint32_t FIRST_RECORDS_POLLS     = 40; // a client that says nothing delays the next one by 200 ms
 
 std::atomic<HANDLE> g_hStartupEvent{nullptr};
-
-// The newest connection while none of its records have been taken, else null. Its own reader alone takes it back: an
-// older connection that speaks or ends late says nothing of the newest.
-static std::atomic<HANDLE> g_hSilentPipe{nullptr};
 
 enum class Accepted {
     Connected, // the pipe has a client
@@ -78,22 +70,28 @@ static Accepted AwaitClient(HANDLE hPipe)
     return result;
 }
 
-// Hands a connected pipe to a reader of its own, which owns it from then on, or closes it.
-static void StartReader(HANDLE hPipe)
+// Reads a connection, which it owns, until its client closes it. Result 0.
+static uint32_t NetLoopThread(void *pParameter)
 {
-    for (uint32_t n = 0; n < FIRST_RECORDS_POLLS && g_hSilentPipe != nullptr; n++) {
-        if (WaitForStop(FIRST_RECORDS_POLL_MS)) break;
+    auto    *pConnection = static_cast<PipeConnection *>(pParameter);
+    uint32_t cbRead      = 0;
+    while (ReadConnection(pConnection, &cbRead)) {
+        TracePipeRead(cbRead);
+        if (!AwaitTurn(pConnection)) break;
+        for (uint32_t n = 0; n < cbRead / IPC_MESSAGE_SIZE; n++) { // what follows the last whole record is dropped
+            if (pConnection->aRecords[n].dwSessionId == 0) NetHandleIPC(&pConnection->aRecords[n]);
+        }
     }
-    g_hSilentPipe = hPipe;
-    if (StartDetachedThread(NetLoopThread, hPipe)) return;
-    g_hSilentPipe = nullptr;
-    CloseHandle(hPipe);
+    EndPipeConnection(pConnection);
+    return 0;
 }
 
-// Lets the next connection be read, if it waits for this one.
-static void EndSilence(HANDLE hPipe)
+// Hands a connected pipe to a reader of its own, or closes it.
+static void StartReader(HANDLE hPipe)
 {
-    g_hSilentPipe.compare_exchange_strong(hPipe, nullptr);
+    PipeConnection *pConnection = AddPipeConnection(hPipe);
+    if (pConnection == nullptr) CloseHandle(hPipe);
+    else if (!StartDetachedThread(NetLoopThread, pConnection)) EndPipeConnection(pConnection);
 }
 
 static void AcceptClients(const char16_t *pszPipeName, SECURITY_ATTRIBUTES *pSecurity)
@@ -134,25 +132,5 @@ uint32_t CommandPipeServerThread(void *)
         CloseHandle(hMutex);
     }
     FreeSecurity(pSecurity);
-    return 0;
-}
-
-uint32_t NetLoopThread(void *pPipe)
-{
-    const HANDLE hPipe = pPipe;
-    IpcMessage   aRecords[COMMAND_PIPE_BUFFER_BYTES / IPC_MESSAGE_SIZE];
-    uint32_t     cbRead = 0;
-    static_assert(sizeof(aRecords) == COMMAND_PIPE_BUFFER_BYTES);
-
-    while (ReadFile(hPipe, aRecords, sizeof(aRecords), &cbRead, nullptr)) {
-        TracePipeRead(cbRead);
-        for (uint32_t n = 0; n < cbRead / IPC_MESSAGE_SIZE; n++) { // what follows the last whole record is dropped
-            if (aRecords[n].dwSessionId == 0) NetHandleIPC(&aRecords[n]);
-        }
-        EndSilence(hPipe);
-    }
-    EndSilence(hPipe);
-    DisconnectNamedPipe(hPipe);
-    CloseHandle(hPipe);
     return 0;
 }

@@ -2,13 +2,11 @@
 // Threads  CommandPipeServerThread is started once by the main thread; one NetLoopThread for each connected client,
 //          which ends when its client closes the pipe.
 #pragma once
-#include "ipc/ipc_message.h"
 #include "platform/types.h"
 #include <atomic>
 #include <cstdint>
 
-constexpr uint32_t COMMAND_PIPE_BUFFER_BYTES = 7920; // five records
-static_assert(COMMAND_PIPE_BUFFER_BYTES == 5 * IPC_MESSAGE_SIZE);
+constexpr uint32_t COMMAND_PIPE_BUFFER_BYTES = 7920; // five records: what a client may write before any is read
 
 // Both names end in the session: "%s_0x%x".
 constexpr char16_t AGENT_MUTEX_NAME[] = u"Global\\VornMigrationNet_NamedPipeMux";
@@ -21,5 +19,3 @@ extern std::atomic<platform::HANDLE> g_hStartupEvent;
 
 // Result 0. Ends with the stop signal, or when the pipe cannot be created three times in a row.
 uint32_t CommandPipeServerThread(void *pUnused);
-// pPipe: the connected pipe's handle, owned by the thread from here on. Result 0.
-uint32_t NetLoopThread(void *pPipe);

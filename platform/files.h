@@ -81,7 +81,10 @@ enum GET_FILEEX_INFO_LEVELS : int32_t { GetFileExInfoStandard = 0 };
 HANDLE CreateFileW(const char16_t *pszFileName, uint32_t dwDesiredAccess, uint32_t dwShareMode,
                    SECURITY_ATTRIBUTES *pSecurity, uint32_t dwCreationDisposition, uint32_t dwFlagsAndAttributes,
                    HANDLE hTemplateFile);
-// pOverlapped null. A read at the end of a file succeeds with 0 bytes; on a pipe whose writer has gone: ERROR_BROKEN_PIPE.
+// pOverlapped null, but for the server's end of a pipe that was made with FILE_FLAG_OVERLAPPED: there a read without one
+// may be told to be complete while it is not, so one is given, with an event: FALSE with ERROR_IO_PENDING, and
+// GetOverlappedResult (pipes.h) tells how it ended once the event is set. A read at the end of a file succeeds with 0
+// bytes; on a pipe whose writer has gone: ERROR_BROKEN_PIPE.
 BOOL ReadFile(HANDLE hFile, void *pBuffer, uint32_t cbToRead, uint32_t *pcbRead, OVERLAPPED *pOverlapped);
 BOOL WriteFile(HANDLE hFile, const void *pBuffer, uint32_t cbToWrite, uint32_t *pcbWritten, OVERLAPPED *pOverlapped);
 BOOL FlushFileBuffers(HANDLE hFile);

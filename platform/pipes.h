@@ -1,6 +1,6 @@
 // pipes.h: named pipes: the server's side, and waiting for one as a client. CreateFileW (files.h) opens the client's side.
 // Modes    PIPE_ACCESS_INBOUND, message type, byte read mode: a read gives what is there, up to the buffer, and may hold
-//          several records. Reads and writes block; only ConnectNamedPipe is overlapped.
+//          several records. Writes block; ConnectNamedPipe and the server's ReadFile are overlapped when asked to be.
 #pragma once
 #include "platform/files.h"
 #include "platform/kernel.h"
@@ -22,8 +22,12 @@ HANDLE CreateNamedPipeW(const char16_t *pszName, uint32_t dwOpenMode, uint32_t d
 // is closed. With null the call blocks.
 BOOL ConnectNamedPipe(HANDLE hNamedPipe, OVERLAPPED *pOverlapped);
 BOOL DisconnectNamedPipe(HANDLE hNamedPipe);
-// Ends the overlapped call that is pending on the handle; its event is set.
+// Ends the overlapped call that is pending on the handle; its event is set. Its structure and buffer are the system's
+// until then.
 BOOL CancelIoEx(HANDLE hFile, OVERLAPPED *pOverlapped);
+// How an overlapped call of a pipe's server ended, and how many bytes it moved. FALSE: ERROR_IO_INCOMPLETE while it is
+// under way, ERROR_BROKEN_PIPE when the client has gone, ERROR_OPERATION_ABORTED after CancelIoEx. bWait FALSE.
+BOOL GetOverlappedResult(HANDLE hFile, OVERLAPPED *pOverlapped, uint32_t *pcbTransferred, BOOL bWait);
 // Waits for a free instance. FALSE: ERROR_FILE_NOT_FOUND when no such pipe exists, ERROR_SEM_TIMEOUT after nTimeOut ms.
 BOOL WaitNamedPipeW(const char16_t *pszName, uint32_t nTimeOut);
 

@@ -45,6 +45,11 @@ BOOL CancelIoEx(HANDLE hFile, OVERLAPPED *pOverlapped)
     return ::CancelIoEx(hFile, AsSdk(pOverlapped));
 }
 
+BOOL GetOverlappedResult(HANDLE hFile, OVERLAPPED *pOverlapped, uint32_t *pcbTransferred, BOOL bWait)
+{
+    return ::GetOverlappedResult(hFile, AsSdk(pOverlapped), AsSdk(pcbTransferred), bWait);
+}
+
 BOOL WaitNamedPipeW(const char16_t *pszName, uint32_t nTimeOut)
 {
     return ::WaitNamedPipeW(AsWide(pszName), nTimeOut);

@@ -194,18 +194,52 @@ TEST_F(CommandPipeFaults, RecordsOnConnectionsOfTheirOwnAllArriveInTheirOrder)
     EXPECT_EQ(aExpected, TakeLines(&session, RECORDS, "27 "));
 }
 
-// A client that stays silent is waited for, but not for long, and an older one that ends makes no difference to that.
-TEST_F(CommandPipeFaults, ASilentConnectionHoldsTheNextOneUpFor200Milliseconds)
+// What an older connection has written before a newer one came is handled before that one's records, also when it is
+// not its first.
+TEST_F(CommandPipeFaults, FurtherRecordsOfAnOlderConnectionComeBeforeTheNextOnes)
+{
+    TraceSession session;
+    hosted::SetClockRate(1);
+    Serve();
+    const HANDLE hOlder = Connect();
+    for (uint32_t n = 2; n <= 400; n += 2) {
+        const IpcMessage record = MakeRecord(0x306, n);
+        Write(hOlder, &record, sizeof(record));
+        SendNumber(n + 1);
+        ASSERT_EQ((std::vector<std::string>{NumberLine(n), NumberLine(n + 1)}), TakeLines(&session, 2, "27 "));
+    }
+    CloseHandle(hOlder);
+}
+
+// Clients that stay silent are waited for, but not for long, all of them together, and meanwhile others find the pipe
+// free; an older one that ends makes no difference to that.
+TEST_F(CommandPipeFaults, SilentConnectionsHoldTheNextOneUpFor200MillisecondsTogether)
+{
+    constexpr int SILENT = 10;
+    TraceSession  session;
+    hosted::SetClockRate(1);
+    Serve();
+    const HANDLE   hOlder   = Connect();
+    const uint64_t ullStart = GetTickCount64();
+    HANDLE         ahSilent[SILENT];
+    for (HANDLE &hSilent : ahSilent) hSilent = Connect();
+    CloseHandle(hOlder);
+    SendNumber(1);
+    EXPECT_EQ(std::vector<std::string>{NumberLine(1)}, TakeLines(&session, 1, "27 "));
+    EXPECT_GE(GetTickCount64() - ullStart, 200u);
+    EXPECT_LT(GetTickCount64() - ullStart, 1500u);
+    for (const HANDLE hSilent : ahSilent) CloseHandle(hSilent);
+}
+
+TEST_F(CommandPipeFaults, TheStopSignalEndsAReaderWhoseClientStays)
 {
     TraceSession session;
     Serve();
-    const HANDLE hOlder = Connect(), hSilent = Connect();
-    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 2; }));
-    CloseHandle(hOlder);
-    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 1; }));
-    const uint64_t ullStart = GetTickCount64();
-    SendNumber(1);
-    EXPECT_EQ(std::vector<std::string>{NumberLine(1)}, TakeLines(&session, 1, "27 "));
-    EXPECT_GE(GetTickCount64() - ullStart, 200u - 40);
-    CloseHandle(hSilent);
+    const HANDLE hSilent = Connect(), hSpeaker = Connect();
+    const IpcMessage record = MakeRecord(0x306, 1);
+    Write(hSpeaker, &record, sizeof(record));
+    EXPECT_EQ(1u, TakeLines(&session, 1, "27 ").size());
+    SetEvent(g_hAppEvent);
+    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
+    EXPECT_TRUE(CloseHandle(hSilent) && CloseHandle(hSpeaker));
 }

@@ -175,3 +175,40 @@ TEST_F(Pipes, WaitEndsWhenAnInstanceBecomesFree)
     EXPECT_TRUE(CloseHandle(hThread));
     EXPECT_TRUE(CloseHandle(hServer));
 }
+
+TEST_F(Pipes, OverlappedReadsWaitForWhatIsWrittenAndEndWhenCancelled)
+{
+    Connecting   connecting;
+    OVERLAPPED   overlapped{};
+    uint32_t     cb = 0;
+    char         aBuffer[16] = {};
+    const HANDLE hServer = NewInstance(), hClient = OpenClient();
+    ASSERT_EQ(535u, connecting.Start(hServer));
+    overlapped.hEvent = CreateEventW(nullptr, TRUE, TRUE, nullptr);
+    const auto Read = [&] { return ReadFile(hServer, aBuffer, sizeof(aBuffer), &cb, &overlapped) ? 0 : GetLastError(); };
+    const auto Result = [&] { return GetOverlappedResult(hServer, &overlapped, &cb, FALSE) ? 0 : GetLastError(); };
+
+    EXPECT_EQ(ERROR_IO_PENDING, Read());
+    EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(overlapped.hEvent, 0));
+    EXPECT_EQ(ERROR_IO_INCOMPLETE, Result());
+    EXPECT_TRUE(Write(hClient, "abc"));
+    EXPECT_EQ(0u, Result()) << "the moment it is written";
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(overlapped.hEvent, LONG_WAIT_MS));
+    EXPECT_EQ("abc", std::string(aBuffer, cb));
+
+    EXPECT_TRUE(Write(hClient, "de"));
+    EXPECT_EQ(0u, Read()) << "what is there is read at once";
+    EXPECT_EQ("de", std::string(aBuffer, cb));
+
+    EXPECT_EQ(ERROR_IO_PENDING, Read());
+    EXPECT_TRUE(CancelIoEx(hServer, &overlapped));
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(overlapped.hEvent, LONG_WAIT_MS));
+    EXPECT_EQ(ERROR_OPERATION_ABORTED, Result());
+
+    EXPECT_EQ(ERROR_IO_PENDING, Read());
+    EXPECT_TRUE(CloseHandle(hClient));
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(overlapped.hEvent, LONG_WAIT_MS));
+    EXPECT_EQ(ERROR_BROKEN_PIPE, Result());
+    EXPECT_EQ(ERROR_BROKEN_PIPE, Read());
+    EXPECT_TRUE(CloseHandle(hServer) && CloseHandle(overlapped.hEvent));
+}

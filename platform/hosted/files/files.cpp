@@ -95,11 +95,12 @@ platform::BOOL platform::ReadFile(HANDLE hFile, void *pBuffer, uint32_t cbToRead
                                   OVERLAPPED *pOverlapped)
 {
     if (hosted::FailsNow("ReadFile")) return FALSE;
-    if (pOverlapped != nullptr || pcbRead == nullptr) return Fail(ERROR_NOT_SUPPORTED);
+    if (pcbRead == nullptr) return Fail(ERROR_NOT_SUPPORTED);
     *pcbRead                                    = 0;
     const std::shared_ptr<KernelObject> pObject = hosted::ObjectOf(hFile);
     if (pObject == nullptr) return FALSE;
-    if (pObject->eKind != HandleKind::File) return hosted::ReadPipe(*pObject, pBuffer, cbToRead, pcbRead);
+    if (pObject->eKind != HandleKind::File) return hosted::ReadPipe(pObject, pBuffer, cbToRead, pcbRead, pOverlapped);
+    if (pOverlapped != nullptr) return Fail(ERROR_NOT_SUPPORTED);
     FileObject &file = static_cast<FileObject &>(*pObject);
     if ((file.nAccess & hosted::SHARE_READ) == 0) return Fail(ERROR_ACCESS_DENIED);
     return ReadDisk(file, pBuffer, cbToRead, pcbRead);

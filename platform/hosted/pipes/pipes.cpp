@@ -29,6 +29,8 @@ namespace {
 constexpr uint64_t STATUS_PENDING   = 0x00000103; // what OVERLAPPED::Internal tells of a call
 constexpr uint64_t STATUS_CANCELLED = 0xC0000120;
 constexpr uint64_t STATUS_UNSUCCESSFUL = 0xC0000001;
+constexpr uint64_t STATUS_PIPE_BROKEN  = 0xC000014B;
+constexpr uint64_t STATUS_PIPE_DISCONNECTED = 0xC00000B0;
 
 struct PipeServer : KernelObject {
     enum class State { Listening, Connected, Disconnected };
@@ -49,12 +51,18 @@ struct PipeServer : KernelObject {
     std::shared_ptr<KernelObject> pPendingEvent;
     WatchId                       nWatch   = 0;
     uint32_t                      cbUnsaid = 0; // read, and not yet told to the client
+    platform::OVERLAPPED         *pReading = nullptr; // of the overlapped ReadFile under way, with what it needs
+    std::shared_ptr<KernelObject> pReadingEvent;
+    void                         *pReadingBuffer = nullptr;
+    uint32_t                      cbReading      = 0;
+    WatchId                       nReadingWatch  = 0;
 };
 
 PipeServer::~PipeServer()
 {
     const uint32_t dwLastError = platform::GetLastError();
     if (nWatch != 0) UnwatchDescriptor(nWatch, pListener->nFd);
+    if (nReadingWatch != 0) UnwatchDescriptor(nReadingWatch, pConnection->nFd);
     if (nInstanceFd >= 0) {
         {
             const MachineLock lock;
@@ -201,18 +209,85 @@ std::shared_ptr<Descriptor> ConnectionToRead(PipeServer &server)
     return nullptr;
 }
 
+// [held: mutex] Counts what a read has taken and gives the client room for as much.
+void TakeBytes(PipeServer &server, int nFd, size_t cb)
+{
+    server.cbUnsaid += static_cast<uint32_t>(cb);
+    if (SendCredit(nFd, server.cbUnsaid)) server.cbUnsaid = 0;
+}
+
+// [held: mutex] Ends the pending read with a status.
+void CompleteRead(PipeServer &server, uint64_t ullStatus, size_t cb)
+{
+    UnwatchDescriptor(server.nReadingWatch, server.pConnection->nFd);
+    server.nReadingWatch          = 0;
+    server.pReading->Internal     = ullStatus;
+    server.pReading->InternalHigh = cb;
+    server.pReading               = nullptr;
+    SignalEventObject(*server.pReadingEvent, true);
+    server.pReadingEvent = nullptr;
+}
+
+// [held: mutex] Completes the pending read when there is something for it.
+void GoOnReading(PipeServer &server)
+{
+    if (server.pReading == nullptr) return;
+    const int     nFd = server.pConnection->nFd;
+    const ssize_t cb  = recv(nFd, server.pReadingBuffer, server.cbReading, MSG_DONTWAIT);
+    if (cb < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    if (cb > 0) TakeBytes(server, nFd, static_cast<size_t>(cb));
+    CompleteRead(server, cb > 0 ? 0 : STATUS_PIPE_BROKEN, cb > 0 ? static_cast<size_t>(cb) : 0);
+}
+
+// As on Windows the event is set also when the call ends at once.
+platform::BOOL StartReading(const std::shared_ptr<PipeServer> &pServer, const std::shared_ptr<Descriptor> &pConnection,
+                            void *pBuffer, uint32_t cbToRead, uint32_t *pcbRead, platform::OVERLAPPED *pOverlapped)
+{
+    std::shared_ptr<KernelObject> pEvent = ObjectOfKind<KernelObject>(pOverlapped->hEvent, HandleKind::Event);
+    if (pEvent == nullptr) return platform::FALSE;
+    const std::lock_guard<std::mutex> guard(pServer->mutex);
+    if (!pServer->bOverlapped || pServer->pReading != nullptr || pServer->pConnection != pConnection) {
+        SetError(platform::ERROR_NOT_SUPPORTED); // one read at a time
+        return platform::FALSE;
+    }
+    SignalEventObject(*pEvent, false);
+    pOverlapped->Internal   = STATUS_PENDING;
+    pServer->pReading       = pOverlapped;
+    pServer->pReadingEvent  = std::move(pEvent);
+    pServer->pReadingBuffer = pBuffer;
+    pServer->cbReading      = cbToRead;
+    GoOnReading(*pServer);
+    if (pServer->pReading == nullptr) {
+        *pcbRead = static_cast<uint32_t>(pOverlapped->InternalHigh);
+        if (pOverlapped->Internal == 0) return platform::TRUE;
+        SetError(platform::ERROR_BROKEN_PIPE);
+        return platform::FALSE;
+    }
+    pServer->nReadingWatch = WatchDescriptor(pConnection->nFd, [pWeak = std::weak_ptr(pServer)] {
+        const std::shared_ptr<PipeServer> pReader = pWeak.lock();
+        if (pReader == nullptr) return;
+        const std::lock_guard<std::mutex> reading(pReader->mutex);
+        GoOnReading(*pReader);
+    });
+    if (pServer->nReadingWatch != 0) SetError(platform::ERROR_IO_PENDING);
+    else pServer->pReading = nullptr;
+    return platform::FALSE;
+}
+
 } // namespace
 
-platform::BOOL ReadPipe(KernelObject &pipe, void *pBuffer, uint32_t cbToRead, uint32_t *pcbRead)
+platform::BOOL ReadPipe(const std::shared_ptr<KernelObject> &pPipe, void *pBuffer, uint32_t cbToRead, uint32_t *pcbRead,
+                        platform::OVERLAPPED *pOverlapped)
 {
-    if (pcbRead != nullptr) *pcbRead = 0;
-    if (pipe.eKind != HandleKind::PipeServer) {
+    if (pPipe->eKind != HandleKind::PipeServer) {
         SetError(platform::ERROR_ACCESS_DENIED); // the client's end only writes
         return platform::FALSE;
     }
-    auto                             &server      = static_cast<PipeServer &>(pipe);
+    const auto                        pServer     = std::static_pointer_cast<PipeServer>(pPipe);
+    PipeServer                       &server      = *pServer;
     const std::shared_ptr<Descriptor> pConnection = ConnectionToRead(server);
     if (pConnection == nullptr) return platform::FALSE;
+    if (pOverlapped != nullptr) return StartReading(pServer, pConnection, pBuffer, cbToRead, pcbRead, pOverlapped);
     if (cbToRead == 0) return platform::TRUE;
     ssize_t cbGot = 0;
     do {
@@ -227,9 +302,8 @@ platform::BOOL ReadPipe(KernelObject &pipe, void *pBuffer, uint32_t cbToRead, ui
         SetError(platform::ERROR_BROKEN_PIPE);
         return platform::FALSE;
     }
-    server.cbUnsaid += static_cast<uint32_t>(cbGot);
-    if (SendCredit(pConnection->nFd, server.cbUnsaid)) server.cbUnsaid = 0;
-    if (pcbRead != nullptr) *pcbRead = static_cast<uint32_t>(cbGot);
+    TakeBytes(server, pConnection->nFd, static_cast<size_t>(cbGot));
+    *pcbRead = static_cast<uint32_t>(cbGot);
     return platform::TRUE;
 }
 
@@ -298,6 +372,7 @@ platform::BOOL platform::DisconnectNamedPipe(HANDLE hNamedPipe)
                                                                                  : ERROR_PIPE_NOT_CONNECTED);
         return FALSE;
     }
+    if (pServer->pReading != nullptr) hosted::CompleteRead(*pServer, hosted::STATUS_PIPE_DISCONNECTED, 0);
     hosted::SendCredit(pServer->pConnection->nFd, hosted::CREDIT_DISCONNECTED);
     // Ends a read under way; what the client wrote and nobody read is lost, as on Windows.
     shutdown(pServer->pConnection->nFd, SHUT_RDWR);
@@ -312,10 +387,32 @@ platform::BOOL platform::CancelIoEx(HANDLE hFile, OVERLAPPED *pOverlapped)
     const std::shared_ptr<hosted::PipeServer> pServer = hosted::ServerOf(hFile);
     if (pServer == nullptr) return FALSE;
     const std::lock_guard<std::mutex> guard(pServer->mutex);
-    if (pServer->pPending == nullptr || (pOverlapped != nullptr && pOverlapped != pServer->pPending)) {
-        hosted::SetError(ERROR_NOT_FOUND);
-        return FALSE;
+    const bool bConnecting = pServer->pPending != nullptr && (pOverlapped == nullptr || pOverlapped == pServer->pPending);
+    const bool bReading    = pServer->pReading != nullptr && (pOverlapped == nullptr || pOverlapped == pServer->pReading);
+    if (bConnecting) hosted::Complete(*pServer, hosted::STATUS_CANCELLED, pServer->pListener);
+    if (bReading) hosted::CompleteRead(*pServer, hosted::STATUS_CANCELLED, 0);
+    if (bConnecting || bReading) return TRUE;
+    hosted::SetError(ERROR_NOT_FOUND);
+    return FALSE;
+}
+
+// Looks for itself whether there is something for a pending read: what a client has written counts from its write on,
+// not from when the watcher's thread comes round to it.
+platform::BOOL platform::GetOverlappedResult(HANDLE hFile, OVERLAPPED *pOverlapped, uint32_t *pcbTransferred, BOOL bWait)
+{
+    if (hosted::FailsNow("GetOverlappedResult")) return FALSE;
+    const std::shared_ptr<hosted::PipeServer> pServer = hosted::ServerOf(hFile);
+    if (pServer == nullptr) return FALSE;
+    const std::lock_guard<std::mutex> guard(pServer->mutex);
+    if (pOverlapped == pServer->pReading) hosted::GoOnReading(*pServer);
+    *pcbTransferred = static_cast<uint32_t>(pOverlapped->InternalHigh);
+    switch (pOverlapped->Internal) {
+    case 0:                                return TRUE;
+    case hosted::STATUS_PENDING:           hosted::SetError(bWait ? ERROR_NOT_SUPPORTED : ERROR_IO_INCOMPLETE); break;
+    case hosted::STATUS_CANCELLED:         hosted::SetError(ERROR_OPERATION_ABORTED); break;
+    case hosted::STATUS_PIPE_BROKEN:       hosted::SetError(ERROR_BROKEN_PIPE); break;
+    case hosted::STATUS_PIPE_DISCONNECTED: hosted::SetError(ERROR_PIPE_NOT_CONNECTED); break;
+    default:                               hosted::SetError(ERROR_GEN_FAILURE); break;
     }
-    hosted::Complete(*pServer, hosted::STATUS_CANCELLED, pServer->pListener);
-    return TRUE;
+    return FALSE;
 }

@@ -39,16 +39,15 @@ static size_t BaseUnits(const char16_t *pszBase, size_t cchBase, size_t cchFolde
     return cchRoom;
 }
 
-int32_t MakeUniqueFileName(char16_t *pszPath)
+bool NumberFileName(const char16_t *pszPath, uint32_t nNumber, char16_t *pszNumbered)
 {
     char16_t szFolder[UNIQUE_PATH_UNITS];
-    char16_t szCandidate[UNIQUE_PATH_UNITS];
     char16_t szNumber[NUMBER_UNITS];
-    if (!IsTaken(pszPath)) return 0;
+    if (nNumber < FIRST_NUMBER) return CopyTextW(pszNumbered, UNIQUE_PATH_UNITS, pszPath);
 
     CopyTextW(szFolder, UNIQUE_PATH_UNITS, pszPath);
     PathCchRemoveFileSpec(szFolder, UNIQUE_PATH_UNITS);
-    if (PathCchAddBackslash(szFolder, UNIQUE_PATH_UNITS) < 0) return 0;
+    if (PathCchAddBackslash(szFolder, UNIQUE_PATH_UNITS) < 0) return false;
     const char16_t *pszName      = PathFindFileNameW(pszPath);
     const char16_t *pszExtension = PathFindExtensionW(pszPath);
     size_t          cchName      = TextLengthW(pszName);
@@ -56,17 +55,26 @@ int32_t MakeUniqueFileName(char16_t *pszPath)
     while (cchBase > 0 && pszName[cchBase - 1] != u'.') --cchBase;
     cchBase = cchBase > 0 ? cchBase - 1 : cchName; // up to the last dot, or the whole name
 
-    for (uint32_t n = FIRST_NUMBER; n <= LAST_NUMBER; ++n) {
-        const int32_t cchNumber = FormatTextW(szNumber, NUMBER_UNITS, u" (%u)", n);
-        const size_t  cchKept   = BaseUnits(pszName, cchBase, TextLengthW(szFolder), static_cast<size_t>(cchNumber),
-                                            TextLengthW(pszExtension));
-        if (FormatTextW(szCandidate, UNIQUE_PATH_UNITS, u"%s%.*s%s%s", szFolder, static_cast<int>(cchKept), pszName,
-                        szNumber, pszExtension) < 0)
-            return 0;
-        if (!IsTaken(szCandidate)) {
-            CopyTextW(pszPath, UNIQUE_PATH_UNITS, szCandidate);
-            return 1;
-        }
+    const int32_t cchNumber = FormatTextW(szNumber, NUMBER_UNITS, u" (%u)", nNumber);
+    const size_t  cchKept   = BaseUnits(pszName, cchBase, TextLengthW(szFolder), static_cast<size_t>(cchNumber),
+                                        TextLengthW(pszExtension));
+    return FormatTextW(pszNumbered, UNIQUE_PATH_UNITS, u"%s%.*s%s%s", szFolder, static_cast<int>(cchKept), pszName,
+                       szNumber, pszExtension) >= 0;
+}
+
+uint32_t FindFreeFileName(const char16_t *pszPath, uint32_t nFirst, char16_t *pszFree)
+{
+    for (uint32_t n = nFirst; n <= LAST_NUMBER; ++n) {
+        if (!NumberFileName(pszPath, n, pszFree)) return 0;
+        if (!IsTaken(pszFree)) return n;
     }
     return 0;
+}
+
+int32_t MakeUniqueFileName(char16_t *pszPath)
+{
+    char16_t szFree[UNIQUE_PATH_UNITS];
+    if (!IsTaken(pszPath) || FindFreeFileName(pszPath, FIRST_NUMBER, szFree) == 0) return 0;
+    CopyTextW(pszPath, UNIQUE_PATH_UNITS, szFree);
+    return 1;
 }

@@ -20,6 +20,7 @@ constexpr char WORD_SEND_FILE[]         = "SendFile";
 constexpr char WORD_FILE_DONE[]         = "FileDone";
 constexpr char WORD_FILE_ERROR[]        = "FileError";
 constexpr char WORD_FILE_DISK_FULL[]    = "FileErrDF";
+constexpr char WORD_FILE_DISK_FULL_EARLY[] = "FILEERRDF";
 constexpr char WORD_FILE_TYPE_WRONG[]   = "TypeWrong";
 constexpr char WORD_KEEP_ALIVE[]        = "KeepAlive";
 constexpr char WORD_ACK_ALIVE[]         = "AckAlive";

@@ -8,6 +8,7 @@
 #include "net/listener.h"
 #include "ipc/relay.h"
 #include "ipc/service_pipe_client.h"
+#include "migration/receipt_journal.h"
 #include "net/command_channel.h"
 #include "net/link_window.h"
 #include "net/receive_file_command.h"
@@ -197,6 +198,7 @@ uint32_t RunListener(const ListenerRole &role, ListenerStart *pStart)
 {
     BindThreadToLink(pStart->link.dwGeneration);
     int32_t nErr = Listen(role, *pStart);
+    EndReceivingFiles();
     if (nErr != 0) {
         // From here on the break is this thread's to report; a teardown that came first has nothing left to report.
         pStart->link.dwGeneration = ClaimBrokenLink(pStart->link.dwGeneration);
@@ -251,6 +253,9 @@ int32_t SendDataCMDHandler(SOCKET hSocket)
     }
     TraceDebugA("[SendDataCMDHandler] recv cmd data done [0x%X][0x%X][0x%X][0x%X][0x%X]", p[0], p[1], p[2], p[3], p[4]);
     CallTransferFromNetwork(&record);
+    // The peer's word that it has sent its collection, as far as it could; what comes from here on is another request's.
+    if (record.dwCommand == STON_MIGRATIONCOLLECTION && record.dwParam1 != IPC_PARAM_REQUEST)
+        EndReceiptRequest(record.dwParam1 == IPC_PARAM_DONE);
     return 0;
 }
 

@@ -4,8 +4,8 @@
 // is never touched, and the stream is read all the same, so that the connection stays in step.
 #include "net/receive_file_command.h"
 #include "migration/folders.h"
+#include "migration/receipt_journal.h"
 #include "migration/state_files.h"
-#include "migration/unique_name.h"
 #include "net/command_channel.h"
 #include "net/link_window.h"
 #include "net/received_file.h"
@@ -15,22 +15,30 @@
 #include "platform/path.h"
 #include "platform/text.h"
 #include "trace/debug_output.h"
-#include "transfer/file_stream.h"
+#include "transfer/receipt_answer.h"
 #include "transfer/recv_file.h"
 #include "transfer/socket_io.h"
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 
 using namespace platform;
 
 namespace {
 
-constexpr char16_t OPERATION[]         = u"SendFileCMDHandler";
-constexpr size_t   LONG_PREFIX_UNITS   = 4;    // of "\\?\"
-static_assert(FILE_PATH_BYTES == 2050 && RECEIVED_PATH_UNITS * sizeof(char16_t) == FILE_PATH_BYTES + sizeof(char16_t),
+constexpr char16_t OPERATION[]       = u"SendFileCMDHandler";
+constexpr size_t   LONG_PREFIX_UNITS = 4; // of "\\?\"
+constexpr size_t   DRIVE_UNITS       = 3; // of "X:\"
+// What of a file's attributes belongs to the file. The others are the source machine's own affair: that its copy lies in
+// the cloud (offline, recall), is pinned there, compressed, sparse or a link.
+constexpr uint32_t RECEIVED_ATTRIBUTES = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
+                                         FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NORMAL |
+                                         FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
+static_assert(INCOMING_PATH_UNITS * sizeof(char16_t) == FILE_PATH_BYTES + sizeof(char16_t),
               "the peer promises no terminator, so a path holds one unit more than the field carries");
 
 // The folder that this listener made last: ten thousand files in one folder need it made once.
-thread_local char16_t t_szLastFolder[LOCAL_PATH_UNITS];
+thread_local char16_t t_szLastFolder[INCOMING_PATH_UNITS];
 
 int32_t Failed(const char16_t *pszDescription, int32_t nStatus)
 {
@@ -43,156 +51,145 @@ bool ReceiveField(SOCKET hSocket, void *pField, int32_t cb)
     return RecvBuffer(hSocket, pField, cb) == cb;
 }
 
-bool HasLongPrefix(const char16_t *pszPath)
+// The path behind "\\?\", if it has that.
+const char16_t *WithoutPrefix(const char16_t *pszPath)
 {
-    return CompareTextNoCaseN_W(pszPath, u"\\\\?\\", LONG_PREFIX_UNITS) == 0;
+    return CompareTextNoCaseN_W(pszPath, u"\\\\?\\", LONG_PREFIX_UNITS) == 0 ? pszPath + LONG_PREFIX_UNITS : pszPath;
 }
 
-// "X:\...", also behind "\\?\". Anything else would land wherever this process happens to stand.
-bool HasDrive(const char16_t *pszPath)
+// A name that means a device wherever it stands and whatever extension follows ("NUL.txt"; blanks before the dot do not
+// count): what is written there is gone, or never ends. As the documentation lists them, superscript digits too.
+bool IsDeviceName(const char16_t *pszName, size_t cchName)
 {
-    if (HasLongPrefix(pszPath)) pszPath += LONG_PREFIX_UNITS;
+    static constexpr const char16_t *NAMES[]    = {u"CON", u"PRN", u"AUX", u"NUL", u"CONIN$", u"CONOUT$"};
+    static constexpr const char16_t *NUMBERED[] = {u"COM", u"LPT"};
+    constexpr size_t                 NUMBERED_UNITS = 4;
+
+    size_t cch = 0;
+    while (cch < cchName && pszName[cch] != u'.') ++cch;
+    while (cch > 0 && pszName[cch - 1] == u' ') --cch;
+    for (const char16_t *pszDevice : NAMES)
+        if (cch == TextLengthW(pszDevice) && CompareTextNoCaseN_W(pszName, pszDevice, cch) == 0) return true;
+    if (cch != NUMBERED_UNITS) return false;
+    const char16_t chNumber = pszName[cch - 1];
+    const bool     bNumber  = (chNumber >= u'0' && chNumber <= u'9') || chNumber == u'\u00B9' || chNumber == u'\u00B2' ||
+                         chNumber == u'\u00B3';
+    return bNumber && (CompareTextNoCaseN_W(pszName, NUMBERED[0], cch - 1) == 0 ||
+                       CompareTextNoCaseN_W(pszName, NUMBERED[1], cch - 1) == 0);
+}
+
+// Why a path can be no place for a file or folder here; null when it can.
+const char *WhyNoPlace(const char16_t *pszPath)
+{
+    pszPath           = WithoutPrefix(pszPath);
     const char16_t ch = FoldCaseW(pszPath[0]);
-    return ch >= u'A' && ch <= u'Z' && pszPath[1] == u':' && pszPath[2] == u'\\';
+    // anything but "X:\..." would land wherever this process happens to stand
+    if (ch < u'A' || ch > u'Z' || pszPath[1] != u':' || pszPath[2] != u'\\') return "no drive";
+    for (pszPath += DRIVE_UNITS; *pszPath != 0;) {
+        size_t cch = 0;
+        for (; pszPath[cch] != 0 && pszPath[cch] != u'\\' && pszPath[cch] != u'/'; ++cch)
+            if (pszPath[cch] == u':') return "a stream of a file";
+        if (IsDeviceName(pszPath, cch)) return "a device's name";
+        pszPath += pszPath[cch] != 0 ? cch + 1 : cch;
+    }
+    return nullptr;
 }
 
-// The form in which the path is opened here.
-void SetLocalPath(ReceivedFile *pFile)
-{
-    const bool bPrefix = TextLengthW(pFile->szPath) >= LONG_PATH_FROM_UNITS && !HasLongPrefix(pFile->szPath);
-    FormatTextW(pFile->szLocal, LOCAL_PATH_UNITS, bPrefix ? u"\\\\?\\%s" : u"%s", pFile->szPath);
-}
-
-// Nothing can be opened under an empty path: RecvFile reads the stream and answers "FileError".
+// Nothing is opened for a refused path: RecvFile reads the stream and answers "FileError".
 void RefusePath(ReceivedFile *pFile, const char *pszReason)
 {
     TraceDebugA("[SendFileCMDHandler] path refused: %s", pszReason);
-    pFile->szPath[0] = pFile->szLocal[0] = u'\0';
+    SetIncomingFile(&pFile->disk, u"", false);
+    pFile->disk.dwError = ERROR_INVALID_NAME;
 }
 
-// Changes a name that is taken. An existing file is never overwritten: without a free name the path is refused.
-void ChooseFreeName(ReceivedFile *pFile)
-{
-    SetLocalPath(pFile);
-    if (GetFileAttributesW(pFile->szLocal) == INVALID_FILE_ATTRIBUTES) {
-        pFile->bFolderSeen = GetLastError() == ERROR_FILE_NOT_FOUND; // else it would have been the path
-        return;
-    }
-    char16_t szUnique[UNIQUE_PATH_UNITS];
-    if (!CopyTextW(szUnique, UNIQUE_PATH_UNITS, pFile->szLocal) || !MakeUniqueFileName(szUnique)) {
-        RefusePath(pFile, "no free name");
-        return;
-    }
-    const bool bAdded = HasLongPrefix(szUnique) && !HasLongPrefix(pFile->szPath);
-    CopyTextW(pFile->szPath, RECEIVED_PATH_UNITS, szUnique + (bAdded ? LONG_PREFIX_UNITS : 0));
-}
-
-bool IniExists(const ReceivedFile *pFile)
+bool IniExists(const IncomingFile *pDisk)
 {
     const HANDLE hFile =
-        CreateFileW(pFile->szLocal, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+        CreateFileW(pDisk->szLocal, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (hFile != INVALID_HANDLE_VALUE) CloseHandle(hFile);
-    return hFile != INVALID_HANDLE_VALUE || _waccess(pFile->szLocal, 0) == 0;
+    return hFile != INVALID_HANDLE_VALUE || _waccess(pDisk->szLocal, 0) == 0;
 }
 
 // The peer's machine info has one place here, whatever the peer calls it.
 void RedirectMachineInfo(ReceivedFile *pFile)
 {
     char16_t szTarget[MAX_PATH];
-    if (!GetProgressFile(TARGET_INFO_FILE, szTarget)) {
-        if (!HasDrive(pFile->szPath)) RefusePath(pFile, "no drive");
-        return;
-    }
-    CopyTextW(pFile->szPath, RECEIVED_PATH_UNITS, szTarget);
-    TraceDebugW(u"[SendFileCMDHandler] converted path (dwType 10 special) [%s]", pFile->szPath);
-    CreateSharedFile(pFile->szPath);
+    if (!GetProgressFile(TARGET_INFO_FILE, szTarget)) return;
+    SetIncomingFile(&pFile->disk, szTarget, true);
+    TraceDebugW(u"[SendFileCMDHandler] converted path (dwType 10 special) [%s]", szTarget);
+    CreateSharedFile(szTarget);
 }
 
 // What the type wants of the destination before the file arrives.
-void PrepareDestination(ReceivedFile *pFile)
+void PrepareDestination(ReceivedFile *pFile, const char16_t *pszSent)
 {
-    SetLocalPath(pFile);
+    const bool bOverwrite = pFile->dwType == FILE_TYPE_PLAIN || pFile->dwType == FILE_TYPE_SPECIAL ||
+                            pFile->dwType == FILE_TYPE_MACHINE_INFO;
+    SetIncomingFile(&pFile->disk, pszSent, bOverwrite);
     switch (pFile->dwType) {
     case FILE_TYPE_PLAIN:
     case FILE_TYPE_SPECIAL: break;
     case FILE_TYPE_UNIQUE:
     case FILE_TYPE_COLLECTION:
-    case FILE_TYPE_SHORTCUT: ChooseFreeName(pFile); break;
+    case FILE_TYPE_SHORTCUT: pFile->disk.bJournal = true; break;
     case FILE_TYPE_FOLDER_SETTINGS:
-        pFile->bIniExists = IniExists(pFile);
-        TraceDebugW(u"[SendFileCMDHandler] !!!!!  dwType 4, IniExist[%d] !!!!! [%s]", pFile->bIniExists, pFile->szPath);
-        if (pFile->bIniExists) ChooseFreeName(pFile);
+        pFile->bIniExists = IniExists(&pFile->disk);
+        TraceDebugW(u"[SendFileCMDHandler] !!!!!  dwType 4, IniExist[%d] !!!!! [%s]", pFile->bIniExists, pszSent);
         break;
     case FILE_TYPE_MACHINE_INFO: RedirectMachineInfo(pFile); break;
     default:
-        TraceDebugW(u"[SendFileCMDHandler] !!!!!  dwType[%d] unknown !!!!! [%s]", pFile->dwType, pFile->szPath);
+        TraceDebugW(u"[SendFileCMDHandler] !!!!!  dwType[%d] unknown !!!!! [%s]", pFile->dwType, pszSent);
         g_bRecvFileTypeUnknown = 1;
-        break;
+        return;
     }
-    SetLocalPath(pFile); // the path may be another one now
+    if (const char *pszReason = WhyNoPlace(pFile->disk.szPath)) RefusePath(pFile, pszReason);
 }
 
-void MakeFolderOnce(const char16_t *pszFolder)
+// What a path is in. False when nothing was removed.
+bool ParentOf(const char16_t *pszPath, char16_t (&szFolder)[INCOMING_PATH_UNITS])
+{
+    CopyTextW(szFolder, INCOMING_PATH_UNITS, pszPath);
+    return PathCchRemoveFileSpec(szFolder, INCOMING_PATH_UNITS) == 0;
+}
+
+// The system error when it is not there afterwards; what it means shows when the file is created.
+uint32_t MakeFolderOnce(const char16_t *pszFolder)
 {
     if (CompareTextW(t_szLastFolder, pszFolder) == 0 && GetFileAttributesW(pszFolder) != INVALID_FILE_ATTRIBUTES)
-        return;
-    CopyTextW(t_szLastFolder, LOCAL_PATH_UNITS, CreateFolderTree(pszFolder) ? pszFolder : u"");
+        return ERROR_SUCCESS;
+    const bool     bMade   = CreateFolderTree(pszFolder) != 0;
+    const uint32_t dwError = bMade ? static_cast<uint32_t>(ERROR_SUCCESS) : GetLastError();
+    CopyTextW(t_szLastFolder, INCOMING_PATH_UNITS, bMade ? pszFolder : u"");
+    return dwError;
 }
 
-void MakeParentFolder(const ReceivedFile *pFile)
+void MakeParentFolder(IncomingFile *pDisk)
 {
-    char16_t szFolder[LOCAL_PATH_UNITS];
-    CopyTextW(szFolder, LOCAL_PATH_UNITS, pFile->szPath);
-    const bool bRemoved = PathCchRemoveFileSpec(szFolder, LOCAL_PATH_UNITS) == 0;
+    char16_t       szFolder[INCOMING_PATH_UNITS];
+    const bool     bRemoved = ParentOf(pDisk->szPath, szFolder);
+    const uint32_t dwError  = MakeFolderOnce(szFolder); // the long form too: CreateFolderTree makes it of what needs it
     TraceDebugW(u"[SendFileCMDHandler][PathRemoveFileSpec] tszDir [%s] bRet[%d]", szFolder, bRemoved ? 1 : 0);
-    if (!pFile->bFolderSeen) MakeFolderOnce(szFolder); // the long form too: CreateFolderTree makes it of what needs it
-    if (CompareTextW(pFile->szPath, pFile->szLocal) != 0)
+    if (CompareTextW(pDisk->szPath, pDisk->szLocal) != 0)
         TraceDebugW(u"[SendFileCMDHandler][PathRemoveFileSpec][bDstUseUNC] tszDir [\\\\?\\%s] bRet[%d]", szFolder,
                     bRemoved ? 1 : 0);
+    if (dwError == ERROR_DISK_FULL) pDisk->dwError = dwError; // the file's own failure would be "no such folder"
+    if (dwError == ERROR_SUCCESS) SweepParts(szFolder);
 }
 
 // A folder is answered as soon as it has been made. 0, or -8 for a path that cannot be a place here.
-int32_t ReceiveFolder(ReceivedFile *pFile)
+int32_t ReceiveFolder(SOCKET hSocket, const char16_t *pszFolder)
 {
-    if (!HasDrive(pFile->szPath)) {
-        RefusePath(pFile, "no drive");
-        gdwErr = ERROR_INVALID_NAME;
-        SendFileError(pFile->hSocket, pFile->szPath);
+    if (const char *pszReason = WhyNoPlace(pszFolder)) {
+        TraceDebugA("[SendFileCMDHandler] path refused: %s", pszReason);
+        SendFileError(hSocket, pszFolder, false, ERROR_INVALID_NAME);
         return -8;
     }
-    if (!CreateFolderTree(pFile->szPath))
-        ReportSocketError(OPERATION, u"create folder failed (dwType 2)", false, GetLastError());
-    TraceDebugW(u"[SendFileCMDHandler] Be4 CS (dwType 2) [%s]", pFile->szPath);
-    EnterCriticalSection(&g_csNetSocket);
-    TraceDebugW(u"[SendFileCMDHandler] Enter CS (dwType 2) [%s]", pFile->szPath);
-    if (!SendCommandWord(pFile->hSocket, WORD_FILE_DONE))
-        ReportWSAError(OPERATION, u"send file done cmd failed (dwType 2)");
-    TraceDebugW(u"[SendFileCMDHandler] send file done cmd done (dwType 2) [%s]", pFile->szPath);
-    LeaveCriticalSection(&g_csNetSocket);
-    TraceDebugW(u"[SendFileCMDHandler] Leave CS (dwType 2) [%s]", pFile->szPath);
+    if (CreateFolderTree(pszFolder)) SweepParts(pszFolder);
+    else ReportSocketError(OPERATION, u"create folder failed (dwType 2)", false, GetLastError());
+    SendFileDone(hSocket, pszFolder, true, 0);
     return 0;
-}
-
-void AnswerFileDone(const ReceivedFile *pFile)
-{
-    const uint32_t nPeerWindow = pFile->dwType == FILE_TYPE_MACHINE_INFO ? ReadPeerWindow() : 0;
-    TraceDebugW(u"[SendFileCMDHandler] Be4 CS (done) [%s]", pFile->szPath);
-    EnterCriticalSection(&g_csNetSocket);
-    TraceDebugW(u"[SendFileCMDHandler] Enter CS (done) [%s]", pFile->szPath);
-    if (!SendCommandWord(pFile->hSocket, WORD_FILE_DONE)) ReportWSAError(OPERATION, u"send file done cmd failed");
-    TraceDebugA("[SendFileCMDHandler] send file done cmd done");
-    if (nPeerWindow != 0) NotePeerWindow(nPeerWindow);
-    LeaveCriticalSection(&g_csNetSocket);
-    TraceDebugW(u"[SendFileCMDHandler] Leave CS (done) [%s]", pFile->szPath);
-}
-
-void AnswerFileNone(const ReceivedFile *pFile)
-{
-    EnterCriticalSection(&g_csNetSocket);
-    if (!SendCommandWord(pFile->hSocket, WORD_FILE_NONE)) ReportWSAError(OPERATION, u"send file none cmd failed");
-    LeaveCriticalSection(&g_csNetSocket);
-    TraceDebugW(u"[SendFileCMDHandler] send file none cmd done [%s]", pFile->szPath);
 }
 
 // True for the results of RecvFile after which the next command cannot be found.
@@ -203,20 +200,21 @@ bool IsStreamBroken(int64_t llResult)
 }
 
 // Attributes, flag and stream of a file, stored and answered. A status of SendFileCMDHandler.
-int32_t ReceiveFile(ReceivedFile *pFile)
+int32_t ReceiveFile(SOCKET hSocket, ReceivedFile *pFile)
 {
-    uint8_t bEncrypt = 0;
-    if (!ReceiveField(pFile->hSocket, &pFile->dwAttributes, sizeof pFile->dwAttributes))
+    uint8_t       bEncrypt = 0;
+    IncomingFile *pDisk    = &pFile->disk;
+    if (!ReceiveField(hSocket, &pFile->dwAttributes, sizeof pFile->dwAttributes))
         return Failed(u"recv attribute failed", -6);
     TraceDebugA("[SendFileCMDHandler] recv attribute done [%d]", pFile->dwAttributes);
-    if (!ReceiveField(pFile->hSocket, &bEncrypt, sizeof bEncrypt)) return Failed(u"recv bEncrypt failed", -7);
+    if (!ReceiveField(hSocket, &bEncrypt, sizeof bEncrypt)) return Failed(u"recv bEncrypt failed", -7);
     TraceDebugA("[SendFileCMDHandler] recv bEncrypt done [%d]", bEncrypt);
-    if (CompareTextW(pFile->szPath, pFile->szLocal) != 0)
-        TraceDebugW(u"[SendFileCMDHandler] szDstUNC [%s]", pFile->szLocal);
-    if (!g_bRecvFileTypeUnknown && pFile->szPath[0] != u'\0') MakeParentFolder(pFile);
+    if (CompareTextW(pDisk->szPath, pDisk->szLocal) != 0)
+        TraceDebugW(u"[SendFileCMDHandler] szDstUNC [%s]", pDisk->szLocal);
+    if (!g_bRecvFileTypeUnknown && pDisk->dwError == ERROR_SUCCESS) MakeParentFolder(pDisk);
 
     TraceDebugA("[SendFileCMDHandler] Be4 RecvFile");
-    pFile->llSize = RecvFile(pFile->hSocket, pFile->szPath, bEncrypt);
+    pFile->llSize = RecvFile(hSocket, pDisk, bEncrypt);
     TraceDebugA("[SendFileCMDHandler] RecvFile done. ret[%I64d]", pFile->llSize);
     if (g_bRecvFileTypeUnknown) {
         g_bRecvFileTypeUnknown = 0;
@@ -224,11 +222,13 @@ int32_t ReceiveFile(ReceivedFile *pFile)
     }
     if (pFile->llSize < 0) {
         TraceDebugA("[SendFileCMDHandler] RecvFile failed nRet[%d], gdwErr[%d], g_nWSAErr[%d]",
-                    static_cast<int32_t>(pFile->llSize), gdwErr.load(), g_nWSAErr.load());
+                    static_cast<int32_t>(pFile->llSize), pDisk->dwError, g_nWSAErr.load());
         return -8;
     }
-    AnswerFileDone(pFile);
-    if (!SetFileAttributesW(pFile->szLocal, pFile->dwAttributes))
+    if (pFile->dwType == FILE_TYPE_COLLECTION) CountCollectionFile(pFile);
+    SendFileDone(hSocket, pDisk->szPath, false, pFile->dwType == FILE_TYPE_MACHINE_INFO ? ReadPeerWindow() : 0);
+    const uint32_t dwAttributes = pFile->dwAttributes & RECEIVED_ATTRIBUTES;
+    if (!SetFileAttributesW(pDisk->szLocal, dwAttributes != 0 ? dwAttributes : FILE_ATTRIBUTE_NORMAL))
         ReportSocketError(OPERATION, u"SetFileAttributes failed", false, GetLastError());
     FinishReceivedFile(pFile);
     return 0;
@@ -237,16 +237,15 @@ int32_t ReceiveFile(ReceivedFile *pFile)
 // A status of SendFileCMDHandler.
 int32_t HandleFile(SOCKET hSocket, ReceivedFile *pFile)
 {
-    pFile->hSocket         = hSocket;
-    g_bRecvFileTypeUnknown = 0;
-    if (!ReceiveField(hSocket, pFile->szPath, FILE_PATH_BYTES)) return Failed(u"recv path failed", -2);
-    TraceDebugW(u"[SendFileCMDHandler] recv path done [%s]", pFile->szPath);
+    char16_t szSent[INCOMING_PATH_UNITS] = {};
+    g_bRecvFileTypeUnknown               = 0;
+    if (!ReceiveField(hSocket, szSent, FILE_PATH_BYTES)) return Failed(u"recv path failed", -2);
+    TraceDebugW(u"[SendFileCMDHandler] recv path done [%s]", szSent);
     if (!ReceiveField(hSocket, &pFile->dwType, sizeof pFile->dwType)) return Failed(u"recv type failed", -4);
     TraceDebugA("[SendFileCMDHandler] recv type done [%d]", pFile->dwType);
-    if (pFile->dwType == FILE_TYPE_FOLDER) return ReceiveFolder(pFile);
-    if (!HasDrive(pFile->szPath) && pFile->dwType != FILE_TYPE_MACHINE_INFO) RefusePath(pFile, "no drive");
-    PrepareDestination(pFile);
-    return ReceiveFile(pFile);
+    if (pFile->dwType == FILE_TYPE_FOLDER) return ReceiveFolder(hSocket, szSent);
+    PrepareDestination(pFile, szSent);
+    return ReceiveFile(hSocket, pFile);
 }
 
 } // namespace
@@ -258,6 +257,13 @@ int32_t SendFileCMDHandler(SOCKET hSocket)
     const int32_t nRet = HandleFile(hSocket, &file);
     NoteFileReceived(false);
     // On a link with a send window each file is closed by one word; a link whose stream broke off has no use for it.
-    if ((nRet == -8 || nRet == -100) && !IsStreamBroken(file.llSize) && GetLinkWindow() > 1) AnswerFileNone(&file);
+    if ((nRet == -8 || nRet == -100) && !IsStreamBroken(file.llSize) && GetLinkWindow() > 1)
+        SendFileNone(hSocket, file.disk.szPath);
     return nRet;
+}
+
+void EndReceivingFiles()
+{
+    CloseReceiptJournal();
+    ForgetSweptFolders();
 }

@@ -4,6 +4,7 @@
 #include "net/received_file.h"
 #include "ipc/ipc_message.h"
 #include "ipc/service_pipe_client.h"
+#include "migration/receipt_journal.h"
 #include "migration/shortcuts.h"
 #include "migration/state_files.h"
 #include "net/network_link.h"
@@ -28,6 +29,7 @@ namespace {
 
 constexpr char16_t OPERATION[]            = u"SendFileCMDHandler";
 constexpr size_t   FOLDER_SETTINGS_UNITS  = 1024;
+constexpr uint32_t NUMBER_UNITS           = 32;
 constexpr int32_t  WHOLE_PERCENT          = 100;
 constexpr int32_t  SPECIAL_SHARE_PERCENT  = 80; // of special data, behind the 10 that its preparation has
 constexpr int32_t  SPECIAL_OFFSET_PERCENT = 10;
@@ -50,22 +52,51 @@ int64_t AddSize(int64_t llDone, int64_t llSize)
 int64_t StoredSize(const ReceivedFile *pFile)
 {
     WIN32_FILE_ATTRIBUTE_DATA data = {};
-    if (!GetFileAttributesExW(pFile->szLocal, GetFileExInfoStandard, &data)) return 0;
+    if (!GetFileAttributesExW(pFile->disk.szLocal, GetFileExInfoStandard, &data)) return 0;
     return static_cast<int64_t>(static_cast<uint64_t>(data.nFileSizeHigh) << 32 | data.nFileSizeLow);
 }
 
-void CountCollectionFile(const ReceivedFile *pFile)
+int64_t g_llUncounted = 0; // bytes of files that are stored and could not be counted; listener
+
+// The collection's two numbers. False when they cannot be read now; a number that is not there is 0.
+bool ReadProgress(const char16_t *pszFile, int64_t *pllTotal, int64_t *pllDone)
 {
-    char16_t       szFile[MAX_PATH], szSize[32];
-    const uint64_t ullTotal = GetProgressSize(1), ullDone = GetProgressSize(0);
-    if (ullTotal < 1 || ullTotal > INT64_MAX || !GetProgressFile(PROGRESS_INFO_FILE, szFile)) return;
-    const auto    llTotal = static_cast<int64_t>(ullTotal);
-    const int64_t llDone  = static_cast<int64_t>(std::min<uint64_t>(ullDone, INT64_MAX));
-    const int64_t llNow   = AddSize(llDone, StoredSize(pFile));
-    FormatTextW(szSize, sizeof szSize / sizeof szSize[0], u"%lld", static_cast<long long>(llNow));
-    WritePrivateProfileStringW(COLLECTION_SECTION, PROGRESS_SIZE_KEY, szSize, szFile);
+    const struct {
+        const char16_t *pszKey;
+        int64_t        *pllNumber;
+    } aNumbers[] = {{TOTAL_SIZE_KEY, pllTotal}, {PROGRESS_SIZE_KEY, pllDone}};
+    for (const auto &number : aNumbers) {
+        char16_t szNumber[NUMBER_UNITS];
+        SetLastError(ERROR_SUCCESS);
+        const uint32_t cch =
+            GetPrivateProfileStringW(COLLECTION_SECTION, number.pszKey, u"", szNumber, NUMBER_UNITS, pszFile);
+        // "not found" is what a missing key, section or file leaves; anything else was no answer
+        const uint32_t dwError = cch == 0 ? GetLastError() : ERROR_SUCCESS;
+        if (dwError != ERROR_SUCCESS && dwError != ERROR_FILE_NOT_FOUND && dwError != ERROR_PATH_NOT_FOUND)
+            return false;
+        *number.pllNumber = static_cast<int64_t>(std::min<uint64_t>(TextToUInt64W(szNumber), INT64_MAX));
+    }
+    return true;
+}
+
+// Adds what waits to be counted. False when the file could not be read or written now.
+bool AddProgress(const char16_t *pszFile)
+{
+    char16_t szSize[NUMBER_UNITS];
+    int64_t  llTotal = 0, llDone = 0;
+    if (!ReadProgress(pszFile, &llTotal, &llDone)) return false;
+    if (llTotal < 1) {
+        g_llUncounted = 0; // no total, no progress
+        return true;
+    }
+    const int64_t llNow = AddSize(llDone, g_llUncounted);
+    FormatTextW(szSize, NUMBER_UNITS, u"%lld", static_cast<long long>(llNow));
+    if (!WritePrivateProfileStringW(COLLECTION_SECTION, PROGRESS_SIZE_KEY, szSize, pszFile)) return false;
+    g_llUncounted = 0;
+    NoteReceiptProgress(static_cast<uint64_t>(llNow));
     if (WholeParts(llDone, llTotal, WHOLE_PERCENT) != WholeParts(llNow, llTotal, WHOLE_PERCENT))
         CallServiceNamedPipe(NTOS_COLLECTIONPROGRESS, 0, 0, 0, nullptr, nullptr, nullptr);
+    return true;
 }
 
 int32_t SpecialPercent(int64_t llDone)
@@ -93,7 +124,7 @@ uint32_t FixShortcutsThread(void *pRequest)
 // On a thread of its own, since it enters a COM apartment; the request lives on this stack, so the wait has no limit.
 void FixReceivedShortcut(const ReceivedFile *pFile)
 {
-    ShortcutRequest request = {nullptr, pFile->szPath};
+    ShortcutRequest request = {nullptr, pFile->disk.szPath};
     const HANDLE    hThread = CreateThread(nullptr, 0, FixShortcutsThread, &request, 0, nullptr);
     if (hThread == nullptr) {
         ReportSocketError(OPERATION, u"CreateThread failed (FixShortcuts)", false, GetLastError());
@@ -108,14 +139,14 @@ void FixReceivedShortcut(const ReceivedFile *pFile)
 // The machine's own settings of a folder win over the peer's.
 void FinishFolderSettings(const ReceivedFile *pFile)
 {
-    if (pFile->bIniExists) {
-        SetFileAttributesW(pFile->szLocal, FILE_ATTRIBUTE_NORMAL); // the copy may have come read-only
-        if (!DeleteFileW(pFile->szLocal))
+    if (pFile->bIniExists || pFile->disk.nNumber > 1) { // it was there before, or has come meanwhile
+        SetFileAttributesW(pFile->disk.szLocal, FILE_ATTRIBUTE_NORMAL); // the copy may have come read-only
+        if (!DeleteFileW(pFile->disk.szLocal))
             ReportSocketError(OPERATION, u"DeleteFile failed (dwType 4)", false, GetLastError());
         return;
     }
     char16_t szFolder[FOLDER_SETTINGS_UNITS];
-    CopyTextW(szFolder, FOLDER_SETTINGS_UNITS, pFile->szPath);
+    CopyTextW(szFolder, FOLDER_SETTINGS_UNITS, pFile->disk.szPath);
     PathCchRemoveFileSpec(szFolder, FOLDER_SETTINGS_UNITS);
     PathMakeSystemFolderW(szFolder);
 }
@@ -134,10 +165,26 @@ void ResetReceiveProgress()
     StartReceiveProgress(NO_PROGRESS_TAG, 0);
 }
 
+void CountCollectionFile(const ReceivedFile *pFile)
+{
+    char16_t szFile[MAX_PATH];
+    if (pFile->disk.bKept && pFile->disk.bCounted) return;
+    g_llUncounted = AddSize(g_llUncounted, StoredSize(pFile));
+    if (!GetProgressFile(PROGRESS_INFO_FILE, szFile)) return;
+    for (uint32_t nTry = 1; !AddProgress(szFile); ++nTry) {
+        const uint32_t dwError = GetLastError();
+        if (nTry < STATE_FILE_TRIES && dwError != ERROR_DISK_FULL) {
+            Sleep(STATE_FILE_PAUSE_MS);
+            continue;
+        }
+        ReportSocketError(OPERATION, u"progress not counted yet", false, dwError);
+        return;
+    }
+}
+
 void FinishReceivedFile(const ReceivedFile *pFile)
 {
     switch (pFile->dwType) {
-    case FILE_TYPE_COLLECTION: CountCollectionFile(pFile); break;
     case FILE_TYPE_FOLDER_SETTINGS: FinishFolderSettings(pFile); break;
     case FILE_TYPE_SHORTCUT: FixReceivedShortcut(pFile); break;
     case FILE_TYPE_SPECIAL: CountSpecialFile(pFile); break;

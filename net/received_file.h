@@ -2,20 +2,15 @@
 // Thread   the link's listener.
 #pragma once
 #include "net/command_channel.h"
+#include "transfer/incoming_file.h"
 #include <cstdint>
 
-constexpr size_t RECEIVED_PATH_UNITS = FILE_PATH_BYTES / 2 + 1; // the field may lack a terminator
-constexpr size_t LOCAL_PATH_UNITS    = RECEIVED_PATH_UNITS + 4;  // the longest path in its "\\?\" form
-
 struct ReceivedFile {
-    platform::SOCKET hSocket;
-    char16_t         szPath[RECEIVED_PATH_UNITS]; // where it is stored; empty when it may not be stored
-    char16_t         szLocal[LOCAL_PATH_UNITS];   // the same in the form that can be opened here
-    uint32_t         dwType;
-    uint32_t         dwAttributes;
-    uint32_t         bFolderSeen; // the look for a free name has found the folder, and no file of that name in it
-    uint32_t         bIniExists;  // type 4: the machine has that file already
-    int64_t          llSize;      // RecvFile's result
+    IncomingFile disk; // the destination, and where the file is stored
+    uint32_t     dwType;
+    uint32_t     dwAttributes;
+    uint32_t     bIniExists; // type 4: the machine has that file already
+    int64_t      llSize;     // RecvFile's result
 };
 
 constexpr uint32_t NO_PROGRESS_TAG = 0xFFFFFFFF;
@@ -29,6 +24,10 @@ extern int64_t  g_llReceiveProgressTotal; // bytes
 void StartReceiveProgress(uint32_t dwTag, int64_t llTotal);
 void ResetReceiveProgress(); // none is under way
 
-// After "FileDone": progress, shell links, folder settings, the peer's machine info. Failures are logged at most: the
-// file itself is stored and answered.
+// Before "FileDone", for a file of a collection: its size joins "ProgressSize", once, also when it has come twice. Before,
+// since a file that was answered never comes again: a process that dies now leaves nothing uncounted. What cannot be
+// counted (a progress file that somebody holds for a second and longer) is counted with the next file.
+void CountCollectionFile(const ReceivedFile *pFile);
+// After "FileDone": progress of special data, shell links, folder settings, the peer's machine info. Failures are logged
+// at most: the file itself is stored and answered.
 void FinishReceivedFile(const ReceivedFile *pFile);

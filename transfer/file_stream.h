@@ -4,7 +4,7 @@
 //          is its bytes alone, or encrypted its cipher length (4) and cipher text. All numbers little-endian. The
 //          cancel block ends a stream: in the first bytes of a chunk's plain text, or in place of its cipher text
 //          (length 50).
-// Answer   10 bytes back: "FileDone" (from SendFileCMDHandler), or an error word of SendFileError.
+// Answer   one command word back: receipt_answer.h.
 #pragma once
 #include "platform/sockets.h"
 #include <atomic>
@@ -20,9 +20,6 @@ constexpr char     CANCEL_TEXT[]      = "VnNetSocket_CancelSendFile"; // 26 char
 constexpr uint32_t CANCEL_TEXT_BYTES  = sizeof(CANCEL_TEXT) - 1;
 static_assert(CANCEL_TEXT_BYTES == 26);
 constexpr uint32_t STREAM_PATH_UNITS = 247; // a longer path is opened in its "\\?\" form
-
-constexpr uint32_t ERROR_WORD_BYTES     = 10;   // 9 ASCII characters and a zero, shorter words zero-filled
-constexpr int64_t  DISK_FULL_LATE_BYTES = 1024; // written from which a full disk is "FileErrDF" instead of "FILEERRDF"
 
 // SendFile
 constexpr int64_t SENDFILE_SIZE_NOT_SENT     = -2;
@@ -65,7 +62,3 @@ extern std::atomic<int64_t>  g_nRecvFileWritten; // bytes of the current file wr
 // empty stream for a source that cannot be opened): the peer answers such a stream. SendNetworkFile clears it; under
 // g_csNetSocket.
 extern std::atomic<uint8_t> g_bSentWholeStream;
-
-// Listener thread, lock not held: takes g_csNetSocket. Tells the sender why its file cannot be taken: "TypeWrong" when
-// g_bRecvFileTypeUnknown is set; "FILEERRDF" or "FileErrDF" when gdwErr is ERROR_DISK_FULL; else "FileError".
-void SendFileError(platform::SOCKET hSocket, const char16_t *pszDestination);

@@ -5,36 +5,38 @@
 #include "transfer/recv_file.h"
 #include "net/command_channel.h"
 #include "platform/errors.h"
-#include "platform/files.h"
-#include "platform/path.h"
 #include "platform/text.h"
 #include "trace/debug_output.h"
 #include "transfer/file_stream.h"
 #include "transfer/payload_cipher.h"
+#include "transfer/receipt_answer.h"
 #include "transfer/socket_io.h"
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 #include <new>
 
 using namespace platform;
 
-constexpr size_t FILE_NAME_UNITS = 255; // of one name, without terminator
-
 // What RecvFile keeps of one file.
 struct FileReceipt {
-    SOCKET          hSocket;
-    const char16_t *pszDestination; // as given, for the log
-    const char16_t *pszPath;        // the destination in the form it is opened in
-    char16_t        szLong[LONG_PATH_UNITS];
-    char16_t szReceiving[LONG_PATH_UNITS]; // what is written while the file is not whole; empty: the destination itself
-    HANDLE   hFile;                        // INVALID_HANDLE_VALUE: chunks are discarded
-    bool     bCreated;                     // by us, so a failure deletes it
-    bool     bEncrypt;
+    SOCKET            hSocket;
+    IncomingFile     *pFile;
+    bool              bEncrypt;
+    bool              bTypeUnknown; // the stream is read, and nothing stored
+    bool              bAnswered;    // the sender has its error word; one is enough
     BCRYPT_ALG_HANDLE hAlgorithm;
     BCRYPT_KEY_HANDLE hKey;
     uint8_t          *pbKeyObject;
     int64_t           nPending; // the last error, 0: none
+};
+
+// One chunk of an encrypted stream.
+struct CipherChunk {
+    uint32_t cbExpected; // plain bytes
+    uint32_t cbCipher;   // as announced
+    uint32_t cbHeld;     // of them in the buffer
+    uint8_t *pbPlain;    // to be deleted
+    uint32_t cbPlain;
 };
 
 // The chunk as it comes from the wire. One block serves all files, since one listener receives at a time; where a new
@@ -113,69 +115,29 @@ static int64_t RecvKey(FileReceipt *pReceipt, uint8_t *pbBuffer)
     return 0;
 }
 
-// True when the destination's name is free, with the path to write meanwhile in szReceiving. Anything else (the name is
-// taken, is no name, its folder is missing or closed to us) is for the destination's own creation to find out.
-static bool ChooseReceivingPath(FileReceipt *pReceipt)
+// The failure's code, and the one word to the sender.
+static void Fail(FileReceipt *pReceipt, int64_t nError, uint32_t dwError)
 {
-    char16_t szPlain[LONG_PATH_UNITS];
-    size_t   cchFolder = 0;
-    if (GetFileAttributesW(pReceipt->pszPath) != INVALID_FILE_ATTRIBUTES || GetLastError() != ERROR_FILE_NOT_FOUND)
-        return false;
-    for (size_t i = 0; pReceipt->pszPath[i] != 0; ++i)
-        if (pReceipt->pszPath[i] == u'\\') cchFolder = i + 1;
-    if (cchFolder == 0 || !CopyTextW(szPlain, LONG_PATH_UNITS, pReceipt->pszPath)) return false;
-    const bool bSuffixFits = TextLengthW(szPlain + cchFolder) + std::size(RECEIVING_SUFFIX) - 1 <= FILE_NAME_UNITS;
-    if (!bSuffixFits) szPlain[cchFolder] = 0;
-    if (!AppendTextW(szPlain, LONG_PATH_UNITS, RECEIVING_SUFFIX)) return false;
-    const char16_t *pszForm = LongPathForm(szPlain, STREAM_PATH_UNITS + 1, pReceipt->szReceiving);
-    return pszForm == pReceipt->szReceiving || CopyTextW(pReceipt->szReceiving, LONG_PATH_UNITS, pszForm);
+    pReceipt->nPending = nError;
+    if (pReceipt->bAnswered) return;
+    pReceipt->bAnswered = true;
+    SendFileError(pReceipt->hSocket, pReceipt->pFile->szPath, pReceipt->bTypeUnknown, dwError);
 }
 
-static void CreateDestination(FileReceipt *pReceipt)
+// A failure of this machine's disk.
+static void FailDisk(FileReceipt *pReceipt, int64_t nError, const char16_t *pszWhat)
 {
-    if (!ChooseReceivingPath(pReceipt)) pReceipt->szReceiving[0] = 0;
-    pReceipt->hFile =
-        CreateFileW(pReceipt->szReceiving[0] != 0 ? pReceipt->szReceiving : pReceipt->pszPath, GENERIC_WRITE,
-                    FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
-    pReceipt->bCreated = pReceipt->hFile != INVALID_HANDLE_VALUE;
-    if (pReceipt->bCreated) return;
-    gdwErr = GetLastError();
-    ReportSocketError(u"RecvFile", u"file create failed", false, gdwErr);
-    SendFileError(pReceipt->hSocket, pReceipt->pszDestination);
-    pReceipt->nPending = RECVFILE_CREATE_FAILED;
-}
-
-static void CloseDestination(FileReceipt *pReceipt)
-{
-    if (pReceipt->hFile != INVALID_HANDLE_VALUE) CloseHandle(pReceipt->hFile);
-    pReceipt->hFile = INVALID_HANDLE_VALUE;
-}
-
-static void FailWrite(FileReceipt *pReceipt)
-{
-    gdwErr = GetLastError();
-    ReportSocketError(u"RecvFile", u"file write failed", false, gdwErr);
-    SendFileError(pReceipt->hSocket, pReceipt->pszDestination);
-    CloseDestination(pReceipt);
-    pReceipt->nPending = RECVFILE_WRITE_FAILED;
+    gdwErr = pReceipt->pFile->dwError;
+    ReportSocketError(u"RecvFile", pszWhat, false, pReceipt->pFile->dwError);
+    Fail(pReceipt, nError, pReceipt->pFile->dwError);
 }
 
 static void WriteChunk(FileReceipt *pReceipt, const uint8_t *pbPlain, uint32_t cbPlain)
 {
-    uint32_t cbDone = 0;
-    if (pReceipt->hFile == INVALID_HANDLE_VALUE || g_bRecvFileTypeUnknown) {
+    if (pReceipt->pFile->hFile == INVALID_HANDLE_VALUE)
         TraceDebugW(u"[RecvFile] !bFileCreateOK or g_bRecvFileTypeUnknown, not write file.");
-        return;
-    }
-    while (cbDone < cbPlain) {
-        uint32_t cbWritten = 0;
-        if (!WriteFile(pReceipt->hFile, pbPlain + cbDone, cbPlain - cbDone, &cbWritten, nullptr)) {
-            FailWrite(pReceipt);
-            return;
-        }
-        cbDone += cbWritten;
-    }
-    g_nRecvFileWritten += cbPlain;
+    else if (WriteIncomingFile(pReceipt->pFile, pbPlain, cbPlain)) g_nRecvFileWritten += cbPlain;
+    else FailDisk(pReceipt, RECVFILE_WRITE_FAILED, u"file write failed");
 }
 
 static bool IsCancelText(const uint8_t *pb, uint32_t cb)
@@ -186,75 +148,85 @@ static bool IsCancelText(const uint8_t *pb, uint32_t cb)
 // The bytes of a chunk that cannot be content: the sender is told, and nothing more is written.
 static void RefuseChunk(FileReceipt *pReceipt, int64_t nError)
 {
-    pReceipt->nPending = nError;
-    SendFileError(pReceipt->hSocket, pReceipt->pszDestination);
-    CloseDestination(pReceipt);
+    Fail(pReceipt, nError, ERROR_SUCCESS);
+    CloseIncomingFile(pReceipt->pFile);
 }
 
-// One chunk's cipher text, decrypted and written. False: the stream ends here, with the error set.
-static bool RecvCipherChunk(FileReceipt *pReceipt, uint8_t *pbBuffer, int64_t cbRemaining)
+// A chunk's length and cipher text into the buffer, as much as that holds. False: the stream ends here, with the error
+// set.
+static bool RecvCipherText(FileReceipt *pReceipt, uint8_t *pbBuffer, CipherChunk *pChunk)
 {
-    const auto cbExpected = static_cast<uint32_t>(std::min<int64_t>(cbRemaining, FILE_CHUNK_BYTES));
-    uint32_t   cbCipher   = 0;
-    uint8_t   *pbPlain    = nullptr;
-    uint32_t   cbPlain    = 0;
-    if (!RecvField(pReceipt, &cbCipher, sizeof cbCipher, u"Recv encrypt size failed")) {
+    if (!RecvField(pReceipt, &pChunk->cbCipher, sizeof pChunk->cbCipher, u"Recv encrypt size failed")) {
         pReceipt->nPending = RECVFILE_NO_LENGTH;
         return false;
     }
-    const bool bTooLarge = cbCipher >= CIPHER_CHUNK_BYTES;
-    if (bTooLarge) {
-        TraceDebugW(u"[RecvFile] !!! nEncryptData [%d] too large", cbCipher);
+    if (pChunk->cbCipher >= CIPHER_CHUNK_BYTES) {
+        TraceDebugW(u"[RecvFile] !!! nEncryptData [%d] too large", pChunk->cbCipher);
         pReceipt->nPending = RECVFILE_CIPHER_TOO_LARGE;
     }
-    if (cbCipher < cbExpected) {
+    if (pChunk->cbCipher < pChunk->cbExpected) {
         ReportSocketError(u"RecvFile", u"!!! nEncryptData < size", true, 0);
         pReceipt->nPending = RECVFILE_CIPHER_TOO_SMALL;
     }
-    const uint32_t cbHeld = std::min(cbCipher, CIPHER_CHUNK_BYTES);
-    if (!RecvField(pReceipt, pbBuffer, cbHeld, u"Recv file buffer failed")) {
+    pChunk->cbHeld = std::min(pChunk->cbCipher, CIPHER_CHUNK_BYTES);
+    if (!RecvField(pReceipt, pbBuffer, pChunk->cbHeld, u"Recv file buffer failed")) {
         pReceipt->nPending = RECVFILE_NO_CHUNK;
         return false;
     }
-    const bool bCancelBlock = IsCancelText(pbBuffer, cbHeld); // looked for first: what is discarded goes over it
-    if (!DiscardBytes(pReceipt, pbBuffer, cbCipher - cbHeld, u"Recv file buffer failed")) {
+    const bool bCancelBlock = IsCancelText(pbBuffer, pChunk->cbHeld); // before what is discarded goes over it
+    if (!DiscardBytes(pReceipt, pbBuffer, pChunk->cbCipher - pChunk->cbHeld, u"Recv file buffer failed")) {
         pReceipt->nPending = RECVFILE_NO_CHUNK;
         return false;
     }
-    if (bCancelBlock) {
-        TraceDebugA("[RecvFile] buffer2 Recv SENDFILECANCEL.");
-        pReceipt->nPending = RECVFILE_CANCEL_IN_CIPHER;
-        return false;
+    if (!bCancelBlock) return true;
+    TraceDebugA("[RecvFile] buffer2 Recv SENDFILECANCEL.");
+    pReceipt->nPending = RECVFILE_CANCEL_IN_CIPHER;
+    return false;
+}
+
+// What is wrong with a decrypted chunk's length; reported. 0: nothing.
+static int64_t CheckPlainLength(const CipherChunk *pChunk, int64_t cbRemaining)
+{
+    if (pChunk->cbPlain > FILE_CHUNK_BYTES) {
+        ReportSocketError(u"RecvFile", u"!!! nDecryptData > chunkSize", true, 0);
+        return RECVFILE_PLAIN_ABOVE_CHUNK;
     }
-    if (bTooLarge) { // no chunk decrypts to what the peer may send from so many bytes
+    if (pChunk->cbPlain < FILE_CHUNK_BYTES && cbRemaining > FILE_CHUNK_BYTES) {
+        ReportSocketError(u"RecvFile", u"!!! nDecryptData < chunkSize && i > chunkSize", true, 0);
+        return RECVFILE_PLAIN_BELOW_CHUNK;
+    }
+    if (pChunk->cbPlain != pChunk->cbExpected) {
+        ReportSocketError(u"RecvFile", u"!!! nDecryptData != size", true, 0);
+        return RECVFILE_PLAIN_WRONG;
+    }
+    return 0;
+}
+
+// One chunk, received, decrypted and written. False: the stream ends here, with the error set.
+static bool RecvCipherChunk(FileReceipt *pReceipt, uint8_t *pbBuffer, int64_t cbRemaining)
+{
+    CipherChunk chunk = {};
+    chunk.cbExpected  = static_cast<uint32_t>(std::min<int64_t>(cbRemaining, FILE_CHUNK_BYTES));
+    if (!RecvCipherText(pReceipt, pbBuffer, &chunk)) return false;
+    if (chunk.cbCipher >= CIPHER_CHUNK_BYTES) { // no chunk decrypts to what the peer may send from so many bytes
         RefuseChunk(pReceipt, RECVFILE_CIPHER_TOO_LARGE);
         WriteChunk(pReceipt, pbBuffer, 0);
         return true;
     }
-    const bool bDecrypted =
-        DecryptDataWithKeyHandle(pReceipt->hAlgorithm, pReceipt->hKey, pbBuffer, cbCipher, &pbPlain, &cbPlain);
-    TraceDebugW(u"[RecvFile] nDecryptData [%d], size [%d], diff [%d], nEncryptData [%d], bDecryptRet [%d]", cbPlain,
-                cbExpected, cbCipher - cbPlain, cbCipher, bDecrypted ? 1 : 0);
-    int64_t nError = 0;
-    if (cbPlain > FILE_CHUNK_BYTES) {
-        ReportSocketError(u"RecvFile", u"!!! nDecryptData > chunkSize", true, 0);
-        nError = RECVFILE_PLAIN_ABOVE_CHUNK;
-    } else if (cbPlain < FILE_CHUNK_BYTES && cbRemaining > FILE_CHUNK_BYTES) {
-        ReportSocketError(u"RecvFile", u"!!! nDecryptData < chunkSize && i > chunkSize", true, 0);
-        nError = RECVFILE_PLAIN_BELOW_CHUNK;
-    } else if (cbPlain != cbExpected) {
-        ReportSocketError(u"RecvFile", u"!!! nDecryptData != size", true, 0);
-        nError = RECVFILE_PLAIN_WRONG;
-    }
+    const bool bDecrypted = DecryptDataWithKeyHandle(pReceipt->hAlgorithm, pReceipt->hKey, pbBuffer, chunk.cbCipher,
+                                                     &chunk.pbPlain, &chunk.cbPlain);
+    TraceDebugW(u"[RecvFile] nDecryptData [%d], size [%d], diff [%d], nEncryptData [%d], bDecryptRet [%d]",
+                chunk.cbPlain, chunk.cbExpected, chunk.cbCipher - chunk.cbPlain, chunk.cbCipher, bDecrypted ? 1 : 0);
+    const int64_t nError = CheckPlainLength(&chunk, cbRemaining);
     if (nError != 0 || !bDecrypted) RefuseChunk(pReceipt, nError);
-    const bool bCancelled = IsCancelText(pbPlain, cbPlain);
+    const bool bCancelled = IsCancelText(chunk.pbPlain, chunk.cbPlain);
     if (bCancelled) {
         TraceDebugA("[RecvFile] Recv SENDFILECANCEL.");
         pReceipt->nPending = RECVFILE_CANCEL_IN_DATA;
     } else {
-        WriteChunk(pReceipt, pbPlain, std::min(cbPlain, FILE_CHUNK_BYTES));
+        WriteChunk(pReceipt, chunk.pbPlain, std::min(chunk.cbPlain, FILE_CHUNK_BYTES));
     }
-    delete[] pbPlain;
+    delete[] chunk.pbPlain;
     return !bCancelled;
 }
 
@@ -274,71 +246,51 @@ static bool RecvPlainChunk(FileReceipt *pReceipt, uint8_t *pbBuffer, int64_t cbR
     return true;
 }
 
-// Gives a file that is whole its name. Somebody's scan of new files may hold it for a moment.
-static void NameDestination(FileReceipt *pReceipt)
-{
-    constexpr int      ATTEMPTS = 10;
-    constexpr uint32_t PAUSE_MS = 20;
-    for (int i = 1; !MoveFileExW(pReceipt->szReceiving, pReceipt->pszPath, 0); ++i) {
-        const uint32_t dwError = GetLastError();
-        if (i == ATTEMPTS || (dwError != ERROR_SHARING_VIOLATION && dwError != ERROR_ACCESS_DENIED)) {
-            FailWrite(pReceipt);
-            return;
-        }
-        Sleep(PAUSE_MS);
-    }
-    pReceipt->bCreated = false; // nothing of ours is left under the other name
-}
-
 // Everything behind size and key. The file's size, or the error.
 static int64_t RecvBody(FileReceipt *pReceipt, uint8_t *pbBuffer, int64_t cbSize)
 {
-    if (g_bRecvFileTypeUnknown) {
+    if (pReceipt->bTypeUnknown) {
         TraceDebugW(u"[RecvFile] g_bRecvFileTypeUnknown!");
-        SendFileError(pReceipt->hSocket, pReceipt->pszDestination);
-        pReceipt->nPending = RECVFILE_TYPE_UNKNOWN; // and the destination, whoever's it is, is not touched
-    } else {
-        CreateDestination(pReceipt);
+        Fail(pReceipt, RECVFILE_TYPE_UNKNOWN, ERROR_SUCCESS); // and the destination, whoever's it is, is not touched
+    } else if (!CreateIncomingFile(pReceipt->pFile, cbSize)) {
+        FailDisk(pReceipt, RECVFILE_CREATE_FAILED, u"file create failed");
     }
     g_bRecvFileActive = 1;
     for (int64_t cbRemaining = cbSize; cbRemaining > 0; cbRemaining -= std::min<int64_t>(cbRemaining, FILE_CHUNK_BYTES))
         if (!(pReceipt->bEncrypt ? RecvCipherChunk(pReceipt, pbBuffer, cbRemaining)
                                  : RecvPlainChunk(pReceipt, pbBuffer, cbRemaining)))
             break;
+    g_bRecvFileActive = 0;
     // One line for each step of the clean-up, as the logs have always had them; the chunk's buffers are gone with the
     // chunk.
     TraceDebugW(u"[RecvFile] exit while - delete buffer.");
     TraceDebugW(u"[RecvFile] exit while - delete buffer2.");
     TraceDebugW(u"[RecvFile] exit while - check if file close.");
-    CloseDestination(pReceipt);
-    g_bRecvFileActive = 0;
     TraceDebugW(u"[RecvFile] exit while - check if delete[] decryptData.");
     TraceDebugW(u"[RecvFile] exit while - ReleaseKeyHandle.");
     if (pReceipt->bEncrypt) ReleaseKeyHandle(pReceipt->hAlgorithm, pReceipt->hKey, pReceipt->pbKeyObject);
 
-    if (cbSize >= 0 && pReceipt->nPending == 0 && pReceipt->szReceiving[0] != 0) NameDestination(pReceipt);
+    if (cbSize >= 0 && pReceipt->nPending == 0 && !FinishIncomingFile(pReceipt->pFile))
+        FailDisk(pReceipt, RECVFILE_WRITE_FAILED, u"file write failed");
     const int64_t nRet = pReceipt->nPending != 0 ? pReceipt->nPending : cbSize;
     if (nRet >= 0) return nRet;
     TraceDebugW(u"[RecvFile] nErr -> try delete file.");
-    // A destination that could not be created is somebody else's file, or none.
-    if (pReceipt->bCreated) DeleteFileW(pReceipt->szReceiving[0] != 0 ? pReceipt->szReceiving : pReceipt->pszPath);
+    DropIncomingFile(pReceipt->pFile);
     return nRet;
 }
 
-int64_t RecvFile(SOCKET hSocket, const char16_t *pszDestination, uint8_t bEncrypt)
+int64_t RecvFile(SOCKET hSocket, IncomingFile *pFile, uint8_t bEncrypt)
 {
-    FileReceipt receipt    = {};
-    int64_t     cbSize     = 0;
-    int64_t     nRet       = 0;
-    receipt.hSocket        = hSocket;
-    receipt.pszDestination = pszDestination;
-    receipt.pszPath        = LongPathForm(pszDestination, STREAM_PATH_UNITS + 1, receipt.szLong);
-    receipt.hFile          = INVALID_HANDLE_VALUE;
-    receipt.bEncrypt       = bEncrypt != 0;
-    if (receipt.pszPath == receipt.szLong) TraceDebugW(u"[RecvFile] szDstUNC [%s]", receipt.pszPath);
+    FileReceipt receipt  = {};
+    int64_t     cbSize   = 0;
+    int64_t     nRet     = 0;
+    receipt.hSocket      = hSocket;
+    receipt.pFile        = pFile;
+    receipt.bEncrypt     = bEncrypt != 0;
+    receipt.bTypeUnknown = g_bRecvFileTypeUnknown != 0;
+    if (CompareTextW(pFile->szPath, pFile->szLocal) != 0) TraceDebugW(u"[RecvFile] szDstUNC [%s]", pFile->szLocal);
     g_dwKeySize        = 0;
     g_nRecvFileWritten = 0;
-    gdwErr             = ERROR_SUCCESS; // an earlier file's full disk must not choose this file's error word
     memset(g_szFileKey, 0, sizeof g_szFileKey);
 
     if (!RecvField(&receipt, &cbSize, sizeof cbSize, u"Recv file size failed")) return RECVFILE_NO_SIZE;

@@ -58,13 +58,23 @@ TEST_F(ReceiveFile, TypesDecideWhoseNameWins)
         EXPECT_EQ(FILE_ATTRIBUTE_HIDDEN, GetFileAttributesW(sStored.c_str()) & FILE_ATTRIBUTE_HIDDEN) << c.dwType;
         SetFileAttributesW(sStored.c_str(), FILE_ATTRIBUTE_NORMAL);
     }
-    WriteTestFile(m_sFolder + u"\\fixed", "mine");
-    SetFileAttributesW((m_sFolder + u"\\fixed").c_str(), FILE_ATTRIBUTE_READONLY);
+    for (const uint32_t dwAttribute : {FILE_ATTRIBUTE_READONLY, FILE_ATTRIBUTE_HIDDEN, FILE_ATTRIBUTE_SYSTEM})
+        for (const uint32_t dwType : {0u, 6u}) {
+            const std::u16string sFixed = m_sFolder + u"\\fixed";
+            WriteTestFile(sFixed, "mine");
+            SetFileAttributesW(sFixed.c_str(), dwAttribute);
+            // those of a cloud file stay behind: offline, unpinned, recall on data access
+            EXPECT_EQ("FileDone", Answer(sFixed, dwType, "theirs", FILE_ATTRIBUTE_HIDDEN | 0x00501100)) << dwAttribute;
+            Settle();
+            EXPECT_EQ("theirs", Stored(u"\\fixed")) << dwAttribute;
+            EXPECT_EQ(FILE_ATTRIBUTE_HIDDEN, GetFileAttributesW(sFixed.c_str())) << dwAttribute;
+            SetFileAttributesW(sFixed.c_str(), FILE_ATTRIBUTE_NORMAL);
+        }
     hosted::SetDriveLimit('C', 100000);
-    EXPECT_EQ("FileError", Answer(m_sFolder + u"\\fixed", 0, "theirs"));
     EXPECT_EQ("FileErrDF", Answer(m_sFolder + u"\\full", 3, std::string(200000, 'x')));
-    EXPECT_EQ("mine", Stored(u"\\fixed"));
     EXPECT_EQ("<missing>", Stored(u"\\full"));
+    for (const char *pszCall : {"CreateDirectoryWithParents", "CreateDirectoryW"}) hosted::FailCall(pszCall, 1, ERROR_DISK_FULL, true);
+    EXPECT_EQ("FILEERRDF", Answer(m_sFolder + u"\\no room\\for\\folders", 3, "x"));
 }
 
 TEST_F(ReceiveFile, FoldersAndParentsAreMadeAlsoLongOnesAndAgainWhenDeleted)
@@ -103,13 +113,21 @@ TEST_F(ReceiveFile, UnknownTypesTouchNothingAndKeepTheStreamInStep)
 TEST_F(ReceiveFile, PathsThatAreNoPlaceHereAreAnsweredWithAnError)
 {
     static const char16_t *const aPaths[] = {u"",       u"name",  u"..\\up\\name",    u"\\root",
-                                             u"C:name", u"1:\\x", u"Q:\\no drive\\x", u"\\\\?\\x"};
-    for (const char16_t *const &pszPath : aPaths) {
-        EXPECT_EQ("FileError", Answer(pszPath, 0, "content")) << "path " << &pszPath - aPaths;
-        EXPECT_FALSE(PathExists(pszPath) && *pszPath != u'\0');
+                                             u"C:name", u"1:\\x", u"Q:\\no drive\\x", u"\\\\?\\x",
+                                             u"C:\\NUL", u"C:\\Users\\nul.tar.gz", u"C:\\Users\\Com1 .txt",
+                                             u"C:\\Users\\aux\\f.txt", u"\\\\?\\C:\\lpt\u00B2", u"C:\\CONIN$",
+                                             u"C:\\Users\\f.txt:s", u"C:\\Users\\f.txt::$DATA", u"C:\\Users/PRN"};
+    for (const char16_t *const &pszPath : aPaths)
+        for (const uint32_t dwType : {0u, 3u}) {
+            EXPECT_EQ("FileError", Answer(pszPath, dwType, "content")) << "path " << &pszPath - aPaths;
+            EXPECT_FALSE(PathExists(pszPath) && *pszPath != u'\0');
+        }
+    for (const char16_t *pszPath : {u"\\NULL", u"\\COM10", u"\\console.txt", u"\\a.nul", u"\\COMA"})
+        EXPECT_EQ("FileDone", Answer(m_sFolder + pszPath, 3, "no device"));
+    for (const char16_t *pszFolder : {u"folder", u"C:\\Users\\aux"}) {
+        m_peer.Send(Field("SendFile") + PathField(pszFolder) + Bytes(uint32_t{2}));
+        EXPECT_EQ(Field("FileError"), m_peer.Receive(10));
     }
-    m_peer.Send(Field("SendFile") + PathField(u"folder") + Bytes(uint32_t{2}));
-    EXPECT_EQ(Field("FileError"), m_peer.Receive(10));
     std::u16string sWhole = u"C:\\";
     while (sWhole.size() < 1025) sWhole += u"unterminated";
     sWhole.resize(1025);

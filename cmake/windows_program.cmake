@@ -1,7 +1,8 @@
-# What makes a Windows program of this project one that can be released: reproducible code with symbols beside it, hardened,
-# with the version resource and the manifest. On other systems the functions do nothing.
+# What makes a Windows program of this project one that can be released: reproducible code with symbols beside it,
+# hardened, with the version resource and the manifest. On other systems the functions do nothing.
 
-# Product code: symbols that name no folder of the machine it was built on, so that two builds of one commit are the same.
+# Product code: symbols that name no folder of the machine it was built on, so that two builds of one commit are the
+# same.
 function(vorn_windows_code target)
   if(WIN32)
     # The canaries' failure routine lies in a library that only this option links.

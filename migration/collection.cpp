@@ -42,14 +42,6 @@ static bool AwaitTurn(CollectionWalk *pWalk)
     return true;
 }
 
-// False when another try is of no use; otherwise it is time for it.
-static bool AwaitNextTry(uint32_t nTry, uint32_t dwErr)
-{
-    if (dwErr == ERROR_FILE_NOT_FOUND || dwErr == ERROR_PATH_NOT_FOUND || nTry == STATE_FILE_TRIES) return false;
-    Sleep(STATE_FILE_PAUSE_MS);
-    return true;
-}
-
 // False: both lists are empty.
 static bool ReadLines(const char16_t *pszFile, StringList *pFolders, StringList *pFiles)
 {
@@ -58,7 +50,7 @@ static bool ReadLines(const char16_t *pszFile, StringList *pFolders, StringList 
         const uint32_t dwErr = GetLastError();
         FreeStringList(pFolders);
         FreeStringList(pFiles);
-        if (AwaitNextTry(nTry, dwErr)) continue;
+        if (AwaitStateFileTry(nTry, dwErr)) continue;
         TraceValueText("!!ReadPathLines", dwErr, pszFile, STATE_PATH_UNITS);
         return false;
     }
@@ -122,17 +114,20 @@ static void SendFiles(CollectionWalk *pWalk, const StringList *pDoneFiles)
     delete[] pFiles;
 }
 
-// What stays behind would have the next collection's files taken for sent.
-static void DeleteStateFile(const char16_t *pszName)
+// What failed in earlier walks and has not been sent by this one.
+static void SendFailedItems(CollectionWalk *pWalk)
 {
-    char16_t szFile[STATE_PATH_UNITS];
-    if (!GetProgressFile(pszName, szFile)) return;
-    for (uint32_t nTry = 1; !DeleteFileW(szFile); ++nTry) {
-        const uint32_t dwErr = GetLastError();
-        if (AwaitNextTry(nTry, dwErr)) continue;
-        if (nTry == STATE_FILE_TRIES) TraceValueText("!!DeleteStateFile", dwErr, szFile, STATE_PATH_UNITS);
-        return;
+    SendWindow *pWindow = OpenCollectionWindow(pWalk);
+    pWalk->bRetry       = true;
+    pWalk->bOk          = pWindow != nullptr;
+    for (uint32_t i = 0; i < pWalk->Failed.nLoaded && pWalk->bOk; ++i) {
+        if (!pWalk->Failed.pItems[i].bOpen || pWalk->Failed.pItems[i].bTried) continue;
+        pWalk->bOk = MayWalkGoOn(pWalk);
+        if (pWalk->bOk) SendFailedItem(pWalk, pWindow, &pWalk->Failed.pItems[i]);
     }
+    if (pWindow != nullptr) DrainWindow(pWindow);
+    if (pWalk->bOk) pWalk->bOk = MayWalkGoOn(pWalk);
+    CloseSendWindow(pWindow);
 }
 
 static bool IsWalkLinkOpen()
@@ -146,8 +141,44 @@ static void MarkComplete()
     if (GetProgressFile(PROGRESS_INFO_FILE, szFile) &&
         !WritePrivateProfileStringW(COLLECTION_SECTION, COMPLETE_KEY, COMPLETE_VALUE, szFile))
         TraceValueText("!!MarkComplete", GetLastError(), szFile, STATE_PATH_UNITS);
+}
+
+// What stays behind would have the next collection's files taken for sent.
+static void DeleteRecords()
+{
     if (!DeleteRecordStore()) DeleteStateFile(RECORD_INFO_FILE);
     DeleteStateFile(COMPLETE_INFO_FILE);
+}
+
+// Everything that the request names, as far as it is not done with.
+static void SendItems(CollectionWalk *pWalk)
+{
+    StringList        DoneFiles = {};
+    const WalkRecords eRecords  = OpenFailedItems(&pWalk->Failed, &pWalk->Folders, &pWalk->Files);
+    if (eRecords != WalkRecords::Current) DeleteRecords();
+    GatherPaths(pWalk);
+    if (eRecords != WalkRecords::Done) {
+        ReadCompleteInfo(pWalk, &DoneFiles);
+        ResumeFolder(pWalk);
+        if (pWalk->bOk) SendFolders(pWalk);
+        if (pWalk->bOk) SendFiles(pWalk, &DoneFiles);
+    }
+    if (pWalk->bOk) SendFailedItems(pWalk);
+    FreeStringList(&DoneFiles);
+}
+
+// The end as the peer's service is told of it. The records go only after that: a peer that never heard of the end asks
+// again, and is not to get everything a second time.
+static void ReportEnd(CollectionWalk *pWalk)
+{
+    const bool bComplete = pWalk->bOk && !pWalk->Failed.bUnsettled && IsWalkLinkOpen();
+    if (bComplete) MarkComplete();
+    if (pWalk->bSpaceExhausted) SendPeerCommand(NTOS_ERRORCONTROL, PEER_DISK_FULL, nullptr);
+    const int32_t nRet =
+        SendPeerCommand(STON_MIGRATIONCOLLECTION, bComplete ? IPC_PARAM_DONE : IPC_PARAM_FAILED, nullptr);
+    if (!bComplete || nRet != SEND_OK) return;
+    SettleFailedItems(&pWalk->Failed); // before the records: from here on they say nothing that matters
+    DeleteRecords();
 }
 
 // Once for each broken link: its listener notices too, and whoever is first ends it and says so.
@@ -165,44 +196,33 @@ static void ReleaseBrokenLink(LinkRelease Link)
 void ProcessCollection(CollectionRequest *pRequest)
 {
     CollectionWalk    Walk           = {};
-    StringList        DoneFiles      = {};
     const uint32_t    dwPreviousLink = GetThreadLink();
     const bool        bServer        = g_bServer;
     const LinkRelease Link           = {bServer, GetRoleStart(bServer), pRequest->dwLinkGeneration};
-    bool              bComplete      = false;
     Walk.ullExecution                = AddThreadExecution();
-    Walk.bOk                         = true;
     BindThreadToLink(Link.dwGeneration);
 
     if (AwaitTurn(&Walk)) {
+        Walk.bOk = true;
         // A list that cannot be read leaves nothing to send, and a walk with nothing left to send is complete.
-        if (ReadLines(pRequest->szListFile, &Walk.Folders, &Walk.Files)) {
-            GatherPaths(&Walk);
-            ReadCompleteInfo(&Walk, &DoneFiles);
-            ResumeFolder(&Walk);
-            if (Walk.bOk) SendFolders(&Walk);
-            if (Walk.bOk) SendFiles(&Walk, &DoneFiles);
-        }
-        if (Walk.bOk && IsWalkLinkOpen()) {
-            MarkComplete();
-            bComplete = true;
-        }
+        if (ReadLines(pRequest->szListFile, &Walk.Folders, &Walk.Files)) SendItems(&Walk);
         CloseRecordStore();
+        ReportEnd(&Walk);
         g_bWalkRunning = 0;
+    } else {
+        ReportEnd(&Walk);
     }
 
     ReleasePathMap(&Walk.Map);
     FreeStringList(&Walk.Folders);
     FreeStringList(&Walk.Files);
     FreeStringList(&Walk.DoneFolders);
-    FreeStringList(&DoneFiles);
     FreeStringList(&Walk.Excluded);
     FreeStringList(&Walk.UserProfiles);
     FreeStringList(&Walk.Profiles);
     FreeDestinationLimits(&Walk.Limits);
+    FreeFailedItems(&Walk.Failed);
 
-    if (Walk.bSpaceExhausted) SendPeerCommand(NTOS_ERRORCONTROL, PEER_DISK_FULL, nullptr);
-    SendPeerCommand(STON_MIGRATIONCOLLECTION, bComplete ? IPC_PARAM_DONE : IPC_PARAM_FAILED, nullptr);
     delete pRequest;
     TraceText("Collection migration finish");
     RemoveThreadExecution(Walk.ullExecution);

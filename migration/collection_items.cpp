@@ -1,15 +1,14 @@
 // collection_items.cpp: one requested folder or file of a collection.
-// A file that the peer has stored is recorded whatever else happens meanwhile: sent again, it would be stored beside
-// itself under a "(2)" name, since the peer never overwrites what is there. One gap remains, and the protocol leaves no
-// honest way to close it: a process killed after the peer's "FileDone" and before its own record is written sends that
-// one file a second time. (Sending it so that it overwrites would cost a file of the target's own that bears the same
-// name; to skip it would cost the file itself if the peer did not store it.)
+// A file that the peer has stored is recorded whatever else happens meanwhile. A process killed after the peer's
+// "FileDone" and before its own record is written sends that one file a second time; the peer knows it again.
 #include "migration/collection_items.h"
 #include "ipc/thread_execution.h"
 #include "migration/peer_reports.h"
 #include "migration/record_store.h"
 #include "migration/state_files.h"
 #include "net/command_channel.h"
+#include "platform/errors.h"
+#include "platform/files.h"
 #include "platform/path.h"
 #include "platform/text.h"
 #include "trace/trace_log.h"
@@ -20,8 +19,8 @@
 
 using namespace platform;
 
-constexpr int32_t  SEND_UNANSWERED = 0; // of a file that went out whole: the peer did not say what became of it
 constexpr int32_t  FILE_REFUSED    = 3; // not sent: the destination is known to be full
+constexpr int32_t  ITEM_GONE       = 4; // not sent: nothing is left of it on this machine, now or later
 constexpr uint32_t VERDICT_POLLS   = 40;
 constexpr uint32_t VERDICT_POLL_MS = 25;
 
@@ -70,26 +69,36 @@ static void AwaitLinkVerdict(CollectionWalk *pWalk)
     for (uint32_t i = 0; i < VERDICT_POLLS && MayWalkGoOn(pWalk); ++i) Sleep(VERDICT_POLL_MS);
 }
 
-static void ReportFolder(const char16_t *pszFolder, uint32_t nSent)
+static void ReportFolder(CollectionWalk *pWalk, const char16_t *pszFolder, uint32_t nSent)
 {
     char16_t szText[IPC_LONG_TEXT_UNITS];
     if (TextLengthW(pszFolder) >= FOLDER_TEXT_UNITS) return;
     FormatTextW(szText, IPC_LONG_TEXT_UNITS, u"%s\\", pszFolder);
-    SendFailItems(nSent == 0 ? 1 : 0, nSent, szText);
+    const int32_t nRet = SendFailItems(nSent == 0 ? 1 : 0, nSent, szText);
+    if (nSent == 0) NoteItemReport(&pWalk->Failed, nRet);
 }
 
-static void ReportFile(const char16_t *pszFile, bool bFailed)
+static void ReportFile(CollectionWalk *pWalk, const char16_t *pszFile, bool bFailed)
 {
-    if (TextLengthW(pszFile) < FILE_TEXT_UNITS) SendFailItems(bFailed ? 1 : 0, 1, pszFile);
+    if (TextLengthW(pszFile) >= FILE_TEXT_UNITS) return;
+    const int32_t nRet = SendFailItems(bFailed ? 1 : 0, 1, pszFile);
+    if (bFailed) NoteItemReport(&pWalk->Failed, nRet);
+}
+
+// To be done before an item's outcome is looked at.
+static void ClearItemFlags(CollectionWalk *pWalk)
+{
+    pWalk->Failed.bUnanswered = false;
+    pWalk->Failed.bUnkept     = false;
 }
 
 void SendCollectionFolder(CollectionWalk *pWalk, const char16_t *pszFolder, bool bResumed)
 {
     char16_t szBase[PATH_LINE_UNITS + 1];
     FormatTextW(szBase, PATH_LINE_UNITS + 1, u"%s\\", pszFolder);
-    uint32_t       bUnanswered = 0;
-    FolderTreeSend Send        = {};
-    Send.pExcluded             = &pWalk->Excluded;
+    FolderTreeSend Send = {};
+    Send.pExcluded      = &pWalk->Excluded;
+    Send.pFailed        = &pWalk->Failed;
     // Without a profile that may be entered, the restriction would leave out every user's files, this one's too.
     const bool bRestrict = pWalk->UserProfiles.nCount != 0 && pWalk->Profiles.nCount != 0;
     Send.pRestricted     = bRestrict ? &pWalk->UserProfiles : nullptr;
@@ -102,16 +111,16 @@ void SendCollectionFolder(CollectionWalk *pWalk, const char16_t *pszFolder, bool
     Send.pbSpaceExhausted = &pWalk->bSpaceExhausted;
     Send.pbFatal          = &pWalk->bFatal;
     Send.pLimits          = &pWalk->Limits;
-    Send.pbUnanswered     = &bUnanswered;
-    const uint32_t nSent  = SendNetworkFileEx(pszFolder, &Send);
+    ClearItemFlags(pWalk);
+    const uint32_t nSent = SendNetworkFileEx(pszFolder, &Send);
 
-    if (bUnanswered) AwaitLinkVerdict(pWalk);
+    if (pWalk->Failed.bUnanswered) AwaitLinkVerdict(pWalk);
     pWalk->bOk = MayWalkGoOn(pWalk);
     if (!pWalk->bOk) return; // stays the working folder, which the next run resumes
-    AppendCompleteInfo(pszFolder, 1);
+    if (!pWalk->Failed.bUnkept) AppendCompleteInfo(pszFolder, 1);
     AppendString(&pWalk->DoneFolders, pszFolder,
                  TextLengthW(pszFolder) < STRING_INLINE_UNITS ? STRING_INLINE_UNITS : PATH_LINE_UNITS);
-    ReportFolder(pszFolder, nSent);
+    ReportFolder(pWalk, pszFolder, nSent);
 }
 
 // The keys under which a destination's limits are kept: its folder, and its drive.
@@ -136,6 +145,7 @@ static int32_t DecideFile(void *pContext, const WindowItem *pItem)
 {
     auto *const     pWalk = static_cast<CollectionWalk *>(pContext);
     const LimitKeys Keys  = KeysOf(pItem->pszDestination);
+    if (pItem->dwType == FILE_TYPE_FOLDER) return 0;
     return IsRefusedByLimit(FindDestinationLimit(&pWalk->Limits, Keys.szFolder), pItem->pszSource) ||
                    IsRefusedByLimit(FindDestinationLimit(&pWalk->Limits, Keys.szDrive), pItem->pszSource)
                ? FILE_REFUSED
@@ -152,38 +162,65 @@ static void LearnFromFailure(CollectionWalk *pWalk, int32_t nRet, const char16_t
         break;
     }
     case SEND_DISK_ALL_FULL: LowerDestinationLimit(&pWalk->Limits, pszFolderKey, 0); break;
-    case SEND_LINK_ERROR:
-    case SEND_NO_ROLE:
-    case SEND_NO_SOCKET: pWalk->bFatal = 1; break;
-    default: break;
+    default:
+        if (EndsLink(nRet)) pWalk->bFatal = 1;
+        break;
     }
 }
 
-// A file's outcome, in request order.
-static void TakeFile(void *pContext, const WindowItem *pItem, int32_t nRet)
+// A file's outcome, in request order. What the peer did not answer is never recorded; what it refused is, as done with:
+// collectioninfo.ini keeps it for a further request.
+static void TakeFile(CollectionWalk *pWalk, const WindowItem *pItem, int32_t nRet)
 {
-    auto *const           pWalk   = static_cast<CollectionWalk *>(pContext);
     const char16_t *const pszFile = pItem->pszSource;
+    ClearItemFlags(pWalk);
+    if (nRet == ITEM_GONE) {
+        NoteItemSent(&pWalk->Failed, pszFile);
+        ReportFile(pWalk, pszFile, true);
+        return;
+    }
     if (nRet == FILE_REFUSED) {
-        ReportFile(pszFile, true);
+        NoteItemFailed(&pWalk->Failed, pszFile, SEND_DISK_FULL);
+        ReportFile(pWalk, pszFile, true);
         return;
     }
     if (nRet != SEND_OK) {
         TraceValueText("!!SendNetworkFileEx", static_cast<uint32_t>(nRet), pszFile, MAP_PATH_UNITS);
         LearnFromFailure(pWalk, nRet, pszFile, KeysOf(pItem->pszDestination).szFolder);
+        if (!IsThreadExecutionCancel(pWalk->ullExecution)) NoteItemFailed(&pWalk->Failed, pszFile, nRet);
     }
-    if (nRet == SEND_UNANSWERED) {
-        ReportFile(pszFile, true);
+    const bool bOpen = pWalk->Failed.bUnanswered || pWalk->Failed.bUnkept;
+    if (pWalk->Failed.bUnanswered) {
+        ReportFile(pWalk, pszFile, true);
         AwaitLinkVerdict(pWalk);
     }
     pWalk->bOk = MayWalkGoOn(pWalk);
-    if (pWalk->bOk || nRet == SEND_OK) AppendCompleteInfo(pszFile, 0);
-    if (nRet != SEND_UNANSWERED) ReportFile(pszFile, nRet != SEND_OK);
+    if (!pWalk->bRetry && (nRet == SEND_OK || (pWalk->bOk && !bOpen))) AppendCompleteInfo(pszFile, 0);
+    if (nRet == SEND_OK) NoteItemSent(&pWalk->Failed, pszFile);
+    if (!pWalk->Failed.bUnanswered) ReportFile(pWalk, pszFile, nRet != SEND_OK);
+}
+
+// The entry of a folder, tried again.
+static void TakeFolder(CollectionWalk *pWalk, const WindowItem *pItem, int32_t nRet)
+{
+    char16_t szFolder[MAP_PATH_UNITS + 1];
+    FormatTextW(szFolder, MAP_PATH_UNITS + 1, u"%s\\", pItem->pszSource);
+    if (nRet == SEND_OK || nRet == ITEM_GONE) NoteItemSent(&pWalk->Failed, szFolder);
+    else NoteItemFailed(&pWalk->Failed, szFolder, nRet);
+    if (EndsLink(nRet)) pWalk->bFatal = 1;
+    pWalk->bOk = MayWalkGoOn(pWalk);
+}
+
+static void TakeItem(void *pContext, const WindowItem *pItem, int32_t nRet)
+{
+    auto *const pWalk = static_cast<CollectionWalk *>(pContext);
+    if (pItem->dwType == FILE_TYPE_FOLDER) TakeFolder(pWalk, pItem, nRet);
+    else TakeFile(pWalk, pItem, nRet);
 }
 
 SendWindow *OpenCollectionWindow(CollectionWalk *pWalk)
 {
-    const WindowOwner Owner = {pWalk, pWalk->ullExecution, DecideFile, TakeFile};
+    const WindowOwner Owner = {pWalk, pWalk->ullExecution, DecideFile, TakeItem};
     return OpenSendWindow(&Owner);
 }
 
@@ -194,4 +231,24 @@ void SendCollectionFile(CollectionWalk *pWalk, SendWindow *pWindow, const char16
     TranslatePath(&pWalk->Map, szDestination, MAP_PATH_UNITS, 0);
     const WindowItem Item = {pszFile, szDestination, FILE_TYPE_COLLECTION};
     HandOver(pWindow, &Item, 0);
+}
+
+void SendFailedItem(CollectionWalk *pWalk, SendWindow *pWindow, const FailedItem *pItem)
+{
+    char16_t     szSource[MAP_PATH_UNITS];
+    char16_t     szDestination[MAP_PATH_UNITS];
+    char16_t     szLong[LONG_PATH_UNITS];
+    const size_t cch = TextLengthW(pItem->pszPath);
+    if (cch == 0 || !CopyTextW(szSource, MAP_PATH_UNITS, pItem->pszPath)) return;
+    CopyTextW(szDestination, MAP_PATH_UNITS, szSource);
+    TranslatePath(&pWalk->Map, szDestination, MAP_PATH_UNITS, 0);
+    const bool   bFolder = szSource[cch - 1] == u'\\';
+    const size_t cchTo   = TextLengthW(szDestination);
+    if (bFolder) szSource[cch - 1] = 0;
+    if (bFolder && cchTo > 0) szDestination[cchTo - 1] = 0;
+    const bool bGone =
+        GetFileAttributesW(LongPathForm(szSource, MAX_PATH, szLong)) == INVALID_FILE_ATTRIBUTES &&
+        (GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND);
+    const WindowItem Item = {szSource, szDestination, bFolder ? FILE_TYPE_FOLDER : FILE_TYPE_COLLECTION};
+    HandOver(pWindow, &Item, bGone ? ITEM_GONE : 0);
 }

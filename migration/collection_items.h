@@ -1,6 +1,7 @@
 // collection_items.h: the folders and files of one collection, and sending one of them. Part of the walk
 // (collection.h), on its thread; nothing is shared.
 #pragma once
+#include "migration/failed_items.h"
 #include "migration/path_map.h"
 #include "migration/string_list.h"
 #include "transfer/folder_tree.h"
@@ -23,8 +24,10 @@ struct CollectionWalk {
     StringList        UserProfiles;
     StringList        Profiles;
     DestinationLimits Limits;
+    FailedItems       Failed;
     uint32_t          bSpaceExhausted; // set by the folder-tree send
     uint32_t          bFatal;          // the link or the peer failed
+    bool              bRetry;          // what goes through the window is not requested itself but failed before
     bool              bOk;             // the walk may go on
 };
 
@@ -41,3 +44,5 @@ void SendCollectionFolder(CollectionWalk *pWalk, const char16_t *pszFolder, bool
 SendWindow *OpenCollectionWindow(CollectionWalk *pWalk);
 // Hands one file over; it is sent, or refused by the limits, and recorded and reported in its turn.
 void SendCollectionFile(CollectionWalk *pWalk, SendWindow *pWindow, const char16_t *pszFile);
+// The same for an item of Walk.Failed: a file, or a folder's own entry. One that is no longer there is given up.
+void SendFailedItem(CollectionWalk *pWalk, SendWindow *pWindow, const FailedItem *pItem);

@@ -1,5 +1,5 @@
 // state_files.cpp: where the state of a migration is kept, and the lists of paths among it.
-// completeinfo.ini is appended to by a process that may be killed at any moment. A line counts once its CR LF is there,
+// A file of path lines is appended to by a process that may be killed at any moment. A line counts once its CR LF is there,
 // and since that stands at the end of the one write that brings a line, a cut write leaves a tail without it. The next
 // line is written over such a tail: behind it, the tail would become a line of its own, and a path cut short may name a
 // file that was never sent.
@@ -78,7 +78,20 @@ int32_t GetMappingFolder(char16_t *pszPath)
     return GetProgramDataPath(MAPPING_TAIL, pszPath);
 }
 
-int32_t CreateStateFile(const char16_t *pszPath)
+bool AwaitStateFileTry(uint32_t nTry, uint32_t dwErr)
+{
+    if (dwErr == ERROR_FILE_NOT_FOUND || dwErr == ERROR_PATH_NOT_FOUND || nTry >= STATE_FILE_TRIES) return false;
+    Sleep(STATE_FILE_PAUSE_MS);
+    return true;
+}
+
+// A moment's hold by others shows as a sharing violation, or as access denied while a deleted file is still open.
+static bool IsHeld(uint32_t dwErr)
+{
+    return dwErr == ERROR_SHARING_VIOLATION || dwErr == ERROR_ACCESS_DENIED;
+}
+
+static int32_t TryCreateStateFile(const char16_t *pszPath)
 {
     char16_t             szLong[LONG_PATH_UNITS];
     const char16_t      *pszLocal  = LongPathForm(pszPath, MAX_PATH, szLong);
@@ -100,11 +113,32 @@ int32_t CreateStateFile(const char16_t *pszPath)
         if (!nRet) DeleteFileW(pszLocal); // without its mark the file would be kept in the ANSI code page
     }
     FreeSecurity(pSecurity);
-    if (!nRet) {
+    if (!nRet) SetLastError(dwErr);
+    return nRet;
+}
+
+int32_t CreateStateFile(const char16_t *pszPath)
+{
+    for (uint32_t nTry = 1; !TryCreateStateFile(pszPath); ++nTry) {
+        const uint32_t dwErr = GetLastError();
+        if (IsHeld(dwErr) && AwaitStateFileTry(nTry, dwErr)) continue;
         TraceValueText("!!CreateStateFile", dwErr, pszPath, STATE_PATH_UNITS);
         SetLastError(dwErr);
+        return 0;
     }
-    return nRet;
+    return 1;
+}
+
+void DeleteStateFile(const char16_t *pszName)
+{
+    char16_t szFile[STATE_PATH_UNITS];
+    if (!GetProgressFile(pszName, szFile)) return;
+    for (uint32_t nTry = 1; !DeleteFileW(szFile); ++nTry) {
+        const uint32_t dwErr = GetLastError();
+        if (AwaitStateFileTry(nTry, dwErr)) continue;
+        if (nTry == STATE_FILE_TRIES) TraceValueText("!!DeleteStateFile", dwErr, szFile, STATE_PATH_UNITS);
+        return;
+    }
 }
 
 uint64_t GetProgressSize(int32_t bTotal)
@@ -140,40 +174,64 @@ static int64_t EndOfLines(HANDLE hFile, int64_t cbFile)
     return 0;
 }
 
-static int32_t AppendLine(const char16_t *pszPath, int32_t bFolder)
+// INVALID_HANDLE_VALUE: GetLastError.
+static HANDLE OpenPathLines(const char16_t *pszFile)
 {
-    char16_t      szFile[STATE_PATH_UNITS];
-    char16_t      szLine[PATH_LINE_UNITS];
-    HANDLE        hFile     = INVALID_HANDLE_VALUE;
-    int64_t       cbFile    = 0;
-    int64_t       cbEnd     = -1;
-    uint32_t      cbWritten = 0;
-    int32_t       nRet      = 0;
-    const int32_t cch       = FormatTextW(szLine, PATH_LINE_UNITS, u"%s%s", pszPath, bFolder ? u"\\\r\n" : u"\r\n");
-    if (cch < 0 || !GetProgressFile(COMPLETE_INFO_FILE, szFile)) return 0;
-    const uint32_t cb = static_cast<uint32_t>(cch) * sizeof(char16_t);
-
-    hFile = CreateFileW(szFile, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                        FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (hFile == INVALID_HANDLE_VALUE) {
-        if (GetLastError() != ERROR_FILE_NOT_FOUND || !CreateStateFile(szFile)) return 0;
-        hFile = CreateFileW(szFile, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+    HANDLE hFile = INVALID_HANDLE_VALUE;
+    for (int i = 0; i < 2 && hFile == INVALID_HANDLE_VALUE; ++i) {
+        hFile = CreateFileW(pszFile, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                             FILE_ATTRIBUTE_NORMAL, nullptr);
-        if (hFile == INVALID_HANDLE_VALUE) return 0;
+        if (hFile == INVALID_HANDLE_VALUE && (GetLastError() != ERROR_FILE_NOT_FOUND || !TryCreateStateFile(pszFile)))
+            break;
     }
+    return hFile;
+}
+
+static int32_t TryAppendLine(const char16_t *pszFile, const char16_t *pszLine, uint32_t cb)
+{
+    int64_t      cbFile    = 0;
+    int64_t      cbEnd     = -1;
+    uint32_t     cbWritten = 0;
+    int32_t      nRet      = 0;
+    const HANDLE hFile     = OpenPathLines(pszFile);
+    if (hFile == INVALID_HANDLE_VALUE) return 0;
     if (GetFileSizeEx(hFile, &cbFile)) cbEnd = EndOfLines(hFile, cbFile);
     if (cbEnd >= 0 && SetFilePointerEx(hFile, cbEnd, nullptr, FILE_BEGIN) &&
-        WriteFile(hFile, szLine, cb, &cbWritten, nullptr) && cbWritten == cb)
+        WriteFile(hFile, pszLine, cb, &cbWritten, nullptr) && cbWritten == cb)
         nRet = 1;
+    const uint32_t dwErr = GetLastError();
     CloseHandle(hFile);
+    SetLastError(dwErr);
     return nRet;
+}
+
+int32_t AppendPathLine(const char16_t *pszName, const char16_t *pszPath, int32_t bFolder)
+{
+    static std::atomic<uint32_t> s_bInVain; // a second for each of many lines would be worse than their loss
+    char16_t                     szFile[STATE_PATH_UNITS];
+    char16_t                     szLine[PATH_LINE_UNITS];
+    const int32_t cch   = FormatTextW(szLine, PATH_LINE_UNITS, u"%s%s", pszPath, bFolder ? u"\\\r\n" : u"\r\n");
+    uint32_t      dwErr = ERROR_INSUFFICIENT_BUFFER;
+    if (cch >= 0 && GetProgressFile(pszName, szFile)) {
+        const uint32_t cb = static_cast<uint32_t>(cch) * sizeof(char16_t);
+        for (uint32_t nTry = 1;; ++nTry) {
+            if (TryAppendLine(szFile, szLine, cb)) {
+                s_bInVain = 0;
+                return 1;
+            }
+            dwErr = GetLastError();
+            if (s_bInVain || !IsHeld(dwErr) || !AwaitStateFileTry(nTry, dwErr)) break;
+        }
+        if (IsHeld(dwErr)) s_bInVain = 1;
+    }
+    TraceValueText("!!AppendCompleteInfo", dwErr, pszPath, PATH_LINE_UNITS);
+    SetLastError(dwErr);
+    return 0;
 }
 
 int32_t AppendCompleteInfo(const char16_t *pszPath, int32_t bFolder)
 {
-    const int32_t nRet = AppendLine(pszPath, bFolder);
-    if (!nRet) TraceValueText("!!AppendCompleteInfo", GetLastError(), pszPath, PATH_LINE_UNITS);
-    return nRet;
+    return AppendPathLine(COMPLETE_INFO_FILE, pszPath, bFolder);
 }
 
 // The line under way while a file is read in pieces.

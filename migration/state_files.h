@@ -3,6 +3,7 @@
 //   (the walk)
 //   recordinfo.ini     items of the folder under way: record_store.h
 //   completeinfo.ini   no INI but lines: what the walk has done with, a folder's path with a trailing backslash
+//   collectioninfo.ini lines too: whose records these are, and which items did not arrive: failed_items.h
 //   localinfo.ini      this machine's machine info, rewritten for each session; targetinfo.ini: the peer's
 // Threads  any; one profile call is whole against others, a sequence of them is not. AppendCompleteInfo: the walk's
 // thread.
@@ -18,6 +19,7 @@ extern char16_t g_szProgressFolder[STATE_PATH_UNITS];
 constexpr char16_t PROGRESS_INFO_FILE[] = u"progressinfo.ini";
 constexpr char16_t RECORD_INFO_FILE[]   = u"recordinfo.ini";
 constexpr char16_t COMPLETE_INFO_FILE[] = u"completeinfo.ini";
+constexpr char16_t COLLECTION_INFO_FILE[] = u"collectioninfo.ini";
 constexpr char16_t LOCAL_INFO_FILE[]    = u"localinfo.ini";
 constexpr char16_t TARGET_INFO_FILE[]   = u"targetinfo.ini";
 
@@ -40,13 +42,21 @@ int32_t GetProgressFolder();
 int32_t GetProgressFile(const char16_t *pszName, char16_t *pszPath);
 // The mapping folder's path into 260 units; the folder is the service's. 1, or 0 with the path empty.
 int32_t GetMappingFolder(char16_t *pszPath);
+// After the nTry-th try (from 1 on) at a state file has failed with dwErr: false when another one is of no use;
+// otherwise it is time for it.
+bool AwaitStateFileTry(uint32_t nTry, uint32_t dwErr);
 // Deletes the file and creates it anew, Everyone may change it, holding only the UTF-16 byte-order mark, which makes
-// the profile functions keep it in UTF-16. 1, or 0 (GetLastError).
+// the profile functions keep it in UTF-16. Somebody who holds it is waited for. 1, or 0 (GetLastError).
 int32_t CreateStateFile(const char16_t *pszPath);
 // Bytes; bTotal 1: all, 0: received so far. 0 when not known.
 uint64_t GetProgressSize(int32_t bTotal);
-// 1 when the line is in completeinfo.ini; 0 when it is not, also for a path that no line has room for. What a process
-// that was killed half-way through a line left behind never becomes one.
+// Deletes a file of the progress folder; somebody who holds it is waited for. What stays behind is traced.
+void DeleteStateFile(const char16_t *pszName);
+// 1 when the line is in the file of paths (created when missing); 0 when it is not (GetLastError), also for a path that
+// no line has room for. What a process that was killed half-way through a line left behind never becomes one. Somebody
+// who holds the file is waited for; after one wait in vain, only until a line could be written again.
+int32_t AppendPathLine(const char16_t *pszName, const char16_t *pszPath, int32_t bFolder);
+// The same for completeinfo.ini.
 int32_t AppendCompleteInfo(const char16_t *pszPath, int32_t bFolder);
 // Splits lines (UTF-16LE, with or without byte-order mark) into folders (trailing backslash removed) and files. A line
 // that does not end in CR LF, names nothing, or could not be kept whole is passed over.

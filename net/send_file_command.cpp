@@ -29,12 +29,12 @@ int32_t ReadSource(const char16_t *pszLocal, uint32_t *pdwAttributes)
 {
     if (_waccess(pszLocal, 0) == -1) {
         TraceDebugA("[SendFileCommand] src file not exist");
-        return -301;
+        return SENDCOMMAND_SOURCE_MISSING;
     }
     *pdwAttributes = GetFileAttributesW(pszLocal);
     if (*pdwAttributes != INVALID_FILE_ATTRIBUTES) return 0;
     ReportSocketError(OPERATION, u"src file GetFileAttributes failed", false, GetLastError());
-    return -302;
+    return SENDCOMMAND_NO_ATTRIBUTES;
 }
 
 bool SendField(SOCKET hSocket, const void *pField, int32_t cb)

@@ -3,6 +3,9 @@
 #include "platform/sockets.h"
 #include <cstdint>
 
+constexpr int32_t SENDCOMMAND_SOURCE_MISSING = -301;
+constexpr int32_t SENDCOMMAND_NO_ATTRIBUTES  = -302;
+
 // [held] 0 or the negative result of SendFile; -301 source missing, -302 attributes not readable, -21/-22/-23/-24/-25
 // word, path, type, attributes, flag not sent; -3 also when the end of the file stream could not leave.
 //   pszDestination  at most 1024 units travel, a longer one is cut

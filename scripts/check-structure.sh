@@ -1,8 +1,10 @@
 #!/bin/bash
-# Checks that no room of the product needs one that needs it. A room is a source and its header; what it needs is what they include, and, with
-# BUILD (a build folder of the native backend, build/dev unless told), what its object file leaves undefined.
+# Checks that no room of the product needs one that needs it. A room is a source and its header; what it needs is what
+# they include, and, with BUILD (a build folder of the native backend, build/dev unless told), what its object file
+# leaves undefined.
 #   scripts/check-structure.sh [BUILD]
-# Prints each loop, one line for each other fault. Exit code 0 when there is none, 1 when there is, 2 for a wrong option.
+# Prints each loop, one line for each other fault. Exit code 0 when there is none, 1 when there is, 2 for a wrong
+# option.
 set -u
 [ $# -le 1 ] || { echo "usage: scripts/check-structure.sh [BUILD]" >&2; exit 2; }
 cd "$(dirname "$0")/.." || exit 1
@@ -11,8 +13,8 @@ failed=0
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# The two rooms below app/ that call into it: a request to exit goes to the window, and the removal of a cache through the table of
-# bound functions. Neither of the two calls back.
+# The two rooms below app/ that call into it: a request to exit goes to the window, and the removal of a cache through
+# the table of bound functions. Neither of the two calls back.
 readonly ALLOWED_INTO_APP="ipc/service_requests app/notification_window
 migration/special_requests app/user_interface_table"
 
@@ -29,20 +31,23 @@ sort_rooms() {
 }
 
 rooms() { # the product's rooms, one a line
-    git ls-files -- 'app/*.cpp' 'ipc/*.cpp' 'net/*.cpp' 'transfer/*.cpp' 'migration/*.cpp' 'trace/*.cpp' | sed 's/\.cpp$//' |
-        grep -v '^app/main$'
+    git ls-files -- 'app/*.cpp' 'ipc/*.cpp' 'net/*.cpp' 'transfer/*.cpp' 'migration/*.cpp' 'trace/*.cpp' |
+        sed 's/\.cpp$//' | grep -v '^app/main$'
 }
 
 # ---- includes ----
-folders='app ipc net transfer migration trace platform'
-# shellcheck disable=SC2086
-git grep -oE "^#include \"(${folders// /|})/[^\"]+\"" -- $(printf '%s/*.cpp %s/*.h ' $(for f in $folders; do echo "$f $f"; done)) |
+paths=()
+for folder in app ipc net transfer migration trace platform; do
+    paths+=("$folder/*.cpp" "$folder/*.h") # git's own patterns, which reach into subfolders
+done
+git grep -oE '^#include "(app|ipc|net|transfer|migration|trace|platform)/[^"]+"' -- "${paths[@]}" |
     sed -E 's/^([^:]+)\.(cpp|h):#include "([^"]+)\.h"$/\1 \3/' | awk '$1 != $2' | sort -u >"$work/includes"
 grep -vE '(^| )platform/' "$work/includes" | sort_rooms "includes"
 
 while read -r room needed; do
     fault "$room includes $needed, which stands above it"
-done < <(awk '($1 ~ /^platform\// && $2 !~ /^platform\//) || ($1 ~ /^trace\// && $2 !~ /^(trace|platform)\//)' "$work/includes")
+done < <(awk '($1 ~ /^platform\// && $2 !~ /^platform\//) ||
+    ($1 ~ /^trace\// && $2 !~ /^(trace|platform)\//)' "$work/includes")
 
 while read -r pair; do
     grep -qxF "$pair" <<<"$ALLOWED_INTO_APP" || fault "${pair% *} includes ${pair#* }: only app/ itself may"
@@ -59,9 +64,11 @@ done
 
 # ---- calls ----
 if [ -f "$build/libvorntramsa.a" ]; then
-    nm -A --defined-only -g "$build/libvorntramsa.a" | sed -E 's/^[^:]+:([^:]+)\.cpp\.o:[0-9a-f ]+([A-Za-z]) (.+)$/\2 \3 \1/' |
+    nm -A --defined-only -g "$build/libvorntramsa.a" |
+        sed -E 's/^[^:]+:([^:]+)\.cpp\.o:[0-9a-f ]+([A-Za-z]) (.+)$/\2 \3 \1/' |
         awk '$1 ~ /[TDBR]/ { print $2, $3 }' | sort -u >"$work/defined"
-    nm -A --undefined-only "$build/libvorntramsa.a" | sed -E 's/^[^:]+:([^:]+)\.cpp\.o: +U (.+)$/\2 \1/' | sort -u >"$work/wanted"
+    nm -A --undefined-only "$build/libvorntramsa.a" |
+        sed -E 's/^[^:]+:([^:]+)\.cpp\.o: +U (.+)$/\2 \1/' | sort -u >"$work/wanted"
     join "$work/wanted" "$work/defined" | awk '$2 != $3 { print $2, $3 }' | sort -u | sort_rooms "calls"
     # A room's header declares what the room defines: nobody else's does.
     [ -s "$work/defined" ] || fault "$build/libvorntramsa.a defines nothing"

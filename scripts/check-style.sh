@@ -1,6 +1,6 @@
 #!/bin/bash
-# Checks how the tree looks and hangs together: .clang-format on every source, lines of at most 120 columns in sources and scripts, no circles
-# (scripts/check-structure.sh), and .clang-tidy on the sources that differ from BASE.
+# Checks how the tree looks and hangs together: .clang-format on every source, lines of at most 120 columns in sources
+# and scripts, no circles (scripts/check-structure.sh), and .clang-tidy on the sources that differ from BASE.
 #   scripts/check-style.sh [BASE]
 # BASE is a commit; unless told, what the upstream main has, or the commit before the last where that is this one.
 # The last line is "style checks: N passed, N failed". Exit code 0 when all passed, 1 when not, 2 for a wrong option.
@@ -11,7 +11,8 @@ cd "$(dirname "$0")/.." || exit 1
 base=${1-}
 if [ -z "$base" ]; then
     base=$(git rev-parse -q --verify origin/main || true)
-    [ -n "$base" ] && [ "$base" != "$(git rev-parse HEAD)" ] || base=$(git rev-parse -q --verify HEAD~1 || git rev-parse HEAD)
+    [ -n "$base" ] && [ "$base" != "$(git rev-parse HEAD)" ] ||
+        base=$(git rev-parse -q --verify HEAD~1 || git rev-parse HEAD)
 fi
 git rev-parse -q --verify "$base^{commit}" >/dev/null || { echo "check-style: $base is no commit" >&2; exit 2; }
 

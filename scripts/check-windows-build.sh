@@ -1,10 +1,10 @@
 #!/bin/bash
 # Checks what the windows preset has built, as a release engineer would before signing it: kind and hardening of each
-# program, its import table, version resource, manifest and symbols, and that a second build of the same sources in another
-# folder gives the same bytes.
+# program, its import table, version resource, manifest and symbols, and that a second build of the same sources in
+# another folder gives the same bytes.
 #   scripts/check-windows-build.sh [--no-rebuild]
-# --no-rebuild leaves the second build out. One line per check; the last line is "windows build checks: N passed, N failed".
-# Exit code 0 when all passed, 1 when not, 2 for a wrong option.
+# --no-rebuild leaves the second build out. One line per check; the last line is "windows build checks: N passed, N
+# failed". Exit code 0 when all passed, 1 when not, 2 for a wrong option.
 set -u
 
 rebuild=1
@@ -18,7 +18,8 @@ cd "$(dirname "$0")/.." || exit 1
 readonly TOOLCHAIN=x86_64-w64-mingw32
 readonly BUILT=build/windows
 # Libraries that every supported Windows has. The agent binds the user interface's at run time.
-readonly SYSTEM_LIBRARIES="advapi32.dll bcrypt.dll iphlpapi.dll kernel32.dll msvcrt.dll ole32.dll version.dll ws2_32.dll"
+libraries="advapi32.dll bcrypt.dll iphlpapi.dll kernel32.dll msvcrt.dll ole32.dll"
+readonly SYSTEM_LIBRARIES="$libraries version.dll ws2_32.dll"
 
 passed=0
 failed=0
@@ -40,9 +41,11 @@ version_text() { # the text that platform/version_info.h gives a name
     sed -n "s/^#define $1 *\"\(.*\)\".*/\1/p" platform/version_info.h
 }
 
-mapfile -t programs < <(find "$BUILT" -maxdepth 2 -name '*.exe' -not -path "$BUILT/tests/*" -not -path "$BUILT/machine/*" | sort)
+mapfile -t programs < <(find "$BUILT" -maxdepth 2 -name '*.exe' -not -path "$BUILT/tests/*" \
+    -not -path "$BUILT/machine/*" | sort)
 [[ " ${programs[*]-} " == *" $BUILT/VornTramsaNet.exe "* ]]
-report "the agent is built" $? "no $BUILT/VornTramsaNet.exe: run cmake --preset windows && cmake --build --preset windows"
+report "the agent is built" $? \
+    "no $BUILT/VornTramsaNet.exe: run cmake --preset windows && cmake --build --preset windows"
 
 for program in ${programs[@]+"${programs[@]}"}; do
     name=$(basename "$program")
@@ -112,9 +115,11 @@ LegalCopyright VORN_LEGAL_COPYRIGHT"
 fi
 
 if [ "$rebuild" = 1 ]; then
-    # The sources as they lie here, at a path of another length, without a compiler cache that could answer in its place.
+    # The sources as they lie here, at a path of another length, without a compiler cache that could answer in its
+    # place.
     mkdir -p "$work/second-build-of-the-same-sources"
-    git ls-files -z --cached --others --exclude-standard -- . | xargs -0 -I{} sh -c '[ ! -e "$1" ] || printf "%s\0" "$1"' _ {} |
+    git ls-files -z --cached --others --exclude-standard -- . |
+        xargs -0 -I{} sh -c '[ ! -e "$1" ] || printf "%s\0" "$1"' _ {} |
         tar -c --null -T - | tar -x -C "$work/second-build-of-the-same-sources"
     targets=()
     for program in ${programs[@]+"${programs[@]}"}; do

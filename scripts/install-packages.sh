@@ -36,7 +36,10 @@ missing_packages() {
     done
 }
 
-command -v dpkg-query >/dev/null || { echo "packages: this is no Debian system; needed are: ${PACKAGES[*]}" >&2; exit 1; }
+if ! command -v dpkg-query >/dev/null; then
+    echo "packages: this is no Debian system; needed are: ${PACKAGES[*]}" >&2
+    exit 1
+fi
 mapfile -t missing < <(missing_packages)
 [ ${#missing[@]} -gt 0 ] || exit 0
 
@@ -57,7 +60,8 @@ install_missing() {
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
         apt-get install -y --no-install-recommends -o DPkg::Lock::Timeout=300 "${missing[@]}" >"$log" 2>&1
 }
-# The lists of a fresh system are empty, and old ones name packages that are gone: fetched only when the first try fails.
+# The lists of a fresh system are empty, and old ones name packages that are gone: fetched only when the first try
+# fails.
 if ! install_missing; then
     if ! "${as_root[@]}" apt-get update -o DPkg::Lock::Timeout=300 >"$log" 2>&1 || ! install_missing; then
         tail -n 20 "$log" >&2

@@ -1,15 +1,17 @@
 #!/bin/bash
 # Runs each fuzz program of build/fuzz for a few seconds.
 #   scripts/run-fuzz-programs.sh SECONDS [NAME]...
-# A program begins with the inputs of tests/fuzz/NAME_inputs and uses tests/fuzz/NAME.dict, where there are any. What it found wrong lies in
-# build/fuzz/NAME_fuzz-*. The last line is "fuzz tests: N passed, N failed"; exit code 1 when any failed or none ran.
+# A program begins with the inputs of tests/fuzz/NAME_inputs and uses tests/fuzz/NAME.dict, where there are any. What
+# it found wrong lies in build/fuzz/NAME_fuzz-*. The last line is "fuzz tests: N passed, N failed"; exit code 1 when
+# any failed or none ran.
 set -u
 [[ "${1-}" =~ ^[0-9]+$ ]] || { echo "usage: scripts/run-fuzz-programs.sh SECONDS [NAME]..." >&2; exit 2; }
 seconds=$1
 shift
 cd "$(dirname "$0")/.." || exit 1
 names=("$@")
-[ ${#names[@]} != 0 ] || mapfile -t names < <(find tests/fuzz -name '*_fuzz.cpp' -printf '%f\n' | sed 's/_fuzz\.cpp$//' | sort)
+[ ${#names[@]} != 0 ] ||
+    mapfile -t names < <(find tests/fuzz -name '*_fuzz.cpp' -printf '%f\n' | sed 's/_fuzz\.cpp$//' | sort)
 
 passed=0
 failed=0

@@ -1,12 +1,12 @@
 #!/bin/bash
 # Runs GoogleTest programs and adds up their own counts.
 #   scripts/run-test-programs.sh LABEL SECONDS PROGRAM...
-# SECONDS bounds each program. RUNNER, when set, is the command that runs one ("wine"). JOBS programs run side by side (1 unless
-# set): only for programs whose tests make machines of their own. With SHARDS=N each program runs as N processes that share its
-# tests out among them. A failing program's output is shown in full; a skipped test is shown with its reason. A program that ends
-# without its closing count (a crash, the bound) counts as one failed test. Every test has one try. With TIMES=FILE a line
-# "MILLISECONDS LABEL TEST" for each test is appended to FILE.
-# The last line is "LABEL tests: N passed, N failed"; exit code 1 when any failed or none ran.
+# SECONDS bounds each program. RUNNER, when set, is the command that runs one ("wine"). JOBS programs run side by side
+# (1 unless set): only for programs whose tests make machines of their own. With SHARDS=N each program runs as N
+# processes that share its tests out among them. A failing program's output is shown in full; a skipped test is shown
+# with its reason. A program that ends without its closing count (a crash, the bound) counts as one failed test. Every
+# test has one try. With TIMES=FILE a line "MILLISECONDS LABEL TEST" for each test is appended to FILE. The last line
+# is "LABEL tests: N passed, N failed"; exit code 1 when any failed or none ran.
 set -u
 
 if [ $# -lt 2 ] || ! [[ "$2" =~ ^[0-9]+$ ]]; then
@@ -45,7 +45,8 @@ run_program() {
     fi
     name=$(basename "$program" .exe)
     [ "$shards" = 1 ] || name+=" $(($3 + 1))/$shards"
-    echo "$nPassed $nFailed $label $name: $nPassed passed, $nFailed failed$why ($((SECONDS - started)) s)" >"$work/$1.end.new"
+    why+=" ($((SECONDS - started)) s)"
+    echo "$nPassed $nFailed $label $name: $nPassed passed, $nFailed failed$why" >"$work/$1.end.new"
     mv "$work/$1.end.new" "$work/$1.end"
 }
 
@@ -70,7 +71,8 @@ for ((i = 1; i <= number; i++)); do
     tr -d '\r' <"$work/$i.log" >"$work/text"
     [ "$nFailed" = 0 ] || cat "$work/text"
     grep -B3 '^\[  SKIPPED \] .*ms)$' "$work/text" | sed 's/^/    /'
-    [ -z "${TIMES-}" ] || sed -nE "s/^\[ +(OK|FAILED) +\] ([^ ,]+).* \(([0-9]+) ms\)\$/\3 $label \2/p" "$work/text" >>"$TIMES"
+    [ -z "${TIMES-}" ] ||
+        sed -nE "s/^\[ +(OK|FAILED) +\] ([^ ,]+).* \(([0-9]+) ms\)\$/\3 $label \2/p" "$work/text" >>"$TIMES"
     echo "$line"
 done
 echo "$label tests: $passed passed, $failed failed"

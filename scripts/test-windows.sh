@@ -25,7 +25,8 @@ umask 0
 trap 'wineserver -k || true' EXIT
 
 echo "left out under Wine, since they need the hosted machine's faults, clock, counts or pretended environment:"
-find tests -name '*_hosted_test.cpp' | sed 's|^tests/||; s|_hosted_test.cpp$||' | sort | tr '\n' ' ' | fold -s -w 110 | sed 's/^/    /'
+find tests -name '*_hosted_test.cpp' | sed 's|^tests/||; s|_hosted_test.cpp$||' | sort | tr '\n' ' ' |
+    fold -s -w 110 | sed 's/^/    /'
 echo
 
 mapfile -t programs < <(find build/windows/tests -name 'test_*.exe' | sort)

@@ -10,8 +10,9 @@
 #   tsan            the threaded unit tests under the thread sanitizer
 #   windows-build   checks of the Windows programs, and a second build that must give the same bytes
 #   fuzz            each fuzz program for a few seconds
-# While the tests of one build run, the next builds go on behind them at low priority. Each stage prints a closing line of its own;
-# the last line of all is "N passed, N failed". Exit code 0 when all passed, 1 when not, 2 for a wrong option.
+# While the tests of one build run, the next builds go on behind them at low priority. Each stage prints a closing
+# line of its own; the last line of all is "N passed, N failed". Exit code 0 when all passed, 1 when not, 2 for a
+# wrong option.
 set -u
 
 readonly STAGES="style dev e2e windows e2e-windows tsan windows-build fuzz"
@@ -153,7 +154,8 @@ stage_dev() {
 
 stage_e2e() {
     built dev || return
-    run_counted e2e env JOBS=2 SHARDS=2 VORN_E2E_PROGRAMS="$PWD/build/dev" scripts/run-test-programs.sh e2e 1200 build/dev/tests/e2e/test_e2e
+    run_counted e2e env JOBS=2 SHARDS=2 VORN_E2E_PROGRAMS="$PWD/build/dev" \
+        scripts/run-test-programs.sh e2e 1200 build/dev/tests/e2e/test_e2e
 }
 
 stage_windows() {
@@ -167,8 +169,9 @@ stage_e2e-windows() {
         scripts/run-test-programs.sh e2e-windows 1200 build/dev/tests/e2e/test_e2e
     local kind
     for kind in hosted-wine wine-hosted; do # old machine first
-        run_counted "e2e $kind" env VORN_E2E_KIND=$kind VORN_E2E_PROGRAMS="$PWD/build/dev" VORN_E2E_WINDOWS_PROGRAMS="$PWD/build/windows" \
-            GTEST_FILTER='Migration.*:Link.RightPin*' scripts/run-test-programs.sh "e2e $kind" 400 build/dev/tests/e2e/test_e2e
+        run_counted "e2e $kind" env VORN_E2E_KIND=$kind VORN_E2E_PROGRAMS="$PWD/build/dev" \
+            VORN_E2E_WINDOWS_PROGRAMS="$PWD/build/windows" GTEST_FILTER='Migration.*:Link.RightPin*' \
+            scripts/run-test-programs.sh "e2e $kind" 400 build/dev/tests/e2e/test_e2e
     done
 }
 
@@ -178,8 +181,9 @@ stage_tsan() {
     for name in $THREADED; do
         programs+=("build/tsan/tests/$name")
     done
-    run_counted tsan env TSAN_OPTIONS="halt_on_error=0 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp" JOBS=2 \
-        RUNNER="$(fixed_placement)" scripts/run-test-programs.sh tsan 300 "${programs[@]}"
+    run_counted tsan env JOBS=2 RUNNER="$(fixed_placement)" \
+        TSAN_OPTIONS="halt_on_error=0 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp" \
+        scripts/run-test-programs.sh tsan 300 "${programs[@]}"
 }
 
 stage_windows-build() {

@@ -1,15 +1,16 @@
 #!/bin/bash
 # Makes a Windows machine for Wine in a folder of its own, or completes the one that is there.
 #   scripts/wine-prefix.sh FOLDER [--user NAME] [--drive LETTER[=HOSTFOLDER]]... [--folder NAME=PATH]...
-# --drive adds a fixed drive (in FOLDER/drive_LETTER unless told). --folder moves the user's Desktop, Documents or Pictures
-# to a Windows path. The machine has no screen (the null graphics driver) and shows this system's root as network drive Z.
-# FOLDER/machine.env holds what a program of that machine needs in its environment:
+# --drive adds a fixed drive (in FOLDER/drive_LETTER unless told). --folder moves the user's Desktop, Documents or
+# Pictures to a Windows path. The machine has no screen (the null graphics driver) and shows this system's root as
+# network drive Z. FOLDER/machine.env holds what a program of that machine needs in its environment:
 #   ( set -a; . FOLDER/machine.env; wine PROGRAM )
 # Wine takes the user's name from USER, when the machine is made and again in every process; a machine keeps its user.
 set -eu
 
 usage() {
-    echo "usage: scripts/wine-prefix.sh FOLDER [--user NAME] [--drive LETTER[=HOSTFOLDER]]... [--folder NAME=PATH]..." >&2
+    echo "usage: scripts/wine-prefix.sh FOLDER [--user NAME] [--drive LETTER[=HOSTFOLDER]]..." \
+        "[--folder NAME=PATH]..." >&2
     exit 2
 }
 
@@ -21,7 +22,11 @@ while [ $# -gt 0 ]; do
     case "$1" in
         --user) [ $# -ge 2 ] && [[ "$2" =~ ^[A-Za-z0-9._-]+$ ]] || usage; user=$2; shift 2 ;;
         --drive) [ $# -ge 2 ] && [[ "$2" =~ ^[D-Yd-y](=.+)?$ ]] || usage; drives+=("$2"); shift 2 ;;
-        --folder) [ $# -ge 2 ] && [[ "$2" =~ ^(Desktop|Documents|Pictures)=[A-Za-z]:\\ ]] || usage; moved+=("$2"); shift 2 ;;
+        --folder)
+            [ $# -ge 2 ] && [[ "$2" =~ ^(Desktop|Documents|Pictures)=[A-Za-z]:\\ ]] || usage
+            moved+=("$2")
+            shift 2
+            ;;
         -*) usage ;;
         *) [ -z "$folder" ] || usage; folder=$1; shift ;;
     esac
@@ -94,5 +99,6 @@ if [ "$new" = 1 ]; then
     # The driver is chosen when the desktop starts, so this machine's server ends and takes the desktop with it.
     timeout 60 wineserver -k || true
     run wineserver -w
-    printf 'WINEPREFIX=%q\nUSER=%q\nWINEDEBUG=-all\nWINEDLLOVERRIDES="mscoree=;mshtml=;winemenubuilder.exe="\n' "$folder" "$user" >"$folder/machine.env"
+    printf 'WINEPREFIX=%q\nUSER=%q\nWINEDEBUG=-all\nWINEDLLOVERRIDES="%s"\n' \
+        "$folder" "$user" 'mscoree=;mshtml=;winemenubuilder.exe=' >"$folder/machine.env"
 fi

@@ -54,15 +54,26 @@ static void TraceFailure(int32_t nResult, const char16_t *pszPath)
     TraceValueText("!!SendNetworkFileEx", static_cast<uint32_t>(nResult), pszPath, TREE_PATH_UNITS);
 }
 
-static void ReportFailedFile(const char16_t *pszPath)
+// Keeps and reports it.
+static void NoteFailedFile(const TreeWalk *pWalk, const char16_t *pszPath, int32_t nResult)
 {
-    if (TextLengthW(pszPath) < FAIL_TEXT_UNITS) SendFailItems(1, 1, pszPath);
+    FailedItems *const pFailed = pWalk->pSend->pFailed;
+    NoteItemFailed(pFailed, pszPath, nResult);
+    if (TextLengthW(pszPath) < FAIL_TEXT_UNITS) NoteItemReport(pFailed, SendFailItems(1, 1, pszPath));
+}
+
+// What became of a folder's own entry, which is kept with a trailing backslash.
+static void NoteFolder(const TreeWalk *pWalk, const char16_t *pszFolder, int32_t nResult)
+{
+    char16_t szFolder[TREE_PATH_UNITS + 1];
+    FormatTextW(szFolder, TREE_PATH_UNITS + 1, u"%s\\", pszFolder);
+    if (nResult == SEND_OK) NoteItemSent(pWalk->pSend->pFailed, szFolder);
+    else NoteItemFailed(pWalk->pSend->pFailed, szFolder, nResult);
 }
 
 static void MarkLinkEnd(const TreeWalk *pWalk, int32_t nResult)
 {
-    if (IsLinkEnd(nResult) && pWalk->pSend->pbFatal != nullptr) *pWalk->pSend->pbFatal = 1;
-    if (nResult == 0 && pWalk->pSend->pbUnanswered != nullptr) *pWalk->pSend->pbUnanswered = 1;
+    if (EndsLink(nResult) && pWalk->pSend->pbFatal != nullptr) *pWalk->pSend->pbFatal = 1;
 }
 
 // Puts an entry's name behind the path of cch units. False when it does not fit: a cut path names something else.
@@ -159,16 +170,22 @@ static void TakeOutcome(void *pContext, const WindowItem *pItem, int32_t nResult
     case SEND_OK: Record(pWalk, pItem); [[fallthrough]];
     case ITEM_RECORDED:
         if (bCounts) ++pWalk->nCount;
+        if (pItem->dwType == FILE_TYPE_FOLDER) NoteFolder(pWalk, pItem->pszSource, SEND_OK);
+        else NoteItemSent(pWalk->pSend->pFailed, pItem->pszSource);
         return;
     case ITEM_REFUSED:
-        if (bCounts) ReportFailedFile(pItem->pszSource);
+        if (bCounts) NoteFailedFile(pWalk, pItem->pszSource, SEND_DISK_FULL);
         return;
     default: break;
     }
     TraceFailure(nResult, pItem->pszSource);
-    if (bCounts) ReportFailedFile(pItem->pszSource);
-    if (pItem->dwType == FILE_TYPE_FOLDER) MarkLinkEnd(pWalk, nResult);
-    else NoteFailure(pWalk, pItem, nResult);
+    if (bCounts) NoteFailedFile(pWalk, pItem->pszSource, nResult);
+    if (pItem->dwType == FILE_TYPE_FOLDER) {
+        NoteFolder(pWalk, pItem->pszSource, nResult);
+        MarkLinkEnd(pWalk, nResult);
+    } else {
+        NoteFailure(pWalk, pItem, nResult);
+    }
 }
 
 // A file of the level's folder. szSource and szTarget are cut back by the caller.

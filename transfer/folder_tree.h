@@ -2,6 +2,7 @@
 // Threads  a walk runs on one worker thread and owns all its arguments; nothing is shared, no lock is held between
 //          sends.
 #pragma once
+#include "migration/failed_items.h"
 #include "migration/path_map.h"
 #include "migration/string_list.h"
 #include "transfer/destination_limits.h"
@@ -22,7 +23,7 @@ struct FolderTreeSend {
     uint32_t *pbSpaceExhausted; // optional, set to 1 when the peer reported a full disk
     uint32_t *pbFatal;          // optional, set to 1 when a send, the folders' own included, ended the link
     DestinationLimits *pLimits; // optional
-    uint32_t *pbUnanswered;     // optional, set to 1 when the peer never said what became of an item that went out whole
+    FailedItems       *pFailed; // optional: learns what becomes of each item
 };
 // Files sent or recorded as sent, in this folder and below; 1 for a folder that held nothing to send (0 where something
 // was handled, a file or a subfolder, but none counted). A failed item never stops the walk, only cancellation does. 0

@@ -31,6 +31,17 @@ constexpr bool IsLinkEnd(int32_t nResult)
 {
     return nResult == SEND_LINK_ERROR || nResult == SEND_NO_ROLE || nResult == SEND_NO_SOCKET;
 }
+// True for the results of a command or stream that did not leave whole, whatever kept it: the peer takes the next
+// exchange for the rest of it, so nothing that follows on this link can arrive.
+constexpr bool IsHalfSent(int32_t nResult)
+{
+    return (nResult >= -7 && nResult <= -2) || (nResult >= -25 && nResult <= -21);
+}
+// What ends a walk.
+constexpr bool EndsLink(int32_t nResult)
+{
+    return IsLinkEnd(nResult) || IsHalfSent(nResult);
+}
 
 // nUnused is not used. SEND_OK or a code above; others are the command layer's. No answer is awaited.
 int32_t SendNetworkCommand(const IpcMessage *pRecord, int32_t nUnused, uint64_t ullExecution);

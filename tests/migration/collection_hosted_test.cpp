@@ -1,6 +1,7 @@
 // The walk where waits are long or the state files fail.
 #include "platform/errors.h"
 #include "platform/hosted/control.h"
+#include "platform/sockets.h"
 #include "tests/migration/collection_fixture.h"
 #include <algorithm>
 
@@ -34,6 +35,83 @@ TEST_F(CollectionHosted, ItemThatADepartingPeerNeverAnsweredIsSentByTheNextRun)
         EXPECT_EQ("record 2120 2 0 0 ||", aSecond.back());
         ASSERT_TRUE(DeleteFileW(File(PROGRESS_INFO_FILE).c_str()));
     }
+}
+
+TEST_F(CollectionHosted, WhatAPeerThatStaysNeverAnsweredIsNeitherRecordedNorTakenForComplete)
+{
+    MakeFolder(u"A");
+    MakeFolder(u"B");
+    for (const char16_t *psz : {u"A\\1.txt", u"A\\2.txt", u"B\\3.txt", u"4.txt", u"5.txt"}) MakeFile(psz, 5);
+    List({u"A\\", u"B\\", u"4.txt", u"5.txt"});
+    Lines aFirst;
+    {
+        FakePeer Peer([&](uint32_t, const std::string &sPath) {
+            return sPath == At8("A\\1.txt") || sPath == At8("4.txt") ? "" : "FileDone";
+        });
+        hosted::SetClockRate(20);
+        Walk();
+        hosted::SetClockRate(1);
+        aFirst = Taken(&Peer);
+    }
+    EXPECT_EQ("record 2120 -2 0 0 ||", aFirst.back());
+    EXPECT_EQ(1, std::count(aFirst.begin(), aFirst.end(), "file 3 " + At8("5.txt") + " 5")); // the walk has gone on
+    EXPECT_FALSE(IsMarkedComplete());
+    FakePeer Peer;
+    Walk();
+    EXPECT_EQ((Lines{"file 3 " + At8("4.txt") + " 5", "record 333 0 1 0 " + At8("4.txt"),
+                     "file 3 " + At8("A\\1.txt") + " 5", "record 333 0 1 0 " + At8("A\\1.txt"), "record 2120 2 0 0 ||"}),
+              Taken(&Peer));
+}
+
+TEST_F(CollectionHosted, RecordsStayUntilTheEndHasBeenReported)
+{
+    MakeFolder(u"A");
+    MakeFile(u"A\\1.txt", 5);
+    MakeFile(u"2.txt", 5);
+    List({u"A\\", u"2.txt"});
+    int nSends = 0;
+    {
+        FakePeer Peer;
+        hosted::ClearFaults();
+        Walk();
+        nSends = hosted::CallCount("send");
+        EXPECT_EQ("record 2120 2 0 0 ||", Taken(&Peer).back());
+    }
+    {
+        FakePeer Peer;
+        hosted::FailCall("send", nSends, WSAECONNRESET, true);
+        Walk();
+        hosted::ClearFaults();
+        const std::string sLast = "record 333 0 1 0 " + At8("2.txt"); // everything but the report
+        EXPECT_EQ(sLast, Peer.TakeUntil(sLast).back());
+    }
+    FakePeer Peer;
+    Walk();
+    EXPECT_EQ((Lines{"record 2120 2 0 0 ||"}), Taken(&Peer));
+    EXPECT_FALSE(PathExists(File(RECORD_INFO_FILE)) || PathExists(File(COMPLETE_INFO_FILE)));
+}
+
+TEST_F(CollectionHosted, StateFilesThatSomebodyHoldsAMomentAreWrittenAllTheSame)
+{
+    const std::u16string sFile = File(COMPLETE_INFO_FILE);
+    for (const uint32_t dwError : {ERROR_SHARING_VIOLATION, ERROR_ACCESS_DENIED})
+        for (int n = 1; n <= 3; ++n) { // opening it, making it, opening it again
+            DeleteFileW(sFile.c_str());
+            hosted::FailCall("CreateFileW", n, dwError);
+            EXPECT_EQ(1, AppendCompleteInfo(u"C:\\b.txt", 0)) << dwError << " " << n;
+            hosted::FailCall("CreateFileW", 1, dwError);
+            EXPECT_EQ(1, CreateStateFile(sFile.c_str())) << dwError;
+            hosted::ClearFaults();
+        }
+    hosted::SetClockRate(50);
+    hosted::FailCall("CreateFileW", 1, ERROR_ACCESS_DENIED, true);
+    EXPECT_EQ(0, AppendCompleteInfo(u"C:\\b.txt", 0));
+    EXPECT_EQ(static_cast<int>(STATE_FILE_TRIES), hosted::CallCount("CreateFileW"));
+    EXPECT_EQ(0, AppendCompleteInfo(u"C:\\b.txt", 0)); // a walk of many lines does not wait for each
+    EXPECT_EQ(static_cast<int>(STATE_FILE_TRIES) + 1, hosted::CallCount("CreateFileW"));
+    hosted::ClearFaults();
+    hosted::SetClockRate(1);
+    EXPECT_EQ(1, AppendCompleteInfo(u"C:\\b.txt", 0));
 }
 
 TEST_F(CollectionHosted, RecordsOfAnotherFolderAreNeverTakenForThisOnes)
@@ -84,7 +162,7 @@ TEST_F(CollectionHosted, StateFilesThatSomebodyLooksAtAreReadAMomentLater)
     for (const char16_t *psz : {u"A\\1.txt", u"B\\1.txt", u"B\\2.txt"}) MakeFile(psz, 5);
     List({u"A\\", u"B\\"});
     FakePeer Peer;
-    for (int n = 1; n <= 3; ++n) { // the list of items, what is done with, the records
+    for (int n = 1; n <= 5; ++n) { // the list of items, what failed, what is done with, the records
         ASSERT_EQ(1, AppendCompleteInfo(At(u"A").c_str(), 1));
         ASSERT_EQ(1, BeginWorkingFolder(At(u"B").c_str()));
         ASSERT_EQ(1, WriteRecordState(At(u"B\\").c_str(), At(u"B\\1.txt").c_str(), 0));
@@ -107,6 +185,7 @@ TEST_F(CollectionHosted, NothingIsLeftOpenOrAllocatedHoweverTheWalkEnds)
     List({u"A\\", u"2.txt"});
     FakePeer Peer;
     Walk(); // what is made once and kept is made now
+    hosted::SetClockRate(50); // second tries at state files
     for (const char *pszCall : {"CreateFileW", "ReadFile", "WriteFile", "FindFirstFileW", "SHGetKnownFolderPath"}) {
         for (int n = 1; n <= 40; ++n) {
             const int nHandles = hosted::OpenHandles(), nBlocks = hosted::LiveBlocks();

@@ -136,25 +136,120 @@ TEST_F(Collection, NothingLeftToSendIsCompleteOnlyWithALinkAtTheEnd)
     }
 }
 
+TEST_F(Collection, WhatFailedIsAllThatAFurtherRequestSends)
+{
+    MakeFolder(u"A");
+    MakeFolder(u"A\\sub");
+    for (const char16_t *psz : {u"A\\1.txt", u"A\\sub\\bad.txt", u"bad.txt", u"good.txt"}) MakeFile(psz, 5);
+    List({u"A\\", u"bad.txt", u"good.txt", u"gone.txt"});
+    const std::string sBad   = At8("A\\sub\\bad.txt");
+    const Lines       aAgain = {"file 3 " + sBad + " 5", "record 333 1 1 0 " + sBad,
+                                "file 3 " + At8("bad.txt") + " 5", "record 333 1 1 0 " + At8("bad.txt"),
+                                "record 333 1 1 0 " + At8("gone.txt"), "record 2120 2 0 0 ||"};
+    size_t            nWhole = 0;
+    {
+        FakePeer Peer([](uint32_t, const std::string &sPath) {
+            return sPath.find("bad") != std::string::npos ? "FileError" : "FileDone";
+        });
+        Walk();
+        const Lines aFirst = Taken(&Peer);
+        EXPECT_EQ("record 2120 2 0 0 ||", aFirst.back());
+        nWhole = aFirst.size();
+        EXPECT_FALSE(PathExists(File(RECORD_INFO_FILE)) || PathExists(File(COMPLETE_INFO_FILE)));
+        Walk();
+        EXPECT_EQ(aAgain, Taken(&Peer));
+        Walk(); // what is gone is not asked for a third time
+        EXPECT_EQ(aAgain.size() - 1, Taken(&Peer).size());
+        List({u"good.txt"}); // another collection, in which nothing has been sent
+        Walk();
+        EXPECT_EQ(3u, Taken(&Peer).size());
+        List({u"gone.txt", u"good.txt", u"A\\", u"bad.txt"});
+        Walk();
+        EXPECT_EQ(nWhole, Taken(&Peer).size());
+    }
+    FakePeer Peer;
+    Walk();
+    const Lines aLast = Taken(&Peer); // in whatever order they failed
+    EXPECT_EQ(6u, aLast.size());
+    EXPECT_EQ("record 2120 2 0 0 ||", aLast.back());
+    Walk();
+    EXPECT_EQ(nWhole - 1, Taken(&Peer).size()); // nothing is left open: a new collection, with one failure less
+}
+
+TEST_F(Collection, FailedFileOfAFolderThatIsResumedIsSentOnce)
+{
+    MakeFolder(u"A");
+    for (const char16_t *psz : {u"A\\1.txt", u"A\\2.txt", u"A\\3.txt"}) MakeFile(psz, 5);
+    List({u"A\\"});
+    {
+        FakePeer Peer([&](uint32_t, const std::string &sPath) {
+            if (sPath == At8("A\\2.txt")) CancelAllThreadExecutions();
+            return sPath == At8("A\\1.txt") ? "FileError" : "FileDone";
+        });
+        Walk();
+        EXPECT_EQ("record 2120 -2 0 0 ||", Taken(&Peer).back());
+    }
+    FakePeer Peer;
+    Walk();
+    EXPECT_EQ((Lines{"folder " + At8("A"), "file 3 " + At8("A\\1.txt") + " 5", "file 3 " + At8("A\\3.txt") + " 5",
+                     "record 333 0 3 0 " + At8("A\\"), "record 2120 2 0 0 ||"}),
+              Taken(&Peer));
+}
+
+TEST_F(Collection, RecordsBelongToThePeerTheyWereMadeWith)
+{
+    MakeFile(u"1.txt", 5);
+    MakeFile(u"2.txt", 5);
+    List({u"1.txt", u"2.txt"});
+    FakePeer Peer([&](uint32_t, const std::string &sPath) {
+        if (sPath == At8("1.txt")) CancelAllThreadExecutions();
+        return "FileDone";
+    });
+    const auto Sent = [&](const char16_t *pszName, const char16_t *pszUser) {
+        Ini(TARGET_INFO_FILE, u"SourceMachine", u"\"ComputerName\"", pszName);
+        Ini(TARGET_INFO_FILE, u"SourceMachine", u"\"CurrentUser\"", pszUser);
+        Walk();
+        return Taken(&Peer).front();
+    };
+    EXPECT_EQ("file 3 " + At8("1.txt") + " 5", Sent(u"NEWPC", u"S-1-5-21-1"));
+    EXPECT_EQ("file 3 " + At8("1.txt") + " 5", Sent(u"OTHER", u"S-1-5-21-1")); // another machine
+    EXPECT_EQ("file 3 " + At8("1.txt") + " 5", Sent(u"OTHER", u"S-1-5-21-2")); // set up anew, or another user there
+    EXPECT_EQ("file 3 " + At8("2.txt") + " 5", Sent(u"OTHER", u"S-1-5-21-2"));
+}
+
 TEST_F(Collection, SecondWalkWaitsForTheFirst)
 {
     MakeFile(u"1.txt", 5);
-    List({u"1.txt"});
-    const HANDLE hGo = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    MakeFile(u"2.txt", 5);
+    List({u"1.txt", u"2.txt"});
+    const HANDLE hAsked = CreateEventW(nullptr, FALSE, FALSE, nullptr), hGo = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     FakePeer     Peer([&](uint32_t, const std::string &) {
+        SetEvent(hAsked);
         WaitForSingleObject(hGo, 8000);
         return "FileDone";
     });
-    std::thread  First([this] { RunWalk(); }), Second([this] { RunWalk(); });
-    Lines        aLines;
-    for (int i = 0; i < 500 && aLines.empty(); ++i, Sleep(10)) aLines = Peer.Take();
-    Sleep(100); // time for the other to do something that it must not do
-    EXPECT_EQ((Lines{"file 3 " + At8("1.txt") + " 5"}), aLines);
-    EXPECT_EQ(Lines{}, Peer.Take());
+    std::thread First([this] { RunWalk(); });
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(hAsked, 8000)); // the first has its turn
+    std::atomic<bool> bSecond{false};
+    std::thread       Second([&] {
+        bSecond = true;
+        RunWalk();
+    });
+    while (!bSecond) Sleep(1);
+    Sleep(50); // for the second to come where it would not wait; a longer way there hides a fault, it makes none
     SetEvent(hGo);
     First.join();
     Second.join();
+    CloseHandle(hAsked);
     CloseHandle(hGo);
+    // One collection after the other. A second that had not waited would have sent its files between the first's.
+    const Lines aOne = {"file 3 " + At8("1.txt") + " 5", "record 333 0 1 0 " + At8("1.txt"),
+                        "file 3 " + At8("2.txt") + " 5", "record 333 0 1 0 " + At8("2.txt"), "record 2120 2 0 0 ||"};
+    Lines aBoth = Taken(&Peer), aTwice = aOne;
+    if (aBoth.size() == aOne.size())
+        for (const std::string &sLine : Taken(&Peer)) aBoth.push_back(sLine);
+    aTwice.insert(aTwice.end(), aOne.begin(), aOne.end());
+    EXPECT_EQ(aTwice, aBoth);
 }
 
 } // namespace

@@ -10,6 +10,8 @@
 
 #define MIRRORED(X)                                                                                                    \
     X(INVALID_SOCKET) X(SOCKET_ERROR) X(AF_INET) X(SOCK_STREAM) X(IPPROTO_TCP) X(AI_PASSIVE) X(SOL_SOCKET)             \
+    X(SOCK_DGRAM) X(IPPROTO_IP) X(IPPROTO_UDP) X(SO_REUSEADDR) X(IP_MULTICAST_IF) X(IP_MULTICAST_TTL)                  \
+    X(IP_ADD_MEMBERSHIP) X(IP_DROP_MEMBERSHIP) X(POLLIN) X(WSAEMSGSIZE)                                                \
     X(SO_SNDTIMEO) X(SO_RCVTIMEO) X(SOMAXCONN) X(TCP_NODELAY) X(SD_BOTH) X(WSAEINTR) X(WSAEACCES) X(WSAEINVAL)         \
     X(WSAEMFILE) X(WSAEWOULDBLOCK) X(WSAENOTSOCK) X(WSAEADDRINUSE) X(WSAEADDRNOTAVAIL) X(WSAENETUNREACH)               \
     X(WSAECONNABORTED) X(WSAECONNRESET) X(WSAENOBUFS) X(WSAENOTCONN) X(WSAESHUTDOWN) X(WSAETIMEDOUT)                   \
@@ -128,7 +130,7 @@ static void ResetAtClose(SOCKET s, bool bReset)
 SOCKET socket(int32_t nFamily, int32_t nType, int32_t nProtocol)
 {
     const SOCKET s = ::socket(nFamily, nType, nProtocol);
-    if (s != INVALID_SOCKET) ResetAtClose(s, true);
+    if (s != INVALID_SOCKET && nType == SOCK_STREAM) ResetAtClose(s, true);
     return s;
 }
 

@@ -152,7 +152,7 @@ int32_t WinsockErrorFromErrno(int nErrno)
     case EINPROGRESS: return WSAEALREADY;
     case EBADF:
     case ENOTSOCK: return platform::WSAENOTSOCK;
-    case EMSGSIZE: return WSAEMSGSIZE;
+    case EMSGSIZE: return platform::WSAEMSGSIZE;
     case ENOPROTOOPT: return WSAENOPROTOOPT;
     case EOPNOTSUPP: return WSAEOPNOTSUPP;
     case EAFNOSUPPORT: return WSAEAFNOSUPPORT;

@@ -18,8 +18,15 @@ namespace hosted {
 // Winsock's numbers, under names that no system header has a macro for.
 constexpr int32_t WINSOCK_SOL_SOCKET = platform::SOL_SOCKET, WINSOCK_SO_SNDTIMEO = platform::SO_SNDTIMEO,
                   WINSOCK_SO_RCVTIMEO = platform::SO_RCVTIMEO, WINSOCK_IPPROTO_TCP = platform::IPPROTO_TCP,
-                  WINSOCK_TCP_NODELAY = platform::TCP_NODELAY;
-constexpr int32_t WSAEFAULT = 10014, WSAEALREADY = 10037, WSAEMSGSIZE = 10040, WSAENOPROTOOPT = 10042,
+                  WINSOCK_TCP_NODELAY = platform::TCP_NODELAY, WINSOCK_SO_REUSEADDR = platform::SO_REUSEADDR,
+                  WINSOCK_IPPROTO_IP = platform::IPPROTO_IP, WINSOCK_IPPROTO_UDP = platform::IPPROTO_UDP,
+                  WINSOCK_SOCK_STREAM = platform::SOCK_STREAM, WINSOCK_SOCK_DGRAM = platform::SOCK_DGRAM,
+                  WINSOCK_IP_MULTICAST_IF = platform::IP_MULTICAST_IF,
+                  WINSOCK_IP_MULTICAST_TTL = platform::IP_MULTICAST_TTL,
+                  WINSOCK_IP_ADD_MEMBERSHIP = platform::IP_ADD_MEMBERSHIP,
+                  WINSOCK_IP_DROP_MEMBERSHIP = platform::IP_DROP_MEMBERSHIP;
+constexpr int16_t WINSOCK_POLLIN = platform::POLLIN, WINSOCK_POLLERR = 1, WINSOCK_POLLNVAL = 4;
+constexpr int32_t WSAEFAULT = 10014, WSAEALREADY = 10037, WSAENOPROTOOPT = 10042,
                   WSAEPROTONOSUPPORT = 10043, WSAESOCKTNOSUPPORT = 10044, WSAEOPNOTSUPP = 10045,
                   WSAEAFNOSUPPORT = 10047, WSAENETDOWN = 10050, WSAEISCONN = 10056, WSAEHOSTDOWN = 10064,
                   WSAVERNOTSUPPORTED = 10092;
@@ -29,12 +36,13 @@ constexpr size_t RECV_AHEAD_BYTES = 64 * 1024;  // what one real receive may tak
 constexpr int    SHUT_FOR_RECV = 1, SHUT_FOR_SEND = 2;
 
 struct Connection {
-    explicit Connection(int nDescriptor) : fd(nDescriptor) {}
+    explicit Connection(int nDescriptor, bool bIsDatagram = false) : fd(nDescriptor), bDatagram(bIsDatagram) {}
     ~Connection();
     Connection(const Connection &)            = delete;
     Connection &operator=(const Connection &) = delete;
 
     const int             fd;
+    const bool            bDatagram;         // UDP: none of what follows but bClosed, bNamed and dwRecvTimeout concerns it
     std::atomic<bool>     bClosed{false};    // taken out of the table
     std::atomic<bool>     bCut{false};       // broken by CutLinkAfter
     std::atomic<bool>     bNamed{false};     // has a local address
@@ -61,6 +69,12 @@ struct Connection {
 std::shared_ptr<Connection> EnterSocketCall(const char *pszCall, platform::SOCKET s);
 // The same without a socket: false with the error set.
 bool EnterWinsockCall(const char *pszCall);
+// Winsock's datagram socket of this process (datagrams.cpp); -1 with errno set.
+int OpenDatagramSocket();
+// An option of a datagram socket: 0, or SOCKET_ERROR with the error set.
+int32_t SetDatagramOption(Connection &connection, int32_t nLevel, int32_t nOption, const char *pValue, int32_t cbValue);
+// True with *pInner filled, or false with the error set; the two systems lay the address out alike.
+bool ReadAddress(const platform::sockaddr *pName, int32_t cbName, platform::sockaddr_in *pInner);
 // INVALID_SOCKET with WSAEMFILE when the table is full (the connection is then dropped).
 platform::SOCKET AddConnection(std::shared_ptr<Connection> pConnection);
 std::vector<std::shared_ptr<Connection>> AllConnections();

@@ -26,20 +26,6 @@ void AllowAddressReuse(int fd)
     ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &bOn, sizeof bOn);
 }
 
-// True with *pInner filled; the two systems lay the address out alike.
-bool ReadAddress(const platform::sockaddr *pName, int32_t cbName, ::sockaddr_in *pInner)
-{
-    static_assert(sizeof(::sockaddr_in) == sizeof(platform::sockaddr_in));
-    if (pName == nullptr || cbName < static_cast<int32_t>(sizeof *pInner)) {
-        FailWith(hosted::WSAEFAULT);
-        return false;
-    }
-    std::memcpy(pInner, pName, sizeof *pInner);
-    if (pInner->sin_family == AF_INET) return true;
-    FailWith(hosted::WSAEAFNOSUPPORT);
-    return false;
-}
-
 bool HasRoom(const platform::sockaddr *pName, const int32_t *pcbName)
 {
     if (pName != nullptr && pcbName != nullptr && *pcbName >= static_cast<int32_t>(sizeof(::sockaddr_in))) return true;
@@ -95,25 +81,30 @@ SOCKET socket(int32_t nFamily, int32_t nType, int32_t nProtocol)
     int32_t nError = 0;
     if (!hosted::EnterWinsockCall("socket")) return INVALID_SOCKET;
     if (nFamily != AF_INET) nError = hosted::WSAEAFNOSUPPORT;
-    else if (nType != SOCK_STREAM) nError = hosted::WSAESOCKTNOSUPPORT;
-    else if (nProtocol != 0 && nProtocol != hosted::WINSOCK_IPPROTO_TCP) nError = hosted::WSAEPROTONOSUPPORT;
-    const int fd = nError != 0 ? -1 : ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+    else if (nType != hosted::WINSOCK_SOCK_STREAM && nType != hosted::WINSOCK_SOCK_DGRAM)
+        nError = hosted::WSAESOCKTNOSUPPORT;
+    const bool    bDatagram = nType == hosted::WINSOCK_SOCK_DGRAM;
+    const int32_t nOnly     = bDatagram ? hosted::WINSOCK_IPPROTO_UDP : hosted::WINSOCK_IPPROTO_TCP;
+    if (nError == 0 && nProtocol != 0 && nProtocol != nOnly) nError = hosted::WSAEPROTONOSUPPORT;
+    const int fd = nError != 0 ? -1
+                   : bDatagram ? hosted::OpenDatagramSocket()
+                               : ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
     if (fd < 0) {
         FailWith(nError != 0 ? nError : WinsockErrorFromErrno(errno));
         return INVALID_SOCKET;
     }
-    hosted::ResetAtClose(fd, true); // accepted connections inherit it from their listener
-    return hosted::AddConnection(std::make_shared<Connection>(fd));
+    if (!bDatagram) hosted::ResetAtClose(fd, true); // accepted connections inherit it from their listener
+    return hosted::AddConnection(std::make_shared<Connection>(fd, bDatagram));
 }
 
 int32_t bind(SOCKET s, const sockaddr *pName, int32_t cbName)
 {
     const std::shared_ptr<Connection> pConnection = hosted::EnterSocketCall("bind", s);
-    ::sockaddr_in                     address     = {};
-    if (pConnection == nullptr || !ReadAddress(pName, cbName, &address)) return SOCKET_ERROR;
+    sockaddr_in                       address     = {};
+    if (pConnection == nullptr || !hosted::ReadAddress(pName, cbName, &address)) return SOCKET_ERROR;
     const auto *pAddress = reinterpret_cast<const ::sockaddr *>(&address);
     if (::bind(pConnection->fd, pAddress, sizeof address) != 0) {
-        if (errno != EADDRINUSE) return FailWith(WinsockErrorFromErrno(errno));
+        if (errno != EADDRINUSE || pConnection->bDatagram) return FailWith(WinsockErrorFromErrno(errno));
         // Only sockets that have the mark themselves (old connections, see listen and accept) make way for a second try;
         // one that is merely bound has none, and one that listens never makes way.
         AllowAddressReuse(pConnection->fd);
@@ -127,6 +118,7 @@ int32_t listen(SOCKET s, int32_t nBacklog)
 {
     const std::shared_ptr<Connection> pConnection = hosted::EnterSocketCall("listen", s);
     if (pConnection == nullptr) return SOCKET_ERROR;
+    if (pConnection->bDatagram) return FailWith(hosted::WSAEOPNOTSUPP);
     if (pConnection->bConnected) return FailWith(hosted::WSAEISCONN);
     if (!pConnection->bNamed) return FailWith(WSAEINVAL);
     AllowAddressReuse(pConnection->fd); // accepted connections inherit it
@@ -164,10 +156,11 @@ SOCKET accept(SOCKET s, sockaddr *pAddr, int32_t *pcbAddr)
 int32_t connect(SOCKET s, const sockaddr *pName, int32_t cbName)
 {
     const std::shared_ptr<Connection> pConnection = hosted::EnterSocketCall("connect", s);
-    ::sockaddr_in                     address     = {};
-    if (pConnection == nullptr || !ReadAddress(pName, cbName, &address)) return SOCKET_ERROR;
+    sockaddr_in                       address     = {};
+    if (pConnection == nullptr || !hosted::ReadAddress(pName, cbName, &address)) return SOCKET_ERROR;
     if (pConnection->bConnected) return FailWith(hosted::WSAEISCONN);
-    if (address.sin_addr.s_addr == 0 || address.sin_port == 0) return FailWith(WSAEADDRNOTAVAIL);
+    if (pConnection->bDatagram) return FailWith(hosted::WSAEOPNOTSUPP); // nothing here connects one
+    if (address.sin_addr == 0 || address.sin_port == 0) return FailWith(WSAEADDRNOTAVAIL);
     AllowAddressReuse(pConnection->fd); // a port that this connection used is free for a listener when it has ended
     int nErrno = ::connect(pConnection->fd, reinterpret_cast<const ::sockaddr *>(&address), sizeof address) == 0 ? 0 : errno;
     if (nErrno == EINTR) nErrno = FinishConnect(pConnection->fd);
@@ -196,6 +189,9 @@ int32_t setsockopt(SOCKET s, int32_t nLevel, int32_t nOption, const char *pValue
 {
     const std::shared_ptr<Connection> pConnection = hosted::EnterSocketCall("setsockopt", s);
     if (pConnection == nullptr) return SOCKET_ERROR;
+    const bool bTimeout = nLevel == hosted::WINSOCK_SOL_SOCKET && nOption == hosted::WINSOCK_SO_RCVTIMEO;
+    if (pConnection->bDatagram && !bTimeout)
+        return hosted::SetDatagramOption(*pConnection, nLevel, nOption, pValue, cbValue);
     uint32_t dwValue = 0;
     if (pValue == nullptr || cbValue != static_cast<int32_t>(sizeof dwValue)) return FailWith(hosted::WSAEFAULT);
     std::memcpy(&dwValue, pValue, sizeof dwValue);
@@ -203,7 +199,7 @@ int32_t setsockopt(SOCKET s, int32_t nLevel, int32_t nOption, const char *pValue
         pConnection->dwSendTimeout = dwValue;
         return 0;
     }
-    if (nLevel == hosted::WINSOCK_SOL_SOCKET && nOption == hosted::WINSOCK_SO_RCVTIMEO) {
+    if (bTimeout) {
         pConnection->dwRecvTimeout = dwValue;
         return 0;
     }

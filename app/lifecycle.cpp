@@ -9,6 +9,7 @@
 #include "ipc/service_pipe_client.h"
 #include "ipc/stop_signal.h"
 #include "ipc/thread_execution.h"
+#include "migration/machine_info.h"
 #include "net/role_end.h"
 #include "net/session_control.h"
 #include "net/settings.h"
@@ -126,6 +127,14 @@ static void StartServiceExitWatcher()
     delete pBlock;
 }
 
+// The user's name in the machine's info needs an answer that a domain may keep waiting for; a session has ten seconds.
+static uint32_t UserLookUpThread(void *)
+{
+    char16_t szSid[MACHINE_TEXT_UNITS];
+    GetCurrentUserSid(szSid);
+    return 0;
+}
+
 // Starts both threads of the service's pipes and waits until the agent's pipe can be connected to.
 static void StartServiceThreads(ServiceThreads *pThreads)
 {
@@ -187,6 +196,7 @@ static void ServeUntilDestroyed()
 {
     ServiceThreads threads = {};
     StartServiceExitWatcher();
+    StartDetachedThread(UserLookUpThread, nullptr);
     StartServiceThreads(&threads);
     CallServiceNamedPipe(NTOS_IPCREADY, 1, 0, 0, nullptr, nullptr, nullptr);
     RunMessageLoop();

@@ -3,6 +3,7 @@
 // often to look, and what is not a drive root is not used as one.
 #include "migration/machine_info.h"
 #include "platform/errors.h"
+#include "platform/made_once.h"
 #include "platform/profile.h"
 #include "platform/security.h"
 #include "platform/shell.h"
@@ -26,6 +27,11 @@ constexpr uint32_t SID_BYTES = 68; // the largest SID
 constexpr int32_t  MACHINE_VOLUMES_MAX = 256; // looked at, whatever "Number" says: each costs a pass over the file
 constexpr size_t QUOTED_TEXT_UNITS    = MACHINE_TEXT_UNITS + 2;
 constexpr size_t VOLUME_SECTION_UNITS = 32;
+
+// The user's SID, asked for once: a laptop away from its domain waits long for the answer. Under the lock, over the call.
+static CRITICAL_SECTION g_csOwnSid;
+static bool             g_bOwnSidAsked;
+static char16_t         g_szOwnSid[MACHINE_TEXT_UNITS]; // empty: there is none
 
 static bool WriteQuoted(const char16_t *pszIniPath, const char16_t *pszSection, const char16_t *pszKey,
                         const char16_t *pszValue)
@@ -92,13 +98,25 @@ static void WriteVolumes(const char16_t *pszIniPath)
     FreeStringList(&Volumes);
 }
 
+// False for a name that stands for a folder (SUBST), and for what a user's program offers as a drive: they come and go
+// with a session, and files that were sent there would lie in that folder, or nowhere. A name that cannot be asked
+// counts as a volume.
+static bool IsDiskVolume(char16_t chDrive)
+{
+    constexpr char16_t VOLUME_DEVICE[] = u"\\Device\\HarddiskVolume";
+    const char16_t     szName[]        = {chDrive, u':', u'\0'};
+    char16_t           szDevice[MACHINE_TEXT_UNITS];
+    if (QueryDosDeviceW(szName, szDevice, MACHINE_TEXT_UNITS) == 0) return GetLastError() != ERROR_INSUFFICIENT_BUFFER;
+    return CompareTextNoCaseN_W(szDevice, VOLUME_DEVICE, TextLengthW(VOLUME_DEVICE)) == 0;
+}
+
 void GetFixedVolumes(StringList *pList)
 {
     const uint32_t dwDrives = GetLogicalDrives();
     for (uint32_t i = 0; i < 26; ++i) {
         if ((dwDrives & (1u << i)) == 0) continue;
         const char16_t szRoot[] = {static_cast<char16_t>(u'A' + i), u':', u'\\', u'\0'};
-        if (GetDriveTypeW(szRoot) != DRIVE_FIXED) continue;
+        if (GetDriveTypeW(szRoot) != DRIVE_FIXED || !IsDiskVolume(szRoot[0])) continue;
         HotPlugInfo Info = {};
         if (GetHotPlugInfo(szRoot, &Info) && (Info.bMediaRemovable || Info.bDeviceHotplug)) continue;
         AppendString(pList, szRoot, MACHINE_TEXT_UNITS);
@@ -133,7 +151,7 @@ static int32_t LookUpUserSid(const char16_t *pszAccount, char16_t *pszSid, char1
     return nRet;
 }
 
-int32_t GetCurrentUserSid(char16_t *pszSid)
+static int32_t AskForUserSid(char16_t *pszSid)
 {
     char16_t szUser[MACHINE_TEXT_UNITS];
     char16_t szDomain[MACHINE_TEXT_UNITS];
@@ -145,6 +163,25 @@ int32_t GetCurrentUserSid(char16_t *pszSid)
     // A machine of the user's own name answers for the plain name; with its domain the name can only be the user's.
     FormatTextW(szAccount, 2 * MACHINE_TEXT_UNITS, u"%s\\%s", szDomain, szUser);
     return LookUpUserSid(szAccount, pszSid, szDomain);
+}
+
+int32_t GetCurrentUserSid(char16_t *pszSid)
+{
+    EnterCriticalSection(MadeOnce<&g_csOwnSid>());
+    if (!g_bOwnSidAsked) {
+        AskForUserSid(g_szOwnSid);
+        g_bOwnSidAsked = true;
+    }
+    CopyTextW(pszSid, MACHINE_TEXT_UNITS, g_szOwnSid);
+    LeaveCriticalSection(&g_csOwnSid);
+    return pszSid[0] != u'\0' ? 1 : 0;
+}
+
+void ForgetCurrentUserSid()
+{
+    EnterCriticalSection(MadeOnce<&g_csOwnSid>());
+    g_bOwnSidAsked = false;
+    LeaveCriticalSection(&g_csOwnSid);
 }
 
 int32_t WriteMachineInfo(const char16_t *pszIniPath, const char16_t *pszCurrentUserSid)

@@ -18,11 +18,14 @@ constexpr char16_t SOURCE_MACHINE_SECTION[] = u"SourceMachine";
 constexpr char16_t COMPUTER_NAME_KEY[]      = u"\"ComputerName\"";
 constexpr char16_t CURRENT_USER_KEY[]       = u"\"CurrentUser\"";
 
-// Roots ("C:\") of the fixed drives without removable media that are no hot-plug devices, in letter order. A drive that
+// Roots ("C:\") of the fixed drives without removable media that are no hot-plug devices and stand for a
+// volume of a disk, in letter order. A drive that
 // does not answer the hot-plug query counts as one that cannot be pulled.
 void GetFixedVolumes(StringList *pList);
-// 1 and the SID as text (pszSid: 260 units), or 0 with the text empty.
+// 1 and the SID as text (pszSid: 260 units), or 0 with the text empty. The system is asked once for each process, and a
+// domain may take its time: lifecycle asks ahead of the first session. Whoever comes meanwhile waits for that answer.
 int32_t GetCurrentUserSid(char16_t *pszSid);
+void    ForgetCurrentUserSid(); // tests only: another machine's user is asked for anew
 // The machine's name (pszName: 260 units), or 0 with the text empty.
 int32_t GetOwnComputerName(char16_t *pszName);
 // Adds the sections above to an existing INI file. 1 when the system folders were written.

@@ -48,6 +48,13 @@ static void AppendPair(PathMap *pMap, const char16_t *pszSource, const char16_t 
     pMap->pLastPair = pPair;
 }
 
+// "X:\...". A place without a drive (a folder that was moved to a share) takes no files: they come by the next wider
+// pair, and links are rewritten to where the files are.
+static bool HasDrive(const char16_t *pszPath)
+{
+    return IsLetter(pszPath[0]) && pszPath[1] == u':' && pszPath[2] == u'\\';
+}
+
 // No pair at all unless both lists are whole: position says which folder is meant.
 static void PairFolders(PathMap *pMap, const StringList *pSource, const StringList *pTarget, uint32_t nExpected)
 {
@@ -57,7 +64,7 @@ static void PairFolders(PathMap *pMap, const StringList *pSource, const StringLi
     for (; pFrom != nullptr && pTo != nullptr; pFrom = pFrom->pNext, pTo = pTo->pNext) {
         const char16_t *pszFrom = StringText(pFrom);
         const char16_t *pszTo   = StringText(pTo);
-        if (pszFrom[0] == u'\0' || pszTo[0] == u'\0' || CompareTextNoCaseW(pszFrom, pszTo) == 0) continue;
+        if (pszFrom[0] == u'\0' || !HasDrive(pszTo) || CompareTextNoCaseW(pszFrom, pszTo) == 0) continue;
         AppendPair(pMap, pszFrom, pszTo);
     }
 }
@@ -150,10 +157,10 @@ static PathForm ClassifyPath(const char16_t *pszPath)
     return {u"", 0, DRIVE_ROOT_UNITS};
 }
 
-// 1, or 0 with the path untouched when the text did not fit: a cut path would name another file.
+// 1, or -1 with the path untouched when the text did not fit: a cut path would name another file.
 static int32_t ReplacePath(char16_t *pszPath, uint32_t cch, const char16_t *pszText, int32_t nFormatted)
 {
-    if (nFormatted < 0 || static_cast<uint32_t>(nFormatted) >= cch) return 0;
+    if (nFormatted < 0 || static_cast<uint32_t>(nFormatted) >= cch) return -1;
     CopyTextW(pszPath, cch, pszText);
     return 1;
 }
@@ -172,7 +179,8 @@ static int32_t MoveDrive(const PathMap *pMap, const PathForm &Form, char16_t *ps
     return ReplacePath(pszPath, cch, szNew, nFormatted);
 }
 
-int32_t TranslatePath(const PathMap *pMap, char16_t *pszPath, uint32_t cch, int32_t bRequireSourceVolume)
+// 1, 0 or -1, as TranslateForTarget.
+static int32_t Translate(const PathMap *pMap, char16_t *pszPath, uint32_t cch, int32_t bRequireSourceVolume)
 {
     char16_t szNew[MAP_PATH_UNITS];
     if (pMap == nullptr || !pMap->bInitialised) return 0;
@@ -188,6 +196,16 @@ int32_t TranslatePath(const PathMap *pMap, char16_t *pszPath, uint32_t cch, int3
     if (bRequireSourceVolume && pMap->PeerVolumes.nCount != 0 && !BeginsWithAny(pszBare, &pMap->PeerVolumes)) return 0;
     if (BeginsWithAny(pszBare, &pMap->DestinationVolumes)) return 0;
     return MoveDrive(pMap, Form, pszPath, cch);
+}
+
+int32_t TranslatePath(const PathMap *pMap, char16_t *pszPath, uint32_t cch, int32_t bRequireSourceVolume)
+{
+    return Translate(pMap, pszPath, cch, bRequireSourceVolume) > 0 ? 1 : 0;
+}
+
+int32_t TranslateForTarget(const PathMap *pMap, char16_t *pszPath, uint32_t cch)
+{
+    return Translate(pMap, pszPath, cch, 0);
 }
 
 int32_t TranslateFolderPath(const PathMap *pMap, char16_t *pszPath, uint32_t cch, int32_t bRequireSourceVolume)

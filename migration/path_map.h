@@ -39,5 +39,8 @@ void ReleasePathMap(PathMap *pMap);
 //   bRequireSourceVolume  1: a path on a drive that the source is known not to have is no path of the source and stays
 //    1  rewritten      0  left as it was: nothing applies, no such map, or the result has no room in pszPath
 int32_t TranslatePath(const PathMap *pMap, char16_t *pszPath, uint32_t cch, int32_t bRequireSourceVolume);
+// TranslatePath without a required volume, for whoever is about to send something there: 1 rewritten, 0 stays as it is,
+// -1 the translated path has no room in pszPath or would be cut: nothing may be sent to where it would land otherwise.
+int32_t TranslateForTarget(const PathMap *pMap, char16_t *pszPath, uint32_t cch);
 // The same for a folder path without trailing backslash, which a pair's prefix alone would not match.
 int32_t TranslateFolderPath(const PathMap *pMap, char16_t *pszPath, uint32_t cch, int32_t bRequireSourceVolume);

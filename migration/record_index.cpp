@@ -21,7 +21,7 @@ static RecordTable g_aTables[TABLES];
 static uint64_t MixText(uint64_t ullHash, const char16_t *pszText)
 {
     for (; *pszText != 0; ++pszText) {
-        ullHash = (ullHash ^ FoldCaseW(*pszText)) * HASH_MULTIPLY;
+        ullHash = (ullHash ^ *pszText) * HASH_MULTIPLY;
         ullHash ^= ullHash >> 32;
     }
     return (ullHash ^ 0xFFFF0000) * HASH_MULTIPLY; // no unit has this value: where the text ends counts

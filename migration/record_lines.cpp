@@ -277,7 +277,7 @@ static bool CopyPieces(LineReader *pReader, LineWriter *pWriter, const PieceList
 
 bool RewriteRecordFile(const char16_t *pszFile, const char16_t *pszWorkFile)
 {
-    LineReader *pReader = new (std::nothrow) LineReader;
+    LineReader *pReader = new (std::nothrow) LineReader{};
     PieceList   pieces  = {};
     LineWriter  writer  = {INVALID_HANDLE_VALUE, new (std::nothrow) char16_t[READ_BUFFER_BYTES / sizeof(char16_t)], 0};
     bool        bDone   = false;

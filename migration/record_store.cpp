@@ -100,7 +100,7 @@ static void TakeLine(LineReader *pReader, char16_t (&szSection)[RECORD_LINE_UNIT
     switch (ParseRecordLine(pReader->szLine, &pszName, &pszValue)) {
     case RecordLine::Nothing: break;
     case RecordLine::Section: {
-        CopyTextW(szSection, RECORD_LINE_UNITS, pszName);
+        CopyTextW(szSection, RECORD_LINE_UNITS, pszName[0] != 0 ? pszName : BASE_SECTION); // "[]": the folder itself
         const uint64_t ullSection = HashRecord(szSection, nullptr);
         if (FindRecord(ullSection) != 0) g_bInPieces = true;
         PutRecord(ullSection, RECORD_FILE_SENT);
@@ -122,7 +122,7 @@ static void TakeLine(LineReader *pReader, char16_t (&szSection)[RECORD_LINE_UNIT
 static bool LoadFile(const char16_t *pszFile)
 {
     char16_t    szSection[RECORD_LINE_UNITS] = {};
-    LineReader *pReader                      = new (std::nothrow) LineReader;
+    LineReader *pReader                      = new (std::nothrow) LineReader{};
     bool        bLoaded                      = false;
     if (pReader == nullptr) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
@@ -196,7 +196,7 @@ static bool EndHalfLine()
 static bool AppendEntry(const char16_t *pszSection, const char16_t *pszKey, const char16_t *pszValue)
 {
     static char16_t s_szText[3 * ITEM_UNITS];
-    const bool      bHeader   = CompareTextNoCaseW(pszSection, g_szOpenSection) != 0;
+    const bool      bHeader   = CompareTextW(pszSection, g_szOpenSection) != 0;
     uint32_t        cbWritten = 0;
     const int32_t   cch       = FormatTextW(s_szText, std::size(s_szText), u"%s%s%s%s=%s\r\n", bHeader ? u"[" : u"",
                                     bHeader ? pszSection : u"", bHeader ? u"]\r\n" : u"", pszKey, pszValue);
@@ -284,6 +284,11 @@ int32_t ReadWorkingFolder(char16_t *pszFolder, uint32_t cch)
     pszFolder[0] = 0;
     if (!bLoaded || !CopyTextW(pszFolder, cch, g_szWorkingFolder)) pszFolder[0] = 0;
     return pszFolder[0] != 0 ? 1 : 0;
+}
+
+void RestRecordStore()
+{
+    CloseAppend();
 }
 
 void CloseRecordStore()

@@ -8,6 +8,8 @@
 //          when the walk comes back to it. Profile functions look at a section's first occurrence alone, so a file
 //          with repeated ones is rewritten with each section in one piece when it is closed, and when it is loaded
 //          after a kill. Memory: about 11 bytes for each record of the file.
+// Case     counts: a folder may hold two names that differ in nothing else. Profile functions do not see it: of two such
+//          records they give the first one's value for both.
 // Kill     at any moment leaves every record but the one being written; half a line is passed over and removed by the
 //          next load.
 // Thread   the collection walk's, one walk at a time; no lock.
@@ -28,6 +30,9 @@ int32_t BeginWorkingFolder(const char16_t *pszFolder);
 // The folder that was under way, into cch units; empty when none. 1 when not empty. A file that cannot be read is tried
 // for a second: without it the walk would send again what the peer has.
 int32_t ReadWorkingFolder(char16_t *pszFolder, uint32_t cch);
+// Closes the file until the next record: for a walk that is about to be busy with something long. Costs the next record
+// an opening, and its section's header is written again.
+void RestRecordStore();
 // Lets go of recordinfo.ini; what is recorded stays on disk, in a form that profile functions read whole.
 void CloseRecordStore();
 // Lets go of recordinfo.ini and deletes it. 1 when it is gone, or 0 (GetLastError).

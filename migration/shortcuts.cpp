@@ -3,13 +3,14 @@
 // that this module does not know.
 #include "migration/shortcuts.h"
 #include "migration/state_files.h"
+#include "platform/files.h"
 #include "platform/shell.h"
 
 using namespace platform;
 
 constexpr int32_t LINK_TEXT_UNITS = 260;
 
-int32_t FixShortcut(const PathMap *pMap, const char16_t *pszLink, int32_t bRequireSourceVolume)
+static int32_t RewriteLink(const PathMap *pMap, const char16_t *pszLink, int32_t bRequireSourceVolume)
 {
     char16_t   szTarget[LINK_TEXT_UNITS]  = {};
     char16_t   szWorking[LINK_TEXT_UNITS] = {};
@@ -33,6 +34,18 @@ int32_t FixShortcut(const PathMap *pMap, const char16_t *pszLink, int32_t bRequi
     nRet = SaveShellLink(pLink, nullptr) ? 1 : 0;
 Exit:
     ReleaseShellLink(pLink);
+    return nRet;
+}
+
+int32_t FixShortcut(const PathMap *pMap, const char16_t *pszLink, int32_t bRequireSourceVolume)
+{
+    // A link that came read-only opens for nothing else; it is rewritten all the same, and is read-only again.
+    const uint32_t dwAttributes = GetFileAttributesW(pszLink);
+    const bool     bReadOnly =
+        dwAttributes != INVALID_FILE_ATTRIBUTES && (dwAttributes & FILE_ATTRIBUTE_READONLY) != 0;
+    if (bReadOnly) SetFileAttributesW(pszLink, dwAttributes & ~FILE_ATTRIBUTE_READONLY);
+    const int32_t nRet = RewriteLink(pMap, pszLink, bRequireSourceVolume);
+    if (bReadOnly) SetFileAttributesW(pszLink, dwAttributes);
     return nRet;
 }
 

@@ -21,7 +21,8 @@ constexpr double FULL_WEIGHT_BYTES = 786432.0;
 constexpr double WEIGHT_MAX        = 10.0;
 constexpr double FIGURE_MAX        = 4294967295.0;
 
-static void MakeDestination(const SpecialFolders *pFolders, const PathMap *pMap, uint32_t dwMode,
+// False: the translated path does not fit.
+static bool MakeDestination(const SpecialFolders *pFolders, const PathMap *pMap, uint32_t dwMode,
                             const char16_t *pszSource, char16_t (&szDestination)[MAP_PATH_UNITS])
 {
     switch (dwMode) {
@@ -30,16 +31,16 @@ static void MakeDestination(const SpecialFolders *pFolders, const PathMap *pMap,
         break;
     case SPECIAL_MODE_B_TO_P:
         TransferAppDataToProgramData(pFolders, pszSource, szDestination, MAP_PATH_UNITS, 0);
-        return;
+        return true;
     case SPECIAL_MODE_P_TO_A:
         TransferProgramDataToAppData(pFolders, pszSource, szDestination, MAP_PATH_UNITS, 1);
         break;
     case SPECIAL_MODE_P_TO_B:
         TransferProgramDataToAppData(pFolders, pszSource, szDestination, MAP_PATH_UNITS, 0);
-        return;
+        return true;
     default: CopyTextW(szDestination, MAP_PATH_UNITS, pszSource); break;
     }
-    TranslatePath(pMap, szDestination, MAP_PATH_UNITS, 0);
+    return TranslateForTarget(pMap, szDestination, MAP_PATH_UNITS) >= 0;
 }
 
 int32_t SendSpecialFileList(const StringList *pList, uint32_t dwMode, uint32_t dwAccountingMode, uint64_t ullExecution,
@@ -68,7 +69,10 @@ int32_t SendSpecialFiles(const StringList *pList, uint32_t dwMode, uint32_t dwAc
         int32_t         nRet       = SEND_FILE_ERROR;
         if (IsThreadExecutionCancel(ullExecution)) break;
         TraceTextPath("SendNetworkFile from", pszSource, TRACED_PATH_UNITS);
-        MakeDestination(&Folders, &Map, dwMode, pszSource, szDestination);
+        if (!MakeDestination(&Folders, &Map, dwMode, pszSource, szDestination)) {
+            nRet = SEND_BAD_DESTINATION;
+            TraceValueText("!!SendNetworkFile", static_cast<uint32_t>(nRet), pszSource, TRACED_PATH_UNITS);
+        }
         TraceTextPath("SendNetworkFile to", szDestination, TRACED_PATH_UNITS);
         for (int32_t nTry = 0; nTry < SPECIAL_SEND_TRIES && nRet == SEND_FILE_ERROR; ++nTry) {
             if (nTry > 0 && IsThreadExecutionCancel(ullExecution)) break;

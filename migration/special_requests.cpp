@@ -6,6 +6,7 @@
 #include "ipc/service_pipe_client.h"
 #include "ipc/stop_signal.h"
 #include "ipc/thread_execution.h"
+#include "migration/cache_folders.h"
 #include "migration/special_data.h"
 #include "migration/special_folders.h"
 #include "net/network_link.h"
@@ -27,7 +28,6 @@ constexpr char16_t CACHE_RESERVED_EVENT[] = u"Global\\VORN VornMigrationService 
 constexpr uint32_t TWO_PATHS_KIND         = 2; // of an answer 0x1130: its second text names a file too
 constexpr uint32_t LIST_OPTION_GATHERED   = 8; // what these callers ask of the folder listing
 constexpr uint32_t LIST_OPTION_CACHE      = 0;
-constexpr size_t   ROOT_PATH_UNITS        = 3; // "C:\"
 constexpr uint32_t TOTAL_PAUSE_MS         = 10;
 constexpr uint16_t CACHE_DELETE_FLAGS     = FOF_SILENT | FOF_NOCONFIRMATION | FOF_NOERRORUI;
 static_assert(CACHE_DELETE_FLAGS == 0x0414);
@@ -50,7 +50,7 @@ static void AddTree(SpecialPlan *pPlan, const char16_t *pszFolder, uint32_t dwOp
     CopyTextW(szFolder, IPC_TEXT_UNITS, pszFolder);
     const size_t cch = TextLengthW(szFolder);
     if (cch > 0 && szFolder[cch - 1] == u'\\') szFolder[cch - 1] = u'\0';
-    if (szFolder[0] == u'\0') return; // an empty folder would be the root of the current drive
+    if (!IsListableFolder(szFolder)) return;
     ListFolderFiles(szFolder, dwOption, 1, &pPlan->Files);
 }
 
@@ -143,8 +143,7 @@ static void RemoveCache(const char16_t *pszFolder)
     CopyTextW(szFrom, IPC_TEXT_UNITS, pszFolder);
     size_t cch = TextLengthW(szFrom);
     while (cch > 0 && szFrom[cch - 1] == u'\\') szFrom[--cch] = u'\0';
-    // A cache is a folder below a drive's root; anything shorter is a mistake that would cost a whole drive.
-    if (cch <= ROOT_PATH_UNITS || IsCacheReserved()) return;
+    if (!IsRemovableCache(szFrom) || IsCacheReserved()) return;
     TraceTextPath("Remove cache ", pszFolder, IPC_TEXT_UNITS);
     SHFILEOPSTRUCTW Operation = {};
     Operation.wFunc           = FO_DELETE;

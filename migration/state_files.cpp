@@ -103,6 +103,9 @@ static int32_t TryCreateStateFile(const char16_t *pszPath)
     if (pSecurity == nullptr) return 0;
     DeleteFileW(pszLocal); // a missing one is no failure; one that stays is found by the call that follows
     hFile = CreateFileW(pszLocal, GENERIC_WRITE, 0, pSecurity, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (hFile == INVALID_HANDLE_VALUE && GetLastError() == ERROR_PATH_NOT_FOUND && g_bProgressFolderKnown &&
+        CreateFolderTree(g_szProgressFolder)) // somebody has removed the folder since it was made
+        hFile = CreateFileW(pszLocal, GENERIC_WRITE, 0, pSecurity, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (hFile != INVALID_HANDLE_VALUE &&
         WriteFile(hFile, &BYTE_ORDER_MARK, sizeof(BYTE_ORDER_MARK), &cbWritten, nullptr) &&
         cbWritten == sizeof(BYTE_ORDER_MARK))

@@ -108,6 +108,14 @@ HANDLE FindFirstFileW(const char16_t *pszFileName, WIN32_FIND_DATAW *pFindData);
 BOOL   FindNextFileW(HANDLE hFindFile, WIN32_FIND_DATAW *pFindData);
 BOOL   FindClose(HANDLE hFindFile);
 
+// dwReserved0 of an entry with FILE_ATTRIBUTE_REPARSE_POINT is its tag. A tag with this bit stands for another name in
+// the file system (a junction, a symbolic link); one without it (a file kept in a cloud) stands for itself.
+constexpr uint32_t REPARSE_TAG_SURROGATE   = 0x20000000;
+constexpr uint32_t IO_REPARSE_TAG_SYMLINK  = 0xA000000C;
+// The path of an existing file or folder behind every link and mount point on its way, in its "\\?\" form; a root ends
+// with its backslash. False: it cannot be opened, or has no room in cch units (GetLastError).
+bool GetFinalPath(const char16_t *pszPath, char16_t *pszFinal, uint32_t cch);
+
 // The run-time library's existence tests (mode 0): 0 when the path exists, else -1. Say platform::_access and, below,
 // platform::strcpy_s: on Windows the run-time library's headers declare the same names globally.
 int32_t _access(const char *pszPath, int32_t nMode);

@@ -15,7 +15,7 @@
     X(FILE_ATTRIBUTE_ARCHIVE) X(FILE_ATTRIBUTE_NORMAL) X(FILE_ATTRIBUTE_REPARSE_POINT)                                 \
     X(FILE_ATTRIBUTE_NOT_CONTENT_INDEXED) X(INVALID_FILE_ATTRIBUTES)                                                   \
     X(FILE_FLAG_OVERLAPPED) X(FILE_FLAG_BACKUP_SEMANTICS) X(FILE_FLAG_SEQUENTIAL_SCAN) X(FILE_BEGIN) X(FILE_CURRENT)   \
-    X(FILE_END) X(MOVEFILE_REPLACE_EXISTING)
+    X(FILE_END) X(MOVEFILE_REPLACE_EXISTING) X(IO_REPARSE_TAG_SYMLINK)
 namespace mirror {
 MIRRORED(MIRROR_CAPTURE)
 }
@@ -29,6 +29,7 @@ MIRRORED(MIRROR_CAPTURE)
 
 namespace mirror {
 MIRRORED(MIRROR_COMPARE)
+static_assert(IsReparseTagNameSurrogate(platform::REPARSE_TAG_SURROGATE));
 static_assert(static_cast<int>(platform::GetFileExInfoStandard) == static_cast<int>(::GetFileExInfoStandard));
 MIRROR_SIZE(FILETIME)
 MIRROR_FIELD(FILETIME, dwLowDateTime)
@@ -164,6 +165,25 @@ BOOL FindNextFileW(HANDLE hFindFile, WIN32_FIND_DATAW *pFindData)
 BOOL FindClose(HANDLE hFindFile)
 {
     return ::FindClose(hFindFile);
+}
+
+bool GetFinalPath(const char16_t *pszPath, char16_t *pszFinal, uint32_t cch)
+{
+    // No access is asked for, so that a file in use and a folder closed to this user can be named too.
+    const ::HANDLE hFile =
+        ::CreateFileW(AsWide(pszPath), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                      OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (hFile == INVALID_HANDLE_VALUE)
+        return false;
+    wchar_t *psz = reinterpret_cast<wchar_t *>(pszFinal);
+    DWORD    n   = ::GetFinalPathNameByHandleW(hFile, psz, cch, VOLUME_NAME_DOS);
+    // A volume that is mounted in a folder alone has no drive letter; its own name tells its files apart as well.
+    if (n == 0 && ::GetLastError() == ERROR_PATH_NOT_FOUND) n = ::GetFinalPathNameByHandleW(hFile, psz, cch, VOLUME_NAME_GUID);
+    const DWORD dwErr = n >= cch ? ERROR_INSUFFICIENT_BUFFER : ::GetLastError();
+    ::CloseHandle(hFile);
+    if (n != 0 && n < cch) return true;
+    ::SetLastError(dwErr);
+    return false;
 }
 
 int32_t _access(const char *pszPath, int32_t nMode)

@@ -26,6 +26,11 @@ uint32_t GetDriveTypeW(const char16_t *pszRoot)
     return ::GetDriveTypeW(AsWide(pszRoot));
 }
 
+uint32_t QueryDosDeviceW(const char16_t *pszDevice, char16_t *pszTarget, uint32_t cch)
+{
+    return ::QueryDosDeviceW(AsWide(pszDevice), reinterpret_cast<wchar_t *>(pszTarget), cch);
+}
+
 bool GetHotPlugInfo(const char16_t *pszRoot, HotPlugInfo *pInfo)
 {
     // The volume's device has no trailing backslash, and asking it needs no right to its content.

@@ -1,5 +1,6 @@
 // migration_fixture.h: a machine with fresh state files, and texts and lists as tests compare them.
 #pragma once
+#include "migration/machine_info.h"
 #include "migration/state_files.h"
 #include "platform/profile.h"
 #include "platform/text.h"
@@ -40,6 +41,7 @@ protected:
     {
         MachineTest::SetUp();
         ResetStateFiles();
+        ForgetCurrentUserSid();
     }
     // The full path of a state file.
     static std::u16string File(const char16_t *pszName)

@@ -84,6 +84,9 @@ TEST_F(PathMapTest, TargetRewritesFoldersDrivesAndEveryFormOfAPath)
     for (const auto &c : aCases) EXPECT_EQ(c.sExpected, Translate(c.sPath, c.bRequire)) << "case " << &c - aCases;
     EXPECT_EQ(u"=Q:\\Data\\a", Translate(u"Q:\\Data\\a", 0, 17)); // one unit short: not cut, left
     EXPECT_EQ(sMoved + u"Q\\Data\\a", Translate(u"Q:\\Data\\a", 0, 18));
+    char16_t szShort[17] = u"Q:\\Data\\a";
+    EXPECT_EQ(-1, TranslateForTarget(&m_Map, szShort, 17)) << "nothing may be sent there";
+    EXPECT_EQ(u"Q:\\Data\\a", std::u16string(szShort));
 
     char16_t szFolder[260] = u"Q:\\Users\\Änne\\Schreibtisch";
     EXPECT_EQ(1, TranslateFolderPath(&m_Map, szFolder, 260, 0));
@@ -113,10 +116,14 @@ TEST_F(PathMapTest, SourceRewritesTheOtherWayRoundAndKnowsThePeersDrives)
 TEST_F(PathMapTest, MissingOrPartialFilesGiveFewerPairsNeverWrongOnes)
 {
     Write(u"KnownFolder", u"\"Desktop\"", u""); // its files fall to the profile
+    Write(u"KnownFolder", u"\"Documents\"", u"\"\\\\server\\anna\\\"");
     Write(u"SourceMachine", u"\"CurrentUser\"", u"");
     InitPathMap(&m_Map, m_sIni.c_str(), 1);
     EXPECT_EQ(m_sProfile + u"Schreibtisch\\a", Translate(u"Q:\\Users\\Änne\\Schreibtisch\\a"));
     EXPECT_EQ(0u, m_Map.bUserDiffers);
+    ReleasePathMap(&m_Map);
+    InitPathMap(&m_Map, m_sIni.c_str(), 0); // and those of a folder that was moved to a share: no file can be put there
+    EXPECT_EQ(u"Q:\\Users\\Änne\\Documents\\a", Translate(m_sProfile + u"Documents\\a"));
     ReleasePathMap(&m_Map);
 
     InitPathMap(&m_Map, (TestFolder() + u"\\none.ini").c_str(), 1);

@@ -114,10 +114,18 @@ TEST_F(RecordStoreTest, ARecordCostsOneWriteHoweverManyThereAre)
     }
     for (int i = 0; i < 5000; i++) EXPECT_EQ(1 + i % 2, ReadRecordState(BASE, NameOf(i).c_str())) << i;
     EXPECT_EQ(nHandles, hosted::OpenHandles());
-    EXPECT_EQ(1, WriteRecordState(BASE, Item(u"7\\n70").c_str(), 0)) << "known already: nothing to write";
+    EXPECT_EQ(1, WriteRecordState(BASE, Item(u"7\\N70").c_str(), 0)) << "known already: nothing to write";
     EXPECT_EQ(100, hosted::CallCount("WriteFile"));
+    // A folder may hold two names that differ in case alone: neither stands for the other.
+    EXPECT_EQ(0, ReadRecordState(BASE, Item(u"7\\n70").c_str()));
+    EXPECT_EQ(1, WriteRecordState(BASE, Item(u"7\\n70").c_str(), 0));
+    RestRecordStore();
+    EXPECT_EQ(nHandles - 1, hosted::OpenHandles()) << "while the walk is busy with something long";
+    EXPECT_EQ(1, WriteRecordState(BASE, Item(u"499\\after").c_str(), 0));
     CloseRecordStore();
     EXPECT_EQ(nHandles - 1, hosted::OpenHandles());
+    for (const char16_t *psz : {u"7\\n70", u"7\\N70", u"499\\after"}) EXPECT_EQ(1, ReadRecordState(BASE, Item(psz).c_str()));
+    CloseRecordStore();
     EXPECT_EQ(2u, Profile(u"499\\", u"\"n4999\""));
 }
 

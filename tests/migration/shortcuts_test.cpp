@@ -2,6 +2,7 @@
 #include "migration/known_folders.h"
 #include "migration/machine_info.h"
 #include "migration/shortcuts.h"
+#include "platform/files.h"
 #include "platform/shell.h"
 #include "tests/migration/migration_fixture.h"
 
@@ -77,6 +78,18 @@ TEST_F(Shortcuts, OneLinkIsRewrittenOnlyForDrivesOfTheSource)
         EXPECT_EQ(c.nExpected, FixShortcuts(&Request)) << c.pszName;
         EXPECT_EQ(c.sExpected, ReadLink(sFile)) << c.pszName;
     }
+}
+
+TEST_F(Shortcuts, AReadOnlyLinkIsRewrittenAndStaysReadOnly)
+{
+    const std::u16string  sFile   = TestFolder() + u"\\fixed.lnk";
+    const ShortcutRequest Request = {nullptr, sFile.c_str()};
+    MakeLink(sFile, u"C:\\here.exe", u"Q:\\Tools");
+    ASSERT_TRUE(SetFileAttributesW(sFile.c_str(), FILE_ATTRIBUTE_READONLY));
+    EXPECT_EQ(1, FixShortcuts(&Request));
+    EXPECT_EQ(FILE_ATTRIBUTE_READONLY, GetFileAttributesW(sFile.c_str()) & FILE_ATTRIBUTE_READONLY);
+    SetFileAttributesW(sFile.c_str(), FILE_ATTRIBUTE_NORMAL);
+    EXPECT_EQ(u"C:\\here.exe|" + m_sMoved + u"Tools", ReadLink(sFile));
 }
 
 TEST_F(Shortcuts, ListIsRewrittenWhateverDriveItPointsTo)

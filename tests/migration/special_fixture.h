@@ -2,11 +2,13 @@
 #pragma once
 #include "app/user_interface_table.h"
 #include "ipc/thread_execution.h"
+#include "migration/folders.h"
 #include "migration/special_data.h"
 #include "migration/special_folders.h"
 #include "migration/special_requests.h"
 #include "net/network_link.h"
 #include "platform/files.h"
+#include "platform/shell.h"
 #include "tests/migration/fake_peer.h"
 
 class SpecialTest : public MigrationTest {
@@ -17,7 +19,11 @@ protected:
         ClearSpecialFolders();
         InitThreadExecutionList();
         g_ullSpecialBytes = g_ullSpecialMeasure = 0;
-        m_sRoot                                 = TestFolder();
+        char16_t *pszProgramData                = nullptr; // caches lie there; elsewhere nothing is removed
+        ASSERT_EQ(0, platform::SHGetKnownFolderPath(platform::FOLDERID_ProgramData, 0, nullptr, &pszProgramData));
+        m_sRoot = pszProgramData + std::u16string(u"\\VORN\\caches");
+        platform::CoTaskMemFree(pszProgramData);
+        ASSERT_EQ(1, CreateFolderTree(m_sRoot.c_str()));
         for (const char16_t *psz : {u"\\A", u"\\P", u"\\P\\app", u"\\P\\app\\sub"})
             ASSERT_TRUE(platform::CreateDirectoryW((m_sRoot + psz).c_str(), nullptr));
         for (const char16_t *psz :

@@ -195,6 +195,25 @@ TEST_F(SpecialRequests, CacheGoesUnlessReservedAndSettingsOfApplicationsAreCount
     ReleaseShell32Functions();
 }
 
+// Any local user may write a request: what it names as a cache is looked at as the file system sees it.
+TEST_F(SpecialRequests, OnlyAFolderBelowProgramDataIsEverRemovedAndNoWholeDriveListed)
+{
+    FakePeer             Peer;
+    const std::u16string sElsewhere = TestFolder() + u"\\precious", sProgramData = m_sRoot.substr(0, m_sRoot.find(u"\\VORN"));
+    ASSERT_TRUE(CreateDirectoryW(sElsewhere.c_str(), nullptr));
+    WriteTestFile(sElsewhere + u"\\one", "1");
+    ASSERT_EQ(1, BindShell32Functions());
+    for (const std::u16string &sCache :
+         {sElsewhere, m_sRoot + u"\\..\\..\\..\\vorn-test\\precious", u"\\\\?\\" + sElsewhere, sProgramData,
+          sProgramData + u"\\.", m_sRoot + u"\\..\\.."}) {
+        Run(&Peer, 0x2430, {2, 0, 1}, {sCache});
+        EXPECT_TRUE(PathExists(sElsewhere + u"\\one") && PathExists(m_sRoot + u"\\P\\1.dat")) << Utf8(sCache);
+    }
+    for (const char16_t *pszDrive : {u"C:\\", u"C:", u"C:\\.", u"C:\\vorn-test\\..", u"\\\\?\\C:\\", u""})
+        EXPECT_EQ(1u, Run(&Peer, 0x2430, {2, 0, 1}, {pszDrive}).size()) << Utf8(pszDrive) << ": its record alone";
+    ReleaseShell32Functions();
+}
+
 TEST_F(SpecialRequests, CancelledRequestForwardsNothingAndStillRemovesItsCache)
 {
     ASSERT_EQ(1, BindShell32Functions());

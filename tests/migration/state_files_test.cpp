@@ -107,6 +107,14 @@ TEST_F(StateFiles, NewFileHoldsTheMarkAndEveryoneMayChangeIt)
     EXPECT_EQ(0, CreateStateFile((TestFolder() + u"\\no\\such\\folder.ini").c_str()));
 }
 
+TEST_F(StateFiles, AFolderThatWasRemovedMeanwhileIsMadeAgain)
+{
+    const std::u16string sFile = File(COMPLETE_INFO_FILE);
+    ASSERT_TRUE(RemoveDirectoryW(sFile.substr(0, sFile.rfind(u'\\')).c_str()));
+    EXPECT_EQ(1, CreateStateFile(sFile.c_str()));
+    EXPECT_EQ("\xFF\xFE", ReadTestFile(sFile));
+}
+
 TEST_F(StateFiles, LocalInfoComesBackAsTargetInfo)
 {
     static SessionRecord Session;

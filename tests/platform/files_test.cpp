@@ -1,6 +1,7 @@
 // files_test.cpp: files, folders, attributes and enumeration as both backends must have them.
 #include "platform/errors.h"
 #include "platform/files.h"
+#include "platform/text.h"
 #include "tests/support/test_machine.h"
 #include <cerrno>
 #include <cstring>
@@ -253,6 +254,29 @@ TEST_F(Files, NamesInEveryScriptAndHalvesOfSurrogatePairs)
         EXPECT_EQ((std::vector<std::u16string>{sName}), NamesOf(sFolder + u'\\' + sName));
     }
     EXPECT_EQ(UnderWine() ? 6u : 7u, NamesOf(sFolder + u"\\*").size());
+}
+
+TEST_F(Files, FinalPathsAreWhatNamesLeadTo)
+{
+    const std::u16string sFolder = TestFolder() + u"\\Final", sLong = u"\\\\?\\" + sFolder;
+    char16_t             szFinal[300];
+    ASSERT_TRUE(CreateDirectoryW(sFolder.c_str(), nullptr));
+    WriteTestFile(sFolder + u"\\File", "1");
+    const struct {
+        std::u16string sPath, sFinal;
+    } aCases[] = {{sFolder, sLong},
+                  {sFolder + u"\\..\\fINAL\\.", sLong},
+                  {sLong + u"\\File", sLong + u"\\File"},
+                  {u"C:\\", u"\\\\?\\C:\\"},
+                  {sFolder.substr(0, 3) + u".", u"\\\\?\\C:\\"}};
+    for (const auto &c : aCases) {
+        EXPECT_TRUE(GetFinalPath(c.sPath.c_str(), szFinal, 300)) << GetLastError();
+        EXPECT_EQ(0, CompareTextNoCaseW(c.sFinal.c_str(), szFinal)) << &c - aCases;
+    }
+    EXPECT_FALSE(GetFinalPath((sFolder + u"\\none").c_str(), szFinal, 300));
+    EXPECT_EQ(ERROR_FILE_NOT_FOUND, GetLastError());
+    EXPECT_FALSE(GetFinalPath(sFolder.c_str(), szFinal, 5));
+    EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER, GetLastError());
 }
 
 TEST_F(Files, RunTimeLibraryFunctions)

@@ -45,6 +45,7 @@ bool FillEntry(const std::string &sFolder, const char *pszHostName, WIN32_FIND_D
     pData->ftLastWriteTime  = FileTime(found.st.st_mtim);
     pData->nFileSizeHigh    = static_cast<uint32_t>(cb >> 32);
     pData->nFileSizeLow     = static_cast<uint32_t>(cb);
+    if (found.bLink) pData->dwReserved0 = IO_REPARSE_TAG_SYMLINK;
     return CopyTextW(pData->cFileName, MAX_PATH, WindowsName(sFolder, pszHostName).c_str());
 }
 

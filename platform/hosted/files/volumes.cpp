@@ -18,11 +18,17 @@ struct Kind {
     uint32_t    dwType;
     HotPlugInfo info;
     bool        bAnswers; // the storage query works on it
+    const char *pszDevice; // what the drive's name stands for
 };
+constexpr char VOLUME[] = "\\Device\\HarddiskVolume1";
 constexpr Kind g_aKinds[] = {
-    {"fixed", DRIVE_FIXED, {FALSE, FALSE}, true},  {"removable", DRIVE_REMOVABLE, {TRUE, TRUE}, true},
-    {"hotplug", DRIVE_FIXED, {FALSE, TRUE}, true}, {"cdrom", DRIVE_CDROM, {TRUE, FALSE}, true},
-    {"remote", DRIVE_REMOTE, {FALSE, FALSE}, false},
+    {"fixed", DRIVE_FIXED, {FALSE, FALSE}, true, VOLUME},
+    {"removable", DRIVE_REMOVABLE, {TRUE, TRUE}, true, VOLUME},
+    {"hotplug", DRIVE_FIXED, {FALSE, TRUE}, true, VOLUME},
+    {"cdrom", DRIVE_CDROM, {TRUE, FALSE}, true, "\\Device\\CdRom0"},
+    {"remote", DRIVE_REMOTE, {FALSE, FALSE}, false, "\\Device\\Mup"},
+    {"subst", DRIVE_FIXED, {FALSE, FALSE}, false, "\\??\\C:\\folder"},
+    {"usermode", DRIVE_FIXED, {FALSE, FALSE}, false, "\\Device\\Volume{a guid}"},
 };
 
 // The kind of the drive with root "X:\"; null when there is none.
@@ -56,6 +62,24 @@ uint32_t platform::GetDriveTypeW(const char16_t *pszRoot)
     if (hosted::FailsNow("GetDriveTypeW")) return DRIVE_NO_ROOT_DIR;
     const Kind *pKind = KindOf(pszRoot);
     return pKind == nullptr ? DRIVE_NO_ROOT_DIR : pKind->dwType;
+}
+
+uint32_t platform::QueryDosDeviceW(const char16_t *pszDevice, char16_t *pszTarget, uint32_t cch)
+{
+    if (hosted::FailsNow("QueryDosDeviceW")) return 0;
+    const char16_t szRoot[] = {pszDevice[0], u':', u'\\', 0};
+    const Kind    *pKind    = pszDevice[0] != 0 && pszDevice[1] == u':' && pszDevice[2] == 0 ? KindOf(szRoot) : nullptr;
+    if (pKind == nullptr) {
+        hosted::SetError(ERROR_FILE_NOT_FOUND);
+        return 0;
+    }
+    const std::string sText = pKind->pszDevice;
+    if (sText.size() + 2 > cch) {
+        hosted::SetError(ERROR_INSUFFICIENT_BUFFER);
+        return 0;
+    }
+    for (size_t i = 0; i < sText.size() + 2; i++) pszTarget[i] = i < sText.size() ? static_cast<char16_t>(sText[i]) : 0;
+    return static_cast<uint32_t>(sText.size() + 2);
 }
 
 bool platform::GetHotPlugInfo(const char16_t *pszRoot, HotPlugInfo *pInfo)

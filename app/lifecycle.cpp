@@ -135,17 +135,22 @@ static uint32_t UserLookUpThread(void *)
     return 0;
 }
 
-// Starts both threads of the service's pipes and waits until the agent's pipe can be connected to.
+// Starts both threads of the service's pipes and waits until the agent's pipe can be connected to, which the service is
+// then told. If that takes longer, the message loop does not wait for it and the pipe's server says so.
 static void StartServiceThreads(ServiceThreads *pThreads)
 {
     const HANDLE hStartup  = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     g_hStartupEvent        = hStartup;
+    g_bReadyUnsaid         = true;
     pThreads->hPipeServer  = CreateThread(nullptr, 0, CommandPipeServerThread, nullptr, 0, nullptr);
     pThreads->hQueueSender = CreateThread(nullptr, 0, ServicePipeSenderThread, nullptr, 0, nullptr);
     if (hStartup == nullptr) return;
     WaitForSingleObject(hStartup, PIPE_READY_WAIT_MS);
     // Taken by the server, it is about to be signalled; closing it earlier would leave the server with a stale handle.
-    if (g_hStartupEvent.exchange(nullptr) == nullptr) WaitForSingleObject(hStartup, INFINITE);
+    if (g_hStartupEvent.exchange(nullptr) == nullptr) {
+        WaitForSingleObject(hStartup, INFINITE);
+        SayReady();
+    }
     CloseHandle(hStartup);
 }
 
@@ -158,9 +163,10 @@ static void AwaitThreadEnd(HANDLE hThread)
 
 static void EndTransfers()
 {
-    CancelAllThreadExecutions();
     const uint64_t ullStart = GetTickCount64();
-    while (!IsThreadExecutionListEmpty() && GetTickCount64() - ullStart <= TRANSFERS_END_WAIT_MS) {
+    // Again at each look: a request that was being taken when the agent's end began may have put its worker on the list
+    // since.
+    while (CancelAllThreadExecutions() && GetTickCount64() - ullStart <= TRANSFERS_END_WAIT_MS) {
         Sleep(TRANSFERS_END_STEP_MS);
     }
 }
@@ -198,7 +204,6 @@ static void ServeUntilDestroyed()
     StartServiceExitWatcher();
     StartDetachedThread(UserLookUpThread, nullptr);
     StartServiceThreads(&threads);
-    CallServiceNamedPipe(NTOS_IPCREADY, 1, 0, 0, nullptr, nullptr, nullptr);
     RunMessageLoop();
 
     SetEvent(g_hAppEvent);

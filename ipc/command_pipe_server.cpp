@@ -23,6 +23,7 @@ static constexpr uint32_t CREATE_PAUSE_MS         = 500;
 static constexpr uint32_t CONNECT_PAUSE_MS        = 1000;
 
 std::atomic<HANDLE> g_hStartupEvent{nullptr};
+std::atomic<bool>   g_bReadyUnsaid{false};
 
 enum class Accepted {
     Connected, // the pipe has a client
@@ -30,10 +31,16 @@ enum class Accepted {
     Stop,
 };
 
+void SayReady()
+{
+    if (g_bReadyUnsaid.exchange(false)) CallServiceNamedPipe(NTOS_IPCREADY, 1, 0, 0, nullptr, nullptr, nullptr);
+}
+
 static void SignalStartup()
 {
     const HANDLE hEvent = g_hStartupEvent.exchange(nullptr);
     if (hEvent != nullptr) SetEvent(hEvent);
+    else SayReady();
 }
 
 // Waits for a client of this instance. No overlapped call is pending when it returns.
@@ -115,6 +122,15 @@ static void AcceptClients(const char16_t *pszPipeName, SECURITY_ATTRIBUTES *pSec
     }
 }
 
+// By the mutex a service sees that an agent is there. One that still holds it from an agent that has died keeps it
+// alive, with that one's access list: that gives Everyone the right to wait, but not all that creating it anew asks for.
+static HANDLE CreateOrOpenMutex(SECURITY_ATTRIBUTES *pSecurity, const char16_t *pszName)
+{
+    const HANDLE hMutex = CreateMutexW(pSecurity, FALSE, pszName);
+    return hMutex != nullptr || GetLastError() != ERROR_ACCESS_DENIED ? hMutex
+                                                                      : OpenMutexW(SYNCHRONIZE, FALSE, pszName);
+}
+
 uint32_t CommandPipeServerThread(void *)
 {
     char16_t szMutexName[MAX_PATH];
@@ -126,7 +142,7 @@ uint32_t CommandPipeServerThread(void *)
     SECURITY_ATTRIBUTES *pSecurity = CreateEveryoneSecurity(PIPE_EVERYONE_ACCESS);
     FormatTextW(szMutexName, MAX_PATH, u"%s_0x%x", AGENT_MUTEX_NAME, dwSession);
     FormatTextW(szPipeName, MAX_PATH, u"%s_0x%x", AGENT_PIPE_NAME, dwSession);
-    const HANDLE hMutex = CreateMutexW(pSecurity, FALSE, szMutexName);
+    const HANDLE hMutex = CreateOrOpenMutex(pSecurity, szMutexName);
     if (hMutex != nullptr) {
         AcceptClients(szPipeName, pSecurity);
         CloseHandle(hMutex);

@@ -17,5 +17,10 @@ constexpr char16_t AGENT_PIPE_NAME[]  = u"\\\\.\\pipe\\VornMigrationNet_NamedPip
 // then closes it after the signal), the main thread takes it back when its wait is over first.
 extern std::atomic<platform::HANDLE> g_hStartupEvent;
 
+// True while the service has still to be told that the agent's pipe is there. Set by the main thread before it starts
+// the server; whoever exchanges it for false tells: the main thread after the wait, the server when that was over first.
+extern std::atomic<bool> g_bReadyUnsaid;
+void                     SayReady(); // does so, once; any thread
+
 // Result 0. Ends with the stop signal, or when the pipe cannot be created three times in a row.
 uint32_t CommandPipeServerThread(void *pUnused);

@@ -199,7 +199,7 @@ void ProcessCollection(CollectionRequest *pRequest)
     const uint32_t    dwPreviousLink = GetThreadLink();
     const bool        bServer        = g_bServer;
     const LinkRelease Link           = {bServer, GetRoleStart(bServer), pRequest->dwLinkGeneration};
-    Walk.ullExecution                = AddThreadExecution();
+    Walk.ullExecution                = pRequest->ullExecution;
     BindThreadToLink(Link.dwGeneration);
 
     if (AwaitTurn(&Walk)) {
@@ -238,7 +238,9 @@ static uint32_t CollectionThread(void *pRequest)
 
 int32_t StartCollection(CollectionRequest *pRequest)
 {
+    pRequest->ullExecution = AddThreadExecution();
     if (StartDetachedThread(CollectionThread, pRequest)) return 1;
+    RemoveThreadExecution(pRequest->ullExecution);
     delete pRequest;
     return 0;
 }

@@ -8,6 +8,7 @@
 struct CollectionRequest {
     char16_t szListFile[260];  // UTF-16 lines, a folder's with a trailing backslash (state_files.h, ReadPathLines)
     uint32_t dwLinkGeneration; // net/network_link.h
+    uint64_t ullExecution;     // ipc/thread_execution.h; StartCollection lists it, before the thread starts
 };
 // Runs the walk on a thread of its own; owns the block from here on (allocated with new). 1, or 0: the block is freed.
 int32_t StartCollection(CollectionRequest *pRequest);

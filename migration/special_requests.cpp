@@ -162,7 +162,7 @@ uint32_t SpecialTransferThread(void *pRequest)
     SpecialPlan        Plan           = {};
     SpecialFileOutcome Last           = {};
     const uint32_t     dwPreviousLink = GetThreadLink();
-    const uint64_t     ullExecution   = AddThreadExecution();
+    const uint64_t     ullExecution   = pSpecial->ullExecution;
     BindThreadToLink(pSpecial->dwLinkGeneration);
 
     PlanRequest(pRecord, &Plan);
@@ -200,7 +200,9 @@ int32_t StartSpecialTransfer(const IpcMessage *pRequest)
     pSpecial->dwLinkGeneration                   = g_dwLinkGeneration;
     pSpecial->bTotal = pRequest->dwCommand == ATOS_UPDATEPERCENTAGE && pRequest->dwParam1 == IPC_PARAM_TOTAL;
     if (pSpecial->bTotal) ++g_nTotalsUnderWay;
+    pSpecial->ullExecution = AddThreadExecution();
     if (StartDetachedThread(SpecialTransferThread, pSpecial)) return 1;
+    RemoveThreadExecution(pSpecial->ullExecution);
     if (pSpecial->bTotal) --g_nTotalsUnderWay;
     delete pSpecial;
     return 0;

@@ -15,6 +15,8 @@ struct SpecialRequest {
     IpcMessage Record;           // texts terminated
     uint32_t   dwLinkGeneration; // net/network_link.h
     bool       bTotal = false;   // it is one of g_nTotalsUnderWay
+    uint64_t   ullExecution = 0; // ipc/thread_execution.h; listed before the thread starts, so that a cancel that comes
+                                 // right behind the request meets it
 };
 // pRequest: a SpecialRequest made with new, the thread's from here on. Sends the files, then the record.
 uint32_t SpecialTransferThread(void *pRequest);

@@ -155,11 +155,45 @@ TEST_F(Lifecycle, ATransferThatDoesNotEndIsCancelledAndWaitedForAtMost2500Millis
             ullStart = GetTickCount64();
             PostAgentExit();
             EXPECT_TRUE(Eventually([&] { return bCancelled != 0; }));
-            if (bEnds) RemoveThreadExecution(ullTransfer);
+            if (bEnds) { // another one has come after the first cancel
+                std::atomic<uint32_t> bLater{0};
+                const uint64_t        ullLater = AddThreadExecution();
+                SetThreadExecutionFlag(ullLater, &bLater);
+                EXPECT_TRUE(Eventually([&] { return bLater != 0; }));
+                RemoveThreadExecution(ullLater);
+                RemoveThreadExecution(ullTransfer);
+            }
         });
         const uint64_t ullTook = GetTickCount64() - ullStart;
         EXPECT_EQ(bEnds, ullTook <= 2500) << ullTook;
     }
+}
+
+// The service is told when the pipe is there: not before, also when that takes longer than start-up waits, and never
+// when there is none.
+TEST_F(Lifecycle, IsReadyOnlyWhenItsPipeIsThere)
+{
+    const HANDLE hExit = CreateEventW(nullptr, TRUE, FALSE, u"Global\\VORN VornMigrationService App ExitEvent");
+    hosted::SetClockRate(10);
+    for (const int nFailures : {2, 3}) {
+        FakeService service;
+        ResetEvent(hExit);
+        hosted::ClearFaults();
+        for (int n = 1; n <= nFailures; n++) hosted::FailCall("CreateNamedPipeW", n, 5); // 500 ms after each
+        WhileAgentRuns([&] {
+            const uint64_t ullStart = GetTickCount64();
+            if (nFailures == 2) {
+                ExpectAnnounced(&service);
+                EXPECT_GE(GetTickCount64() - ullStart, 900u) << "two pauses";
+                EXPECT_LT(GetTickCount64() - ullStart, 20000u);
+            } else {
+                EXPECT_TRUE(Eventually([] { return hosted::CallCount("CreateNamedPipeW") >= 3; }));
+                EXPECT_TRUE(service.Take(3000).empty());
+            }
+            SetEvent(hExit);
+        });
+    }
+    CloseHandle(hExit);
 }
 
 TEST_F(Lifecycle, ASenderThatIsStuckInTheServicesPipeIsLeftBehind)

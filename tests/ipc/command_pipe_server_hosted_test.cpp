@@ -117,6 +117,15 @@ TEST_F(CommandPipeFaults, WithoutItsMutexOrWithTheStopSignalItServesNothing)
     EXPECT_EQ(1, hosted::CallCount("CreateMutexW"));
 }
 
+TEST_F(CommandPipeFaults, AMutexThatTheServiceStillHoldsIsOpened)
+{
+    const HANDLE hHeld = CreateMutexW(nullptr, FALSE, u"Global\\VornMigrationNet_NamedPipeMux_0x1");
+    hosted::FailCall("CreateMutexW", 1, 5);
+    Serve();
+    SendNumber(1); // finds the pipe
+    EXPECT_TRUE(CloseHandle(hHeld));
+}
+
 // A single failure of each call: the server goes on and can still be stopped.
 TEST_F(CommandPipeFaults, OneFailureIsSurvivedAndTheStopSignalEndsTheWait)
 {

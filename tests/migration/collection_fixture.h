@@ -41,6 +41,7 @@ protected:
     {
         auto *pRequest             = new CollectionRequest{};
         pRequest->dwLinkGeneration = dwLink != 0 ? dwLink : g_dwLinkGeneration.load();
+        pRequest->ullExecution     = AddThreadExecution();
         platform::CopyTextW(pRequest->szListFile, 260, m_sList.c_str());
         ProcessCollection(pRequest);
         EXPECT_EQ(0u, GetThreadLink());

@@ -46,6 +46,7 @@ protected:
     {
         auto *pRequest             = new SpecialRequest{};
         pRequest->dwLinkGeneration = g_dwLinkGeneration;
+        pRequest->ullExecution     = AddThreadExecution();
         pRequest->Record.dwCommand = dwCommand;
         uint32_t *aTargets[]     = {&pRequest->Record.dwParam1, &pRequest->Record.dwParam2, &pRequest->Record.dwParam3};
         char16_t *aTextTargets[] = {pRequest->Record.szText1, pRequest->Record.szText2, pRequest->Record.szText3};

@@ -1,5 +1,7 @@
 // Requests of the service: which files go where, what record follows them, and what becomes of the cache.
+#include "ipc/stop_signal.h"
 #include "tests/migration/special_fixture.h"
+#include "tests/support/eventually.h"
 
 using namespace platform;
 
@@ -225,6 +227,23 @@ TEST_F(SpecialRequests, CancelledRequestForwardsNothingAndStillRemovesItsCache)
               Run(&Peer, 0x2330, {2, 0, 1}, {m_sRoot + u"\\P\\app"}, false));
     EXPECT_FALSE(PathExists(m_sRoot + u"\\P\\app"));
     ReleaseShell32Functions();
+}
+
+TEST_F(SpecialRequests, ACancelRightBehindTheRequestReachesIt)
+{
+    FakePeer   Peer;
+    IpcMessage Record = {};
+    Record.dwCommand  = 0x2430;
+    g_hAppEvent       = CreateEventW(nullptr, TRUE, FALSE, nullptr); // without one a worker waits for nothing
+    for (int i = 0; i < 50; i++) {
+        ++g_nTotalsUnderWay; // it cannot be over before it is cancelled
+        EXPECT_EQ(1, StartSpecialTransfer(&Record));
+        EXPECT_EQ(1, CancelAllThreadExecutions());
+        EXPECT_TRUE(Eventually([] { return IsThreadExecutionListEmpty() == 1; }));
+        --g_nTotalsUnderWay;
+    }
+    EXPECT_EQ((Lines{"record 3021 3 0 0 ||"}), Run(&Peer, 0x3021, {3}, {})); // nothing came before
+    CloseHandle(g_hAppEvent.exchange(nullptr));
 }
 
 TEST_F(SpecialRequests, RequestOfAFormerLinkReachesNoLaterOne)

@@ -81,11 +81,7 @@ bool IsAnswerWord(const CommandWord &szWord, AnswerWord *peWord)
 // An answer: of a file in the window, else of the one file that is under way.
 void TakeAnswer(AnswerWord eWord)
 {
-    bool bWake = false;
-    if (NoteAnswer(eWord, &bWake)) {
-        if (bWake) SetEvent(GetFileOutcomeEvent());
-        return;
-    }
+    if (NoteAnswer(eWord)) return;
     NoteInfoAnswer(eWord == AnswerWord::Done);
     switch (eWord) {
     case AnswerWord::Done: SetOutcome(&g_bRemoteFileDone); break;

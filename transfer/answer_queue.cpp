@@ -2,7 +2,6 @@
 #include "transfer/answer_queue.h"
 #include "net/command_channel.h"
 #include "net/network_link.h"
-#include "platform/kernel.h"
 
 using namespace platform;
 
@@ -15,7 +14,7 @@ struct Place {
     bool        bEnded;   // it has gone out
     bool        bClosed;  // its word has come, or none will
     bool        bDropped; // nobody waits for it
-    bool        bWake;
+    HANDLE      hWake;    // set when it is closed; null: nobody sleeps
     uint64_t    ullTurn; // since when nothing but its own word is missing; 0: not yet
 };
 
@@ -108,13 +107,13 @@ FileOutcome GetCurrentOutcome()
     return outcome;
 }
 
-AnswerState LookAtAnswer(const FileTicket *pTicket, bool bWake, FileOutcome *pOutcome)
+AnswerState LookAtAnswer(const FileTicket *pTicket, HANDLE hWake, FileOutcome *pOutcome)
 {
     AnswerState eState = AnswerState::LinkGone;
     EnterCriticalSection(AnswerLock());
     if (Place *const pPlace = FindPlace(pTicket)) {
         *pOutcome     = pPlace->outcome;
-        pPlace->bWake = bWake;
+        pPlace->hWake = hWake;
         eState        = AnswerState::Owed;
         if (pPlace->bClosed) eState = AnswerState::Closed;
         else if (pPlace->ullTurn != 0 && GetTickCount64() - pPlace->ullTurn >= ANSWER_WAIT_MS)
@@ -134,9 +133,8 @@ void DropTicket(const FileTicket *pTicket)
     LeaveCriticalSection(AnswerLock());
 }
 
-bool NoteAnswer(AnswerWord eWord, bool *pbWake)
+bool NoteAnswer(AnswerWord eWord)
 {
-    *pbWake = false;
     EnterCriticalSection(AnswerLock());
     const bool bOwed = g_Queue.dwLink == g_dwLinkGeneration && g_Queue.nOldest != g_Queue.nNext && IsThreadLinkCurrent();
     if (bOwed) {
@@ -151,7 +149,7 @@ bool NoteAnswer(AnswerWord eWord, bool *pbWake)
         }
         if (eWord == AnswerWord::Done || eWord == AnswerWord::None) {
             pPlace->bClosed = true;
-            *pbWake         = pPlace->bWake;
+            if (pPlace->hWake != nullptr) SetEvent(pPlace->hWake); // inside: a sleeper may close it once it knows
             Advance();
         }
     }

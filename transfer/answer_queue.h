@@ -7,6 +7,7 @@
 // Lock     the queue's own, a leaf: taken inside each function for a few statements, also under g_csNetSocket.
 // Threads  any; NoteAnswer is the listener's.
 #pragma once
+#include "platform/kernel.h"
 #include <cstdint>
 
 constexpr uint32_t ANSWER_WAIT_MS = 10000; // for a file's closing word, from when it is its turn
@@ -40,13 +41,13 @@ enum class AnswerState {
     Closed,
     LinkGone
 };
-// bWake: NoteAnswer shall say so when this file is closed.
-AnswerState LookAtAnswer(const FileTicket *pTicket, bool bWake, FileOutcome *pOutcome);
+// hWake: null, or the event to be set when this file is closed.
+AnswerState LookAtAnswer(const FileTicket *pTicket, platform::HANDLE hWake, FileOutcome *pOutcome);
 // The owner has what it wants of it.
 void DropTicket(const FileTicket *pTicket);
 
-// False: no file is owed a word, so it belongs to none. *pbWake: somebody waits for just this one.
-bool NoteAnswer(AnswerWord eWord, bool *pbWake);
+// False: no file is owed a word, so it belongs to none.
+bool NoteAnswer(AnswerWord eWord);
 // True while somebody waits for a word.
 bool IsAnswerOwed();
 void ResetAnswerQueue(); // tests only

@@ -367,15 +367,17 @@ uint32_t BeginNetworkFiles(const NetworkFile *pFiles, uint32_t nFiles, FileOnThe
     return nDone;
 }
 
-bool TakeNetworkResult(const FileOnTheWay *pWay, const char16_t *pszSource, bool bWake, int32_t *pnResult)
+bool TakeNetworkResult(const FileOnTheWay *pWay, const char16_t *pszSource, HANDLE hWake, int32_t *pnResult)
 {
     FileOutcome outcome = {};
     if (pWay->bAnswerDue) {
-        switch (LookAtAnswer(&pWay->Ticket, bWake, &outcome)) {
+        switch (LookAtAnswer(&pWay->Ticket, hWake, &outcome)) {
         case AnswerState::Owed: return false;
         case AnswerState::LinkGone: *pnResult = SEND_NO_SOCKET; return true;
-        case AnswerState::Overdue:
-        case AnswerState::Closed: DropTicket(&pWay->Ticket); break;
+        case AnswerState::Closed:
+            if (pWay->nRet == 0 && !IsAnswer(outcome)) outcome.bError = true; // not there, and the peer gave no reason
+            [[fallthrough]];
+        case AnswerState::Overdue: DropTicket(&pWay->Ticket); break;
         }
     }
     *pnResult = DecideResult(pWay->nRet, outcome, pWay->nWSAErr, pWay->nWSAErr2, pszSource);
@@ -392,7 +394,8 @@ static int32_t SendInTurn(SOCKET hSocket, const NetworkFile *pFile, uint64_t *pu
     if (pullElapsed != nullptr) *pullElapsed = GetTickCount64() - ullBegin;
     LeaveCriticalSection(&g_csNetSocket);
     TraceDebugW(u"[SendNetworkFile] Leave CS [%s]", pFile->pszSource);
-    while (!TakeNetworkResult(&way, pFile->pszSource, true, &nResult)) SleepOn(GetFileOutcomeEvent());
+    while (!TakeNetworkResult(&way, pFile->pszSource, GetFileOutcomeEvent(), &nResult))
+        SleepOn(GetFileOutcomeEvent());
     return nResult;
 }
 

@@ -84,6 +84,6 @@ int32_t CheckNetworkFile(const NetworkFile *pFile);
 // Sends the files one behind the other and flushes them together; each has passed CheckNetworkFile. The number that
 // was begun: fewer when the link took no more, 0 also when this is no link with a window. Their results are to be taken.
 uint32_t BeginNetworkFiles(const NetworkFile *pFiles, uint32_t nFiles, FileOnTheWay *pWays);
-// False: still to be waited for (bWake: GetFileOutcomeEvent is set when it comes). True, once: *pnResult is
-// SendNetworkFile's, 0 after ANSWER_WAIT_MS in which it was this file's turn to be answered.
-bool TakeNetworkResult(const FileOnTheWay *pWay, const char16_t *pszSource, bool bWake, int32_t *pnResult);
+// False: still to be waited for (hWake: null, or set when it comes). True, once: *pnResult is SendNetworkFile's, 0 after
+// ANSWER_WAIT_MS in which it was this file's turn to be answered.
+bool TakeNetworkResult(const FileOnTheWay *pWay, const char16_t *pszSource, platform::HANDLE hWake, int32_t *pnResult);

@@ -26,6 +26,7 @@ struct WindowEntry {
 
 struct SendWindow {
     WindowOwner owner;
+    HANDLE      hWake; // of the walk alone; null: it polls
     uint64_t    ullCancelled; // when the walk was found cancelled; 0: not yet
     uint32_t    nFirst;       // of the ring
     uint32_t    nCount;
@@ -76,7 +77,7 @@ static void TellOutcomes(SendWindow *pWindow)
         int32_t            nResult = 0;
         if (pEntry->eState == EntryState::Ready) return;
         if (pEntry->eState == EntryState::Out) {
-            if (!TakeNetworkResult(&pEntry->Way, pEntry->pszSource, false, &nResult)) return;
+            if (!TakeNetworkResult(&pEntry->Way, pEntry->pszSource, nullptr, &nResult)) return;
             Decide(pWindow, pEntry, nResult);
         }
         WindowEntry told = *pEntry; // its place is free before it is told
@@ -162,12 +163,11 @@ static void AwaitWords(SendWindow *pWindow)
         FileOutcome              outcome;
         const WindowEntry *const pEntry = EntryAt(pWindow, i);
         if (pEntry->eState != EntryState::Out || !pEntry->Way.bAnswerDue) continue;
-        if (LookAtAnswer(&pEntry->Way.Ticket, true, &outcome) != AnswerState::Owed) return;
+        if (LookAtAnswer(&pEntry->Way.Ticket, pWindow->hWake, &outcome) != AnswerState::Owed) return;
         break;
     }
-    const HANDLE hEvent = GetFileOutcomeEvent();
-    if (hEvent == nullptr) Sleep(ANSWER_POLL_MS);
-    else WaitForSingleObject(hEvent, ANSWER_POLL_MS);
+    if (pWindow->hWake == nullptr) Sleep(ANSWER_POLL_MS);
+    else WaitForSingleObject(pWindow->hWake, ANSWER_POLL_MS);
 }
 
 // True when nothing further may be sent for now.
@@ -252,7 +252,10 @@ static void HandOverSingly(SendWindow *pWindow, const WindowItem *pItem, int32_t
 SendWindow *OpenSendWindow(const WindowOwner *pOwner)
 {
     auto *const pWindow = new (std::nothrow) SendWindow();
-    if (pWindow != nullptr) pWindow->owner = *pOwner;
+    if (pWindow != nullptr) {
+        pWindow->owner = *pOwner;
+        pWindow->hWake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    }
     return pWindow;
 }
 
@@ -307,5 +310,6 @@ void DrainWindow(SendWindow *pWindow)
 
 void CloseSendWindow(SendWindow *pWindow)
 {
+    if (pWindow != nullptr && pWindow->hWake != nullptr) CloseHandle(pWindow->hWake);
     delete pWindow;
 }

@@ -12,15 +12,17 @@
 #include "net/session_state.h"
 #include "tests/migration/migration_fixture.h"
 #include "tests/support/link_pair.h"
+#include "transfer/payload_cipher.h"
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <sstream>
 #include <thread>
 #include <utility>
 
 class FakePeer {
 public:
-    // The word that answers a file or folder: "" answers nothing, "<gone>" ends in order. Called on the peer's thread.
+    // The words that answer a file or folder: "" answers nothing, "<gone>" ends in order. Called on the peer's thread.
     using Answer = std::function<std::string(uint32_t dwType, const std::string &sPath)>;
     // pAnswer null: always "FileDone". sCutAt: dies when that file's header arrives, with its content unread.
     explicit FakePeer(Answer pAnswer = nullptr, const std::string &sCutAt = "");
@@ -33,12 +35,15 @@ public:
     Lines Take();
     // All of it up to a record that begins with sLast, which is waited for.
     Lines TakeUntil(const std::string &sLast);
+    // Every byte that has come, but for each key, which is "<key>", and cipher text, which is what it stands for.
+    std::string TakeStream();
     // The role as it was before, torn down as a service's disconnect does it.
     void EndRole();
 
 private:
     void              Run();
-    bool              Receive(void *pBuffer, size_t cb);
+    bool              Receive(void *pBuffer, size_t cb, bool bKeep = true);
+    bool              ReceiveSecret(std::vector<uint8_t> *paBytes, uint32_t cb, std::string *psKey);
     bool              ReceiveFile();
     bool              ReceiveRecord();
     void              Keep(const std::string &sLine);
@@ -49,6 +54,7 @@ private:
     platform::HANDLE  m_hExit = nullptr;
     std::mutex        m_Mutex;
     Lines             m_aLines;
+    std::string       m_sStream;
     std::thread       m_Thread;
 };
 
@@ -102,7 +108,13 @@ inline void FakePeer::Keep(const std::string &sLine)
     m_aLines.push_back(sLine);
 }
 
-inline bool FakePeer::Receive(void *pBuffer, size_t cb)
+inline std::string FakePeer::TakeStream()
+{
+    std::lock_guard<std::mutex> Guard(m_Mutex);
+    return std::exchange(m_sStream, {});
+}
+
+inline bool FakePeer::Receive(void *pBuffer, size_t cb, bool bKeep)
 {
     for (size_t cbDone = 0; cbDone < cb;) {
         const int32_t n =
@@ -110,6 +122,31 @@ inline bool FakePeer::Receive(void *pBuffer, size_t cb)
         if (n <= 0) return false;
         cbDone += static_cast<size_t>(n);
     }
+    std::lock_guard<std::mutex> Guard(m_Mutex);
+    if (bKeep) m_sStream.append(static_cast<char *>(pBuffer), cb);
+    return true;
+}
+
+// A key (an empty *psKey) or cipher text under it.
+inline bool FakePeer::ReceiveSecret(std::vector<uint8_t> *paBytes, uint32_t cb, std::string *psKey)
+{
+    if (cb > paBytes->size() || !Receive(paBytes->data(), cb, false)) return false;
+    std::string sPlain = "<key>";
+    if (psKey->empty()) psKey->assign(paBytes->begin(), paBytes->begin() + cb);
+    else {
+        platform::BCRYPT_ALG_HANDLE hAlgorithm = nullptr;
+        platform::BCRYPT_KEY_HANDLE hKey       = nullptr;
+        uint8_t                    *pbObject = nullptr, *pbPlain = nullptr;
+        uint32_t                    cbPlain = 0;
+        GetKeyAlgHandle(reinterpret_cast<const uint8_t *>(psKey->data()), static_cast<uint32_t>(psKey->size()), &hKey,
+                        &pbObject, &hAlgorithm);
+        DecryptDataWithKeyHandle(hAlgorithm, hKey, paBytes->data(), cb, &pbPlain, &cbPlain);
+        sPlain.assign(reinterpret_cast<char *>(pbPlain), cbPlain);
+        delete[] pbPlain;
+        ReleaseKeyHandle(hAlgorithm, hKey, pbObject);
+    }
+    std::lock_guard<std::mutex> Guard(m_Mutex);
+    m_sStream += sPlain;
     return true;
 }
 
@@ -138,26 +175,30 @@ inline bool FakePeer::ReceiveFile()
     uint8_t              bEncrypt = 0;
     int64_t              llSize   = 0;
     std::vector<uint8_t> aBytes(70000);
+    std::string          sKey;
     if (!Receive(szPath, 2050) || !Receive(&dwType, 4)) return false;
     const std::string sPath = Utf8(szPath);
     if (sPath == m_sCutAt) return false;
     if (dwType != 2) {
         if (!Receive(&dwAttributes, 4) || !Receive(&bEncrypt, 1) || !Receive(&llSize, 8)) return false;
-        if (bEncrypt && (!Receive(&cb, 4) || !Receive(aBytes.data(), cb))) return false;
+        if (bEncrypt && (!Receive(&cb, 4) || !ReceiveSecret(&aBytes, cb, &sKey))) return false;
         for (int64_t llLeft = llSize; llLeft > 0; llLeft -= 65536) {
             cb = static_cast<uint32_t>(llLeft < 65536 ? llLeft : 65536);
             if (bEncrypt && !Receive(&cb, 4)) return false;
-            if (!Receive(aBytes.data(), cb)) return false;
+            if (!(bEncrypt ? ReceiveSecret(&aBytes, cb, &sKey) : Receive(aBytes.data(), cb))) return false;
         }
     }
     Keep(dwType == 2
              ? "folder " + sPath
              : "file " + std::to_string(dwType) + (bEncrypt ? " " : " plain ") + sPath + " " + std::to_string(llSize));
-    const std::string sWord = m_pAnswer ? m_pAnswer(dwType, sPath) : "FileDone";
-    if (sWord == "<gone>") return false;
-    char aWord[10] = {};
-    platform::CopyTextA(aWord, sizeof(aWord), sWord.c_str());
-    return sWord.empty() || platform::send(m_Pair.hClient, aWord, 10, 0) == 10;
+    std::istringstream Words(m_pAnswer ? m_pAnswer(dwType, sPath) : "FileDone");
+    for (std::string sWord; Words >> sWord;) {
+        char aWord[10] = {};
+        if (sWord == "<gone>") return false;
+        platform::CopyTextA(aWord, sizeof(aWord), sWord.c_str());
+        if (platform::send(m_Pair.hClient, aWord, 10, 0) != 10) return false;
+    }
+    return true;
 }
 
 inline void FakePeer::Run()

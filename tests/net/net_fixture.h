@@ -11,6 +11,7 @@
 #include "net/listener.h"
 #include "net/received_file.h"
 #include "net/role_end.h"
+#include "net/link_window.h"
 #include "net/server_role.h"
 #include "net/session_control.h"
 #include "net/session_state.h"
@@ -22,6 +23,7 @@
 #include "tests/support/link_pair.h"
 #include "tests/support/test_machine.h"
 #include "trace/debug_output.h"
+#include "transfer/answer_queue.h"
 #include "transfer/socket_io.h"
 #include <chrono>
 #include <functional>
@@ -110,6 +112,8 @@ protected:
     {
         FreshMachine();
         ResetNetworkLink();
+        ResetLinkWindow();
+        ResetAnswerQueue();
         ResetSessionState();
         ResetStateFiles();
         ResetServicePipeClient();

@@ -2,6 +2,7 @@
 #pragma once
 #include "ipc/thread_execution.h"
 #include "net/command_channel.h"
+#include "net/link_window.h"
 #include "net/network_link.h"
 #include "platform/errors.h"
 #include "platform/files.h"
@@ -13,6 +14,7 @@
 #include "trace/debug_output.h"
 #include "transfer/file_stream.h"
 #include "transfer/payload_cipher.h"
+#include "transfer/answer_queue.h"
 #include "transfer/socket_io.h"
 #include <future>
 #include <memory>
@@ -91,6 +93,8 @@ class TransferTest : public ::testing::Test
     {
         FreshMachine();
         ResetNetworkLink();
+        ResetLinkWindow();
+        ResetAnswerQueue();
         OpenNetSocketLock();
         GetFileOutcomeEvent();
         InitThreadExecutionList();

@@ -283,6 +283,13 @@ void NoteItemFailed(FailedItems *pFailed, const char16_t *pszPath, int32_t nResu
     pFailed->bUnsettled = pFailed->bUnkept = true;
 }
 
+void NoteUnseenItems(FailedItems *pFailed)
+{
+    if (pFailed == nullptr) return;
+    pFailed->bUnsettled = true;
+    pFailed->bUnkept    = true;
+}
+
 void NoteItemReport(FailedItems *pFailed, int32_t nResult)
 {
     if (pFailed != nullptr && nResult != SEND_OK) pFailed->bUnsettled = true;

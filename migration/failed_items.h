@@ -46,6 +46,8 @@ void NoteItemSent(FailedItems *pFailed, const char16_t *pszPath);
 // It does not; nResult is SendNetworkFile's. After a result that ends the link (EndsLink), and of a cancelled send,
 // nothing is kept: the walk ends, and the item is still to be sent.
 void NoteItemFailed(FailedItems *pFailed, const char16_t *pszPath, int32_t nResult);
+// A folder could not be enumerated to its end: items that nobody has seen are still to be sent.
+void NoteUnseenItems(FailedItems *pFailed);
 // The result of a report to the peer's service about a failed item.
 void NoteItemReport(FailedItems *pFailed, int32_t nResult);
 // The peer was told that the collection is complete: from here on the file goes, or keeps the open items alone.

@@ -8,11 +8,15 @@
 #include "migration/peer_reports.h"
 #include "migration/record_store.h"
 #include "net/command_channel.h"
+#include "net/network_link.h"
+#include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/path.h"
 #include "platform/text.h"
 #include "trace/trace_log.h"
 #include "transfer/file_queries.h"
+#include "transfer/folder_way.h"
+#include "transfer/incoming_file.h"
 #include "transfer/network_send.h"
 #include "transfer/send_window.h"
 #include <cstring>
@@ -24,6 +28,7 @@ int32_t g_bSendDesktopIni = 0;
 int32_t g_bTypedFiles     = 0;
 
 constexpr size_t TREE_PATH_UNITS = 1024;
+constexpr uint32_t LONG_SEND_BYTES = 16 << 20; // from which a file keeps the walk busy for long
 constexpr size_t FAIL_TEXT_UNITS = 780; // a longer path cannot be reported to the peer
 
 enum class FileKind { Plain, Shortcut, FolderSettings };
@@ -31,6 +36,7 @@ enum class FileKind { Plain, Shortcut, FolderSettings };
 // Outcomes of items that were not sent, beside those of SendNetworkFile.
 constexpr int32_t ITEM_RECORDED = 2; // sent before
 constexpr int32_t ITEM_REFUSED  = 3; // by a destination's limit
+constexpr int32_t ITEM_CIRCLE   = 4; // a link that leads back to the folders on the way
 
 // One walk's state. At each level szSource holds the folder's path, szTarget its destination root.
 struct TreeWalk {
@@ -40,6 +46,7 @@ struct TreeWalk {
     char16_t              szSource[TREE_PATH_UNITS];
     char16_t              szTarget[TREE_PATH_UNITS];
     char16_t              szWork[LONG_PATH_UNITS];
+    EnteredLink          *pWay; // links that lead to where the walk is
 };
 
 // What a level knows of its folder.
@@ -71,6 +78,13 @@ static void NoteFolder(const TreeWalk *pWalk, const char16_t *pszFolder, int32_t
     else NoteItemFailed(pWalk->pSend->pFailed, szFolder, nResult);
 }
 
+// An entry that cannot even be handed over.
+static void FailEntry(const TreeWalk *pWalk, int32_t nResult)
+{
+    TraceFailure(nResult, pWalk->szSource);
+    NoteFailedFile(pWalk, pWalk->szSource, nResult);
+}
+
 static void MarkLinkEnd(const TreeWalk *pWalk, int32_t nResult)
 {
     if (EndsLink(nResult) && pWalk->pSend->pbFatal != nullptr) *pWalk->pSend->pbFatal = 1;
@@ -84,20 +98,17 @@ static bool AppendName(char16_t (&szPath)[TREE_PATH_UNITS], size_t cch, const ch
     return CopyTextW(szPath + cch + 1, TREE_PATH_UNITS - cch - 1, pszName);
 }
 
-// The folder's destination root into szTarget: its translation as a folder, or its own path.
-static void TranslateRoot(TreeWalk *pWalk)
+// The folder's destination root into szTarget: its translation as a folder, or its own path. False: it does not fit.
+static bool TranslateRoot(TreeWalk *pWalk)
 {
     const size_t cch = TextLengthW(pWalk->szSource);
-    if (pWalk->pSend->pMap != nullptr && cch + 2 <= TREE_PATH_UNITS) {
-        CopyTextW(pWalk->szTarget, TREE_PATH_UNITS, pWalk->szSource);
-        AppendTextW(pWalk->szTarget, TREE_PATH_UNITS, u"\\");
-        if (TranslatePath(pWalk->pSend->pMap, pWalk->szTarget, TREE_PATH_UNITS, 0)) {
-            const size_t cchTarget = TextLengthW(pWalk->szTarget);
-            if (cchTarget > 0) pWalk->szTarget[cchTarget - 1] = 0;
-            return;
-        }
-    }
     CopyTextW(pWalk->szTarget, TREE_PATH_UNITS, pWalk->szSource);
+    if (pWalk->pSend->pMap == nullptr || cch + 2 > TREE_PATH_UNITS) return true;
+    AppendTextW(pWalk->szTarget, TREE_PATH_UNITS, u"\\");
+    if (TranslateForTarget(pWalk->pSend->pMap, pWalk->szTarget, TREE_PATH_UNITS) < 0) return false;
+    const size_t cchTarget = TextLengthW(pWalk->szTarget);
+    if (cchTarget > 0) pWalk->szTarget[cchTarget - 1] = 0;
+    return true;
 }
 
 // The kind of a file, or false for one that is not sent. szSource still holds the folder.
@@ -176,6 +187,11 @@ static void TakeOutcome(void *pContext, const WindowItem *pItem, int32_t nResult
     case ITEM_REFUSED:
         if (bCounts) NoteFailedFile(pWalk, pItem->pszSource, SEND_DISK_FULL);
         return;
+    case ITEM_CIRCLE: // asking again would find it as it is, so it is told and not kept
+        TraceFailure(nResult, pItem->pszSource);
+        if (TextLengthW(pItem->pszSource) < FAIL_TEXT_UNITS)
+            NoteItemReport(pWalk->pSend->pFailed, SendFailItems(1, 1, pItem->pszSource));
+        return;
     default: break;
     }
     TraceFailure(nResult, pItem->pszSource);
@@ -194,12 +210,13 @@ static void SendFileEntry(TreeWalk *pWalk, TreeLevel *pLevel, const WIN32_FIND_D
     const FolderTreeSend *pSend    = pWalk->pSend;
     FileKind              eKind    = FileKind::Plain;
     int32_t               nDecided = 0;
-    if (!ClassifyFile(pWalk, pEntry, &eKind)) return;
+    if (IsPartName(pEntry->cFileName) || !ClassifyFile(pWalk, pEntry, &eKind)) return;
     if (eKind != FileKind::FolderSettings) pLevel->bHandled = true;
     if (!AppendName(pWalk->szSource, pLevel->cchSource, pEntry->cFileName)) {
-        TraceFailure(SEND_BAD_SOURCE, pWalk->szSource);
+        FailEntry(pWalk, SEND_BAD_SOURCE);
         return;
     }
+    if (pEntry->nFileSizeHigh != 0 || pEntry->nFileSizeLow >= LONG_SEND_BYTES) RestRecordStore();
     if (pSend->pszRecordBase != nullptr && ReadRecordState(pSend->pszRecordBase, pWalk->szSource) == RECORD_FILE_SENT)
         nDecided = ITEM_RECORDED;
     else if (!AppendName(pWalk->szTarget, pLevel->cchTarget, pEntry->cFileName))
@@ -210,6 +227,25 @@ static void SendFileEntry(TreeWalk *pWalk, TreeLevel *pLevel, const WIN32_FIND_D
 
 static void SendFolder(TreeWalk *pWalk);
 
+// A link that leads back to where the walk is would never come to an end: it is a failed item, and nothing of it is sent.
+static void SendLinkedFolder(TreeWalk *pWalk, const TreeLevel *pLevel)
+{
+    const char16_t chAfter = pWalk->szSource[pLevel->cchSource];
+    char16_t       szLink[TREE_PATH_UNITS + 1];
+    FormatTextW(szLink, TREE_PATH_UNITS + 1, u"%s\\", pWalk->szSource);
+    pWalk->szSource[pLevel->cchSource] = 0;
+    EnteredLink *const pWay            = EnterLink(pWalk->pWay, pWalk->szSource, szLink);
+    pWalk->szSource[pLevel->cchSource] = chAfter;
+    if (pWay != nullptr) {
+        pWalk->pWay = pWay;
+        SendFolder(pWalk);
+        pWalk->pWay = LeaveLink(pWalk->pWay);
+        return;
+    }
+    const WindowItem link = {szLink, u"", FILE_TYPE_FOLDER};
+    HandOver(pWalk->pWindow, &link, ITEM_CIRCLE);
+}
+
 static void SendSubfolder(TreeWalk *pWalk, TreeLevel *pLevel, const WIN32_FIND_DATAW *pEntry)
 {
     const FolderTreeSend *pSend = pWalk->pSend;
@@ -219,7 +255,7 @@ static void SendSubfolder(TreeWalk *pWalk, TreeLevel *pLevel, const WIN32_FIND_D
     const bool bRestricted = pSend->pRestricted != nullptr && pSend->pIncluded != nullptr &&
                              ContainsString(pSend->pRestricted, pWalk->szSource);
     if (!AppendName(pWalk->szSource, pLevel->cchSource, pEntry->cFileName)) {
-        TraceFailure(SEND_BAD_SOURCE, pWalk->szSource);
+        FailEntry(pWalk, SEND_BAD_SOURCE);
         pLevel->bHandled = true;
         return;
     }
@@ -230,11 +266,12 @@ static void SendSubfolder(TreeWalk *pWalk, TreeLevel *pLevel, const WIN32_FIND_D
     // The subfolder's destination may lie elsewhere, so this level's has to be kept.
     char16_t *pszTarget = new (std::nothrow) char16_t[pLevel->cchTarget + 1];
     if (pszTarget == nullptr) {
-        TraceFailure(SEND_BAD_DESTINATION, pWalk->szSource);
+        FailEntry(pWalk, SEND_BAD_DESTINATION);
         return;
     }
     memcpy(pszTarget, pWalk->szTarget, (pLevel->cchTarget + 1) * sizeof(char16_t));
-    SendFolder(pWalk);
+    if (IsFolderLink(pEntry)) SendLinkedFolder(pWalk, pLevel);
+    else SendFolder(pWalk);
     memcpy(pWalk->szTarget, pszTarget, (pLevel->cchTarget + 1) * sizeof(char16_t));
     delete[] pszTarget;
 }
@@ -249,12 +286,37 @@ static const char16_t *FolderPattern(const char16_t *pszFolder, char16_t (&szWor
     return bPrefixed || static_cast<size_t>(cch) - PREFIX_UNITS < MAX_PATH ? szWork + PREFIX_UNITS : szWork;
 }
 
+// False once nothing further of the walk can be sent, so that nobody waits for the rest of a tree to be enumerated.
+static bool MayGoOn(const TreeWalk *pWalk)
+{
+    const uint32_t *const pbFatal = pWalk->pSend->pbFatal;
+    return !IsThreadExecutionCancel(pWalk->pSend->ullExecution) && IsThreadLinkCurrent() &&
+           (pbFatal == nullptr || *pbFatal == 0);
+}
+
+// What the folder holds. False: it broke off before its end (a drive was pulled), and what was not seen is not sent.
+static bool SendEntries(TreeWalk *pWalk, TreeLevel *pLevel, HANDLE hFind, WIN32_FIND_DATAW *pEntry)
+{
+    do {
+        if (!MayGoOn(pWalk)) return true;
+        if ((pEntry->dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) SendFileEntry(pWalk, pLevel, pEntry);
+        else SendSubfolder(pWalk, pLevel, pEntry);
+        pWalk->szSource[pLevel->cchSource] = 0;
+        pWalk->szTarget[pLevel->cchTarget] = 0;
+    } while (FindNextFileW(hFind, pEntry));
+    return GetLastError() == ERROR_NO_MORE_FILES;
+}
+
 // The folder in szSource, which is as it was on return.
 static void SendFolder(TreeWalk *pWalk)
 {
     WIN32_FIND_DATAW entry;
     TreeLevel        level = {};
-    TranslateRoot(pWalk);
+    if (!TranslateRoot(pWalk)) {
+        TraceFailure(SEND_BAD_DESTINATION, pWalk->szSource);
+        NoteFailedFile(pWalk, pWalk->szSource, SEND_BAD_DESTINATION);
+        return;
+    }
     const WindowItem folder = {pWalk->szSource, pWalk->szTarget, FILE_TYPE_FOLDER};
     HandOver(pWalk->pWindow, &folder, 0);
     level.cchSource = TextLengthW(pWalk->szSource);
@@ -263,14 +325,12 @@ static void SendFolder(TreeWalk *pWalk)
     const char16_t *pszPattern = FolderPattern(pWalk->szSource, pWalk->szWork);
     const HANDLE    hFind      = pszPattern != nullptr ? FindFirstFileW(pszPattern, &entry) : INVALID_HANDLE_VALUE;
     if (hFind == INVALID_HANDLE_VALUE) return;
-    do {
-        if (IsThreadExecutionCancel(pWalk->pSend->ullExecution)) break;
-        if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0) SendFileEntry(pWalk, &level, &entry);
-        else SendSubfolder(pWalk, &level, &entry);
-        pWalk->szSource[level.cchSource] = 0;
-        pWalk->szTarget[level.cchTarget] = 0;
-    } while (FindNextFileW(hFind, &entry));
+    const bool bWhole = SendEntries(pWalk, &level, hFind, &entry);
     FindClose(hFind);
+    if (!bWhole) {
+        TraceFailure(SEND_SOURCE_MISSING, pWalk->szSource);
+        NoteUnseenItems(pWalk->pSend->pFailed);
+    }
     if (!level.bHandled) ++pWalk->nCount; // an empty folder counts as one
 }
 
@@ -282,6 +342,7 @@ uint32_t SendNetworkFileEx(const char16_t *pszFolder, const FolderTreeSend *pSen
     const WindowOwner owner = {pWalk, pSend->ullExecution, DecideItem, TakeOutcome};
     pWalk->pSend            = pSend;
     pWalk->nCount           = 0;
+    pWalk->pWay             = nullptr;
     pWalk->pWindow          = OpenSendWindow(&owner);
     if (pWalk->pWindow != nullptr) {
         if (CopyTextW(pWalk->szSource, TREE_PATH_UNITS, pszFolder)) SendFolder(pWalk);

@@ -276,7 +276,7 @@ static uint64_t HashFolder(const char16_t *pszFolder)
     return ullHash | 1; // 0 is an empty place
 }
 
-static bool IsPart(const char16_t *pszName)
+bool IsPartName(const char16_t *pszName)
 {
     const size_t cchName = TextLengthW(pszName);
     return cchName >= SUFFIX_UNITS && CompareTextNoCaseW(pszName + cchName - SUFFIX_UNITS, RECEIVING_SUFFIX) == 0;
@@ -293,7 +293,7 @@ void SweepParts(const char16_t *pszFolder)
     const HANDLE hFind = FindFirstFileW(LongPathForm(szPath, STREAM_PATH_UNITS + 1, szLong), &data);
     if (hFind == INVALID_HANDLE_VALUE) return;
     do {
-        if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0 || !IsPart(data.cFileName)) continue;
+        if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0 || !IsPartName(data.cFileName)) continue;
         if (FormatTextW(szPath, LONG_PATH_UNITS, u"%s\\%s", pszFolder, data.cFileName) >= 0)
             DeleteFileW(LongPathForm(szPath, STREAM_PATH_UNITS + 1, szLong)); // fails for one that is being written
     } while (FindNextFileW(hFind, &data));

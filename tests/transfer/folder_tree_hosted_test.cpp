@@ -1,11 +1,14 @@
 // The walk over a tree: what is sent, in which order and as what, and what a second run, a full disk and the lists
 // leave out.
+#include "migration/failed_items.h"
 #include "migration/record_store.h"
 #include "migration/state_files.h"
+#include "net/network_link.h"
 #include "tests/transfer/transfer_fixture.h"
 #include "transfer/destination_limits.h"
 #include "transfer/folder_listing.h"
 #include "transfer/folder_tree.h"
+#include "transfer/incoming_file.h"
 #include "transfer/network_send.h"
 #include <map>
 
@@ -192,6 +195,59 @@ TEST_F(FolderTreeTest, TheEndOfTheLinkIsFatalAndACancelStopsTheWalk)
     hosted::FailCall("FindFirstFileW", 1, ERROR_ACCESS_DENIED);
     EXPECT_EQ(0u, Walk()) << "one that cannot be read";
     EXPECT_EQ(1u, m_bFatal) << "but it did not arrive";
+}
+
+// Junctions and directory links, for which symbolic links of the host stand.
+TEST_F(FolderTreeTest, ALinkBackToTheWaysOwnFoldersIsReportedOnceAndNotEntered)
+{
+    const std::string sHost = std::string(hosted::MachineFolder()) + "/drive_c";
+    const auto        Host  = [&](const std::u16string &sPath) {
+        std::string s = sHost + Utf8(sPath.substr(2));
+        std::replace(s.begin(), s.end(), '\\', '/');
+        return s;
+    };
+    const std::u16string sOther = u"C:\\other";
+    MakeFolder(u"docs");
+    MakeFile(u"docs\\a");
+    MakeFile(std::u16string(u"docs\\b") + RECEIVING_SUFFIX); // left by a killed receiver
+    ASSERT_TRUE(CreateDirectoryW(sOther.c_str(), nullptr));
+    WriteTestFile(sOther + u"\\o", "123");
+    namespace fs = std::filesystem;
+    fs::create_directory_symlink(Host(m_sFolder), Host(m_sFolder + u"\\docs\\loop"));
+    fs::create_directory_symlink(sHost, Host(m_sFolder + u"\\docs\\root"));
+    fs::create_directory_symlink(Host(sOther), Host(m_sFolder + u"\\docs\\out"));
+    fs::create_directory_symlink(Host(m_sFolder + u"\\docs"), Host(sOther + u"\\back")); // by a detour
+    fs::create_directory_symlink("/nowhere", Host(m_sFolder + u"\\gone"));
+    EXPECT_EQ(2u, Walk());
+    EXPECT_EQ("folder ; folder \\docs; file 3 \\docs\\a 3; record 333 1 1 0 \\docs\\loop\\; folder \\docs\\out; "
+              "record 333 1 1 0 \\docs\\out\\back\\; file 3 \\docs\\out\\o 3; record 333 1 1 0 \\docs\\root\\; "
+              "file 3 \\gone 0; record 333 1 1 0 \\gone; ",
+              Arrived());
+    StringList list = {};
+    EXPECT_EQ(1, ListFolderFiles(m_sFolder.c_str(), 0, 1, &list));
+    EXPECT_EQ(3u, list.nCount) << "docs\\a, docs\\out\\o, and the link that is no folder";
+    FreeStringList(&list);
+}
+
+TEST_F(FolderTreeTest, AnEnumerationThatBreaksOffIsNoEndAndADeadLinkEndsTheWalk)
+{
+    FailedItems failed = {};
+    m_Send.pFailed     = &failed;
+    MakeFile(u"a");
+    MakeFile(u"b");
+    hosted::FailCall("FindNextFileW", 3, ERROR_GEN_FAILURE); // ".", "..", "a"
+    Walk();
+    EXPECT_TRUE(failed.bUnkept && failed.bUnsettled) << "b was not seen";
+    Arrived();
+    failed = {};
+    Walk();
+    EXPECT_FALSE(failed.bUnkept || failed.bUnsettled);
+    Arrived();
+    BindThreadToLink(g_dwLinkGeneration + 1); // the walk's link has ended, another one stands
+    hosted::ClearFaults();
+    Walk();
+    EXPECT_EQ(0, hosted::CallCount("FindNextFileW"));
+    BindThreadToLink(0);
 }
 
 TEST_F(FolderTreeTest, LongPathsAreEnumeratedAndListed)

@@ -1,8 +1,8 @@
 // receipt_journal.cpp: a ring of small notes in a file of fixed size.
-// The order of things decides what a kill can do. A note is written before the file gets its name: killed in between, it
-// names a file that is not there (or not the same, which the comparison finds), and the file is stored as if nothing had
-// been. Killed later, the file that comes again is known. "ProgressSize" grows before the peer gets its answer, so a file
-// that is not sent again has been counted; the last note tells, by the value from before, whether its file has been.
+// The order of things decides what a kill can do. A note is written before the file gets its name: killed in between,
+// it names a file that is not there (or not the same, which the comparison finds), and the file is stored as if nothing
+// had been. Killed later, the file that comes again is known. "ProgressSize" grows before the peer gets its answer, so
+// a file that is not sent again has been counted; the last note tells, by the value from before, whether its file has.
 #include "migration/receipt_journal.h"
 #include "migration/machine_info.h"
 #include "migration/state_files.h"
@@ -107,8 +107,8 @@ uint64_t HashPeer()
 bool WriteAt(HANDLE hFile, int64_t cbOffset, const void *pBytes, uint32_t cb)
 {
     uint32_t cbWritten = 0;
-    return SetFilePointerEx(hFile, cbOffset, nullptr, FILE_BEGIN) && WriteFile(hFile, pBytes, cb, &cbWritten, nullptr) &&
-           cbWritten == cb;
+    return SetFilePointerEx(hFile, cbOffset, nullptr, FILE_BEGIN) &&
+           WriteFile(hFile, pBytes, cb, &cbWritten, nullptr) && cbWritten == cb;
 }
 
 // A ring of its own for this peer: what the old one's slots hold is nothing from here on.

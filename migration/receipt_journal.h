@@ -1,7 +1,7 @@
 // receipt_journal.h: what this machine has stored of a migration, so that a file that comes again is known.
-// Why      A sender that was cut off before it had the answer sends the file again, and on the wire nothing tells it from
-//          another file of that destination. The journal says which files of that destination an earlier request of the
-//          same migration stored, and under which name; the comparison of their bytes (incoming_file.h) decides.
+// Why      A sender that was cut off before it had the answer sends the file again, and on the wire nothing tells it
+//          from another file of that destination. The journal says which files of that destination an earlier request
+//          of the same migration stored, and under which name; comparing their bytes (incoming_file.h) decides.
 // File     "receipts.dat" in the progress folder: 64 bytes a slot, little-endian. Slot 0 says whose migration this is,
 //          the others are a ring. It has its full size from the start, so that a full disk cannot stop a note. A slot
 //          counts with the right checksum and the ring's present number alone, so what is torn or old is nothing.

@@ -29,8 +29,8 @@ namespace {
 constexpr char16_t OPERATION[]       = u"SendFileCMDHandler";
 constexpr size_t   LONG_PREFIX_UNITS = 4; // of "\\?\"
 constexpr size_t   DRIVE_UNITS       = 3; // of "X:\"
-// What of a file's attributes belongs to the file. The others are the source machine's own affair: that its copy lies in
-// the cloud (offline, recall), is pinned there, compressed, sparse or a link.
+// What of a file's attributes belongs to the file. The others are the source machine's own affair: that its copy lies
+// in the cloud (offline, recall), is pinned there, compressed, sparse or a link.
 constexpr uint32_t RECEIVED_ATTRIBUTES = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
                                          FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NORMAL |
                                          FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
@@ -72,9 +72,8 @@ bool IsDeviceName(const char16_t *pszName, size_t cchName)
         if (cch == TextLengthW(pszDevice) && CompareTextNoCaseN_W(pszName, pszDevice, cch) == 0) return true;
     if (cch != NUMBERED_UNITS) return false;
     const char16_t chNumber = pszName[cch - 1];
-    const bool     bNumber  = (chNumber >= u'0' && chNumber <= u'9') || chNumber == u'\u00B9' || chNumber == u'\u00B2' ||
-                         chNumber == u'\u00B3';
-    return bNumber && (CompareTextNoCaseN_W(pszName, NUMBERED[0], cch - 1) == 0 ||
+    const bool     bRaised  = chNumber == u'\u00B9' || chNumber == u'\u00B2' || chNumber == u'\u00B3';
+    return (bRaised || (chNumber >= u'0' && chNumber <= u'9')) && (CompareTextNoCaseN_W(pszName, NUMBERED[0], cch - 1) == 0 ||
                        CompareTextNoCaseN_W(pszName, NUMBERED[1], cch - 1) == 0);
 }
 

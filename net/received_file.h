@@ -1,4 +1,4 @@
-// received_file.h: a file on its way in, what its type wants done once it is stored, and the progress that it counts for.
+// received_file.h: a file on its way in, what its type wants done once it is stored, and the progress it counts for.
 // Thread   the link's listener.
 #pragma once
 #include "net/command_channel.h"
@@ -24,10 +24,10 @@ extern int64_t  g_llReceiveProgressTotal; // bytes
 void StartReceiveProgress(uint32_t dwTag, int64_t llTotal);
 void ResetReceiveProgress(); // none is under way
 
-// Before "FileDone", for a file of a collection: its size joins "ProgressSize", once, also when it has come twice. Before,
-// since a file that was answered never comes again: a process that dies now leaves nothing uncounted. What cannot be
-// counted (a progress file that somebody holds for a second and longer) is counted with the next file.
+// Before "FileDone", for a file of a collection: its size joins "ProgressSize", once, also when it has come twice.
+// Before, since a file that was answered never comes again: a process that dies now leaves nothing uncounted. What
+// cannot be counted (a progress file that somebody holds for a second and longer) is counted with the next file.
 void CountCollectionFile(const ReceivedFile *pFile);
-// After "FileDone": progress of special data, shell links, folder settings, the peer's machine info. Failures are logged
-// at most: the file itself is stored and answered.
+// After "FileDone": progress of special data, shell links, folder settings, the peer's machine info. Failures are
+// logged at most: the file itself is stored and answered.
 void FinishReceivedFile(const ReceivedFile *pFile);

@@ -1,6 +1,6 @@
 // incoming_file.h: a file from the peer on this machine's disk, from its first byte to its name.
-// Part     A file whose name is free grows under that name with RECEIVING_SUFFIX behind it (a name too long for that, or
-//          whose part is in use: under the suffix alone) and gets its name when it is whole: if this process dies
+// Part     A file whose name is free grows under that name with RECEIVING_SUFFIX behind it (a name too long for that,
+//          or whose part is in use: under the suffix alone) and gets its name when it is whole: if this process dies
 //          half-way, no broken file has the name, for which the resumed send would have to take another. Where no part
 //          can be made, and where the file replaces an existing one, the destination itself is written.
 // Again    A file that an earlier, broken-off request of this migration has stored already (receipt_journal.h) is

@@ -199,7 +199,9 @@ int32_t shutdown(SOCKET s, int32_t nHow)
 
 // ---- held sends ----
 
-constexpr int32_t CB_GATHERED = 65536;
+// What leaves in one call, and so under one time-out (SO_SNDTIMEO): Winsock's blocking send of more than the stack takes
+// at once waits for all of it, and on a slow line 64 KiB would not leave within the eight seconds of a link that works.
+constexpr int32_t CB_GATHERED = 16384;
 
 struct HeldSends {
     SOCKET            s;
@@ -256,39 +258,39 @@ static void RemoveHeld(const std::shared_ptr<HeldSends> &pHeld)
     ::ReleaseSRWLockExclusive(&g_HeldLock);
 }
 
-// Sends the gathered bytes and then pMore in one call, or in as many as the stack wants. Fails for good.
-static bool SendOn(HeldSends *pHeld, const char *pMore, int32_t cbMore)
+// Sends the gathered bytes in one call, or in as many as the stack wants. Fails for good.
+static bool SendOn(HeldSends *pHeld)
 {
-    WSABUF   aParts[2] = {{static_cast<ULONG>(pHeld->cbGathered), pHeld->aGathered},
-                          {static_cast<ULONG>(cbMore), const_cast<char *>(pMore)}};
-    WSABUF  *pParts    = aParts;
-    DWORD    nParts    = 2;
-    pHeld->cbGathered  = 0;
-    while (nParts > 0) {
-        DWORD cbSent = 0;
-        if (pParts->len == 0) {
-            ++pParts;
-            --nParts;
-            continue;
-        }
-        if (pHeld->bClosed.load())
+    int32_t cbDone = 0;
+    while (cbDone < pHeld->cbGathered) {
+        int32_t cbSent = SOCKET_ERROR;
+        if (pHeld->bClosed.load()) {
             pHeld->nError = WSAENOTSOCK;
-        else if (::WSASend(pHeld->s, pParts, nParts, &cbSent, 0, nullptr, nullptr) == SOCKET_ERROR) {
-            NoteClosedSocket(pHeld->s);
-            pHeld->nError = pHeld->bClosed.load() ? WSAENOTSOCK : ::WSAGetLastError();
-        }
-        if (pHeld->nError != 0)
-            return false;
-        while (cbSent > 0) {
-            const DWORD cbTaken = cbSent < pParts->len ? cbSent : pParts->len;
-            pParts->buf += cbTaken;
-            pParts->len -= cbTaken;
-            cbSent -= cbTaken;
-            if (cbSent > 0) {
-                ++pParts;
-                --nParts;
+        } else {
+            cbSent = ::send(pHeld->s, pHeld->aGathered + cbDone, pHeld->cbGathered - cbDone, 0);
+            if (cbSent == SOCKET_ERROR) {
+                NoteClosedSocket(pHeld->s);
+                pHeld->nError = pHeld->bClosed.load() ? WSAENOTSOCK : ::WSAGetLastError();
             }
         }
+        if (pHeld->nError != 0) return false;
+        cbDone += cbSent;
+    }
+    pHeld->cbGathered = 0;
+    return true;
+}
+
+// Adds to what is gathered, and sends that on whenever it is full.
+static bool Gather(HeldSends *pHeld, const char *pBuffer, int32_t cb)
+{
+    while (cb > 0) {
+        const int32_t cbRoom  = CB_GATHERED - pHeld->cbGathered;
+        const int32_t cbPiece = cb < cbRoom ? cb : cbRoom;
+        memcpy(pHeld->aGathered + pHeld->cbGathered, pBuffer, static_cast<size_t>(cbPiece));
+        pHeld->cbGathered += cbPiece;
+        pBuffer += cbPiece;
+        cb -= cbPiece;
+        if (pHeld->cbGathered == CB_GATHERED && !SendOn(pHeld)) return false;
     }
     return true;
 }
@@ -304,15 +306,7 @@ int32_t send(SOCKET s, const char *pBuffer, int32_t cb, int32_t nFlags)
     }
     if (pHeld->nError == 0 && pHeld->bClosed.load())
         pHeld->nError = WSAENOTSOCK;
-    if (pHeld->nError == 0) {
-        if (cb <= CB_GATHERED - pHeld->cbGathered) {
-            memcpy(pHeld->aGathered + pHeld->cbGathered, pBuffer, static_cast<size_t>(cb));
-            pHeld->cbGathered += cb;
-            return cb;
-        }
-        if (SendOn(pHeld.get(), pBuffer, cb))
-            return cb;
-    }
+    if (pHeld->nError == 0 && Gather(pHeld.get(), pBuffer, cb)) return cb;
     ::WSASetLastError(pHeld->nError);
     return SOCKET_ERROR;
 }
@@ -354,7 +348,7 @@ int32_t FlushSends(SOCKET s)
     if (pHeld == nullptr)
         return 0;
     RemoveHeld(pHeld);
-    if (pHeld->nError == 0 && SendOn(pHeld.get(), nullptr, 0))
+    if (pHeld->nError == 0 && SendOn(pHeld.get()))
         return 0;
     ::WSASetLastError(pHeld->nError);
     return SOCKET_ERROR;

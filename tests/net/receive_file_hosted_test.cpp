@@ -1,5 +1,6 @@
 // Files as they arrive: where each type is stored, what is answered, and what follows.
 #include "platform/profile.h"
+#include "platform/shell.h"
 #include "tests/net/observed_hosted.h"
 
 using namespace platform;
@@ -73,7 +74,8 @@ TEST_F(ReceiveFile, TypesDecideWhoseNameWins)
     hosted::SetDriveLimit('C', 100000);
     EXPECT_EQ("FileErrDF", Answer(m_sFolder + u"\\full", 3, std::string(200000, 'x')));
     EXPECT_EQ("<missing>", Stored(u"\\full"));
-    for (const char *pszCall : {"CreateDirectoryWithParents", "CreateDirectoryW"}) hosted::FailCall(pszCall, 1, ERROR_DISK_FULL, true);
+    for (const char *pszCall : {"CreateDirectoryWithParents", "CreateDirectoryW"})
+        hosted::FailCall(pszCall, 1, ERROR_DISK_FULL, true);
     EXPECT_EQ("FILEERRDF", Answer(m_sFolder + u"\\no room\\for\\folders", 3, "x"));
 }
 
@@ -146,6 +148,32 @@ TEST_F(ReceiveFile, FolderSettingsOfThisMachineWin)
     Settle();
     EXPECT_EQ("theirs", Stored(u"\\s\\desktop.ini"));
     EXPECT_EQ("<missing>", Stored(u"\\s\\desktop (2).ini")) << "the copy goes, also a read-only one";
+}
+
+// A link that arrives points to this machine's place of its target before the next file is taken.
+TEST_F(ReceiveFile, AShellLinkIsRewrittenForThisMachine)
+{
+    const std::u16string sInfo = ProgressFile(TARGET_INFO_FILE), sMade = m_sFolder + u"\\made.lnk";
+    WritePrivateProfileStringW(u"SourceMachine", u"\"ComputerName\"", u"\"OLDPC\"", sInfo.c_str());
+    WritePrivateProfileStringW(u"Volume", u"Number", u"1", sInfo.c_str());
+    WritePrivateProfileStringW(u"Volume0", u"Path", u"\"Q:\\\"", sInfo.c_str());
+    for (const char16_t *pszTarget : {u"Q:\\Tools\\t.exe", u"R:\\elsewhere.exe"}) {
+        char16_t szTarget[260] = {};
+        ASSERT_TRUE(InitializeShellLinks());
+        ShellLink *pLink = NewShellLink();
+        EXPECT_TRUE(SetShellLinkPath(pLink, pszTarget) && SaveShellLink(pLink, sMade.c_str()));
+        ReleaseShellLink(pLink);
+        const std::u16string sCame = m_sFolder + u"\\came.lnk";
+        DeleteFileW(sCame.c_str());
+        EXPECT_EQ("FileDone", Answer(sCame, 5, ReadTestFile(sMade)));
+        Settle();
+        pLink = LoadShellLink(sCame.c_str());
+        ASSERT_NE(nullptr, pLink);
+        EXPECT_TRUE(GetShellLinkPath(pLink, szTarget, 260));
+        ReleaseShellLink(pLink);
+        UninitializeShellLinks();
+        EXPECT_EQ(pszTarget[0] == u'Q' ? u"C:\\OLDPC_Q\\Tools\\t.exe" : pszTarget, std::u16string(szTarget));
+    }
 }
 
 TEST_F(ReceiveFile, MachineInfoGoesToItsOwnPlace)

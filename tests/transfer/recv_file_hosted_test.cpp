@@ -118,7 +118,7 @@ TEST_F(RecvFileTest, AWholeFileGetsANameOrTheSenderHearsOfIt)
     };
     hosted::SetClockRate(20);
     for (const auto &c : aCases) {
-        const std::string sCase = std::string(c.pszCall) + ' ' + std::to_string(c.dwError) + '*' + std::to_string(c.nTimes);
+        const std::string sCase = c.pszCall + std::to_string(c.dwError) + '*' + std::to_string(c.nTimes);
         m_bOverwrite            = c.bOverwrite;
         hosted::ClearFaults();
         for (int i = 1; i <= c.nTimes; i++) hosted::FailCall(c.pszCall, i, c.dwError);
@@ -147,7 +147,8 @@ TEST_F(RecvFileTest, ASizeAboveFourGigabytesIsTakenForWhatItIs)
     for (const uint8_t bEncrypt : {uint8_t{0}, uint8_t{1}}) {
         const std::string sChunk = Content(65536), sCancel = Field("VnNetSocket_CancelSendFile", 65536);
         const std::string sHead = Bytes((int64_t{1} << 32) + 5) + (bEncrypt ? KeyField() : "");
-        EXPECT_EQ(-81, Receive(sHead + (bEncrypt ? CipherChunk(sChunk) + CipherChunk(sCancel) : sChunk + sCancel), bEncrypt));
+        const std::string sBody = bEncrypt ? CipherChunk(sChunk) + CipherChunk(sCancel) : sChunk + sCancel;
+        EXPECT_EQ(-81, Receive(sHead + sBody, bEncrypt));
         EXPECT_EQ(65536, g_nRecvFileWritten) << "not the five bytes that 32 bits hold of it";
         EXPECT_EQ(u"", Listing());
         EXPECT_TRUE(InStep());
@@ -156,8 +157,10 @@ TEST_F(RecvFileTest, ASizeAboveFourGigabytesIsTakenForWhatItIs)
 
 TEST_F(RecvFileTest, PartsOfAKilledProcessAreSweptOnce)
 {
-    const std::u16string sOld = m_sFolder + u"\\old.doc" + RECEIVING_SUFFIX, sAlone = m_sFolder + u"\\" + RECEIVING_SUFFIX;
-    const std::u16string sInUse = m_sFolder + u"\\in use" + RECEIVING_SUFFIX, sUsers = m_sFolder + u"\\thesis.part";
+    const std::u16string sOld = m_sFolder + u"\\old.doc" + RECEIVING_SUFFIX;
+    const std::u16string sAlone = m_sFolder + u"\\" + RECEIVING_SUFFIX;
+    const std::u16string sInUse = m_sFolder + u"\\in use" + RECEIVING_SUFFIX;
+    const std::u16string sUsers = m_sFolder + u"\\thesis.part";
     for (const std::u16string &sFile : {sOld, sAlone, sInUse, sUsers}) WriteTestFile(sFile, "x");
     const HANDLE hInUse = CreateFileW(sInUse.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                                       OPEN_EXISTING, 0, nullptr);

@@ -58,13 +58,19 @@ int64_t SendSome(hosted::Connection &connection, const char *pBuffer, size_t cb)
     return -hosted::WinsockErrorFromErrno(nErrno);
 }
 
-// [csSend held] Sends everything gathered. 0, or the Winsock error with the rest dropped. The time-out runs anew
-// whenever bytes have left, as it does for callers that send piece by piece.
+// [csSend held] Sends everything gathered. 0, or the Winsock error with the rest dropped. What was gathered is one
+// piece with one time-out, as it is for Winsock's blocking send, however many of its bytes have left meanwhile.
 int32_t SendHeld(hosted::Connection &connection)
 {
-    size_t cbDone = 0;
+    using Clock         = std::chrono::steady_clock;
+    const auto tBegin   = Clock::now();
+    size_t     cbDone   = 0;
     while (cbDone < connection.cbHeld) {
-        const int64_t nSent = SendSome(connection, connection.pHeld.get() + cbDone, connection.cbHeld - cbDone);
+        int64_t nSent = SendSome(connection, connection.pHeld.get() + cbDone, connection.cbHeld - cbDone);
+        if (nSent > 0 && cbDone + static_cast<size_t>(nSent) < connection.cbHeld) {
+            const auto nLimit = std::chrono::microseconds(connection.nSendTimeoutSet);
+            if (connection.nSendTimeoutSet > 0 && Clock::now() - tBegin >= nLimit) nSent = -platform::WSAETIMEDOUT;
+        }
         if (nSent < 0) {
             connection.cbHeld     = 0;
             connection.nHeldError = static_cast<int32_t>(-nSent);

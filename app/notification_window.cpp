@@ -6,9 +6,11 @@
 #include "app/user_interface_table.h"
 #include "ipc/ipc_message.h"
 #include "ipc/service_pipe_client.h"
+#include "ipc/stop_signal.h"
 #include "net/network_link.h"
 #include "net/role_end.h"
 #include "net/session_control.h"
+#include "platform/detached_thread.h"
 #include "platform/modules.h"
 #include "platform/system_library.h"
 #include "platform/text.h"
@@ -18,6 +20,8 @@ using namespace platform;
 
 static constexpr int32_t  ERROR_LINK_BROKEN       = 102; // of code 818
 static constexpr uint32_t CONNECT_MODE_DISCONNECT = 3;
+static constexpr uint32_t REGISTRATION_PAUSE_MS   = 1000;
+static constexpr uint32_t REGISTRATION_TRIES      = 300;
 static_assert(CONTROL_ANNOUNCE_WPARAM == NTOS_IPCREADY);
 
 std::atomic<HWND> g_hNotificationWindow{nullptr};
@@ -124,6 +128,22 @@ static HWND MakeWindow(HINSTANCE hInstance)
                                        CW_USEDEFAULT, 0, nullptr, nullptr, hInstance, nullptr);
 }
 
+// Asks again for the session's notifications until they are granted, has a reference of its own to the library, and
+// ends with the agent. A window that has gone meanwhile is refused.
+static uint32_t SessionRegistrationThread(void *pWindow)
+{
+    const HMODULE hWtsapi32 = LoadSystemLibrary(u"Wtsapi32.dll");
+    if (hWtsapi32 == nullptr) return 0;
+    const auto pfnRegisterSession = reinterpret_cast<WTSRegisterSessionNotificationProc>(
+        GetProcAddress(hWtsapi32, "WTSRegisterSessionNotification"));
+    for (uint32_t n = 0; n < REGISTRATION_TRIES && !WaitForStop(REGISTRATION_PAUSE_MS); n++) {
+        if (g_hNotificationWindow != pWindow || pfnRegisterSession == nullptr) break;
+        if (pfnRegisterSession(pWindow, NOTIFY_FOR_THIS_SESSION)) break;
+    }
+    FreeLibrary(hWtsapi32);
+    return 0;
+}
+
 static void RegisterForSession(HWND hWnd)
 {
     if (g_hWtsapi32 == nullptr) g_hWtsapi32 = LoadSystemLibrary(u"Wtsapi32.dll");
@@ -132,7 +152,9 @@ static void RegisterForSession(HWND hWnd)
         GetProcAddress(g_hWtsapi32, "WTSRegisterSessionNotification"));
     if (pfnRegisterSession == nullptr) return;
     TraceText("Get Wtsapi32 functions success");
-    pfnRegisterSession(hWnd, NOTIFY_FOR_THIS_SESSION);
+    // Early in a logon the services behind the call may not run yet (RPC_S_INVALID_BINDING): no reason to stay deaf to a
+    // console disconnect for the whole session.
+    if (!pfnRegisterSession(hWnd, NOTIFY_FOR_THIS_SESSION)) StartDetachedThread(SessionRegistrationThread, hWnd);
 }
 
 int32_t CreateNotificationWindow(HINSTANCE hInstance)

@@ -26,8 +26,9 @@ uint32_t    UnregisterTraceGuids(TRACEHANDLE hRegistration);
 TRACEHANDLE GetTraceLoggerHandle(void *pBuffer);
 uint8_t     GetTraceEnableLevel(TRACEHANDLE hLogger);
 uint32_t    GetTraceEnableFlags(TRACEHANDLE hLogger);
-// (pointer, size_t length) pairs follow, ended by (null, 0).
-uint32_t TraceMessage(TRACEHANDLE hLogger, uint32_t dwMessageFlags, const GUID *pMessageGuid, uint16_t nMessageNumber, ...);
+// (pointer, size_t length) pairs follow, ended by (null, 0). nMessageNumber: 16 bits, as Win32's USHORT; wider here, since
+// va_start must not be given a parameter whose type is promoted.
+uint32_t TraceMessage(TRACEHANDLE hLogger, uint32_t dwMessageFlags, const GUID *pMessageGuid, uint32_t nMessageNumber, ...);
 
 // What message numbers mean, for a backend that is its own reader. On Windows a trace session stores the arguments as
 // they are and the reader takes the meaning from the program's TMF file, so the call does nothing there. A hosted

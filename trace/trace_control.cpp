@@ -27,7 +27,8 @@ uint32_t ControlCallback(uint32_t nRequestCode, void *pContext, uint32_t *pcbBuf
     if ((pBlock->bOptions & TRACE_OPTION_DELIVER_TO_ALTERNATE) != 0 && pBlock->pAlternate != nullptr) {
         pBlock = pBlock->pAlternate;
     }
-    // The gate opens last: who passes it finds the logger.
+    // The gate opens last and closes first: who passes it finds a logger.
+    if (dwFlags == 0) pBlock->dwEnableFlags = 0;
     pBlock->hLogger       = hLogger;
     pBlock->bEnableLevel  = bLevel;
     pBlock->dwEnableFlags = dwFlags;

@@ -59,11 +59,12 @@ uint32_t GetTraceEnableFlags(TRACEHANDLE hLogger)
     return ::GetTraceEnableFlags(hLogger);
 }
 
-uint32_t TraceMessage(TRACEHANDLE hLogger, uint32_t dwMessageFlags, const GUID *pMessageGuid, uint16_t nMessageNumber, ...)
+uint32_t TraceMessage(TRACEHANDLE hLogger, uint32_t dwMessageFlags, const GUID *pMessageGuid, uint32_t nMessageNumber, ...)
 {
     va_list args;
     va_start(args, nMessageNumber);
-    const uint32_t dwResult = ::TraceMessageVa(hLogger, dwMessageFlags, AsSdk(pMessageGuid), nMessageNumber, args);
+    const uint32_t dwResult = ::TraceMessageVa(hLogger, dwMessageFlags, AsSdk(pMessageGuid),
+                                               static_cast<USHORT>(nMessageNumber), args);
     va_end(args);
     return dwResult;
 }

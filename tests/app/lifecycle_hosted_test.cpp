@@ -196,6 +196,15 @@ TEST_F(Lifecycle, IsReadyOnlyWhenItsPipeIsThere)
     CloseHandle(hExit);
 }
 
+TEST_F(Lifecycle, StartUpWaits500MillisecondsForAPipeThatDoesNotCome)
+{
+    hosted::FailCall("CreateNamedPipeW", 1, 5, true);
+    const uint64_t ullStart = GetTickCount64();
+    WhileAgentRuns([] { EXPECT_TRUE(Eventually([] { return PostAgentExit() == 1; })); });
+    EXPECT_GE(GetTickCount64() - ullStart, 500u);
+    EXPECT_LT(GetTickCount64() - ullStart, 5000u);
+}
+
 TEST_F(Lifecycle, ASenderThatIsStuckInTheServicesPipeIsLeftBehind)
 {
     const HANDLE hMutex = CreateMutexW(nullptr, FALSE, SERVICE_MUTEX_NAME);

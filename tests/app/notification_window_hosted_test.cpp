@@ -1,9 +1,12 @@
 // notification_window_hosted_test.cpp: the window with functions missing, what it registers for, hears of and traces.
 #include "app/notification_window.h"
 #include "app/user_interface_table.h"
+#include "ipc/stop_signal.h"
 #include "net/network_link.h"
 #include "platform/hosted/control.h"
+#include "platform/kernel.h"
 #include "tests/ipc/fake_service.h"
+#include "tests/support/eventually.h"
 #include "tests/trace/trace_session_hosted.h"
 
 using namespace platform;
@@ -49,6 +52,27 @@ TEST_F(NotificationWindow, TracesAndHearsOfTheSessionUntilItIsToldToEnd)
     EXPECT_EQ(0, hosted::PowerRegistrations());
     EXPECT_EQ(1, hosted::CallCount("FreeLibrary"));
     DestroyTheWindow();
+}
+
+TEST_F(NotificationWindow, AsksAgainForTheSessionsNotificationsThatAreRefusedEarlyInALogon)
+{
+    g_hAppEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    hosted::SetClockRate(20);
+    ASSERT_EQ(1, BindUser32Functions());
+    for (const int nRefusals : {1, 3}) {
+        hosted::ClearFaults();
+        for (int n = 1; n <= nRefusals; n++) hosted::FailCall("WTSRegisterSessionNotification", n, 1702);
+        ASSERT_EQ(1, CreateNotificationWindow(nullptr));
+        EXPECT_TRUE(Eventually([] { return hosted::SessionRegistrations() == 1 && hosted::LiveThreads() == 0; }));
+        EXPECT_EQ(nRefusals + 1, hosted::CallCount("WTSRegisterSessionNotification"));
+        DestroyTheWindow();
+    }
+    hosted::FailCall("WTSRegisterSessionNotification", 1, 1702, true);
+    ASSERT_EQ(1, CreateNotificationWindow(nullptr));
+    SetEvent(g_hAppEvent);
+    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; })) << "ends with the agent";
+    DestroyTheWindow();
+    CloseHandle(g_hAppEvent.exchange(nullptr));
 }
 
 TEST_F(NotificationWindow, IsNotMadeWithoutItsFunctionsButWithoutTheOptionalOnes)

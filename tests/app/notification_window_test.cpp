@@ -93,13 +93,15 @@ TEST_F(RealWindow, ReportsAndKeepsItsStateByTheMessageThatComes)
     FakeService service;
     for (const auto &step : aSteps) {
         SCOPED_TRACE(testing::Message() << step.uMsg << ' ' << step.wParam);
-        g_ullLastPinRequest = 1; // a disconnect forgets the last PIN
+        g_ullLastPinRequest     = 1; // a disconnect forgets the last PIN
+        g_ullLastConnectRequest = 0; // and begins as a request
         if (step.pPeerSocket != nullptr) *step.pPeerSocket = SOCKET{12345};
         Send(step.uMsg != 0 ? step.uMsg : g_dwControlMessage, step.wParam, step.lParam);
         if (step.pPeerSocket != nullptr) *step.pPeerSocket = INVALID_SOCKET;
         EXPECT_EQ(step.pszReports, Reports(&service));
         EXPECT_EQ(step.pszState, State());
-        EXPECT_TRUE(Eventually([&] { return step.bDisconnects == (g_ullLastPinRequest == 0); }));
+        if (step.bDisconnects) EXPECT_TRUE(Eventually([] { return g_ullLastPinRequest == 0; }));
+        else EXPECT_TRUE(g_ullLastConnectRequest == 0 && g_ullLastPinRequest == 1);
     }
 }
 

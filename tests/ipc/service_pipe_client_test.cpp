@@ -76,4 +76,9 @@ TEST_F(ServicePipeClient, CallersMayComeWhileTheSenderStartsAndEnds)
     }
     bEnd = true;
     for (std::thread &caller : aCallers) caller.join();
+    PassObjectInQueue(); // gives up what they have left
+    FakeService service;
+    for (uint32_t n = 2; n <= 9; n++) Queue(n);
+    EXPECT_EQ(1, PassObjectInQueue());
+    EXPECT_EQ((std::vector<uint32_t>{2, 3, 4, 5, 6, 7, 8, 9}), Codes(service.Take())) << "the queue is whole";
 }

@@ -88,4 +88,8 @@ TEST_F(ThreadExecution, WorkersThatOutliveTheListFindItClosed)
     }
     bEnd = true;
     for (std::thread &worker : aWorkers) worker.join();
+    EXPECT_EQ(1, IsThreadExecutionListEmpty()) << "each node went with its worker or with the list";
+    const uint64_t ullId = AddThreadExecution();
+    EXPECT_TRUE(CancelAllThreadExecutions() == 1 && IsThreadExecutionCancel(ullId) == 1);
+    EXPECT_EQ(1, RemoveThreadExecution(ullId));
 }

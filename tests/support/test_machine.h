@@ -5,7 +5,8 @@
 #include <vector>
 
 // Hosted: moves the process to a new machine folder of its own below the build tree, and drops faults, limits, missing
-// functions and the clock rate. Windows: empties the product's data folder of this system. Both: the last error is 0.
+// functions and the clock rate. Windows: empties the product's data folder of this system, Wine's or, where
+// VORN_TESTS_MAY_EMPTY_PROGRAMDATA=yes says so, a real one's; elsewhere it ends the process. Both: the last error is 0.
 void FreshMachine();
 
 // True under Wine, where a few results differ from Windows': a test then says which, beside what Windows gives.

@@ -4,6 +4,9 @@
 #include "platform/modules.h"
 #include "platform/shell.h"
 #include "tests/support/test_machine.h"
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 using namespace platform;
 
@@ -37,8 +40,21 @@ bool UnderWine()
     return GetProcAddress(LoadLibraryW(u"ntdll.dll"), "wine_get_version") != nullptr;
 }
 
+// On a machine that somebody uses the product's data folder is not a test's to empty.
+static void RefuseRealMachines()
+{
+    const char *pszAllowed = getenv("VORN_TESTS_MAY_EMPTY_PROGRAMDATA");
+    if (UnderWine() || (pszAllowed != nullptr && strcmp(pszAllowed, "yes") == 0)) return;
+    fputs("These tests empty %ProgramData%\\VORN and C:\\vorn-test. On a machine where that does no harm, set\n"
+          "VORN_TESTS_MAY_EMPTY_PROGRAMDATA=yes.\n",
+          stderr);
+    fflush(stderr);
+    _exit(2);
+}
+
 void FreshMachine()
 {
+    RefuseRealMachines();
     char16_t *pszProgramData = nullptr;
     ASSERT_EQ(S_OK, SHGetKnownFolderPath(FOLDERID_ProgramData, 0, nullptr, &pszProgramData));
     EmptyFolder(u"\\\\?\\" + std::u16string(pszProgramData) + u"\\VORN");

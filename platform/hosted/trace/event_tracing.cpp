@@ -374,7 +374,7 @@ void SetTraceMessageFormats(const TraceMessageFormat *pTable, size_t nFormats)
     g_nFormats = nFormats;
 }
 
-uint32_t TraceMessage(TRACEHANDLE hLogger, uint32_t dwMessageFlags, const GUID *pMessageGuid, uint16_t nMessageNumber,
+uint32_t TraceMessage(TRACEHANDLE hLogger, uint32_t dwMessageFlags, const GUID *pMessageGuid, uint32_t nMessageNumber,
                       ...)
 {
     uint32_t              dwError = 0;
@@ -405,7 +405,7 @@ uint32_t TraceMessage(TRACEHANDLE hLogger, uint32_t dwMessageFlags, const GUID *
                       nMessageNumber);
     else std::snprintf(szHead, sizeof szHead, "%u %u: ", ++pSession->nSequence, nMessageNumber);
     std::string sLine = hosted::LineStart() + szHead;
-    AppendMessage(sLine, nMessageNumber, aArguments);
+    AppendMessage(sLine, static_cast<uint16_t>(nMessageNumber), aArguments);
     return hosted::WriteLine(pSession->fd, std::move(sLine)) ? ERROR_SUCCESS : hosted::ErrorFromErrno(errno);
 }
 

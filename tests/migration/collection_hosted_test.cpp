@@ -1,4 +1,6 @@
 // The walk where waits are long or the state files fail.
+#include "migration/folders.h"
+#include "migration/known_folders.h"
 #include "platform/errors.h"
 #include "platform/hosted/control.h"
 #include "platform/sockets.h"
@@ -199,6 +201,31 @@ TEST_F(CollectionHosted, NothingIsLeftOpenOrAllocatedHoweverTheWalkEnds)
             if (bDone) break;
         }
     }
+}
+
+// A whole drive, translated for a target with another user and another layout.
+TEST_F(Collection, AWholeDriveWithoutTheSystemsAndOtherPeoplesFolders)
+{
+    StringList System = {};
+    GetSystemFolderList(&System);
+    const Paths          aSystem  = Texts(&System);
+    const std::u16string sProfile = aSystem.at(5), sUsers = sProfile.substr(0, sProfile.rfind(u'\\', sProfile.size() - 2) + 1);
+    Lines                aFolders;
+    for (const std::u16string &sFolder : {aSystem[0], aSystem[1], aSystem[2], aSystem[3], aSystem[4], sProfile,
+                                          std::u16string(u"C:\\Windows.old\\"), sUsers + u"somebody\\", std::u16string(u"C:\\Data\\")}) {
+        ASSERT_EQ(1, CreateFolderTree(sFolder.c_str()));
+        WriteTestFile(sFolder + u"here.txt", "1");
+    }
+    Ini(TARGET_INFO_FILE, u"KnownFolder", u"\"Profile\"", u"\"C:\\Users\\bernd\\\"");
+    Ini(TARGET_INFO_FILE, u"KnownFolder", u"\"Public\"", u"\"C:\\Users\\All\\\"");
+    WriteTestFile(m_sList, Utf16(u"\xFEFF" u"C:\\\r\n"));
+    FakePeer Peer;
+    Walk();
+    for (const std::string &sLine : Taken(&Peer))
+        if (sLine.find("here.txt") != std::string::npos) aFolders.push_back(sLine);
+    EXPECT_EQ((Lines{"file 3 C:\\Data\\here.txt 1", "file 3 C:\\Users\\All\\here.txt 1",
+                     "file 3 C:\\Users\\bernd\\here.txt 1"}),
+              aFolders);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // One file's stream as it lies on the wire, and the code of each way in which sending it fails.
 #include "tests/transfer/transfer_fixture.h"
+#include "transfer/file_queries.h"
 #include "transfer/send_file.h"
 #include <unistd.h>
 
@@ -172,4 +173,21 @@ TEST_F(SendFileTest, AFileThatShrinksIsCancelledAndOneThatGrowsKeepsItsSize)
             EXPECT_EQ(32u + 96 * (4 + 65552), sStream.size());
         }
     }
+}
+
+TEST_F(SendFileTest, ASizeAboveFourGigabytesIsAnnouncedAndACancelEndsIt)
+{
+    constexpr int64_t SIZE = 5LL << 30;
+    char              sHost[1024];
+    WriteTestFile(m_sFile, "");
+    ASSERT_TRUE(hosted::HostPath(m_sFile.c_str(), sHost, sizeof sHost));
+    ASSERT_EQ(0, truncate(sHost, SIZE)); // holes: the disk holds nothing of it
+    InitThreadExecutionList();
+    g_hSendExecution = AddThreadExecution();
+    CancelAllThreadExecutions();
+    EXPECT_EQ(-201, Send(0));
+    EXPECT_EQ(Bytes(SIZE) + CancelBlock() + std::string(65536 - 50, '\0'), m_sStream);
+    EXPECT_EQ(SIZE, GetFileSize64(m_sFile.c_str()));
+    g_hSendExecution = 0;
+    DeleteThreadExecutionList();
 }

@@ -6,7 +6,7 @@
 #include "migration/collection.h"
 #include "migration/special_folders.h"
 #include "net/network_link.h"
-#include "net/received_file.h"
+#include "net/file_afterwork.h"
 #include "platform/text.h"
 #include "trace/trace_log.h"
 #include <cstring>

@@ -1,5 +1,5 @@
 // receive_file_command.cpp: the receiver's side of "SendFile": fields in, the destination prepared, the stream stored,
-// the answer sent. What a type wants done afterwards stands in received_file.cpp.
+// the answer sent. What a type wants done afterwards stands in file_afterwork.cpp.
 // The path comes from outside: it may lack a terminator, a drive, or any sense. What cannot be a place on this machine
 // is never touched, and the stream is read all the same, so that the connection stays in step.
 #include "net/receive_file_command.h"
@@ -8,7 +8,7 @@
 #include "migration/state_files.h"
 #include "net/command_channel.h"
 #include "net/link_window.h"
-#include "net/received_file.h"
+#include "net/file_afterwork.h"
 #include "net/settings.h"
 #include "platform/errors.h"
 #include "platform/files.h"

@@ -40,12 +40,11 @@ void SetIncomingFile(IncomingFile *pFile, const char16_t *pszWanted, bool bOverw
     std::fill(std::begin(pFile->ahCopies), std::end(pFile->ahCopies), INVALID_HANDLE_VALUE);
 }
 
-// The first free name from number nFirst on.
-static bool TakeFreeName(IncomingFile *pFile, uint32_t nFirst)
+// The next free name, with a number of its own.
+static bool TakeFreeName(IncomingFile *pFile)
 {
-    char16_t szFree[UNIQUE_PATH_UNITS];
-    if (nFirst == 1 && GetFileAttributesW(pFile->szLocal) == INVALID_FILE_ATTRIBUTES) return true;
-    const uint32_t nNumber = FindFreeFileName(pFile->szWanted, std::max(nFirst, 2u), szFree);
+    char16_t       szFree[UNIQUE_PATH_UNITS];
+    const uint32_t nNumber = FindFreeFileName(pFile->szWanted, pFile->nNumber + 1, szFree);
     if (nNumber == 0) {
         pFile->dwError = ERROR_FILE_EXISTS;
         return false;
@@ -77,14 +76,10 @@ static bool FormPartPath(IncomingFile *pFile, bool bSuffixAlone)
            CopyTextW(pFile->szPart, LONG_PATH_UNITS, LongPathForm(szPlain, STREAM_PATH_UNITS + 1, szLong));
 }
 
-// A part is made only beside a name that is free: what exists is replaced in place, so that its access list stays, and
-// what cannot be asked is for the destination's own creation to find out.
 static bool CreatePart(IncomingFile *pFile)
 {
-    const bool bFree = GetFileAttributesW(pFile->szLocal) == INVALID_FILE_ATTRIBUTES &&
-                       (GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND);
     for (const bool bSuffixAlone : {false, true}) {
-        if (!bFree || !FormPartPath(pFile, bSuffixAlone)) break;
+        if (!FormPartPath(pFile, bSuffixAlone)) break;
         pFile->hFile = OpenForWriting(pFile->szPart, CREATE_ALWAYS);
         if (pFile->hFile != INVALID_HANDLE_VALUE) return true;
         pFile->dwError = GetLastError();
@@ -135,9 +130,14 @@ bool CreateIncomingFile(IncomingFile *pFile, int64_t cbSize)
 {
     pFile->cbSize = cbSize;
     if (pFile->dwError != ERROR_SUCCESS) return false;
-    if (!pFile->bOverwrite && !TakeFreeName(pFile, 1)) return false;
+    const bool     bTaken  = GetFileAttributesW(pFile->szLocal) != INVALID_FILE_ATTRIBUTES;
+    const uint32_t dwError = bTaken ? static_cast<uint32_t>(ERROR_SUCCESS) : GetLastError();
+    if (bTaken && !pFile->bOverwrite && !TakeFreeName(pFile)) return false;
+    // A part is made only beside a name that is free: what exists is replaced in place, so that its access list stays,
+    // and what cannot be asked is for the destination's own creation to find out.
+    bool bPart = bTaken ? !pFile->bOverwrite : dwError == ERROR_FILE_NOT_FOUND || dwError == ERROR_PATH_NOT_FOUND;
     for (uint32_t nTry = 0; nTry < NAME_TRIES; ++nTry) {
-        if (CreatePart(pFile) || (pFile->dwError != ERROR_DISK_FULL && CreateDestination(pFile))) {
+        if ((bPart && CreatePart(pFile)) || (pFile->dwError != ERROR_DISK_FULL && CreateDestination(pFile))) {
             pFile->bCreated = true;
             pFile->dwError  = ERROR_SUCCESS;
             if (pFile->bJournal) OpenStoredCopies(pFile);
@@ -145,7 +145,8 @@ bool CreateIncomingFile(IncomingFile *pFile, int64_t cbSize)
         }
         if (pFile->bOverwrite || pFile->dwError != ERROR_FILE_EXISTS) return false;
         pFile->dwError = ERROR_SUCCESS;
-        if (!TakeFreeName(pFile, pFile->nNumber + 1)) return false;
+        bPart          = true;
+        if (!TakeFreeName(pFile)) return false;
     }
     pFile->dwError = ERROR_FILE_EXISTS;
     return false;
@@ -238,7 +239,7 @@ static bool NameFile(IncomingFile *pFile)
         pFile->dwError   = GetLastError();
         const bool bLate = GetTickCount64() >= ullEnd;
         if (pFile->dwError == ERROR_ALREADY_EXISTS || pFile->dwError == ERROR_FILE_EXISTS) {
-            if (bLate || pFile->bOverwrite || !TakeFreeName(pFile, pFile->nNumber + 1)) return false;
+            if (bLate || pFile->bOverwrite || !TakeFreeName(pFile)) return false;
             if (pFile->bJournal) NoteReceipt(pFile->szWanted, pFile->nNumber, pFile->cbSize);
             continue;
         }

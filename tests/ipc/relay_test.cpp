@@ -3,7 +3,7 @@
 #include "ipc/thread_execution.h"
 #include "migration/special_data.h"
 #include "migration/special_folders.h"
-#include "net/received_file.h"
+#include "net/file_afterwork.h"
 #include "tests/ipc/fake_service.h"
 #include <cstring>
 #include <string>

@@ -9,7 +9,7 @@
 #include "net/client_role.h"
 #include "net/command_channel.h"
 #include "net/listener.h"
-#include "net/received_file.h"
+#include "net/file_afterwork.h"
 #include "net/role_end.h"
 #include "net/link_window.h"
 #include "net/server_role.h"

@@ -155,24 +155,6 @@ TEST_F(RecvFileTest, ASizeAboveFourGigabytesIsTakenForWhatItIs)
     }
 }
 
-TEST_F(RecvFileTest, PartsOfAKilledProcessAreSweptOnce)
-{
-    const std::u16string sOld = m_sFolder + u"\\old.doc" + RECEIVING_SUFFIX;
-    const std::u16string sAlone = m_sFolder + u"\\" + RECEIVING_SUFFIX;
-    const std::u16string sInUse = m_sFolder + u"\\in use" + RECEIVING_SUFFIX;
-    const std::u16string sUsers = m_sFolder + u"\\thesis.part";
-    for (const std::u16string &sFile : {sOld, sAlone, sInUse, sUsers}) WriteTestFile(sFile, "x");
-    const HANDLE hInUse = CreateFileW(sInUse.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                      OPEN_EXISTING, 0, nullptr);
-    ForgetSweptFolders();
-    SweepParts(m_sFolder.c_str());
-    EXPECT_EQ(u"in use" + std::u16string(RECEIVING_SUFFIX) + u"|thesis.part|", Listing());
-    CloseHandle(hInUse);
-    hosted::ClearFaults();
-    SweepParts(m_sFolder.c_str());
-    EXPECT_EQ(0, hosted::CallCount("FindFirstFileW")) << "a folder is looked into once for a link";
-}
-
 TEST_F(RecvFileTest, EachBadStreamHasItsCodeAndItsWord)
 {
     const std::string sKey    = KeyField();

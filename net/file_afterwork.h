@@ -1,4 +1,4 @@
-// received_file.h: a file on its way in, what its type wants done once it is stored, and the progress it counts for.
+// file_afterwork.h: a file on its way in, what its type wants done once it is stored, and the progress it counts for.
 // Thread   the link's listener.
 #pragma once
 #include "net/command_channel.h"

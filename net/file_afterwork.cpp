@@ -1,7 +1,7 @@
-// received_file.cpp: what the type of a received file wants done once it is stored.
+// file_afterwork.cpp: what the type of a received file wants done once it is stored.
 // Percentages are told to the service only when the whole number changes, so that thousands of small files cost a few
 // records.
-#include "net/received_file.h"
+#include "net/file_afterwork.h"
 #include "ipc/ipc_message.h"
 #include "ipc/service_pipe_client.h"
 #include "migration/receipt_journal.h"

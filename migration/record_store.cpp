@@ -24,14 +24,22 @@ constexpr char16_t WORKING_FOLDER_SECTION[] = u"WorkingFolder";
 constexpr char16_t WORKING_FOLDER_KEY[]     = u"\"Path\"";
 constexpr char16_t BASE_SECTION[]           = u"\\";
 
-// What is known of the file; all of it belongs to the walk's thread.
-static char16_t g_szRecordFile[MAX_PATH];               // whose content this is; empty: nothing is loaded
-static HANDLE   g_hRecordAppend = INVALID_HANDLE_VALUE; // opened by the first write
-static char16_t g_szWorkingFolder[ITEM_UNITS];
-static char16_t g_szOpenSection[ITEM_UNITS + 1]; // the section that an appended line falls into; empty: none
-static bool     g_bHalfLine;                     // the file does not end with a line end
-static bool     g_bInPieces;                     // a section occurs more than once, or a line is half
-static bool     g_bOtherEncoding;                // and could not be rewritten: nothing can be appended
+// What is known of recordinfo.ini; the walk's thread alone. Its states:
+//   nothing loaded   szFile is empty, and the index too
+//   loaded           the index is the file's; hAppend is open from the first record on, until the walk rests
+//   in pieces        loaded, but a section occurs more than once or a line is half: profile functions see a part of it
+//                    until JoinPieces has rewritten it
+//   read only        bOtherEncoding: it is no UTF-16 and could not be rewritten, so that nothing can be appended
+struct RecordFile {
+    char16_t szFile[MAX_PATH];
+    HANDLE   hAppend;
+    char16_t szWorkingFolder[ITEM_UNITS];
+    char16_t szOpenSection[ITEM_UNITS + 1]; // the section that an appended line falls into; empty: none
+    bool     bHalfLine;                     // it does not end with a line end
+    bool     bInPieces;
+    bool     bOtherEncoding;
+};
+static RecordFile g_Records = {{}, INVALID_HANDLE_VALUE, {}, {}, false, false, false};
 
 // Section and key of an item. False when it is not below the base, or too long.
 static bool SplitItem(const char16_t *pszBase, const char16_t *pszItem, char16_t (&szSection)[ITEM_UNITS + 1],
@@ -64,20 +72,20 @@ static bool SplitItem(const char16_t *pszBase, const char16_t *pszItem, char16_t
 
 static void CloseAppend()
 {
-    if (g_hRecordAppend != INVALID_HANDLE_VALUE) CloseHandle(g_hRecordAppend);
-    g_hRecordAppend    = INVALID_HANDLE_VALUE;
-    g_szOpenSection[0] = 0;
+    if (g_Records.hAppend != INVALID_HANDLE_VALUE) CloseHandle(g_Records.hAppend);
+    g_Records.hAppend    = INVALID_HANDLE_VALUE;
+    g_Records.szOpenSection[0] = 0;
 }
 
 static void Forget()
 {
     CloseAppend();
     ClearRecords();
-    g_szRecordFile[0]    = 0;
-    g_szWorkingFolder[0] = 0;
-    g_bHalfLine          = false;
-    g_bInPieces          = false;
-    g_bOtherEncoding     = false;
+    g_Records.szFile[0]    = 0;
+    g_Records.szWorkingFolder[0] = 0;
+    g_Records.bHalfLine          = false;
+    g_Records.bInPieces          = false;
+    g_Records.bOtherEncoding     = false;
 }
 
 // Each section in one piece. False: the file stays as it is, and its records stay known.
@@ -85,10 +93,10 @@ static bool JoinPieces()
 {
     char16_t szWork[MAX_PATH];
     CloseAppend();
-    if (!GetProgressFile(RECORD_WORK_FILE, szWork) || !RewriteRecordFile(g_szRecordFile, szWork)) return false;
-    g_bInPieces      = false;
-    g_bHalfLine      = false;
-    g_bOtherEncoding = false;
+    if (!GetProgressFile(RECORD_WORK_FILE, szWork) || !RewriteRecordFile(g_Records.szFile, szWork)) return false;
+    g_Records.bInPieces      = false;
+    g_Records.bHalfLine      = false;
+    g_Records.bOtherEncoding = false;
     return true;
 }
 
@@ -102,14 +110,14 @@ static void TakeLine(LineReader *pReader, char16_t (&szSection)[RECORD_LINE_UNIT
     case RecordLine::Section: {
         CopyTextW(szSection, RECORD_LINE_UNITS, pszName[0] != 0 ? pszName : BASE_SECTION); // "[]": the folder itself
         const uint64_t ullSection = HashRecord(szSection, nullptr);
-        if (FindRecord(ullSection) != 0) g_bInPieces = true;
+        if (FindRecord(ullSection) != 0) g_Records.bInPieces = true;
         PutRecord(ullSection, RECORD_FILE_SENT);
         break;
     }
     case RecordLine::Entry:
         if (CompareTextNoCaseW(szSection, WORKING_FOLDER_SECTION) == 0) {
-            if (CompareTextNoCaseW(pszName, WORKING_FOLDER_KEY) == 0 && g_szWorkingFolder[0] == 0)
-                CopyTextW(g_szWorkingFolder, ITEM_UNITS, pszValue);
+            if (CompareTextNoCaseW(pszName, WORKING_FOLDER_KEY) == 0 && g_Records.szWorkingFolder[0] == 0)
+                CopyTextW(g_Records.szWorkingFolder, ITEM_UNITS, pszValue);
         } else if (szSection[0] != 0 && (pszValue[0] == u'1' || pszValue[0] == u'2') && pszValue[1] == 0) {
             const uint64_t ullHash = HashRecord(szSection, pszName);
             if (FindRecord(ullHash) == 0)
@@ -130,12 +138,12 @@ static bool LoadFile(const char16_t *pszFile)
     }
     if (OpenLineReader(pReader, pszFile)) {
         while (ReadRecordLine(pReader)) {
-            if (!pReader->bEnded) g_bHalfLine = true;
+            if (!pReader->bEnded) g_Records.bHalfLine = true;
             TakeLine(pReader, szSection);
         }
         bLoaded          = !pReader->bFailed;
-        g_bOtherEncoding = !pReader->bWide;
-        if (g_bOtherEncoding || g_bHalfLine) g_bInPieces = true;
+        g_Records.bOtherEncoding = !pReader->bWide;
+        if (g_Records.bOtherEncoding || g_Records.bHalfLine) g_Records.bInPieces = true;
     } else {
         bLoaded =
             GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND; // nothing recorded yet
@@ -151,7 +159,7 @@ static bool EnsureLoaded()
 {
     char16_t szFile[MAX_PATH];
     if (!GetProgressFile(RECORD_INFO_FILE, szFile)) return false;
-    if (CompareTextW(szFile, g_szRecordFile) == 0) return true;
+    if (CompareTextW(szFile, g_Records.szFile) == 0) return true;
     Forget();
     if (!LoadFile(szFile)) {
         const uint32_t dwError = GetLastError();
@@ -159,20 +167,20 @@ static bool EnsureLoaded()
         SetLastError(dwError);
         return false;
     }
-    CopyTextW(g_szRecordFile, MAX_PATH, szFile);
-    if (g_bInPieces) JoinPieces(); // when it cannot be, the records are known all the same
+    CopyTextW(g_Records.szFile, MAX_PATH, szFile);
+    if (g_Records.bInPieces) JoinPieces(); // when it cannot be, the records are known all the same
     return true;
 }
 
 static bool OpenAppend()
 {
-    if (g_hRecordAppend != INVALID_HANDLE_VALUE) return true;
+    if (g_Records.hAppend != INVALID_HANDLE_VALUE) return true;
     for (int i = 0; i < 2; ++i) {
-        g_hRecordAppend =
-            CreateFileW(g_szRecordFile, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+        g_Records.hAppend =
+            CreateFileW(g_Records.szFile, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                         nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-        if (g_hRecordAppend != INVALID_HANDLE_VALUE) return true;
-        if (GetLastError() != ERROR_FILE_NOT_FOUND || !CreateStateFile(g_szRecordFile)) break;
+        if (g_Records.hAppend != INVALID_HANDLE_VALUE) return true;
+        if (GetLastError() != ERROR_FILE_NOT_FOUND || !CreateStateFile(g_Records.szFile)) break;
     }
     return false;
 }
@@ -184,39 +192,39 @@ static bool EndHalfLine()
     constexpr uint8_t PADDED_LINE_END[] = {0, '\r', 0, '\n', 0};
     int64_t           cbFile            = 0;
     uint32_t          cbWritten         = 0;
-    if (!GetFileSizeEx(g_hRecordAppend, &cbFile)) return false;
+    if (!GetFileSizeEx(g_Records.hAppend, &cbFile)) return false;
     const uint32_t nPadding = cbFile % 2 != 0 ? 1 : 0;
     const uint32_t cb       = sizeof PADDED_LINE_END - 1 + nPadding;
-    g_bHalfLine =
-        !WriteFile(g_hRecordAppend, PADDED_LINE_END + 1 - nPadding, cb, &cbWritten, nullptr) || cbWritten != cb;
-    return !g_bHalfLine;
+    g_Records.bHalfLine =
+        !WriteFile(g_Records.hAppend, PADDED_LINE_END + 1 - nPadding, cb, &cbWritten, nullptr) || cbWritten != cb;
+    return !g_Records.bHalfLine;
 }
 
 // Appends an entry in one write, with its section's header where another section was open.
 static bool AppendEntry(const char16_t *pszSection, const char16_t *pszKey, const char16_t *pszValue)
 {
     static char16_t s_szText[3 * ITEM_UNITS];
-    const bool      bHeader   = CompareTextW(pszSection, g_szOpenSection) != 0;
+    const bool      bHeader   = CompareTextW(pszSection, g_Records.szOpenSection) != 0;
     uint32_t        cbWritten = 0;
     const int32_t   cch       = FormatTextW(s_szText, std::size(s_szText), u"%s%s%s%s=%s\r\n", bHeader ? u"[" : u"",
                                     bHeader ? pszSection : u"", bHeader ? u"]\r\n" : u"", pszKey, pszValue);
-    if (cch < 0 || g_bOtherEncoding) {
+    if (cch < 0 || g_Records.bOtherEncoding) {
         SetLastError(cch < 0 ? ERROR_INSUFFICIENT_BUFFER : ERROR_NOT_SUPPORTED);
         return false;
     }
-    if (!OpenAppend() || (g_bHalfLine && !EndHalfLine())) return false;
+    if (!OpenAppend() || (g_Records.bHalfLine && !EndHalfLine())) return false;
     const auto cb = static_cast<uint32_t>(cch) * static_cast<uint32_t>(sizeof(char16_t));
-    if (!WriteFile(g_hRecordAppend, s_szText, cb, &cbWritten, nullptr) || cbWritten != cb) {
-        g_bHalfLine        = true; // whatever arrived, the next line begins on its own
-        g_bInPieces        = true;
-        g_szOpenSection[0] = 0;
+    if (!WriteFile(g_Records.hAppend, s_szText, cb, &cbWritten, nullptr) || cbWritten != cb) {
+        g_Records.bHalfLine        = true; // whatever arrived, the next line begins on its own
+        g_Records.bInPieces        = true;
+        g_Records.szOpenSection[0] = 0;
         return false;
     }
     if (bHeader) {
         const uint64_t ullSection = HashRecord(pszSection, nullptr);
-        if (FindRecord(ullSection) != 0) g_bInPieces = true;
+        if (FindRecord(ullSection) != 0) g_Records.bInPieces = true;
         PutRecord(ullSection, RECORD_FILE_SENT);
-        CopyTextW(g_szOpenSection, std::size(g_szOpenSection), pszSection);
+        CopyTextW(g_Records.szOpenSection, std::size(g_Records.szOpenSection), pszSection);
     }
     return true;
 }
@@ -231,9 +239,9 @@ static bool KeepRecord(const char16_t *pszSection, const char16_t *pszKey, int32
     if (nKnown == nState) return true;
     if (nKnown != RECORD_NONE) {
         // A folder has taken a file's place, or the other way round, between two runs: the old line has to go.
-        if (g_bInPieces && !JoinPieces()) return false;
+        if (g_Records.bInPieces && !JoinPieces()) return false;
         CloseAppend();
-        if (!WritePrivateProfileStringW(pszSection, pszKey, pszValue, g_szRecordFile)) return false;
+        if (!WritePrivateProfileStringW(pszSection, pszKey, pszValue, g_Records.szFile)) return false;
     } else if (!AppendEntry(pszSection, pszKey, pszValue)) {
         return false;
     }
@@ -267,9 +275,9 @@ int32_t BeginWorkingFolder(const char16_t *pszFolder)
     if (!GetProgressFile(RECORD_INFO_FILE, szFile) ||
         FormatTextW(szValue, std::size(szValue), u"\"%s\"", pszFolder) < 0 || !CreateStateFile(szFile))
         return 0;
-    CopyTextW(g_szRecordFile, MAX_PATH, szFile);
+    CopyTextW(g_Records.szFile, MAX_PATH, szFile);
     if (!AppendEntry(WORKING_FOLDER_SECTION, WORKING_FOLDER_KEY, szValue)) return 0;
-    CopyTextW(g_szWorkingFolder, ITEM_UNITS, pszFolder);
+    CopyTextW(g_Records.szWorkingFolder, ITEM_UNITS, pszFolder);
     return 1;
 }
 
@@ -282,7 +290,7 @@ int32_t ReadWorkingFolder(char16_t *pszFolder, uint32_t cch)
     }
     if (!bLoaded) TraceValueText("!!ReadWorkingFolder", GetLastError(), RECORD_INFO_FILE, STATE_PATH_UNITS);
     pszFolder[0] = 0;
-    if (!bLoaded || !CopyTextW(pszFolder, cch, g_szWorkingFolder)) pszFolder[0] = 0;
+    if (!bLoaded || !CopyTextW(pszFolder, cch, g_Records.szWorkingFolder)) pszFolder[0] = 0;
     return pszFolder[0] != 0 ? 1 : 0;
 }
 
@@ -293,7 +301,7 @@ void RestRecordStore()
 
 void CloseRecordStore()
 {
-    if (g_szRecordFile[0] != 0 && g_bInPieces) JoinPieces();
+    if (g_Records.szFile[0] != 0 && g_Records.bInPieces) JoinPieces();
     Forget();
 }
 

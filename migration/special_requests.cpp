@@ -155,6 +155,17 @@ static void RemoveCache(const char16_t *pszFolder)
     LeaveBoundCall();
 }
 
+// The record, once its files have gone; or the own service's answer to a collection whose list could not be stored.
+static void SendRecord(IpcMessage *pRecord, uint32_t dwAccounting, const SpecialFileOutcome *pLast,
+                       uint64_t ullExecution)
+{
+    if (dwAccounting == 2) pRecord->dwParam3 = GetThroughputFigure(g_ullSpecialBytes, g_ullSpecialMeasure);
+    if (pRecord->dwCommand == STON_MIGRATIONCOLLECTION && !NameListForPeer(pRecord, pLast))
+        CallServiceNamedPipe(STON_MIGRATIONCOLLECTION, static_cast<int32_t>(IPC_PARAM_FAILED), 0, 0, pRecord->szText1,
+                             nullptr, nullptr);
+    else SendNetworkCommand(pRecord, 0, ullExecution);
+}
+
 uint32_t SpecialTransferThread(void *pRequest)
 {
     SpecialRequest    *pSpecial       = static_cast<SpecialRequest *>(pRequest);
@@ -163,24 +174,16 @@ uint32_t SpecialTransferThread(void *pRequest)
     SpecialFileOutcome Last           = {};
     const uint32_t     dwPreviousLink = GetThreadLink();
     const uint64_t     ullExecution   = pSpecial->ullExecution;
+    const uint32_t     dwAccounting   = AccountingMode(pRecord);
     BindThreadToLink(pSpecial->dwLinkGeneration);
 
     PlanRequest(pRecord, &Plan);
     if (pRecord->dwCommand == NTOS_MIGRATIONAPPLICATION) AwaitTotals(ullExecution);
-    if (IsThreadExecutionCancel(ullExecution)) goto Exit;
-    {
-        const uint32_t dwAccounting = AccountingMode(pRecord);
+    if (!IsThreadExecutionCancel(ullExecution)) {
         SendSpecialFiles(&Plan.Files, Plan.dwMode, dwAccounting, ullExecution, pRecord->dwCommand, &Last);
-        if (!IsThreadExecutionCancel(ullExecution)) {
-            if (dwAccounting == 2) pRecord->dwParam3 = GetThroughputFigure(g_ullSpecialBytes, g_ullSpecialMeasure);
-            if (pRecord->dwCommand == STON_MIGRATIONCOLLECTION && !NameListForPeer(pRecord, &Last))
-                CallServiceNamedPipe(STON_MIGRATIONCOLLECTION, static_cast<int32_t>(IPC_PARAM_FAILED), 0, 0,
-                                     pRecord->szText1, nullptr, nullptr);
-            else SendNetworkCommand(pRecord, 0, ullExecution);
-        }
+        if (!IsThreadExecutionCancel(ullExecution)) SendRecord(pRecord, dwAccounting, &Last, ullExecution);
         if (Plan.szCacheFolder[0] != u'\0') RemoveCache(Plan.szCacheFolder);
     }
-Exit:
     FreeStringList(&Plan.Files);
     RemoveThreadExecution(ullExecution);
     BindThreadToLink(dwPreviousLink);

@@ -7,7 +7,7 @@
 #include <map>
 #include <random>
 
-constexpr size_t MAX_CACHED = 512, MAX_CACHED_OF_SENDER = 48, MAX_FOUND = 16;
+constexpr size_t MAX_CACHED = 256, MAX_CACHED_OF_SENDER = 48, MAX_FOUND = 16;
 
 // An interface as the order of what was found wants it.
 struct LinkView {

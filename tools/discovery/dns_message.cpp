@@ -265,8 +265,8 @@ bool IsSameDnsName(const DnsName &a, const DnsName &b)
 bool IsSameDnsRecord(const DnsRecord &a, const DnsRecord &b)
 {
     return a.nType == b.nType && a.nClass == b.nClass && a.nPriority == b.nPriority && a.nWeight == b.nWeight &&
-           a.nPort == b.nPort && a.dwAddress == b.dwAddress && a.sData == b.sData && IsSameDnsName(a.name, b.name) &&
-           IsSameDnsName(a.target, b.target);
+           a.nPort == b.nPort && a.dwAddress == b.dwAddress && a.sData == b.sData && IsSameDnsName(a.target, b.target) &&
+           IsSameDnsName(a.name, b.name);
 }
 
 std::string DnsRecordContent(const DnsRecord &record)

@@ -39,6 +39,7 @@ check() { # what, command...
         echo "    FAILED: $what"
         failed=$((failed + 1))
         tail -n 5 "$work"/*.log
+        cat "$work"/*/drive_c/Discovery/Socket.dat; echo "found [$(found)]"
     fi
 }
 # within SECONDS COMMAND...: repeats it until it holds
@@ -62,6 +63,8 @@ trap 'exit 1' INT TERM
 on() { # 1|2 COMMAND...
     local side=$1
     shift
+    # one that runs behind this script is the process that it starts, so that its id ends the program itself
+    [ "$BASHPID" = $$ ] || exec ip netns exec "$lan-$side" env -u VORN_RENDEZVOUS DBUS_SYSTEM_BUS_ADDRESS="$bus" "$@"
     ip netns exec "$lan-$side" env -u VORN_RENDEZVOUS DBUS_SYSTEM_BUS_ADDRESS="$bus" "$@"
 }
 
@@ -86,7 +89,8 @@ CONF
 # avahi_sees TEXT: an instance is resolved to it ("name;host's address;port"); with no TEXT none may be there
 avahi_sees() {
     local found
-    found=$(on 2 timeout 3 avahi-browse --resolve --terminate --parsable --no-db-lookup $TYPE 2>/dev/null | awk -F';' '/^=/ { print $4 ";" $8 ";" $9 }')
+    found=$(on 2 timeout 3 avahi-browse --resolve --terminate --parsable --no-db-lookup $TYPE 2>/dev/null | awk -F';' '/^=/ { print $4 ";" $8 ";" $9 }' |
+        sed 's/\\032/ /g; s/\\040/(/g; s/\\041/)/g') # characters by number, in decimal
     if [ $# = 0 ]; then [ -z "$found" ]; else grep -qxF -- "$1" <<<"$found"; fi
 }
 publish() { # name, port
@@ -161,7 +165,7 @@ scenarios() {
     while [ $((SECONDS - begun)) -lt 8 ]; do sleep 0.5; done # a stop in the first moments may be a predecessor's
     discovery stop
     check "$kind: the announcement ends when it is stopped" within 10 ended $server
-    check "$kind: and takes back what it said" avahi_sees
+    check "$kind: and takes back what it said" within 5 avahi_sees
     end "$listener"
 
     publish "$name" 999
@@ -169,7 +173,7 @@ scenarios() {
     check "$kind: a name that somebody has is given up" within 15 avahi_sees "$name (2);10.77.0.1;$PORT"
     end "$published" "$listener"
     check "$kind: an agent that is gone is not announced" within 15 ended $server
-    check "$kind: and nobody finds it" avahi_sees
+    check "$kind: and nobody finds it" within 5 avahi_sees
 
     search
     check "$kind: a search that finds nobody says so" within 15 finds none
@@ -207,12 +211,12 @@ whole_link() {
         on $side env VORN_MACHINE="$work/link$side" "$build/VornTramsaNet" >"$work/agent$side.log" 2>&1 &
     done
     on 1 env VORN_MACHINE="$work/link1" "$build/tools/service-console" --wait 40 -c 'agent present' -c 'send STON_GETPINCODE 1' \
-        -c 'expect NTOS_GETPINCODE p1=3 set=pin:p2' -c 'print PIN $pin' -c 'expect NTOS_GETPINCODE p1=2 t1=PC-2' >"$work/console1.log" 2>&1 &
+        -c 'expect STON_GETPINCODE p1=3 set=pin:p2' -c 'print PIN $pin' -c 'expect STON_GETPINCODE p1=2 t1=PC-2' >"$work/console1.log" 2>&1 &
     local console=$!
     within 20 grep -qE 'PIN [0-9]+' "$work/console1.log" || return 1
     pin=$(grep -oE 'PIN [0-9]+' "$work/console1.log" | tail -n 1 | cut -d' ' -f2)
     on 2 env VORN_MACHINE="$work/link2" "$build/tools/service-console" --wait 40 -c 'agent present' -c "send STON_SETPINCCODE 1 $pin" \
-        -c 'expect NTOS_SETPINCCODE p1=2 t1=PC-1' >"$work/console2.log" 2>&1 && wait $console
+        -c 'expect STON_SETPINCCODE p1=2 t1=PC-1' >"$work/console2.log" 2>&1 && wait $console
 }
 
 scripts/lan.sh make "$lan" || { echo "the network could not be made"; failed=1; close; }

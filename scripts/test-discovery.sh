@@ -209,6 +209,7 @@ whole_link() {
     for side in 1 2; do
         make_machine "link$side" "PC-$side" || return 1
         on $side env VORN_MACHINE="$work/link$side" "$build/VornTramsaNet" >"$work/agent$side.log" 2>&1 &
+        agents+=($!)
     done
     on 1 env VORN_MACHINE="$work/link1" "$build/tools/service-console" --wait 40 -c 'agent present' -c 'send STON_GETPINCODE 1' \
         -c 'expect STON_GETPINCODE p1=3 set=pin:p2' -c 'print PIN $pin' -c 'expect STON_GETPINCODE p1=2 t1=PC-2' >"$work/console1.log" 2>&1 &
@@ -244,7 +245,10 @@ publish "Other PC" 41000
 check "hosted: a network that comes later is used" within 15 finds 10.77.0.2:41000
 end "$published" "$client"
 
+agents=()
 check "two agents in two namespaces link by PIN" whole_link
+end "${agents[@]}"
+check "and killed ones are announced no more" within 20 avahi_sees
 
 kind=wine
 if ! command -v wine >/dev/null; then

@@ -7,7 +7,8 @@
 
 using namespace platform;
 
-constexpr size_t ROOT_UNITS = 7; // "\\?\C:\"
+constexpr size_t ROOT_UNITS  = 7; // "\\?\C:\"
+constexpr size_t DRIVE_COLON = 5;
 
 static bool ResolveFolder(const char16_t *pszFolder, char16_t (&szFinal)[LONG_PATH_UNITS])
 {
@@ -34,5 +35,6 @@ bool IsRemovableCache(const char16_t *pszFolder)
 bool IsListableFolder(const char16_t *pszFolder)
 {
     char16_t szFolder[LONG_PATH_UNITS];
-    return ResolveFolder(pszFolder, szFolder) && TextLengthW(szFolder) > ROOT_UNITS;
+    // On a drive: what lies on a share could not be sent, and "\\HOST\C$" is a whole drive too.
+    return ResolveFolder(pszFolder, szFolder) && szFolder[DRIVE_COLON] == u':' && TextLengthW(szFolder) > ROOT_UNITS;
 }

@@ -228,9 +228,9 @@ void SendCollectionFile(CollectionWalk *pWalk, SendWindow *pWindow, const char16
 {
     char16_t szDestination[MAP_PATH_UNITS];
     CopyTextW(szDestination, MAP_PATH_UNITS, pszFile);
-    TranslatePath(&pWalk->Map, szDestination, MAP_PATH_UNITS, 0);
-    const WindowItem Item = {pszFile, szDestination, FILE_TYPE_COLLECTION};
-    HandOver(pWindow, &Item, 0);
+    const bool       bFits = TranslateForTarget(&pWalk->Map, szDestination, MAP_PATH_UNITS) >= 0;
+    const WindowItem Item  = {pszFile, bFits ? szDestination : u"", FILE_TYPE_COLLECTION};
+    HandOver(pWindow, &Item, bFits ? 0 : SEND_BAD_DESTINATION);
 }
 
 void SendFailedItem(CollectionWalk *pWalk, SendWindow *pWindow, const FailedItem *pItem)
@@ -241,7 +241,7 @@ void SendFailedItem(CollectionWalk *pWalk, SendWindow *pWindow, const FailedItem
     const size_t cch = TextLengthW(pItem->pszPath);
     if (cch == 0 || !CopyTextW(szSource, MAP_PATH_UNITS, pItem->pszPath)) return;
     CopyTextW(szDestination, MAP_PATH_UNITS, szSource);
-    TranslatePath(&pWalk->Map, szDestination, MAP_PATH_UNITS, 0);
+    const bool   bFits   = TranslateForTarget(&pWalk->Map, szDestination, MAP_PATH_UNITS) >= 0;
     const bool   bFolder = szSource[cch - 1] == u'\\';
     const size_t cchTo   = TextLengthW(szDestination);
     if (bFolder) szSource[cch - 1] = 0;
@@ -250,5 +250,5 @@ void SendFailedItem(CollectionWalk *pWalk, SendWindow *pWindow, const FailedItem
         GetFileAttributesW(LongPathForm(szSource, MAX_PATH, szLong)) == INVALID_FILE_ATTRIBUTES &&
         (GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND);
     const WindowItem Item = {szSource, szDestination, bFolder ? FILE_TYPE_FOLDER : FILE_TYPE_COLLECTION};
-    HandOver(pWindow, &Item, bGone ? ITEM_GONE : 0);
+    HandOver(pWindow, &Item, bGone ? ITEM_GONE : bFits ? 0 : SEND_BAD_DESTINATION);
 }

@@ -307,6 +307,25 @@ static bool SendEntries(TreeWalk *pWalk, TreeLevel *pLevel, HANDLE hFind, WIN32_
     return GetLastError() == ERROR_NO_MORE_FILES;
 }
 
+// True for a folder that no later walk could read either: it is closed to this user, or gone from a drive that is there
+// (the root of an empty drive holds nothing to find). Whatever else keeps it closed is expected to pass.
+static bool IsOutOfReach(const char16_t *pszFolder, uint32_t dwError)
+{
+    if (dwError == ERROR_ACCESS_DENIED) return true;
+    if (dwError != ERROR_FILE_NOT_FOUND && dwError != ERROR_PATH_NOT_FOUND) return false;
+    const char16_t *const pszColon = FindTextW(pszFolder, u":\\");
+    if (pszColon == nullptr || pszColon == pszFolder) return true;
+    const char16_t szRoot[] = {pszColon[-1], u':', u'\\', u'\0'};
+    return GetFileAttributesW(szRoot) != INVALID_FILE_ATTRIBUTES;
+}
+
+// Items of the folder that nobody has seen.
+static void NoteBrokenFolder(const TreeWalk *pWalk)
+{
+    TraceFailure(SEND_SOURCE_MISSING, pWalk->szSource);
+    NoteUnseenItems(pWalk->pSend->pFailed);
+}
+
 // The folder in szSource, which is as it was on return.
 static void SendFolder(TreeWalk *pWalk)
 {
@@ -324,13 +343,13 @@ static void SendFolder(TreeWalk *pWalk)
 
     const char16_t *pszPattern = FolderPattern(pWalk->szSource, pWalk->szWork);
     const HANDLE    hFind      = pszPattern != nullptr ? FindFirstFileW(pszPattern, &entry) : INVALID_HANDLE_VALUE;
-    if (hFind == INVALID_HANDLE_VALUE) return;
+    if (hFind == INVALID_HANDLE_VALUE) {
+        if (pszPattern != nullptr && !IsOutOfReach(pWalk->szSource, GetLastError())) NoteBrokenFolder(pWalk);
+        return;
+    }
     const bool bWhole = SendEntries(pWalk, &level, hFind, &entry);
     FindClose(hFind);
-    if (!bWhole) {
-        TraceFailure(SEND_SOURCE_MISSING, pWalk->szSource);
-        NoteUnseenItems(pWalk->pSend->pFailed);
-    }
+    if (!bWhole) NoteBrokenFolder(pWalk);
     if (!level.bHandled) ++pWalk->nCount; // an empty folder counts as one
 }
 

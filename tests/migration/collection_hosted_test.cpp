@@ -228,4 +228,24 @@ TEST_F(Collection, AWholeDriveWithoutTheSystemsAndOtherPeoplesFolders)
               aFolders);
 }
 
+TEST_F(Collection, AFileWhoseNewPathDoesNotFitIsNeverSentUnderItsOldOne)
+{
+    StringList           System = {};
+    GetSystemFolderList(&System);
+    const Paths          aSystem = Texts(&System);
+    std::u16string       sFile   = aSystem.at(5);
+    for (int i = 0; i < 14; ++i) sFile += std::u16string(60, static_cast<char16_t>(u'a' + i)) + u"\\";
+    ASSERT_EQ(1, CreateFolderTree((u"\\\\?\\" + sFile).c_str()));
+    sFile += u"here.txt";
+    WriteTestFile(u"\\\\?\\" + sFile, "1");
+    Ini(TARGET_INFO_FILE, u"KnownFolder", u"\"Profile\"", u"\"C:\\Users\\" + std::u16string(230, u'x') + u"\\\"");
+    WriteTestFile(m_sList, Utf16(u"\xFEFF" + sFile + u"\r\n"));
+    FakePeer Peer;
+    for (int n = 0; n < 2; ++n) { // and when it is tried again
+        Walk();
+        for (const std::string &sLine : Taken(&Peer)) EXPECT_EQ(std::string::npos, sLine.find("file 3 ")) << sLine;
+        EXPECT_TRUE(PathExists(File(COLLECTION_INFO_FILE))) << "it stays a failed item";
+    }
+}
+
 } // namespace

@@ -1,5 +1,6 @@
 // Requests of the service: which files go where, what record follows them, and what becomes of the cache.
 #include "ipc/stop_signal.h"
+#include "tests/ipc/fake_service.h"
 #include "tests/migration/special_fixture.h"
 #include "tests/support/eventually.h"
 
@@ -134,7 +135,15 @@ TEST_F(SpecialRequests, ListOfACollectionIsNamedByItsDestinationOrNotAskedFor)
     EXPECT_EQ("E:\\", sDestination.substr(0, 3));
     EXPECT_EQ("record 2120 1 0 0 " + sDestination + "||", aLines[1]);
     bStored = false; // a list that is not there would read as "nothing to send"
+    ResetServicePipeClient();
+    FakeService Service;
     EXPECT_EQ((Lines{aLines[0], "<silence>"}), Run(&Peer, 0x2120, {1}, {m_sRoot + u"\\P\\1.dat"}, false));
+    EXPECT_EQ(1, PassObjectInQueue());
+    const std::vector<IpcMessage> aTold = Service.Take(); // and the own service is told that it failed
+    ASSERT_EQ(1u, aTold.size());
+    EXPECT_EQ(0x2120u, aTold[0].dwCommand);
+    EXPECT_EQ(-2, static_cast<int32_t>(aTold[0].dwParam1));
+    EXPECT_EQ(m_sRoot + u"\\P\\1.dat", aTold[0].szText1);
 }
 
 TEST_F(SpecialRequests, FileErrorsAreTriedThreeTimesOthersOnce)

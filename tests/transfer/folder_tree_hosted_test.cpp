@@ -243,6 +243,24 @@ TEST_F(FolderTreeTest, AnEnumerationThatBreaksOffIsNoEndAndADeadLinkEndsTheWalk)
     Walk();
     EXPECT_FALSE(failed.bUnkept || failed.bUnsettled);
     Arrived();
+    static const struct {
+        const char16_t *pszFolder;
+        uint32_t        dwError; // 0: as it is
+        bool            bUnseen;
+    } aClosed[] = {{u"", ERROR_ACCESS_DENIED, false}, // a later walk finds the same
+                   {u"", ERROR_GEN_FAILURE, true},
+                   {u"\\removed", 0, false},
+                   {u"Q:\\pulled", 0, true}};
+    for (const auto &c : aClosed) {
+        const bool bOther = c.pszFolder[0] == u'Q';
+        failed            = {};
+        if (c.dwError != 0) hosted::FailCall("FindFirstFileW", 1, c.dwError);
+        SendNetworkFileEx(((bOther ? u"" : m_sFolder) + c.pszFolder).c_str(), &m_Send);
+        EXPECT_EQ(c.bUnseen, failed.bUnkept && failed.bUnsettled) << &c - aClosed;
+        FreeFailedItems(&failed);
+        hosted::ClearFaults();
+    }
+    m_pPeer->Take();
     BindThreadToLink(g_dwLinkGeneration + 1); // the walk's link has ended, another one stands
     hosted::ClearFaults();
     Walk();

@@ -56,7 +56,9 @@ int64_t StoredSize(const ReceivedFile *pFile)
     return static_cast<int64_t>(static_cast<uint64_t>(data.nFileSizeHigh) << 32 | data.nFileSizeLow);
 }
 
-int64_t g_llUncounted = 0; // bytes of files that are stored and could not be counted; listener
+// Listener.
+int64_t g_llUncounted   = 0;     // bytes of files that are stored and could not be counted
+bool    g_bProgressLost = false; // a second of tries was in vain: one for each file until one succeeds
 
 // The collection's two numbers. False when they cannot be read now; a number that is not there is 0.
 bool ReadProgress(const char16_t *pszFile, int64_t *pllTotal, int64_t *pllDone)
@@ -70,9 +72,9 @@ bool ReadProgress(const char16_t *pszFile, int64_t *pllTotal, int64_t *pllDone)
         SetLastError(ERROR_SUCCESS);
         const uint32_t cch =
             GetPrivateProfileStringW(COLLECTION_SECTION, number.pszKey, u"", szNumber, NUMBER_UNITS, pszFile);
-        // "not found" is what a missing key, section or file leaves; anything else was no answer
+        // a missing key, section or file leaves "not found"; these three say that there was no look at it
         const uint32_t dwError = cch == 0 ? GetLastError() : ERROR_SUCCESS;
-        if (dwError != ERROR_SUCCESS && dwError != ERROR_FILE_NOT_FOUND && dwError != ERROR_PATH_NOT_FOUND)
+        if (dwError == ERROR_SHARING_VIOLATION || dwError == ERROR_LOCK_VIOLATION || dwError == ERROR_ACCESS_DENIED)
             return false;
         *number.pllNumber = static_cast<int64_t>(std::min<uint64_t>(TextToUInt64W(szNumber), INT64_MAX));
     }
@@ -173,13 +175,14 @@ void CountCollectionFile(const ReceivedFile *pFile)
     if (!GetProgressFile(PROGRESS_INFO_FILE, szFile)) return;
     for (uint32_t nTry = 1; !AddProgress(szFile); ++nTry) {
         const uint32_t dwError = GetLastError();
-        if (nTry < STATE_FILE_TRIES && dwError != ERROR_DISK_FULL) {
-            Sleep(STATE_FILE_PAUSE_MS);
-            continue;
+        if (nTry == STATE_FILE_TRIES || dwError == ERROR_DISK_FULL) g_bProgressLost = true;
+        if (g_bProgressLost) {
+            ReportSocketError(OPERATION, u"progress not counted yet", false, dwError);
+            return;
         }
-        ReportSocketError(OPERATION, u"progress not counted yet", false, dwError);
-        return;
+        Sleep(STATE_FILE_PAUSE_MS);
     }
+    g_bProgressLost = false;
 }
 
 void FinishReceivedFile(const ReceivedFile *pFile)

@@ -23,6 +23,26 @@ constexpr uint32_t SWEPT_FOLDERS      = 4096;
 constexpr uint64_t FOLDER_HASH_START  = 14695981039346656037u; // FNV-1a
 constexpr uint64_t FOLDER_HASH_FACTOR = 1099511628211u;
 
+// The folder, as a hash, in which a whole file could not be given its name for want of a right: further files are
+// written there under their own. 0: none.
+static std::atomic<uint64_t> g_ullNoRenaming;
+
+static uint64_t HashFolder(const char16_t *pszFolder, size_t cch)
+{
+    uint64_t ullHash = FOLDER_HASH_START;
+    for (size_t i = 0; i < cch; ++i) ullHash = (ullHash ^ FoldCaseW(pszFolder[i])) * FOLDER_HASH_FACTOR;
+    return ullHash | 1; // 0 is none
+}
+
+// Units of what the file is in, without the backslash.
+static size_t FolderUnits(const IncomingFile *pFile)
+{
+    size_t cchFolder = 0;
+    for (size_t i = 0; pFile->szLocal[i] != 0; ++i)
+        if (pFile->szLocal[i] == u'\\') cchFolder = i;
+    return cchFolder;
+}
+
 static void SetPath(IncomingFile *pFile, const char16_t *pszPath)
 {
     char16_t szLong[LONG_PATH_UNITS];
@@ -63,12 +83,10 @@ static HANDLE OpenForWriting(const char16_t *pszPath, uint32_t dwDisposition)
 // The part's path: beside the destination, under its name or under the suffix alone. False when there is none.
 static bool FormPartPath(IncomingFile *pFile, bool bSuffixAlone)
 {
-    char16_t szPlain[LONG_PATH_UNITS];
-    char16_t szLong[LONG_PATH_UNITS];
-    size_t   cchFolder = 0;
-    for (size_t i = 0; pFile->szLocal[i] != 0; ++i)
-        if (pFile->szLocal[i] == u'\\') cchFolder = i + 1;
-    if (cchFolder == 0) return false;
+    char16_t     szPlain[LONG_PATH_UNITS];
+    char16_t     szLong[LONG_PATH_UNITS];
+    const size_t cchFolder = FolderUnits(pFile) + 1;
+    if (cchFolder == 1) return false;
     CopyTextW(szPlain, LONG_PATH_UNITS, pFile->szLocal);
     if (TextLengthW(szPlain + cchFolder) + SUFFIX_UNITS > FILE_NAME_UNITS) bSuffixAlone = true;
     if (bSuffixAlone) szPlain[cchFolder] = 0;
@@ -135,7 +153,9 @@ bool CreateIncomingFile(IncomingFile *pFile, int64_t cbSize)
     if (bTaken && !pFile->bOverwrite && !TakeFreeName(pFile)) return false;
     // A part is made only beside a name that is free: what exists is replaced in place, so that its access list stays,
     // and what cannot be asked is for the destination's own creation to find out.
-    bool bPart = bTaken ? !pFile->bOverwrite : dwError == ERROR_FILE_NOT_FOUND || dwError == ERROR_PATH_NOT_FOUND;
+    const bool bRenames = g_ullNoRenaming != HashFolder(pFile->szLocal, FolderUnits(pFile));
+    bool       bPart    = bRenames && (bTaken ? !pFile->bOverwrite
+                                              : dwError == ERROR_FILE_NOT_FOUND || dwError == ERROR_PATH_NOT_FOUND);
     for (uint32_t nTry = 0; nTry < NAME_TRIES; ++nTry) {
         if ((bPart && CreatePart(pFile)) || (pFile->dwError != ERROR_DISK_FULL && CreateDestination(pFile))) {
             pFile->bCreated = true;
@@ -145,7 +165,7 @@ bool CreateIncomingFile(IncomingFile *pFile, int64_t cbSize)
         }
         if (pFile->bOverwrite || pFile->dwError != ERROR_FILE_EXISTS) return false;
         pFile->dwError = ERROR_SUCCESS;
-        bPart          = true;
+        bPart          = bRenames;
         if (!TakeFreeName(pFile)) return false;
     }
     pFile->dwError = ERROR_FILE_EXISTS;
@@ -243,6 +263,8 @@ static bool NameFile(IncomingFile *pFile)
             if (pFile->bJournal) NoteReceipt(pFile->szWanted, pFile->nNumber, pFile->cbSize);
             continue;
         }
+        if (bLate && pFile->dwError == ERROR_ACCESS_DENIED)
+            g_ullNoRenaming = HashFolder(pFile->szLocal, FolderUnits(pFile));
         if (bLate || !MayPass(pFile->dwError)) return false;
         if (pFile->bOverwrite) SetFileAttributesW(pFile->szLocal, FILE_ATTRIBUTE_NORMAL); // if a read-only one is there
         Sleep(NAMING_PAUSE_MS);
@@ -269,14 +291,6 @@ bool FinishIncomingFile(IncomingFile *pFile)
 // that lost its own is looked into again, which costs time and nothing else.
 static std::atomic<uint64_t> g_aullSwept[SWEPT_FOLDERS];
 
-static uint64_t HashFolder(const char16_t *pszFolder)
-{
-    uint64_t ullHash = FOLDER_HASH_START;
-    for (; *pszFolder != 0; ++pszFolder)
-        ullHash = (ullHash ^ FoldCaseW(*pszFolder)) * FOLDER_HASH_FACTOR;
-    return ullHash | 1; // 0 is an empty place
-}
-
 bool IsPartName(const char16_t *pszName)
 {
     const size_t cchName = TextLengthW(pszName);
@@ -288,7 +302,7 @@ void SweepParts(const char16_t *pszFolder)
     char16_t         szPath[LONG_PATH_UNITS];
     char16_t         szLong[LONG_PATH_UNITS];
     WIN32_FIND_DATAW data;
-    const uint64_t   ullFolder = HashFolder(pszFolder);
+    const uint64_t   ullFolder = HashFolder(pszFolder, TextLengthW(pszFolder));
     if (g_aullSwept[ullFolder % SWEPT_FOLDERS].exchange(ullFolder) == ullFolder) return;
     if (FormatTextW(szPath, LONG_PATH_UNITS, u"%s\\*", pszFolder) < 0) return;
     const HANDLE hFind = FindFirstFileW(LongPathForm(szPath, STREAM_PATH_UNITS + 1, szLong), &data);

@@ -51,8 +51,8 @@ void CloseIncomingFile(IncomingFile *pFile);
 // Closes everything and deletes what was created. An existing file that was opened to be replaced has lost its content.
 void DropIncomingFile(IncomingFile *pFile);
 
-// True for the name of a part: a file that is being received, or was when its receiver died. It is nobody's file, and no
-// walk sends it.
+// True for the name of a part: a file that is being received, or was when its receiver died. It is nobody's file, and
+// no walk sends it.
 bool IsPartName(const char16_t *pszName);
 // Deletes parts that a killed process left in the folder; one that is in use stays. Looks once into each folder until
 // ForgetSweptFolders, as far as they can be remembered.

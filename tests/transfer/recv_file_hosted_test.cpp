@@ -132,6 +132,12 @@ TEST_F(RecvFileTest, AWholeFileGetsANameOrTheSenderHearsOfIt)
         EXPECT_EQ(m_sFolder + u"\\" + c.pszStored, m_file.szPath) << sCase;
         DeleteFileW(m_file.szPath);
     }
+    // A folder in which nothing may be renamed: the next file is written under its own name.
+    hosted::FailCall("MoveFileExW", 1, ERROR_ACCESS_DENIED, true);
+    EXPECT_EQ(-102, Receive(Bytes(int64_t{1}) + "x", 0));
+    EXPECT_EQ(1, Receive(Bytes(int64_t{1}) + "x", 0));
+    EXPECT_EQ(u"received.bin|", Listing());
+    hosted::ClearFaults();
     // A name that cannot be asked for is not free for that.
     m_bOverwrite = false;
     WriteTestFile(m_sFile, "the user's");

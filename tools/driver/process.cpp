@@ -165,6 +165,11 @@ bool IsChildRunning(const Child &child)
     return child && !WaitForChild(child, std::chrono::milliseconds(0), nullptr);
 }
 
+long ChildPid(const Child &child)
+{
+    return child->nPid;
+}
+
 long PeakMemoryKiB(const Child &child)
 {
     std::ifstream file("/proc/" + std::to_string(child->nPid) + "/status");

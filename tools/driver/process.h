@@ -22,6 +22,7 @@ void  KillChild(const Child &child); // SIGKILL to its process group, and waits
 // The exit code once it has ended, -signal when a signal ended it; false when it still runs after the time.
 bool WaitForChild(const Child &child, std::chrono::milliseconds timeout, int *pnExitCode);
 bool IsChildRunning(const Child &child);
+long ChildPid(const Child &child);
 // Peak resident memory in KiB as the kernel tells it of a running child, 0 when unknown.
 long PeakMemoryKiB(const Child &child);
 // Runs to the end, output and errors together in *psOutput (may be null). The exit code, or -1.

@@ -177,8 +177,10 @@ static void ReportEnd(CollectionWalk *pWalk)
     const int32_t nRet =
         SendPeerCommand(STON_MIGRATIONCOLLECTION, bComplete ? IPC_PARAM_DONE : IPC_PARAM_FAILED, nullptr);
     if (!bComplete || nRet != SEND_OK) return;
-    SettleFailedItems(&pWalk->Failed); // before the records: from here on they say nothing that matters
+    // Killed in between, the records say that they are over, and another collection never takes them for its own.
+    MarkItemsComplete();
     DeleteRecords();
+    DropSettledItems(&pWalk->Failed);
 }
 
 // Once for each broken link: its listener notices too, and whoever is first ends it and says so.

@@ -211,6 +211,14 @@ static bool IsRequested(const char16_t *pszPath, const StringList *pFolders, con
     return false;
 }
 
+static uint32_t CountOpen(const FailedItems *pFailed)
+{
+    uint32_t nOpen = 0;
+    for (uint32_t i = 0; i < pFailed->nItems; ++i)
+        nOpen += pFailed->pItems[i].bOpen ? 1 : 0;
+    return nOpen;
+}
+
 WalkRecords OpenFailedItems(FailedItems *pFailed, const StringList *pFolders, const StringList *pFiles)
 {
     FileMarks   Old  = {};
@@ -225,7 +233,8 @@ WalkRecords OpenFailedItems(FailedItems *pFailed, const StringList *pFolders, co
                            CompareTextW(Old.szPeer, New.szPeer) == 0;
     const bool bSameItems = CompareTextW(Old.szItems, New.szItems) == 0;
     if (!bPeerKnown && Old.szPeer[0] != 0) CopyTextW(New.szPeer, MARK_UNITS, Old.szPeer);
-    if (bThere && (!bSamePeer || (Old.bComplete && !bSameItems))) {
+    const bool bOver      = Old.bComplete && (!bSameItems || CountOpen(pFailed) == 0);
+    if (bThere && (!bSamePeer || bOver)) {
         ForgetItems(pFailed);
         eRet = WalkRecords::Foreign;
     } else if (Old.bComplete) {
@@ -295,13 +304,14 @@ void NoteItemReport(FailedItems *pFailed, int32_t nResult)
     if (pFailed != nullptr && nResult != SEND_OK) pFailed->bUnsettled = true;
 }
 
-void SettleFailedItems(const FailedItems *pFailed)
+void MarkItemsComplete()
 {
-    uint32_t nOpen = 0;
-    for (uint32_t i = 0; i < pFailed->nItems; ++i)
-        nOpen += pFailed->pItems[i].bOpen ? 1 : 0;
-    if (nOpen == 0) DeleteStateFile(COLLECTION_INFO_FILE);
-    else AppendPathLine(COLLECTION_INFO_FILE, COMPLETE_MARK, 0);
+    AppendPathLine(COLLECTION_INFO_FILE, COMPLETE_MARK, 0);
+}
+
+void DropSettledItems(const FailedItems *pFailed)
+{
+    if (CountOpen(pFailed) == 0) DeleteStateFile(COLLECTION_INFO_FILE);
 }
 
 void FreeFailedItems(FailedItems *pFailed)

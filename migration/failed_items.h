@@ -50,6 +50,8 @@ void NoteItemFailed(FailedItems *pFailed, const char16_t *pszPath, int32_t nResu
 void NoteUnseenItems(FailedItems *pFailed);
 // The result of a report to the peer's service about a failed item.
 void NoteItemReport(FailedItems *pFailed, int32_t nResult);
-// The peer was told that the collection is complete: from here on the file goes, or keeps the open items alone.
-void SettleFailedItems(const FailedItems *pFailed);
+// The peer was told that the collection is complete.
+void MarkItemsComplete();
+// After that, once no other record is left: the file goes, unless an item is open.
+void DropSettledItems(const FailedItems *pFailed);
 void FreeFailedItems(FailedItems *pFailed);

@@ -9,7 +9,7 @@
 
 namespace fs = std::filesystem;
 
-constexpr unsigned    START_MS = 60000, LINK_MS = 45000, END_MS = 90000; // bounds for a busy machine
+constexpr unsigned    START_MS = 60000, LINK_MS = 20000, END_MS = 90000; // bounds for a busy machine
 constexpr unsigned    CONNECTION = 2080, PIN_SHOWN = 2336, PIN_TYPED = 2337, COLLECTION = 8480, BROKEN = 818;
 constexpr int         MOST_REQUESTS = 8;
 const std::string     ROOT = "D:\\Torture";
@@ -188,12 +188,14 @@ bool Pair::Prepare(bool bSingleFiles, const Environment &a, const Environment &b
     return bReady;
 }
 
-bool Pair::LinkStored()
+bool Pair::LinkStored(unsigned nMilliseconds)
 {
-    const size_t nOld = Heard(old, CONNECTION, 2), nNext = Heard(next, CONNECTION, 2), nFailed = Heard(next, CONNECTION, -4);
+    const size_t nOld = Heard(old, CONNECTION, 2), nNext = Heard(next, CONNECTION, 2);
+    const auto   Failed = [&] { return Heard(next, CONNECTION, -4) + Heard(old, CONNECTION, -4); };
+    const size_t nFailed = Failed();
     return Command(old, "send STON_NETWORKCONNECTION 1") && Command(next, "send STON_NETWORKCONNECTION 2") &&
            Await([&] { return (Heard(old, CONNECTION, 2) > nOld && Heard(next, CONNECTION, 2) > nNext) ||
-                              Heard(next, CONNECTION, -4) > nFailed; }, LINK_MS) &&
+                              Failed() > nFailed; }, nMilliseconds) &&
            Heard(next, CONNECTION, 2) > nNext && Heard(old, CONNECTION, 2) > nOld;
 }
 
@@ -212,15 +214,16 @@ bool Pair::LinkByPin()
            Heard(next, PIN_TYPED, 2) > nNext;
 }
 
-bool Pair::Link()
+bool Pair::Link(int nTries)
 {
     const bool bStored = fs::exists(HostPathOf(next, "C:\\ProgramData\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat")) &&
                          !HostPathOf(next, "C:\\").empty() && proxy->ServerPort() != 0;
-    for (int i = 0; i < 4 && !m_bLinked; i++) {
+    for (int i = 0; i < nTries && !m_bLinked; i++) {
+        if (!IsChildRunning(old->agent) || !IsChildRunning(next->agent)) return false;
         for (const MachinePtr &machine : {old, next})
             if (!Command(machine, "send STON_NETWORKCONNECTION 3")) return false;
         Await([&] { return proxy->Connections() == 0; }, 10000);
-        m_bLinked = bStored && i < 2 ? LinkStored() : LinkByPin();
+        m_bLinked = bStored && (i < 2 || nTries == 1) ? LinkStored(nTries == 1 ? LINK_MS / 3 : LINK_MS) : LinkByPin();
     }
     m_nBroken = Heard(old, BROKEN, 102) + Heard(next, BROKEN, 102);
     return m_bLinked;

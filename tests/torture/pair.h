@@ -39,7 +39,7 @@ struct Pair {
     // An empty target, no state, agents running and linked. False (a fault) when that cannot be had.
     bool Prepare(bool bSingleFiles, const Environment &old = {}, const Environment &next = {});
     bool Start(const MachinePtr &machine, const Environment &extra = {});
-    bool Link();  // by what is stored, else by PIN
+    bool Link(int nTries = 4);  // by what is stored, else by PIN
     bool Request(bool bAgain);
     // 2 or -2 as the target's service is told; 0 when the link or an agent was lost instead; -100 when nothing came in time.
     int AwaitEnd();
@@ -52,7 +52,7 @@ struct Pair {
 
   private:
     bool        StartBoth(const Environment &a, const Environment &b);
-    bool        LinkStored();
+    bool        LinkStored(unsigned nMilliseconds);
     bool        LinkByPin();
     void        Clean();
     void        CheckProgress();

@@ -18,6 +18,8 @@
 namespace fs = std::filesystem;
 using Random = std::mt19937_64;
 
+constexpr unsigned FAILED_ITEM = 819;
+
 struct RunPlace {
     Random  random;
     int     nRun, nRuns;
@@ -128,21 +130,19 @@ static void CallFails(Pair *pPair, RunPlace *p)
     const MachinePtr &victim = bOld ? pPair->old : pPair->next;
     pPair->sRun += " " + std::string(bOld ? "old " : "new ") + faults.at("VORN_FAULTS");
     if (!pPair->Prepare(p->nRun / 8 % 2 != 0)) return;
-    const bool bSingle = pPair->items.size() > 1;
     pPair->Stop(victim);
     const unsigned nBefore = pPair->pTally->Faults();
     // Whatever it does with the fault, it ends or says so; and the next process completes it.
     bool bWent = pPair->Start(victim, faults);
-    if (bWent) bWent = pPair->Link();
+    if (bWent) bWent = pPair->Link(1);
+    const size_t nFailed = Heard(pPair->next, FAILED_ITEM, 1);
     if (bWent) bWent = pPair->Request(false);
     const int nEnd = bWent ? pPair->AwaitEnd() : 0;
-    static_cast<void>(bSingle);
     ++pPair->pTally->notes[!bWent ? "no link or request with it" : nEnd == 2 ? "complete in spite of it" : nEnd == -2 ? "answered with -2" : "link or agent ended"];
     if (nEnd == -100) pPair->Fault(&Tally::nHang, "no end was told");
     if (pPair->pTally->Faults() != nBefore) return;
-    if (IsChildRunning(victim->agent) && bOn && !bWent) KillAgent(victim); // it may not hear the order to end
-    else if (!IsChildRunning(victim->agent)) KillAgent(victim);
-    pPair->Kill(victim);
+    pPair->Kill(victim); // it may not hear the order to end
+    if (nEnd == 2 && Heard(pPair->next, FAILED_ITEM, 1) == nFailed) return pPair->Compare(false);
     pPair->Complete(false);
 }
 
@@ -154,12 +154,14 @@ static void DiskFull(Pair *pPair, RunPlace *p)
     const MachinePtr &victim = bOld ? pPair->old : pPair->next;
     pPair->sRun += " " + std::string(bOld ? "old C:" : "new C:") + std::to_string(cb);
     pPair->Stop(victim);
-    const bool bWent = pPair->Start(victim, {{"VORN_DRIVE_FULL", "C:" + std::to_string(cb + (bOld ? 0 : 40000))}}) &&
-                       pPair->Link() && pPair->Request(false);
-    const int nEnd = bWent ? pPair->AwaitEnd() : 0;
+    const bool bWent = pPair->Start(victim, {{"VORN_DRIVE_FULL", "C:" + std::to_string(cb + (bOld ? 0 : 40000))}}) && pPair->Link(1);
+    const size_t nFailed = Heard(pPair->next, FAILED_ITEM, 1);
+    const int    nEnd = bWent && pPair->Request(false) ? pPair->AwaitEnd() : 0;
     ++pPair->pTally->notes[nEnd == 2 ? "first answer 2" : nEnd == -2 ? "first answer -2" : "no link with it"];
     if (nEnd == -100) pPair->Fault(&Tally::nHang, "no end was told");
+    const bool bWhole = nEnd == 2 && Heard(pPair->next, FAILED_ITEM, 1) == nFailed;
     pPair->Stop(victim);
+    if (bWhole) return pPair->Compare(false);
     pPair->Complete(false); // there is space again
 }
 
@@ -344,7 +346,7 @@ static const Experiment EXPERIMENTS[] = {
     {"kill-receiver", 170, 8, "the receiver is killed", [](Pair *a, RunPlace *p) { KillRun(a, p, false, true); }},
     {"kill-both", 160, 4, "both are killed", [](Pair *a, RunPlace *p) { KillRun(a, p, true, true); }},
     {"outage", 200, 8, "the line is dead, then ends or goes on", Outage},
-    {"calls", 408, 12, "a platform call fails", CallFails},
+    {"calls", 408, 16, "a platform call fails", CallFails},
     {"disk-full", 100, 6, "a full disk, then space again", DiskFull},
     {"bits", 510, 17, "a flipped bit on the line", FlippedBit},
     {"state-junk", 140, 4, "junk in a state file", JunkInState},

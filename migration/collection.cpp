@@ -42,18 +42,44 @@ static bool AwaitTurn(CollectionWalk *pWalk)
     return true;
 }
 
-// False: both lists are empty.
-static bool ReadLines(const char16_t *pszFile, StringList *pFolders, StringList *pFiles)
+// ERROR_SUCCESS, or the error of the last try: both lists are empty then.
+static uint32_t ReadLines(const char16_t *pszFile, StringList *pFolders, StringList *pFiles)
 {
     for (uint32_t nTry = 1;; ++nTry) {
-        if (ReadPathLines(pszFile, pFolders, pFiles)) return true;
+        if (ReadPathLines(pszFile, pFolders, pFiles)) return ERROR_SUCCESS;
         const uint32_t dwErr = GetLastError();
         FreeStringList(pFolders);
         FreeStringList(pFiles);
-        if (AwaitStateFileTry(nTry, dwErr)) continue;
+        const bool bHopeless = dwErr == ERROR_FILE_TOO_LARGE || dwErr == ERROR_NOT_ENOUGH_MEMORY;
+        if (!bHopeless && AwaitStateFileTry(nTry, dwErr)) continue;
         TraceValueText("!!ReadPathLines", dwErr, pszFile, STATE_PATH_UNITS);
+        return dwErr;
+    }
+}
+
+// True for a file on a drive of this machine, also behind every link on its way. The name is the peer's: that of a
+// share would log on to another machine, and a pipe or a device may never come to an end.
+static bool IsOnDrive(const char16_t *pszFile)
+{
+    constexpr size_t PREFIX_UNITS = 4; // "\\?\"
+    const auto       IsDrive      = [](const char16_t *psz) {
+        return ((psz[0] | 0x20) >= u'a' && (psz[0] | 0x20) <= u'z') && psz[1] == u':' && psz[2] == u'\\';
+    };
+    char16_t szFinal[PATH_LINE_UNITS];
+    return IsDrive(pszFile) && GetFinalPath(pszFile, szFinal, PATH_LINE_UNITS) && IsDrive(szFinal + PREFIX_UNITS);
+}
+
+// The requested items. A list that is not there or cannot be read leaves nothing to send, and a walk with nothing left
+// to send is complete. One that is there and too long, or finds no memory, is none of that: the walk may not go on.
+static bool ReadItems(CollectionWalk *pWalk, const char16_t *pszListFile)
+{
+    if (!IsOnDrive(pszListFile)) {
+        TraceValueText("!!ReadPathLines", ERROR_PATH_NOT_FOUND, pszListFile, STATE_PATH_UNITS);
         return false;
     }
+    const uint32_t dwErr = ReadLines(pszListFile, &pWalk->Folders, &pWalk->Files);
+    if (dwErr == ERROR_FILE_TOO_LARGE || dwErr == ERROR_NOT_ENOUGH_MEMORY) pWalk->bOk = false;
+    return dwErr == ERROR_SUCCESS;
 }
 
 static void ReadCompleteInfo(CollectionWalk *pWalk, StringList *pDoneFiles)
@@ -62,7 +88,7 @@ static void ReadCompleteInfo(CollectionWalk *pWalk, StringList *pDoneFiles)
     if (!GetProgressFile(COMPLETE_INFO_FILE, szFile)) return;
     const bool bFirstRun =
         GetFileAttributesW(szFile) == INVALID_FILE_ATTRIBUTES && GetLastError() == ERROR_FILE_NOT_FOUND;
-    if (bFirstRun || !ReadLines(szFile, &pWalk->DoneFolders, pDoneFiles)) CreateStateFile(szFile);
+    if (bFirstRun || ReadLines(szFile, &pWalk->DoneFolders, pDoneFiles) != ERROR_SUCCESS) CreateStateFile(szFile);
 }
 
 static void GatherPaths(CollectionWalk *pWalk)
@@ -206,8 +232,7 @@ void ProcessCollection(CollectionRequest *pRequest)
 
     if (AwaitTurn(&Walk)) {
         Walk.bOk = true;
-        // A list that cannot be read leaves nothing to send, and a walk with nothing left to send is complete.
-        if (ReadLines(pRequest->szListFile, &Walk.Folders, &Walk.Files)) SendItems(&Walk);
+        if (ReadItems(&Walk, pRequest->szListFile)) SendItems(&Walk);
         CloseRecordStore();
         ReportEnd(&Walk);
         g_bWalkRunning = 0;

@@ -44,17 +44,18 @@ CollectionFile *IndexCollectionFiles(const CollectionWalk *pWalk, const StringLi
     for (const StringEntry *pEntry = pWalk->Files.pFirst; pEntry != nullptr; pEntry = pEntry->pNext, ++pEnd)
         *pEnd = {StringText(pEntry), static_cast<uint32_t>(pEnd - pFiles), false};
 
-    // Sorted for the look-ups: a search from the front for each of many thousand files would outlast their sending.
+    // By exact names, which a folder may have side by side. Sorted for the look-ups: a search from the front for each
+    // of many thousand files would outlast their sending.
     const auto ByName = [](const CollectionFile &Left, const CollectionFile &Right) {
-        const int32_t nOrder = CompareTextNoCaseW(Left.pszPath, Right.pszPath);
+        const int32_t nOrder = CompareTextW(Left.pszPath, Right.pszPath);
         return nOrder != 0 ? nOrder < 0 : Left.nOrder < Right.nOrder;
     };
     std::sort(pFiles, pEnd, ByName);
     for (CollectionFile *pFile = pFiles; pFile + 1 < pEnd; ++pFile)
-        if (CompareTextNoCaseW(pFile[0].pszPath, pFile[1].pszPath) == 0) pFile[1].bDone = true;
+        if (CompareTextW(pFile[0].pszPath, pFile[1].pszPath) == 0) pFile[1].bDone = true;
     for (const StringEntry *pEntry = pDoneFiles->pFirst; pEntry != nullptr; pEntry = pEntry->pNext) {
         CollectionFile *pFound = std::lower_bound(pFiles, pEnd, CollectionFile{StringText(pEntry), 0, false}, ByName);
-        if (pFound != pEnd && CompareTextNoCaseW(pFound->pszPath, StringText(pEntry)) == 0) pFound->bDone = true;
+        if (pFound != pEnd && CompareTextW(pFound->pszPath, StringText(pEntry)) == 0) pFound->bDone = true;
     }
     std::sort(pFiles, pEnd,
               [](const CollectionFile &Left, const CollectionFile &Right) { return Left.nOrder < Right.nOrder; });

@@ -292,6 +292,7 @@ int32_t ReadPathLines(const char16_t *pszFile, StringList *pFolders, StringList 
     unsigned char *pPiece = nullptr;
     HANDLE         hFile  = INVALID_HANDLE_VALUE;
     uint32_t       cbRead = 0;
+    int64_t        cbAll  = 0;
     uint32_t       cbKept = 0; // 1 when a unit's first byte ended the piece before
     uint32_t       dwErr  = ERROR_SUCCESS;
     bool           bFirst = true;
@@ -302,10 +303,18 @@ int32_t ReadPathLines(const char16_t *pszFile, StringList *pFolders, StringList 
                         nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
     if (hFile == INVALID_HANDLE_VALUE) return 0;
     pPiece = new (std::nothrow) unsigned char[READ_PIECE_BYTES];
-    if (pPiece == nullptr) goto Exit;
+    if (pPiece == nullptr) {
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        goto Exit;
+    }
     for (;;) {
         if (!ReadFile(hFile, pPiece + cbKept, READ_PIECE_BYTES - cbKept, &cbRead, nullptr)) goto Exit;
         if (cbRead == 0) break;
+        cbAll += cbRead;
+        if (cbAll > PATH_LIST_BYTES_MAX) {
+            SetLastError(ERROR_FILE_TOO_LARGE);
+            goto Exit;
+        }
         const uint32_t cb = cbKept + cbRead;
         uint32_t       i  = 0;
         for (; i + 1 < cb; i += 2) {
@@ -313,7 +322,9 @@ int32_t ReadPathLines(const char16_t *pszFile, StringList *pFolders, StringList 
             memcpy(&ch, pPiece + i, sizeof(ch));
             const bool bMark = bFirst && ch == BYTE_ORDER_MARK;
             bFirst           = false;
-            if (!bMark && !TakeUnit(&Line, ch)) goto Exit;
+            if (bMark || TakeUnit(&Line, ch)) continue;
+            SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+            goto Exit;
         }
         cbKept = cb - i;
         if (cbKept != 0) pPiece[0] = pPiece[i];

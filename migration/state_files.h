@@ -34,7 +34,8 @@ constexpr char16_t COMPLETE_KEY[]       = u"\"Complete\"";
 constexpr uint32_t STATE_FILE_TRIES    = 20;
 constexpr uint32_t STATE_FILE_PAUSE_MS = 50;
 
-constexpr uint32_t PATH_LINE_UNITS = 1024; // the longest line of a path list, and the room of its entries
+constexpr uint32_t PATH_LINE_UNITS      = 1024; // the longest line of a path list, and the room of its entries
+constexpr int64_t  PATH_LIST_BYTES_MAX  = 256 << 20; // a longer list is not read
 
 // 1 when the path is known (and the folder was created if it could be), 0 when ProgramData cannot be resolved.
 int32_t GetProgressFolder();
@@ -60,7 +61,8 @@ int32_t AppendPathLine(const char16_t *pszName, const char16_t *pszPath, int32_t
 int32_t AppendCompleteInfo(const char16_t *pszPath, int32_t bFolder);
 // Splits lines (UTF-16LE, with or without byte-order mark) into folders (trailing backslash removed) and files. A line
 // that does not end in CR LF, names nothing, or could not be kept whole is passed over.
-// 1, or 0 when the file cannot be opened or read (GetLastError); the lists then hold what was read until then.
+// 1, or 0 when the file cannot be opened or read, is too long (ERROR_FILE_TOO_LARGE) or finds no memory
+// (ERROR_NOT_ENOUGH_MEMORY); the lists then hold what was read until then.
 int32_t ReadPathLines(const char16_t *pszFile, StringList *pFolders, StringList *pFiles);
 // Forgets the cached folder. Tests only.
 void ResetStateFiles();

@@ -126,8 +126,9 @@ TEST_F(Collection, NothingLeftToSendIsCompleteOnlyWithALinkAtTheEnd)
     EXPECT_FALSE(IsMarkedComplete());
     EXPECT_TRUE(PathExists(File(COMPLETE_INFO_FILE)));
     FakePeer Peer;
-    for (const char16_t *pszList : {u"list.txt", u"none.txt"}) { // one that cannot be read leaves nothing to send either
-        m_sList = At(pszList);
+    const std::u16string aLists[] = {m_sList, At(u"none.txt"), u"\\\\server\\share\\list.txt", u"\\\\.\\pipe\\list"};
+    for (const auto &sList : aLists) { // one that cannot be read leaves nothing to send either
+        m_sList = sList;
         Walk();
         EXPECT_EQ((Lines{"record 2120 2 0 0 ||"}), Taken(&Peer));
         EXPECT_TRUE(IsMarkedComplete());

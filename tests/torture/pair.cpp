@@ -9,11 +9,11 @@
 
 namespace fs = std::filesystem;
 
-constexpr unsigned    START_MS = 60000, LINK_MS = 20000, END_MS = 90000; // bounds for a busy machine
-constexpr unsigned    CONNECTION = 2080, PIN_SHOWN = 2336, PIN_TYPED = 2337, COLLECTION = 8480, BROKEN = 818;
-constexpr int         MOST_REQUESTS = 8;
-const std::string     ROOT = "D:\\Torture";
-const char *const     STATE_FILES[] = {"recordinfo.ini", "completeinfo.ini", "collectioninfo.ini"};
+constexpr unsigned START_MS = 60000, LINK_MS = 20000; // bounds for a busy machine
+constexpr unsigned CONNECTION = 2080, PIN_SHOWN = 2336, PIN_TYPED = 2337, COLLECTION = 8480, BROKEN = 818;
+constexpr int      MOST_REQUESTS = 8;
+const std::string  ROOT          = "D:\\Torture";
+const char *const  STATE_FILES[] = {"recordinfo.ini", "completeinfo.ini", "collectioninfo.ini"};
 
 bool Await(const std::function<bool()> &holds, unsigned nMilliseconds)
 {
@@ -37,8 +37,7 @@ size_t Heard(const MachinePtr &machine, unsigned nCode, int nParameter)
 std::string Junk(std::mt19937_64 &random, size_t cb)
 {
     std::string sBytes(cb, '\0');
-    for (char &ch : sBytes)
-        ch = static_cast<char>(random());
+    for (char &ch : sBytes) ch = static_cast<char>(random());
     return sBytes;
 }
 
@@ -64,12 +63,30 @@ static void MakeProfile(const MachinePtr &old)
     const std::string sLong(90, 'L');
     unsigned          nSeed = 7;
     for (const auto &[sName, cb] : std::vector<std::pair<std::string, uint64_t>>{
-             {"leer.txt", 0}, {"ein Byte.bin", 1}, {"49.bin", 49}, {"50.bin", 50}, {"51.bin", 51}, {"65535.bin", 65535},
-             {"65536.bin", 65536}, {"65537.bin", 65537}, {"131072.bin", 131072}, {"groß.bin", 700001},
-             {"a=b; [c] (2).txt", 321}, {"a=b; [c].txt", 322}, {"archiv.tar.gz", 70000}, {"%Datum%\\100 %.txt", 20},
-             {".punkt", 5}, {"ohne Endung", 6}, {"Bericht (2).txt", 700}, {"Bericht.txt", 800},
-             {"Ünï\\Сводка.txt", 3000}, {"Ünï\\報告書 🎉.txt", 4000}, {"Ünï\\naïve résumé.doc", 5000},
-             {" vorn\\ blank.txt", 60}, {"[x]\\]y[.txt", 61}, {"tief\\" + sLong + "\\" + sLong + "\\" + sLong + "\\t.txt", 5000},
+             {"leer.txt", 0},
+             {"ein Byte.bin", 1},
+             {"49.bin", 49},
+             {"50.bin", 50},
+             {"51.bin", 51},
+             {"65535.bin", 65535},
+             {"65536.bin", 65536},
+             {"65537.bin", 65537},
+             {"131072.bin", 131072},
+             {"groß.bin", 700001},
+             {"a=b; [c] (2).txt", 321},
+             {"a=b; [c].txt", 322},
+             {"archiv.tar.gz", 70000},
+             {"%Datum%\\100 %.txt", 20},
+             {".punkt", 5},
+             {"ohne Endung", 6},
+             {"Bericht (2).txt", 700},
+             {"Bericht.txt", 800},
+             {"Ünï\\Сводка.txt", 3000},
+             {"Ünï\\報告書 🎉.txt", 4000},
+             {"Ünï\\naïve résumé.doc", 5000},
+             {" vorn\\ blank.txt", 60},
+             {"[x]\\]y[.txt", 61},
+             {"tief\\" + sLong + "\\" + sLong + "\\" + sLong + "\\t.txt", 5000},
              {std::string(200, 'n') + ".txt", 62}})
         WriteHostFile(HostPathOf(old, ROOT + "\\" + sName), cb, nSeed++);
     for (int i = 0; i < 12; i++)
@@ -80,21 +97,22 @@ static void MakeProfile(const MachinePtr &old)
 Pair::Pair(std::string sWorkFolder, const std::string &sPrograms) : sWork(std::move(sWorkFolder))
 {
     std::string sError;
-    old = CreateMachine({MachineKind::Hosted, sWork + "/old", sPrograms, "OLDPC", "anna", {'D'}, {}, sWork + "/meet-old"}, &sError);
-    next = CreateMachine({MachineKind::Hosted, sWork + "/new", sPrograms, "NEWPC", "bernd", {}, {}, sWork + "/meet-new"}, &sError);
+    old = CreateMachine(
+        {MachineKind::Hosted, sWork + "/old", sPrograms, "OLDPC", "anna", {'D'}, {}, sWork + "/meet-old"}, &sError);
+    next = CreateMachine(
+        {MachineKind::Hosted, sWork + "/new", sPrograms, "NEWPC", "bernd", {}, {}, sWork + "/meet-new"}, &sError);
     if (!old || !next) {
         std::fprintf(stderr, "torture: the machines cannot be made: %s\n", sError.c_str());
         std::exit(2);
     }
     environment = {{"VORN_CLOCK_RATE", "10"}}; // long protocol times are short
-    proxy = std::make_unique<Proxy>(sWork + "/meet-old", sWork + "/meet-new");
+    proxy       = std::make_unique<Proxy>(sWork + "/meet-old", sWork + "/meet-new");
     MakeProfile(old);
 }
 
 Pair::~Pair()
 {
-    for (const MachinePtr &machine : {old, next})
-        StopMachine(machine);
+    for (const MachinePtr &machine : {old, next}) StopMachine(machine);
 }
 
 void Pair::Kill(const MachinePtr &machine)
@@ -136,8 +154,8 @@ bool Pair::Start(const MachinePtr &machine, const Environment &extra)
         const std::lock_guard<std::mutex> guard(machine->lock);
         machine->records.clear();
     }
-    m_nEnds = m_nBroken = 0;
-    m_bLinked = false;
+    m_nEnds = m_nBroken      = 0;
+    m_bLinked                = false;
     m_aLast[machine == next] = extra;
     return (machine->console || StartConsole(machine)) && StartAgent(machine, all) &&
            Await([&] { return Heard(machine, 816, 1) > 0 || !IsChildRunning(machine->agent); }, START_MS) &&
@@ -191,11 +209,15 @@ bool Pair::Prepare(bool bSingleFiles, const Environment &a, const Environment &b
 bool Pair::LinkStored(unsigned nMilliseconds)
 {
     const size_t nOld = Heard(old, CONNECTION, 2), nNext = Heard(next, CONNECTION, 2);
-    const auto   Failed = [&] { return Heard(next, CONNECTION, -4) + Heard(old, CONNECTION, -4); };
+    const auto   Failed  = [&] { return Heard(next, CONNECTION, -4) + Heard(old, CONNECTION, -4); };
     const size_t nFailed = Failed();
     return Command(old, "send STON_NETWORKCONNECTION 1") && Command(next, "send STON_NETWORKCONNECTION 2") &&
-           Await([&] { return (Heard(old, CONNECTION, 2) > nOld && Heard(next, CONNECTION, 2) > nNext) ||
-                              Failed() > nFailed; }, nMilliseconds) &&
+           Await(
+               [&] {
+                   return (Heard(old, CONNECTION, 2) > nOld && Heard(next, CONNECTION, 2) > nNext) ||
+                          Failed() > nFailed;
+               },
+               nMilliseconds) &&
            Heard(next, CONNECTION, 2) > nNext && Heard(old, CONNECTION, 2) > nOld;
 }
 
@@ -203,14 +225,18 @@ bool Pair::LinkByPin()
 {
     const size_t nShown = Heard(old, PIN_SHOWN, 3), nOld = Heard(old, PIN_SHOWN, 2), nNext = Heard(next, PIN_TYPED, 2),
                  nFailed = Heard(next, PIN_TYPED, -4);
-    int          nPin = 0;
+    int nPin             = 0;
     if (!Command(old, "send STON_GETPINCODE 1") || !Await([&] { return Heard(old, PIN_SHOWN, 3) > nShown; }, LINK_MS))
         return false;
     for (const auto &record : ReceivedRecords(old))
         if (record.value("code", 0U) == PIN_SHOWN && record.value("p1", 0) == 3) nPin = record.value("p2", 0);
     return Command(next, "send STON_SETPINCCODE 1 " + std::to_string(nPin)) &&
-           Await([&] { return (Heard(old, PIN_SHOWN, 2) > nOld && Heard(next, PIN_TYPED, 2) > nNext) ||
-                              Heard(next, PIN_TYPED, -4) > nFailed; }, LINK_MS) &&
+           Await(
+               [&] {
+                   return (Heard(old, PIN_SHOWN, 2) > nOld && Heard(next, PIN_TYPED, 2) > nNext) ||
+                          Heard(next, PIN_TYPED, -4) > nFailed;
+               },
+               LINK_MS) &&
            Heard(next, PIN_TYPED, 2) > nNext;
 }
 
@@ -245,20 +271,20 @@ static size_t Ends(const MachinePtr &next, int *pnLast = nullptr)
 bool Pair::Request(bool bAgain)
 {
     ++pTally->nRequests;
-    m_nEnds = Ends(next);
+    m_nEnds   = Ends(next);
     m_nBroken = Heard(old, BROKEN, 102) + Heard(next, BROKEN, 102);
     return IsChildRunning(next->agent) && RequestCollection(next, items, cbItems, bAgain);
 }
 
-int Pair::AwaitEnd()
+int Pair::AwaitEnd(unsigned nMilliseconds)
 {
-    int        nLast = 0;
-    const auto IsEnd = [&] { return Ends(next, &nLast) > m_nEnds; };
+    int        nLast  = 0;
+    const auto IsEnd  = [&] { return Ends(next, &nLast) > m_nEnds; };
     const auto IsLost = [&] {
         return Heard(old, BROKEN, 102) + Heard(next, BROKEN, 102) > m_nBroken || !IsChildRunning(old->agent) ||
                !IsChildRunning(next->agent);
     };
-    if (!Await([&] { return IsEnd() || IsLost(); }, END_MS)) return -100;
+    if (!Await([&] { return IsEnd() || IsLost(); }, nMilliseconds)) return -100;
     const bool bEnd = Await(IsEnd, 300); // also one that was on its way
     if (IsLost()) m_bLinked = false;
     return bEnd ? nLast : 0;
@@ -280,10 +306,12 @@ void Pair::Complete(bool bRequested)
             Fault(&Tally::nOther, "no further link can be had");
             break;
         }
-        nEnd = Request(true) ? AwaitEnd() : 0;
+        nEnd   = Request(true) ? AwaitEnd() : 0;
         nStuck = nEnd == -2 && m_bLinked ? nStuck + 1 : 0;
     }
-    if (nEnd != 2) Fault(&Tally::nHang, "not complete after " + std::to_string(MOST_REQUESTS) + " requests, last outcome " + std::to_string(nEnd));
+    if (nEnd != 2)
+        Fault(&Tally::nHang, "not complete after " + std::to_string(MOST_REQUESTS) + " requests, last outcome " +
+                                 std::to_string(nEnd));
     CheckProgress();
     Compare(false);
 }
@@ -312,7 +340,7 @@ void Pair::Compare(bool bAltered)
         else if (entry.is_regular_file()) Fault(&Tally::nTwice, relative.string() + " is more than was there");
     }
     const fs::path progress = HostPathOf(old, KnownFolder(old, "Progress"));
-    const auto     IsState = [&] {
+    const auto     IsState  = [&] {
         for (const char *pszName : STATE_FILES)
             if (fs::exists(progress / pszName)) return true;
         return false;
@@ -326,6 +354,7 @@ void Pair::CheckProgress()
 {
     const uint64_t cb = CollectedBytes(next);
     if (cb > cbItems) Fault(&Tally::nProgress, "progress " + std::to_string(cb) + " of " + std::to_string(cbItems));
-    if (cb < m_cbProgress) Fault(&Tally::nProgress, "progress back from " + std::to_string(m_cbProgress) + " to " + std::to_string(cb));
+    if (cb < m_cbProgress)
+        Fault(&Tally::nProgress, "progress back from " + std::to_string(m_cbProgress) + " to " + std::to_string(cb));
     m_cbProgress = cb;
 }

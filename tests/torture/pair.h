@@ -14,7 +14,7 @@ using Environment = std::map<std::string, std::string>;
 struct Tally {
     unsigned nRuns = 0, nRequests = 0;
     unsigned nMissing = 0, nDifferent = 0, nTwice = 0, nLeftover = 0, nProgress = 0, nHang = 0, nCrash = 0, nOther = 0;
-    std::map<std::string, unsigned> notes; // what is no fault and worth a count
+    std::map<std::string, unsigned> notes;  // what is no fault and worth a count
     std::vector<std::string>        faults; // a line each, for the reader
     unsigned                        Faults() const;
 };
@@ -22,7 +22,7 @@ struct Tally {
 struct Pair {
     Pair(std::string sWork, const std::string &sPrograms);
     ~Pair();
-    Pair(const Pair &) = delete;
+    Pair(const Pair &)            = delete;
     Pair &operator=(const Pair &) = delete;
 
     MachinePtr               old, next; // next is the client, so what is asked for comes from the server
@@ -30,7 +30,7 @@ struct Pair {
     Environment              environment; // of both agents
     std::vector<std::string> items;       // of the request
     uint64_t                 cbItems = 0; // bytes of the files
-    uint64_t                 cbLine = 0;  // bytes of a whole request on the line, once measured
+    uint64_t                 cbLine  = 0; // bytes of a whole request on the line, once measured
     std::string              sWork;
     Tally                   *pTally = nullptr;
     std::string              sRun; // how the run under way is repeated
@@ -39,10 +39,10 @@ struct Pair {
     // An empty target, no state, agents running and linked. False (a fault) when that cannot be had.
     bool Prepare(bool bSingleFiles, const Environment &old = {}, const Environment &next = {});
     bool Start(const MachinePtr &machine, const Environment &extra = {});
-    bool Link(int nTries = 4);  // by what is stored, else by PIN
+    bool Link(int nTries = 4); // by what is stored, else by PIN
     bool Request(bool bAgain);
     // 2 or -2 as the target's service is told; 0 when the link or an agent was lost instead; -100 when nothing came in time.
-    int AwaitEnd();
+    int AwaitEnd(unsigned nMilliseconds = 90000);
     // Requests, with restarts and links as they are needed, until the target's service is told 2; then compares.
     void Complete(bool bRequested);
     // The comparison alone. bAltered: content and names may differ (counted as notes).

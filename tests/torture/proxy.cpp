@@ -22,7 +22,7 @@ constexpr size_t PIECE_BYTES = 16384, TRICKLE_BYTES = 200;
 struct ProxyState {
     std::string                 sServers, sClients;
     int                         fdListen = -1;
-    unsigned short              nPort = 0;
+    unsigned short              nPort    = 0;
     std::atomic<unsigned short> nServerPort{0};
     std::atomic<bool>           bStop{false}, bHold{false}, bTrickle{false}, bFlipped{false};
     std::atomic<int>            nEnd{-1}, nConnections{0}; // nEnd: a LineEnd to be carried out, or -1
@@ -35,7 +35,7 @@ struct ProxyState {
         std::string sMark;
         unsigned    nLeft = 0, nOffset = 0, nBit = 0;
         size_t      nMatched = 0;
-        int64_t     nIn = -1; // bytes until the one to flip, once the mark was found
+        int64_t     nIn      = -1; // bytes until the one to flip, once the mark was found
     } flip;
     std::vector<std::thread> lines;
     std::thread              main;
@@ -43,10 +43,10 @@ struct ProxyState {
 
 static int Connect(unsigned short nPort)
 {
-    const int   fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(nPort);
+    const int   fd          = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address     = {};
+    address.sin_family      = AF_INET;
+    address.sin_port        = htons(nPort);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0) return fd;
     close(fd);
@@ -71,16 +71,16 @@ static void Falsify(ProxyState *p, bool bFromServer, char *pb, size_t cb)
             flip.nMatched = 0;
             if (--flip.nLeft != 0) continue;
             flip.nLeft = 1;
-            flip.nIn = static_cast<int64_t>(flip.nOffset) - static_cast<int64_t>(flip.sMark.size()) + 1;
+            flip.nIn   = static_cast<int64_t>(flip.nOffset) - static_cast<int64_t>(flip.sMark.size()) + 1;
             if (flip.nIn <= 0) { // within the mark itself
                 const int64_t n = static_cast<int64_t>(i) + flip.nIn;
                 pb[n > 0 ? n : 0] ^= static_cast<char>(1 << flip.nBit);
-                flip.nLeft = 0;
+                flip.nLeft  = 0;
                 p->bFlipped = true;
             }
         } else if (--flip.nIn == 0) {
             pb[i] ^= static_cast<char>(1 << flip.nBit);
-            flip.nLeft = 0;
+            flip.nLeft  = 0;
             p->bFlipped = true;
         }
     }
@@ -112,16 +112,15 @@ static bool PassOn(ProxyState *p, bool bFromServer, int fd, char *pb, size_t cb)
         if (bFromServer) {
             const std::lock_guard<std::mutex> guard(p->lock);
             if (p->cbTrigger < p->cbPassed + cb) {
-                cbPart = p->cbTrigger > p->cbPassed ? p->cbTrigger - p->cbPassed : 0;
-                action = std::move(p->trigger);
+                cbPart       = p->cbTrigger > p->cbPassed ? p->cbTrigger - p->cbPassed : 0;
+                action       = std::move(p->trigger);
                 p->cbTrigger = UINT64_MAX;
             }
             p->cbPassed += cbPart;
         }
         if (!SendAll(p, fd, pb, cbPart)) return false;
         if (action) action();
-        while (p->bHold && !p->bStop && p->nEnd < 0)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        while (p->bHold && !p->bStop && p->nEnd < 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
         pb += cbPart;
         cb -= cbPart;
     }
@@ -131,7 +130,7 @@ static bool PassOn(ProxyState *p, bool bFromServer, int fd, char *pb, size_t cb)
 // aFd: the server's end, the client's end.
 static void RunLine(ProxyState *p, int fdServer, int fdClient)
 {
-    const int aFd[2] = {fdServer, fdClient};
+    const int aFd[2]   = {fdServer, fdClient};
     bool      aOpen[2] = {true, true}; // that direction still goes
     char      aBuffer[PIECE_BYTES];
     bool      bReset = false;
@@ -141,7 +140,7 @@ static void RunLine(ProxyState *p, int fdServer, int fdClient)
         if (nEnd == static_cast<int>(LineEnd::HalfClose) && aOpen[0]) {
             shutdown(fdClient, SHUT_WR);
             aOpen[0] = false;
-            p->nEnd = -1;
+            p->nEnd  = -1;
         } else if (nEnd >= 0 && nEnd != static_cast<int>(LineEnd::HalfClose)) {
             bReset = nEnd == static_cast<int>(LineEnd::Reset);
             break;
@@ -178,17 +177,17 @@ static void RunLine(ProxyState *p, int fdServer, int fdClient)
 // The newest announcement of the server, under the proxy's own port for the other machine's clients.
 static void Mirror(ProxyState *p)
 {
-    std::error_code error;
-    const fs::path  mirrored = fs::path(p->sClients) / ("127.0.0.1_" + std::to_string(p->nPort) + ".vorn-server.1");
-    fs::file_time_type newest = fs::file_time_type::min();
-    unsigned short     nPort = 0;
+    std::error_code    error;
+    const fs::path     mirrored = fs::path(p->sClients) / ("127.0.0.1_" + std::to_string(p->nPort) + ".vorn-server.1");
+    fs::file_time_type newest   = fs::file_time_type::min();
+    unsigned short     nPort    = 0;
     for (fs::directory_iterator it(p->sServers, error), end; !error && it != end; it.increment(error)) {
         const std::string sName = it->path().filename().string();
         std::error_code   gone;
         const auto        when = fs::last_write_time(it->path(), gone);
         if (gone || when <= newest || sName.find(".vorn-server") == std::string::npos) continue;
         newest = when;
-        nPort = static_cast<unsigned short>(std::atoi(sName.c_str() + sName.find('_') + 1));
+        nPort  = static_cast<unsigned short>(std::atoi(sName.c_str() + sName.find('_') + 1));
     }
     if (nPort != 0) p->nServerPort = nPort;
     if (nPort != 0 && !fs::exists(mirrored, error)) std::ofstream(mirrored).flush();
@@ -209,8 +208,7 @@ static void RunProxy(ProxyState *p)
             continue;
         }
         const int nOne = 1;
-        for (const int fd : {fdClient, fdServer})
-            setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &nOne, sizeof(nOne));
+        for (const int fd : {fdClient, fdServer}) setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &nOne, sizeof(nOne));
         p->nEnd = -1;
         p->lines.emplace_back(RunLine, p, fdServer, fdClient);
     }
@@ -218,26 +216,25 @@ static void RunProxy(ProxyState *p)
 
 Proxy::Proxy(const std::string &sServers, const std::string &sClients) : m_state(std::make_shared<ProxyState>())
 {
-    sockaddr_in address = {};
-    socklen_t   cb = sizeof(address);
-    address.sin_family = AF_INET;
+    sockaddr_in address     = {};
+    socklen_t   cb          = sizeof(address);
+    address.sin_family      = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    m_state->sServers = sServers;
-    m_state->sClients = sClients;
-    m_state->fdListen = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    m_state->sServers       = sServers;
+    m_state->sClients       = sClients;
+    m_state->fdListen       = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (bind(m_state->fdListen, reinterpret_cast<sockaddr *>(&address), cb) != 0 || listen(m_state->fdListen, 16) != 0)
         std::abort();
     getsockname(m_state->fdListen, reinterpret_cast<sockaddr *>(&address), &cb);
     m_state->nPort = ntohs(address.sin_port);
-    m_state->main = std::thread(RunProxy, m_state.get());
+    m_state->main  = std::thread(RunProxy, m_state.get());
 }
 
 Proxy::~Proxy()
 {
     m_state->bStop = true;
     m_state->main.join();
-    for (std::thread &line : m_state->lines)
-        line.join();
+    for (std::thread &line : m_state->lines) line.join();
     close(m_state->fdListen);
 }
 
@@ -245,17 +242,17 @@ void Proxy::Begin()
 {
     const std::lock_guard<std::mutex> guard(m_state->lock);
     m_state->bHold = m_state->bTrickle = m_state->bFlipped = false;
-    m_state->cbPassed = 0;
-    m_state->cbTrigger = UINT64_MAX;
-    m_state->trigger = nullptr;
-    m_state->flip = {};
+    m_state->cbPassed                                      = 0;
+    m_state->cbTrigger                                     = UINT64_MAX;
+    m_state->trigger                                       = nullptr;
+    m_state->flip                                          = {};
 }
 
 void Proxy::At(uint64_t cb, std::function<void()> fn)
 {
     const std::lock_guard<std::mutex> guard(m_state->lock);
     m_state->cbTrigger = cb;
-    m_state->trigger = std::move(fn);
+    m_state->trigger   = std::move(fn);
 }
 
 void Proxy::Flip(bool bFromServer, const std::string &sMark, unsigned nth, unsigned nOffset, unsigned nBit)
@@ -269,9 +266,27 @@ void Proxy::End(LineEnd eEnd)
     if (m_state->nConnections > 0) m_state->nEnd = static_cast<int>(eEnd);
 }
 
-uint64_t       Proxy::Passed() const { return m_state->cbPassed; }
-void           Proxy::Hold(bool bHold) { m_state->bHold = bHold; }
-void           Proxy::Trickle(bool bSlow) { m_state->bTrickle = bSlow; }
-bool           Proxy::Flipped() const { return m_state->bFlipped; }
-unsigned short Proxy::ServerPort() const { return m_state->nServerPort; }
-int            Proxy::Connections() const { return m_state->nConnections; }
+uint64_t Proxy::Passed() const
+{
+    return m_state->cbPassed;
+}
+void Proxy::Hold(bool bHold)
+{
+    m_state->bHold = bHold;
+}
+void Proxy::Trickle(bool bSlow)
+{
+    m_state->bTrickle = bSlow;
+}
+bool Proxy::Flipped() const
+{
+    return m_state->bFlipped;
+}
+unsigned short Proxy::ServerPort() const
+{
+    return m_state->nServerPort;
+}
+int Proxy::Connections() const
+{
+    return m_state->nConnections;
+}

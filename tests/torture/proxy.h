@@ -11,12 +11,11 @@
 enum class LineEnd { Reset, Close, HalfClose };
 
 struct ProxyState;
-class Proxy
-{
+class Proxy {
   public:
     Proxy(const std::string &sServers, const std::string &sClients); // rendezvous folders
     ~Proxy();
-    Proxy(const Proxy &) = delete;
+    Proxy(const Proxy &)            = delete;
     Proxy &operator=(const Proxy &) = delete;
 
     // Everything as it comes; counts and plans of an earlier run are forgotten.
@@ -24,12 +23,12 @@ class Proxy
     uint64_t Passed() const; // bytes from the server to its client since Begin
     // Once so many bytes have passed that way, calls fn on the line's thread before the next byte goes.
     void At(uint64_t cb, std::function<void()> fn);
-    void Hold(bool bHold);               // nothing goes either way, and nobody is told
-    void Trickle(bool bSlow);            // a few hundred bytes a time
-    void End(LineEnd eEnd);              // of every connection; half-close: of the server's direction
+    void Hold(bool bHold);    // nothing goes either way, and nobody is told
+    void Trickle(bool bSlow); // a few hundred bytes a time
+    void End(LineEnd eEnd);   // of every connection; half-close: of the server's direction
     // Flips a bit of the byte at nOffset behind the nth occurrence of sMark in that direction.
-    void Flip(bool bFromServer, const std::string &sMark, unsigned nth, unsigned nOffset, unsigned nBit);
-    bool Flipped() const;
+    void           Flip(bool bFromServer, const std::string &sMark, unsigned nth, unsigned nOffset, unsigned nBit);
+    bool           Flipped() const;
     unsigned short ServerPort() const; // that was announced last, 0 before
     int            Connections() const;
 

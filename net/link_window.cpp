@@ -61,11 +61,11 @@ uint32_t ReadOwnWindow()
     return g_nOwnWindow;
 }
 
-uint32_t ReadPeerWindow()
+int32_t ReadPeerWindow()
 {
     char16_t szFile[STATE_PATH_UNITS];
     GetProgressFile(TARGET_INFO_FILE, szFile); // an empty path reads as a file that says nothing
-    return platform::GetPrivateProfileIntW(LINK_SECTION, SEND_WINDOW_KEY, 1, szFile);
+    return static_cast<int32_t>(platform::GetPrivateProfileIntW(LINK_SECTION, SEND_WINDOW_KEY, 1, szFile));
 }
 
 uint32_t GetLinkWindow()
@@ -73,9 +73,9 @@ uint32_t GetLinkWindow()
     return std::max<uint32_t>(Noted(g_ullLinkWindow), 1);
 }
 
-void NotePeerWindow(uint32_t nFiles)
+void NotePeerWindow(int32_t nFiles)
 {
-    Note(&g_ullPeerWindow, std::clamp<uint32_t>(nFiles, 1, LINK_WINDOW_FILES));
+    Note(&g_ullPeerWindow, static_cast<uint32_t>(std::clamp<int32_t>(nFiles, 1, LINK_WINDOW_FILES)));
     Agree();
 }
 

@@ -10,7 +10,7 @@
 #include <cstdint>
 
 constexpr uint32_t LINK_WINDOW_FILES = 64; // the most that is said and believed
-constexpr uint32_t OWN_WINDOW        = 1;  // the own number, unless Socket.dat tells another
+constexpr uint32_t OWN_WINDOW        = 64; // the own number, unless Socket.dat tells another
 
 // Names in the machine info. Quotes belong to the key, and round the value.
 constexpr char16_t LINK_SECTION[]    = u"Link";
@@ -20,13 +20,13 @@ constexpr char16_t SEND_WINDOW_KEY[] = u"\"SendWindow\"";
 // read here, or OWN_WINDOW. Session thread.
 uint32_t ReadOwnWindow();
 // What the peer's machine info says, as it stands there: 1 when nothing. Listener.
-uint32_t ReadPeerWindow();
+int32_t ReadPeerWindow();
 // Files that may be unanswered: 1 until an agreement holds.
 uint32_t GetLinkWindow();
 
 // A number from the peer, whatever it is: below 2 means 1, above 64 means 64. The caller holds g_csNetSocket and has
 // answered, or is about to answer, the file that named it. Listener.
-void NotePeerWindow(uint32_t nFiles);
+void NotePeerWindow(int32_t nFiles);
 // [g_csNetSocket] The own machine info goes out now, with the number that was read last.
 void NoteInfoSent();
 // The peer has answered the file under way, on a link without agreement. Listener.

@@ -7,6 +7,7 @@
 //              [LastServer] Port=, PW=                  of the last session that passed the password check
 //              [LastClient] ServerIP=, Port=, PW=       of the last server that admitted this machine
 //              [Debug] SocketDebug=1   set by hand
+//              [Link] SendWindow=      set by hand: link_window.h
 // Threads      any.
 #pragma once
 #include "platform/types.h"

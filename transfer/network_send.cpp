@@ -401,15 +401,25 @@ static int32_t SendInTurn(SOCKET hSocket, const NetworkFile *pFile, uint64_t *pu
 
 int32_t SendPreparedNetworkFile(const NetworkFile *pFile, const WaitingWork *pWork, uint64_t *pullElapsed)
 {
-    SOCKET        hSocket = INVALID_SOCKET;
+    SOCKET       hSocket  = INVALID_SOCKET;
+    NetworkFile  file     = *pFile;
+    PreparedFile prepared = {};
     TraceTextPath("SendNetworkFile szSrc", pFile->pszSource, TRACE_PATH_UNITS);
     TraceTextPath("SendNetworkFile szDest", pFile->pszDestination, TRACE_PATH_UNITS);
-    const int32_t nCheck  = CheckFileSend(pFile->pszSource, pFile->pszDestination, &hSocket);
-    if (nCheck != 0) return nCheck;
-    const int32_t nLine = EnterLine(hSocket, pFile->pszSource);
-    if (nLine != 0) return nLine;
-    return GetLinkWindow() > 1 ? SendInTurn(hSocket, pFile, pullElapsed)
-                               : SendAndWait(hSocket, pFile, pWork, pullElapsed);
+    int32_t nResult = CheckFileSend(pFile->pszSource, pFile->pszDestination, &hSocket);
+    if (nResult != 0) return nResult;
+    // A source that is slow to give its first chunk (a file that lies in a cloud) is waited for here, not with a header
+    // under the hold and everybody else behind the lock.
+    if (file.pPrepared == nullptr && file.bEncrypt && file.dwType != FILE_TYPE_FOLDER) {
+        PrepareFile(file.pszSource, &prepared);
+        file.pPrepared = prepared.bReady ? &prepared : nullptr;
+    }
+    nResult = EnterLine(hSocket, file.pszSource);
+    if (nResult == 0)
+        nResult = GetLinkWindow() > 1 ? SendInTurn(hSocket, &file, pullElapsed)
+                                      : SendAndWait(hSocket, &file, pWork, pullElapsed);
+    ReleasePrepared(&prepared);
+    return nResult;
 }
 
 int32_t SendNetworkFile(const char16_t *pszSource, const char16_t *pszDestination, uint32_t dwType,

@@ -34,7 +34,7 @@ constexpr AnswerLines NONE_LINES   = {u"[SendFileCMDHandler] Be4 CS (none) [%s]"
                                       u"send file none cmd failed"};
 
 static void SendAnswer(SOCKET hSocket, const char *pszWord, const AnswerLines &lines, const char16_t *pszPath,
-                       uint32_t nPeerWindow)
+                       int32_t nPeerWindow)
 {
     TraceDebugW(lines.pszBefore, pszPath);
     EnterCriticalSection(&g_csNetSocket);
@@ -47,7 +47,7 @@ static void SendAnswer(SOCKET hSocket, const char *pszWord, const AnswerLines &l
     TraceDebugW(lines.pszLeft, pszPath);
 }
 
-void SendFileDone(SOCKET hSocket, const char16_t *pszPath, bool bFolder, uint32_t nPeerWindow)
+void SendFileDone(SOCKET hSocket, const char16_t *pszPath, bool bFolder, int32_t nPeerWindow)
 {
     SendAnswer(hSocket, WORD_FILE_DONE, bFolder ? FOLDER_LINES : DONE_LINES, pszPath, nPeerWindow);
 }

@@ -121,6 +121,7 @@ TEST_F(NetworkSendTest, OnlyABrokenLinkIsALinkError)
     for (const auto &c : aCases) {
         m_pPeer = std::make_unique<FakePeer>();
         hosted::ClearFaults();
+        hosted::FailCall("ReadFile", 1, ERROR_LOCK_VIOLATION); // what cannot be prepared shows what it is when it is sent
         hosted::FailCall(c.pszCall, c.nth, c.dwError);
         EXPECT_EQ(c.nExpected, Send()) << c.pszCall << c.dwError;
         EXPECT_EQ(0, g_bSendingFile);
@@ -230,7 +231,8 @@ TEST_F(NetworkSendTest, ALateAnswerIsNotTakenForTheNextFiles)
     late.join();
 
     // A source that cannot be opened travels as an empty file, which the peer stores and answers.
-    hosted::FailCall("CreateFileW", 2, ERROR_ACCESS_DENIED);
+    hosted::FailCall("ReadFile", 1, ERROR_LOCK_VIOLATION);
+    hosted::FailCall("CreateFileW", 3, ERROR_ACCESS_DENIED);
     EXPECT_EQ(-102, Send(u"D:\\third"));
     bLate = false;
     late  = std::thread(lateDone);

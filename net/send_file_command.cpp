@@ -70,7 +70,7 @@ int32_t SendHeader(SOCKET hSocket, const char16_t *pszDestination, uint32_t dwTy
 
 // What a file has and a folder has not: attributes, flag and stream. 0, -24, -25 or SendFile's negative result.
 int32_t SendBody(SOCKET hSocket, const char16_t *pszSource, uint32_t dwAttributes, uint8_t bEncrypt,
-                 const PreparedFile *pPrepared, const char16_t **ppszFailure)
+                 const PreparedFile *pPrepared, bool *pbWhole, const char16_t **ppszFailure)
 {
     *ppszFailure = u"send attribute failed";
     TraceDebugA("[SendFileCommand] send attribute begin [%d]", dwAttributes);
@@ -83,7 +83,7 @@ int32_t SendBody(SOCKET hSocket, const char16_t *pszSource, uint32_t dwAttribute
     TraceDebugA("[SendFileCommand] send bEncrypt done");
     *ppszFailure = u"Failed to send file";
     TraceDebugW(u"[SendFileCommand] Be4 send file...[%s]", pszSource);
-    const int64_t nRet = SendPreparedFile(hSocket, pszSource, bFlag, pPrepared);
+    const int64_t nRet = SendPreparedFile(hSocket, pszSource, bFlag, pPrepared, pbWhole);
     TraceDebugA("[SendFileCommand] After send file...ret[%I64d]", nRet);
     return nRet < 0 ? static_cast<int32_t>(nRet) : 0;
 }
@@ -91,7 +91,8 @@ int32_t SendBody(SOCKET hSocket, const char16_t *pszSource, uint32_t dwAttribute
 } // namespace
 
 int32_t SendPreparedFileCommand(SOCKET hSocket, const char16_t *pszSource, const char16_t *pszDestination,
-                                uint32_t dwType, uint8_t bEncrypt, const PreparedFile *pPrepared, bool bMore)
+                                uint32_t dwType, uint8_t bEncrypt, const PreparedFile *pPrepared, bool bMore,
+                                bool *pbWhole)
 {
     assert(HoldsCriticalSection(&g_csNetSocket));
     const char16_t *pszFailure   = nullptr;
@@ -114,7 +115,7 @@ int32_t SendPreparedFileCommand(SOCKET hSocket, const char16_t *pszSource, const
     HoldSends(hSocket);
     nErr = SendHeader(hSocket, pszDestination, dwType, &pszFailure);
     if (nErr == 0 && dwType != FILE_TYPE_FOLDER)
-        nErr = SendBody(hSocket, pszSource, dwAttributes, bEncrypt, pPrepared, &pszFailure);
+        nErr = SendBody(hSocket, pszSource, dwAttributes, bEncrypt, pPrepared, pbWhole, &pszFailure);
     // An aborted stream ends with its cancel block, which must leave like everything else: only a break keeps it here.
     if (nErr != 0 || !bMore) {
         const bool bFlushed = EndExchange(hSocket, nErr == 0);
@@ -131,5 +132,5 @@ int32_t SendPreparedFileCommand(SOCKET hSocket, const char16_t *pszSource, const
 int32_t SendFileCommand(SOCKET hSocket, const char16_t *pszSource, const char16_t *pszDestination, uint32_t dwType,
                         uint8_t bEncrypt)
 {
-    return SendPreparedFileCommand(hSocket, pszSource, pszDestination, dwType, bEncrypt, nullptr, false);
+    return SendPreparedFileCommand(hSocket, pszSource, pszDestination, dwType, bEncrypt, nullptr, false, nullptr);
 }

@@ -13,7 +13,8 @@ int32_t SendFileCommand(platform::SOCKET hSocket, const char16_t *pszSource, con
                         uint32_t dwType, uint8_t bEncrypt);
 // The same; of a file that was prepared (transfer/prepared_file.h) and is still the same, nothing is looked up, opened
 // and read anew. pPrepared may be null. bMore: what was sent without failure stays held, for the caller to end
-// (EndExchange).
+// (EndExchange). pbWhole: SendFile's.
 struct PreparedFile;
 int32_t SendPreparedFileCommand(platform::SOCKET hSocket, const char16_t *pszSource, const char16_t *pszDestination,
-                                uint32_t dwType, uint8_t bEncrypt, const PreparedFile *pPrepared, bool bMore);
+                                uint32_t dwType, uint8_t bEncrypt, const PreparedFile *pPrepared, bool bMore,
+                                bool *pbWhole);

@@ -172,12 +172,94 @@ template <class Char> const Char *ReadSize(const Char *psz, Conversion *pC)
     return psz;
 }
 
+struct Arguments {
+    va_list list;
+};
+
+// Width and precision, as digits or as an argument each.
+template <class Char> const Char *ReadExtent(const Char *psz, Arguments *pArgs, Conversion *pC)
+{
+    if (*psz == '*') {
+        psz++;
+        const int32_t n = va_arg(pArgs->list, int);
+        pC->bLeft       = pC->bLeft || n < 0;
+        pC->nWidth      = n == INT32_MIN ? INT32_MAX : n < 0 ? -n : n;
+    } else {
+        pC->nWidth = ReadDigits(&psz);
+    }
+    pC->nPrecision = -1;
+    if (*psz != '.') return psz;
+    if (*++psz != '*') {
+        pC->nPrecision = ReadDigits(&psz);
+        return psz;
+    }
+    const int32_t n = va_arg(pArgs->list, int);
+    pC->nPrecision  = n < 0 ? -1 : n;
+    return psz + 1;
+}
+
+template <class Char> void PutCharacter(Output<Char> *pOut, Conversion c, int n, bool bWide)
+{
+    c.nPrecision        = -1;
+    const char16_t wide = static_cast<char16_t>(n);
+    const char     ch   = static_cast<char>(n);
+    if (bWide) PutText(pOut, c, &wide, 1);
+    else PutText(pOut, c, &ch, 1);
+}
+
+template <class Char> void PutSigned(Output<Char> *pOut, const Conversion &c, Arguments *pArgs)
+{
+    int64_t n;
+    if (c.eSize == Size::Long64 || c.eSize == Size::Pointer) n = va_arg(pArgs->list, int64_t);
+    else n = va_arg(pArgs->list, int);
+    if (c.eSize == Size::Short) n = static_cast<int16_t>(n);
+    if (c.eSize == Size::Byte) n = static_cast<int8_t>(n);
+    const uint64_t nMagnitude = n < 0 ? 0 - static_cast<uint64_t>(n) : static_cast<uint64_t>(n);
+    PutNumber(pOut, c, nMagnitude, true, n < 0, 10, false);
+}
+
+template <class Char> void PutUnsigned(Output<Char> *pOut, const Conversion &c, Arguments *pArgs, Char cKind)
+{
+    uint64_t n;
+    if (c.eSize == Size::Long64 || c.eSize == Size::Pointer) n = va_arg(pArgs->list, uint64_t);
+    else n = va_arg(pArgs->list, unsigned);
+    if (c.eSize == Size::Short) n = static_cast<uint16_t>(n);
+    if (c.eSize == Size::Byte) n = static_cast<uint8_t>(n);
+    PutNumber(pOut, c, n, false, false, cKind == 'u' ? 10 : cKind == 'o' ? 8 : 16, cKind == 'X');
+}
+
+// One conversion. False when cKind is none.
+template <class Char> bool PutConversion(Output<Char> *pOut, Conversion c, Char cKind, Arguments *pArgs)
+{
+    const bool bWide = c.eSize == Size::Long || (c.eSize == Size::Default && sizeof(Char) == sizeof(char16_t));
+    switch (cKind) {
+    case 's':
+        if (bWide) PutString(pOut, c, va_arg(pArgs->list, const char16_t *));
+        else PutString(pOut, c, va_arg(pArgs->list, const char *));
+        return true;
+    case 'c': PutCharacter(pOut, c, va_arg(pArgs->list, int), bWide); return true;
+    case 'd':
+    case 'i': PutSigned(pOut, c, pArgs); return true;
+    case 'u':
+    case 'x':
+    case 'X':
+    case 'o': PutUnsigned(pOut, c, pArgs, cKind); return true;
+    case 'p': // 16 upper-case digits, as the run-time library of 64-bit Windows prints it
+        c.nPrecision = 16;
+        c.bHash      = false;
+        PutNumber(pOut, c, reinterpret_cast<uintptr_t>(va_arg(pArgs->list, void *)), false, false, 16, true);
+        return true;
+    case '%': Put(pOut, cKind); return true;
+    default: return false;
+    }
+}
+
 template <class Char> int32_t Format(Char *pszBuffer, size_t cch, const Char *pszFormat, va_list argsGiven)
 {
     if (pszBuffer == nullptr || cch == 0) return -1;
     Output<Char> out = {pszBuffer, cch, 0, false};
-    va_list      args;
-    va_copy(args, argsGiven);
+    Arguments    args;
+    va_copy(args.list, argsGiven);
     while (*pszFormat != 0 && !out.bCut) {
         if (*pszFormat != '%') {
             Put(&out, *pszFormat++);
@@ -186,80 +268,13 @@ template <class Char> int32_t Format(Char *pszBuffer, size_t cch, const Char *ps
         const Char *pszStart = pszFormat++;
         Conversion  c        = {};
         pszFormat            = ReadFlags(pszFormat, &c);
-        if (*pszFormat == '*') {
-            pszFormat++;
-            const int32_t n = va_arg(args, int);
-            c.bLeft         = c.bLeft || n < 0;
-            c.nWidth        = n == INT32_MIN ? INT32_MAX : n < 0 ? -n : n;
-        } else {
-            c.nWidth = ReadDigits(&pszFormat);
-        }
-        c.nPrecision = -1;
-        if (*pszFormat == '.') {
-            pszFormat++;
-            if (*pszFormat == '*') {
-                pszFormat++;
-                const int32_t n = va_arg(args, int);
-                c.nPrecision    = n < 0 ? -1 : n;
-            } else {
-                c.nPrecision = ReadDigits(&pszFormat);
-            }
-        }
-        pszFormat        = ReadSize(pszFormat, &c);
-        const bool bWide = c.eSize == Size::Long || (c.eSize == Size::Default && sizeof(Char) == sizeof(char16_t));
-        switch (*pszFormat) {
-        case 's':
-            if (bWide) PutString(&out, c, va_arg(args, const char16_t *));
-            else PutString(&out, c, va_arg(args, const char *));
-            break;
-        case 'c': {
-            const int n  = va_arg(args, int);
-            c.nPrecision = -1;
-            if (bWide) {
-                const char16_t ch = static_cast<char16_t>(n);
-                PutText(&out, c, &ch, 1);
-            } else {
-                const char ch = static_cast<char>(n);
-                PutText(&out, c, &ch, 1);
-            }
-            break;
-        }
-        case 'd':
-        case 'i': {
-            int64_t n;
-            if (c.eSize == Size::Long64 || c.eSize == Size::Pointer) n = va_arg(args, int64_t);
-            else n = va_arg(args, int);
-            if (c.eSize == Size::Short) n = static_cast<int16_t>(n);
-            if (c.eSize == Size::Byte) n = static_cast<int8_t>(n);
-            const uint64_t nMagnitude = n < 0 ? 0 - static_cast<uint64_t>(n) : static_cast<uint64_t>(n);
-            PutNumber(&out, c, nMagnitude, true, n < 0, 10, false);
-            break;
-        }
-        case 'u':
-        case 'x':
-        case 'X':
-        case 'o': {
-            uint64_t n;
-            if (c.eSize == Size::Long64 || c.eSize == Size::Pointer) n = va_arg(args, uint64_t);
-            else n = va_arg(args, unsigned);
-            if (c.eSize == Size::Short) n = static_cast<uint16_t>(n);
-            if (c.eSize == Size::Byte) n = static_cast<uint8_t>(n);
-            PutNumber(&out, c, n, false, false, *pszFormat == 'u' ? 10 : *pszFormat == 'o' ? 8 : 16, *pszFormat == 'X');
-            break;
-        }
-        case 'p': // 16 upper-case digits, as the run-time library of 64-bit Windows prints it
-            c.nPrecision = 16;
-            c.bHash      = false;
-            PutNumber(&out, c, reinterpret_cast<uintptr_t>(va_arg(args, void *)), false, false, 16, true);
-            break;
-        case '%': Put(&out, *pszFormat); break;
-        default: // as it stands; what ended it is looked at again, for it may be a terminator or another '%'
+        pszFormat            = ReadExtent(pszFormat, &args, &c);
+        pszFormat            = ReadSize(pszFormat, &c);
+        if (PutConversion(&out, c, *pszFormat, &args)) pszFormat++;
+        else // as it stands; what ended it is looked at again, for it may be a terminator or another '%'
             while (pszStart != pszFormat) Put(&out, *pszStart++);
-            continue;
-        }
-        pszFormat++;
     }
-    va_end(args);
+    va_end(args.list);
     out.pszBuffer[out.nUsed] = 0;
     return out.bCut ? -1 : static_cast<int32_t>(out.nUsed);
 }

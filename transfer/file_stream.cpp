@@ -3,4 +3,3 @@
 
 std::atomic<uint64_t> g_hSendExecution{0};
 std::atomic<int64_t>  g_nRecvFileWritten{0};
-std::atomic<uint8_t>  g_bSentWholeStream{0};

@@ -58,7 +58,3 @@ constexpr int64_t RECVFILE_CANCEL_IN_CIPHER  = -1110;
 
 extern std::atomic<uint64_t> g_hSendExecution;   // thread-execution id of the current send; written under g_csNetSocket
 extern std::atomic<int64_t>  g_nRecvFileWritten; // bytes of the current file written; listener thread
-// 1 once SendFile has sent a stream that the peer takes as a whole file, also when SendFile itself then failed (an
-// empty stream for a source that cannot be opened): the peer answers such a stream. SendNetworkFile clears it; under
-// g_csNetSocket.
-extern std::atomic<uint8_t> g_bSentWholeStream;

@@ -272,13 +272,13 @@ static int32_t SendAndWait(SOCKET hSocket, const NetworkFile *pFile, const Waiti
     g_bRemoteFileFull         = 0;
     g_bRemoteFileAllFull      = 0;
     g_bRemoteFileTypeUnknown  = 0;
-    g_bSentWholeStream        = 0;
+    bool            bWhole    = false;
     BeginExchange(pFile->ullExecution);
     if (pFile->dwType == FILE_TYPE_MACHINE_INFO) NoteInfoSent();
 
     FileOutcome    outcome  = {};
     const int32_t  nRet     = SendPreparedFileCommand(hSocket, pszSource, pFile->pszDestination, pFile->dwType,
-                                                      pFile->bEncrypt, pFile->pPrepared, false);
+                                                      pFile->bEncrypt, pFile->pPrepared, false, &bWhole);
     const uint32_t dwErr    = gdwErr;
     const int32_t  nWSAErr  = g_nWSAErr;
     const uint32_t dwErr2   = GetLastError();
@@ -304,7 +304,7 @@ static int32_t SendAndWait(SOCKET hSocket, const NetworkFile *pFile, const Waiti
             u"[SendNetworkFile] After CS - nRet[%d], dwErr[%d], dwErr2[%d], nWSAErr[%d], nWSAErr2[%d], szSrc[%s]", nRet,
             dwErr, dwErr2, nWSAErr, nWSAErr2, pszSource);
     }
-    if ((nRet == 0 || g_bSentWholeStream) && !IsAnswer(outcome)) g_dwAnswerOwedOnLink = dwLink;
+    if ((nRet == 0 || bWhole) && !IsAnswer(outcome)) g_dwAnswerOwedOnLink = dwLink;
     g_bSendingFile = 0;
     if (g_nLineWaiters != 0 && GetLineFreeEvent() != nullptr) SetEvent(GetLineFreeEvent());
     return DecideResult(nRet, outcome, nWSAErr, nWSAErr2, pszSource);
@@ -331,7 +331,7 @@ static bool SendInWindow(SOCKET hSocket, const NetworkFile *pFile, bool bMore, F
     g_bSendingFile = 1;
     BeginExchange(pFile->ullExecution);
     pWay->nRet      = SendPreparedFileCommand(hSocket, pFile->pszSource, pFile->pszDestination, pFile->dwType,
-                                              pFile->bEncrypt, pFile->pPrepared, bMore);
+                                              pFile->bEncrypt, pFile->pPrepared, bMore, nullptr);
     pWay->nWSAErr   = g_nWSAErr;
     pWay->nWSAErr2  = WSAGetLastError();
     pWay->bAnswerDue = !IsUnsent(pWay->nRet) && !IsCutOff(pWay->nRet);

@@ -184,9 +184,9 @@ static int64_t SendEncrypted(SOCKET hSocket, const SendCipher *pCipher, const ui
 }
 
 // The chunks. Result: the pending error, 0 when there is none.
-//   pbLastEncrypted  of the last chunk that was tried
+//   pbLastEncrypted  of the last chunk that was tried     pbWhole  SendFile's
 static int64_t SendChunks(SOCKET hSocket, HANDLE hFile, int64_t cbSize, const SendCipher *pCipher, int64_t nPending,
-                          bool *pbLastEncrypted)
+                          bool *pbLastEncrypted, bool *pbWhole)
 {
     static uint8_t s_aChunk[FILE_CHUNK_BYTES]; // under g_csNetSocket
     uint8_t *const pbChunk     = s_aChunk;
@@ -222,12 +222,12 @@ static int64_t SendChunks(SOCKET hSocket, HANDLE hFile, int64_t cbSize, const Se
             break;
         }
     }
-    if (cbRemaining == 0 && !bCancelSent) g_bSentWholeStream = 1;
+    if (cbRemaining == 0 && !bCancelSent && pbWhole != nullptr) *pbWhole = true;
     return nPending;
 }
 
 // A file whose size, key and first chunk are ready.
-static int64_t SendAhead(SOCKET hSocket, const PreparedFile *pFile)
+static int64_t SendAhead(SOCKET hSocket, const PreparedFile *pFile, bool *pbWhole)
 {
     const SendCipher cipher     = {pFile->hAlgorithm, pFile->hKey, pFile->pbKeyObject};
     bool             bEncrypted = true;
@@ -241,17 +241,19 @@ static int64_t SendAhead(SOCKET hSocket, const PreparedFile *pFile)
     if (nRet == 0 && pFile->cbSize > 0) nRet = SendCipherText(hSocket, pFile->pbCipher, pFile->cbCipher);
     if (nRet != 0) return nRet;
     const int64_t cbRest = pFile->cbSize - std::min<int64_t>(pFile->cbSize, FILE_CHUNK_BYTES);
-    nRet                 = SendChunks(hSocket, pFile->hFile, cbRest, &cipher, 0, &bEncrypted);
+    nRet                 = SendChunks(hSocket, pFile->hFile, cbRest, &cipher, 0, &bEncrypted, pbWhole);
     if (!bEncrypted) return SENDFILE_NOT_ENCRYPTED;
     return nRet != 0 ? nRet : pFile->cbSize;
 }
 
-int64_t SendPreparedFile(SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt, const PreparedFile *pPrepared)
+int64_t SendPreparedFile(SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt, const PreparedFile *pPrepared,
+                         bool *pbWhole)
 {
-    return pPrepared != nullptr && bEncrypt ? SendAhead(hSocket, pPrepared) : SendFile(hSocket, pszSource, bEncrypt);
+    return pPrepared != nullptr && bEncrypt ? SendAhead(hSocket, pPrepared, pbWhole)
+                                            : SendFile(hSocket, pszSource, bEncrypt, pbWhole);
 }
 
-int64_t SendFile(SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt)
+int64_t SendFile(SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt, bool *pbWhole)
 {
     char16_t        szLong[LONG_PATH_UNITS];
     const char16_t *pszPath    = LongPathForm(pszSource, STREAM_PATH_UNITS + 1, szLong);
@@ -286,7 +288,8 @@ int64_t SendFile(SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt)
     } else if (bEncrypt) {
         nEnd = SendKey(hSocket, &cipher);
     }
-    if (nEnd == 0) nPending = SendChunks(hSocket, hFile, cbSize, bEncrypt ? &cipher : nullptr, nPending, &bEncrypted);
+    if (nEnd == 0)
+        nPending = SendChunks(hSocket, hFile, cbSize, bEncrypt ? &cipher : nullptr, nPending, &bEncrypted, pbWhole);
     if (hFile != INVALID_HANDLE_VALUE) CloseHandle(hFile);
     // Without its size the stream never came to a key; lines about one that cannot be released would mislead.
     if (bEncrypt && nEnd != SENDFILE_SIZE_NOT_SENT)

@@ -9,9 +9,12 @@
 // file that the peer could take for whole, but for an unencrypted last chunk of 50 bytes or fewer, which no cancel
 // block fits: zeros.
 //   pszSource  a path of more than STREAM_PATH_UNITS is opened in its "\\?\" form
-int64_t SendFile(platform::SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt);
+//   pbWhole    set to true once a stream has left that the peer takes as a whole file, and therefore answers, also when
+//              the result is a failure (an empty stream for a source that cannot be opened); else left alone. May be
+//              null.
+int64_t SendFile(platform::SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt, bool *pbWhole);
 // The same; with a file that was prepared for this send (null: none) what is ready of it is used. The prepared file's
 // handle has been read on: it serves one send.
 struct PreparedFile;
 int64_t SendPreparedFile(platform::SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt,
-                         const PreparedFile *pPrepared);
+                         const PreparedFile *pPrepared, bool *pbWhole);

@@ -19,12 +19,12 @@ class SendFileTest : public TransferTest
     {
         LinkPair link;
         auto     drain     = Drain(link.hServer);
-        g_bSentWholeStream = 0;
+        m_bWhole           = false;
         EnterCriticalSection(&g_csNetSocket);
         HoldSends(link.hClient);
         hosted::ClearFaults();
         if (pszCall != nullptr) hosted::FailCall(pszCall, nth, dwError);
-        const int64_t nRet = SendFile(link.hClient, m_sFile.c_str(), bEncrypt);
+        const int64_t nRet = SendFile(link.hClient, m_sFile.c_str(), bEncrypt, &m_bWhole);
         FlushSends(link.hClient);
         LeaveCriticalSection(&g_csNetSocket);
         LinkPair::Close(&link.hClient);
@@ -36,6 +36,7 @@ class SendFileTest : public TransferTest
 
     std::u16string m_sFile;
     std::string    m_sStream;
+    bool           m_bWhole = false;
 };
 
 TEST_F(SendFileTest, TheStreamIsSizeThenChunks)
@@ -49,7 +50,7 @@ TEST_F(SendFileTest, TheStreamIsSizeThenChunks)
         WriteTestFile(m_sFile, sContent);
         EXPECT_EQ(static_cast<int64_t>(c.cb), Send(0));
         EXPECT_EQ(Bytes(static_cast<int64_t>(c.cb)) + sContent, m_sStream);
-        EXPECT_EQ(1, g_bSentWholeStream);
+        EXPECT_TRUE(m_bWhole);
 
         EXPECT_EQ(static_cast<int64_t>(c.cb), Send(1));
         ASSERT_EQ(Bytes(static_cast<int64_t>(c.cb)) + Bytes(uint32_t{20}), m_sStream.substr(0, 12));
@@ -76,11 +77,11 @@ TEST_F(SendFileTest, AnAbortSendsOneMoreChunkThatBeginsWithTheCancelBlock)
     WriteTestFile(m_sFile, Content(200000));
     EXPECT_EQ(-201, Send(0));
     EXPECT_EQ(Bytes(int64_t{200000}) + CancelBlock() + Content(65536).substr(50), m_sStream);
-    EXPECT_EQ(0, g_bSentWholeStream);
+    EXPECT_FALSE(m_bWhole);
     WriteTestFile(m_sFile, Content(50)); // no room for the block: the real bytes, and the peer takes them for the file
     EXPECT_EQ(-201, Send(0));
     EXPECT_EQ(Bytes(int64_t{50}) + Content(50), m_sStream);
-    EXPECT_EQ(1, g_bSentWholeStream);
+    EXPECT_TRUE(m_bWhole);
 
     WriteTestFile(m_sFile, Content(51));
     static const struct {
@@ -90,7 +91,7 @@ TEST_F(SendFileTest, AnAbortSendsOneMoreChunkThatBeginsWithTheCancelBlock)
     for (const auto &c : aFlags) {
         *c.pFlag = 1;
         EXPECT_EQ(c.nExpected, Send(1));
-        EXPECT_EQ(0, g_bSentWholeStream);
+        EXPECT_FALSE(m_bWhole);
         EXPECT_EQ(CancelBlock() + Content(51).substr(50),
                   TestKey(m_sStream.substr(12, 20)).Decrypt(m_sStream.substr(36)));
     }
@@ -151,7 +152,7 @@ TEST_F(SendFileTest, AFileThatShrinksIsCancelledAndOneThatGrowsKeepsItsSize)
         int64_t     nRet = 0;
         std::thread sender([&] {
             EnterCriticalSection(&g_csNetSocket);
-            nRet = SendFile(link.hClient, m_sFile.c_str(), 1);
+            nRet = SendFile(link.hClient, m_sFile.c_str(), 1, nullptr);
             LeaveCriticalSection(&g_csNetSocket);
             LinkPair::Close(&link.hClient);
         });

@@ -153,73 +153,107 @@ std::string ExpectedPath(const MachinePtr &old, const MachinePtr &next, const st
     return "C:\\" + old->plan.sComputer + "_" + std::string(1, sPath[0]) + sBelow;
 }
 
-bool GenerateProfile(const MachinePtr &old, const MachinePtr &next, const ProfileSize &size, Profile *pProfile,
-                     std::string *psError)
+namespace
 {
-    const std::string sDesktop = KnownFolder(old, "Desktop"), sDocuments = KnownFolder(old, "Documents"),
-                      sPictures = KnownFolder(old, "Pictures"), sData = "D:\\Projekte",
-                      sSingle = ProfileFolder(old) + "\\Notizen.txt";
-    unsigned nSeed = 1;
-    bool     bOk = true;
-    auto     Put = [&](const std::string &sPath, uint64_t cb) {
-        bOk = WriteHostFile(HostPathOf(old, sPath), cb, nSeed++) && bOk;
-    };
-    auto Folder = [&](const std::string &sPath) {
+
+// Makes the old machine's files, each with a content of its own.
+struct ProfileMaker {
+    MachinePtr old;
+    unsigned   nSeed = 1;
+    bool       bOk   = true; // everything so far is there
+
+    void Put(const std::string &sPath, uint64_t cb) { bOk = WriteHostFile(HostPathOf(old, sPath), cb, nSeed++) && bOk; }
+    void Folder(const std::string &sPath)
+    {
         std::error_code error;
         fs::create_directories(HostPathOf(old, sPath), error);
         bOk = bOk && !error;
-    };
+    }
+    void Tool(const std::vector<std::string> &arguments)
+    {
+        bOk = RunTool(old, "machine-files", arguments, nullptr) == 0 && bOk;
+    }
+};
+
+// The folders that are asked for.
+struct ProfileFolders {
+    std::string sDesktop, sDocuments, sPictures, sData;
+};
+
+// Many small files, sizes about a chunk's, and a few large ones.
+void MakeContents(const ProfileFolders &at, const ProfileSize &size, ProfileMaker *pMaker)
+{
     const char *const apszNames[] = {"Rechnung", "Сводка",       "報告書", "Ωμέγα",
                                      "ملف",      "naïve résumé", "हिन्दी",  "emoji 🎉"};
     for (unsigned i = 0; i < size.nDocuments; i++) {
         const std::string sFolder =
-            sDocuments + "\\Jahr " + std::to_string(2000 + i % 25) + (i % 3 == 0 ? "\\Briefe" : "");
-        Put(sFolder + "\\" + apszNames[i % 8] + " " + std::to_string(i) + ".txt", 200 + (i * 7919ULL) % 60000);
+            at.sDocuments + "\\Jahr " + std::to_string(2000 + i % 25) + (i % 3 == 0 ? "\\Briefe" : "");
+        pMaker->Put(sFolder + "\\" + apszNames[i % 8] + " " + std::to_string(i) + ".txt", 200 + (i * 7919ULL) % 60000);
     }
     for (const uint64_t cb : {0ULL, 1ULL, 65535ULL, 65536ULL, 65537ULL})
-        Put(sDocuments + "\\Größen\\" + std::to_string(cb) + " Bytes.bin", cb);
+        pMaker->Put(at.sDocuments + "\\Größen\\" + std::to_string(cb) + " Bytes.bin", cb);
     for (unsigned i = 0; i < 40; i++)
-        Put(sPictures + "\\Urlaub\\IMG_" + std::to_string(1000 + i) + ".jpg", 400000 + i * 1000);
+        pMaker->Put(at.sPictures + "\\Urlaub\\IMG_" + std::to_string(1000 + i) + ".jpg", 400000 + i * 1000);
     for (unsigned i = 1; i <= 8; i++)
-        Put(sPictures + "\\Filme\\Teil " + std::to_string(i) + ".mp4", size.cbLarge / 12);
-    Put(sPictures + "\\Langer Film.mp4", size.cbLarge / 3);
-    Put(sDesktop + "\\Einkaufsliste.txt", 900);
-    Put(sDesktop + "\\a=b; [c] (2).txt", 321);
-    Put(sDesktop + "\\archiv.tar.gz", 70000);
-    Put(sData + "\\Plan.docx", 123456);
-    Put(sData + "\\" + std::string(120, 'L') + "\\" + std::string(100, 'M') + "\\" + std::string(60, 'N') +
-            "\\tief.txt",
-        5000);
-    Put(sSingle, 4321);
-    Folder(sDocuments + "\\Leerer Ordner");
-    Put(sDocuments + "\\Bericht.txt", 2222);
+        pMaker->Put(at.sPictures + "\\Filme\\Teil " + std::to_string(i) + ".mp4", size.cbLarge / 12);
+    pMaker->Put(at.sPictures + "\\Langer Film.mp4", size.cbLarge / 3);
+}
+
+// Names and places that are easily got wrong.
+void MakeOddities(const ProfileFolders &at, const std::string &sSingle, ProfileMaker *pMaker)
+{
+    pMaker->Put(at.sDesktop + "\\Einkaufsliste.txt", 900);
+    pMaker->Put(at.sDesktop + "\\a=b; [c] (2).txt", 321);
+    pMaker->Put(at.sDesktop + "\\archiv.tar.gz", 70000);
+    pMaker->Put(at.sData + "\\Plan.docx", 123456);
+    pMaker->Put(at.sData + "\\" + std::string(120, 'L') + "\\" + std::string(100, 'M') + "\\" + std::string(60, 'N') +
+                    "\\tief.txt",
+                5000);
+    pMaker->Put(sSingle, 4321);
+    pMaker->Folder(at.sDocuments + "\\Leerer Ordner");
+    pMaker->Put(at.sDocuments + "\\Bericht.txt", 2222);
+}
+
+// What is marked so that it stays behind.
+LeftOut MakeLeftOut(const ProfileFolders &at, ProfileMaker *pMaker)
+{
+    pMaker->Put(at.sDesktop + "\\hidden.txt", 50);
+    pMaker->Put(at.sDocuments + "\\system.dat", 60);
+    pMaker->Put(at.sDocuments + "\\Privat\\Tagebuch.txt", 70);
+    LeftOut leftOut = {{at.sDesktop + "\\hidden.txt", "hidden"},
+                       {at.sDocuments + "\\system.dat", "a system file"},
+                       {at.sDocuments + "\\Privat", "hidden"}};
+    for (const auto &[sPath, sWhy] : leftOut) pMaker->Tool({"attributes", sPath, sWhy == "hidden" ? "+h" : "+s"});
+    return leftOut;
+}
+
+} // namespace
+
+bool GenerateProfile(const MachinePtr &old, const MachinePtr &next, const ProfileSize &size, Profile *pProfile,
+                     std::string *psError)
+{
+    const ProfileFolders at      = {KnownFolder(old, "Desktop"), KnownFolder(old, "Documents"),
+                                    KnownFolder(old, "Pictures"), "D:\\Projekte"};
+    const std::string    sSingle = ProfileFolder(old) + "\\Notizen.txt";
+    const std::string    sNewDocuments = KnownFolder(next, "Documents");
+    ProfileMaker         maker   = {old};
+    MakeContents(at, size, &maker);
+    MakeOddities(at, sSingle, &maker);
     // A name that is taken on the new machine: what lies there stays, the newcomer gets another name.
-    const std::string sTaken = HostPathOf(next, KnownFolder(next, "Documents") + "\\Bericht.txt");
-    bOk = WriteHostFile(sTaken, 777, 424242) && bOk;
-    LeftOut leftOut;
-    Put(sDesktop + "\\hidden.txt", 50);
-    Put(sDocuments + "\\system.dat", 60);
-    Put(sDocuments + "\\Privat\\Tagebuch.txt", 70);
-    leftOut[sDesktop + "\\hidden.txt"] = "hidden";
-    leftOut[sDocuments + "\\system.dat"] = "a system file";
-    leftOut[sDocuments + "\\Privat"] = "hidden";
-    for (const auto &[sPath, sWhy] : leftOut) {
-        bOk = RunTool(old, "machine-files", {"attributes", sPath, sWhy == "hidden" ? "+h" : "+s"}, nullptr) == 0 && bOk;
-    }
-    bOk = RunTool(old, "machine-files", {"make-link", sDesktop + "\\Projekte.lnk", sData + "\\Plan.docx", sData},
-                  nullptr) == 0 &&
-          bOk;
-    if (!bOk) {
+    maker.bOk = WriteHostFile(HostPathOf(next, sNewDocuments + "\\Bericht.txt"), 777, 424242) && maker.bOk;
+    const LeftOut leftOut = MakeLeftOut(at, &maker);
+    maker.Tool({"make-link", at.sDesktop + "\\Projekte.lnk", at.sData + "\\Plan.docx", at.sData});
+    if (!maker.bOk) {
         *psError = "the old machine's files cannot be made (is the disk full?)";
         return false;
     }
-    for (const std::string &sRequest : {sDesktop + "\\", sDocuments + "\\", sPictures + "\\", sData + "\\", sSingle}) {
+    for (const std::string &sRequest :
+         {at.sDesktop + "\\", at.sDocuments + "\\", at.sPictures + "\\", at.sData + "\\", sSingle})
         AddItem(old, next, leftOut, sRequest, pProfile);
-    }
     for (ProfileItem &item : pProfile->items) {
         for (ProfileEntry &entry : item.entries) {
-            if (entry.sSource == sDocuments + "\\Bericht.txt")
-                entry.sExpected = KnownFolder(next, "Documents") + "\\Bericht (2).txt";
+            if (entry.sSource == at.sDocuments + "\\Bericht.txt")
+                entry.sExpected = sNewDocuments + "\\Bericht (2).txt";
         }
     }
     return true;

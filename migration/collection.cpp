@@ -212,8 +212,8 @@ static void ReportEnd(CollectionWalk *pWalk)
 // Once for each broken link: its listener notices too, and whoever is first ends it and says so.
 static void ReleaseBrokenLink(LinkRelease Link)
 {
-    Link.dwGeneration = ClaimBrokenLink(Link.dwGeneration);
-    if (Link.dwGeneration == 0) return;
+    Link.dwLink = ClaimBrokenLink(Link.dwLink);
+    if (Link.dwLink == 0) return;
     if (!StartReleaseOfLink(&Link)) {
         auto *pBlock = new (std::nothrow) LinkRelease(Link);
         if (pBlock != nullptr) ReleaseNetworkThread(pBlock); // no thread to be had: this one is as good
@@ -226,9 +226,9 @@ void ProcessCollection(CollectionRequest *pRequest)
     CollectionWalk    Walk           = {};
     const uint32_t    dwPreviousLink = GetThreadLink();
     const bool        bServer        = g_bServer;
-    const LinkRelease Link           = {bServer, GetRoleStart(bServer), pRequest->dwLinkGeneration};
+    const LinkRelease Link           = {bServer, pRequest->dwLinkGeneration};
     Walk.ullExecution                = pRequest->ullExecution;
-    BindThreadToLink(Link.dwGeneration);
+    BindThreadToLink(Link.dwLink);
 
     if (AwaitTurn(&Walk)) {
         Walk.bOk = true;

@@ -3,8 +3,9 @@
 #include "net/client_discovery.h"
 #include "net/adapter_queries.h"
 #include "net/client_role.h"
-#include "net/network_link.h"
+#include "net/discovery_program.h"
 #include "net/role_end.h"
+#include "net/role_start.h"
 #include "net/settings.h"
 #include "platform/kernel.h"
 #include "platform/profile.h"
@@ -22,48 +23,44 @@ constexpr uint32_t ROUND_SLEEPS       = 10;
 constexpr uint32_t EMPTY_PASSWORD_MS  = 2000;  // of search before the last server is tried without a password
 constexpr uint32_t SEARCH_MS          = 15000; // of sleeps after which no further round begins
 constexpr uint32_t COUNT_BYTES        = 260;
+constexpr int32_t  MAX_SERVERS        = 256; // looked at in one round, whatever the count says
 
-void AwaitFormerEnumeration()
+uint32_t g_dwEnumStart; // the start whose search g_bClientEnuming stands for; role lock
+
+void AwaitFormerEnumeration(uint32_t dwStart)
 {
     if (!g_bClientEnuming) return;
     uint32_t nCount = 0;
     TraceDebugA("[ClientInitEnum] Wait last enum begin");
-    while (g_bClientEnuming && nCount < FORMER_SLEEPS) {
+    while (g_bClientEnuming && nCount < FORMER_SLEEPS && IsStartWanted(false, dwStart)) {
         Sleep(FORMER_SLEEP_MS);
         nCount++;
     }
     TraceDebugA("[ClientInitEnum] Wait last enum end[%d]", nCount);
 }
 
-// Sets g_bClient, unless the role's end has come already: nobody would clear it. 0, -201 or 9999.
-int32_t TakeClientRole(const std::atomic<uint32_t> *pbWanted)
+// True for one entry of the list as it stands now. Without an address it was the last session's server that was tried:
+// once a round is enough.
+bool IsWorthATry(const char *pszAddress, bool *pbLastTried)
 {
-    EnterRoleChange();
-    const bool bRefused = g_bServer != 0;
-    const bool bEnded   = g_bStopClientEnum || (pbWanted != nullptr && !*pbWanted);
-    if (!bRefused && !bEnded) g_bClient = 1;
-    LeaveRoleChange();
-    if (bRefused) {
-        TraceDebugA("[ClientInitEnum] g_bServer already true. Exit");
-        return -201;
-    }
-    if (!bEnded) return 0;
-    TraceDebugA("[ClientInitEnum] g_bStopClientEnum.");
-    return CLIENT_CANCELLED;
+    const bool bTry = pszAddress[0] != '\0' || !*pbLastTried;
+    if (pszAddress[0] == '\0') *pbLastTried = true;
+    return bTry;
 }
 
 // Tries every server that has been found so far. 0, 1111, 9999 or the last attempt's status.
-int32_t CheckFoundServers(const char *pszPassword, uint32_t *pdwGeneration)
+int32_t CheckFoundServers(const ClientStart *pStart, const char *pszPassword)
 {
     char szCount[COUNT_BYTES];
     ReadSetting(SECTION_SERVER_ENUM, KEY_COUNT, szCount, sizeof szCount);
     const int32_t nCount = TextToInt32A(szCount);
     TraceDebugA("[ClientEnumCheck] ServerEnum count [%s][%d]", szCount, nCount);
     if (nCount < 1) TraceDebugA("[ClientEnumCheck] discover count 0");
-    int32_t nRet = CLIENT_NO_SERVER_FOUND;
-    for (int32_t i = 1; i <= nCount; i++) {
+    int32_t nRet       = CLIENT_NO_SERVER_FOUND;
+    bool    bLastTried = false;
+    for (int32_t i = 1; i <= nCount && i <= MAX_SERVERS; i++) {
         char szKey[32], szAddress[ADDRESS_BYTES], szPort[PORT_BYTES];
-        if (g_bStopClientEnum) {
+        if (IsClientStopped(pStart)) {
             TraceDebugA("[ClientEnumCheck] g_bStopClientEnum");
             return CLIENT_CANCELLED;
         }
@@ -71,18 +68,16 @@ int32_t CheckFoundServers(const char *pszPassword, uint32_t *pdwGeneration)
         ReadSetting(SECTION_SERVER_ENUM, szKey, szAddress, sizeof szAddress);
         FormatTextA(szKey, sizeof szKey, "%d_port", i);
         ReadSetting(SECTION_SERVER_ENUM, szKey, szPort, sizeof szPort);
+        if (!IsWorthATry(szAddress, &bLastTried)) continue;
         TraceDebugA("[ClientEnumCheck] ServerEnum [%d]-[%s][%s]", nCount, szAddress, szPort);
-        nRet = ClientInitLink(szAddress, pszPassword, szPort, pdwGeneration);
+        nRet = ClientInitStart(pStart, szAddress, pszPassword, szPort);
         if (nRet == 0) {
             TraceDebugA("[ClientEnumCheck] ClientInit succeed");
             return 0;
         }
         TraceDebugA("[ClientEnumCheck] ClientInit failed, nRet[%d]", nRet);
-        // Without an address it was the last session's server that was tried. Once is enough: the list is still being
-        // written, or its count is wrong and the rest would be the same attempt, as often as any number says.
-        if (szAddress[0] == '\0') break;
     }
-    if (g_bStopClientEnum) {
+    if (IsClientStopped(pStart)) {
         TraceDebugA("[ClientEnumCheck] g_bStopClientEnum");
         return CLIENT_CANCELLED;
     }
@@ -90,16 +85,16 @@ int32_t CheckFoundServers(const char *pszPassword, uint32_t *pdwGeneration)
 }
 
 // Rounds of a second each. 0, or the last round's status.
-int32_t SearchServers(const char *pszPassword, uint32_t *pdwGeneration)
+int32_t SearchServers(const ClientStart *pStart, const char *pszPassword)
 {
     uint32_t dwElapsed = 0;
     for (;;) {
-        for (uint32_t i = 0; i < ROUND_SLEEPS && !g_bStopClientEnum; i++) {
+        for (uint32_t i = 0; i < ROUND_SLEEPS && !IsClientStopped(pStart); i++) {
             Sleep(ROUND_SLEEP_MS);
             dwElapsed += ROUND_SLEEP_MS;
         }
-        if (g_bStopClientEnum) return CLIENT_CANCELLED;
-        const int32_t nRet = CheckFoundServers(pszPassword, pdwGeneration);
+        if (IsClientStopped(pStart)) return CLIENT_CANCELLED;
+        const int32_t nRet = CheckFoundServers(pStart, pszPassword);
         if (nRet == 0) TraceDebugA("[ClientInitEnum] ClientEnumCheck succeed.");
         if (nRet == 0 || nRet == CLIENT_CANCELLED) return nRet;
         if (dwElapsed >= EMPTY_PASSWORD_MS && pszPassword[0] == '\0') {
@@ -127,7 +122,7 @@ bool IsLastServerReachable(const char *pszAddress)
 }
 
 // The fallback. 0, the attempt's status, or nSearched when no attempt was made.
-int32_t TryLastServer(const char *pszPassword, int32_t nSearched, uint32_t *pdwGeneration)
+int32_t TryLastServer(const ClientStart *pStart, const char *pszPassword, int32_t nSearched)
 {
     char szAddress[ADDRESS_BYTES];
     TraceDebugA("[ClientInitEnum] try default.");
@@ -137,8 +132,8 @@ int32_t TryLastServer(const char *pszPassword, int32_t nSearched, uint32_t *pdwG
         return nSearched;
     }
     TraceDebugA("[ClientInitEnum] try default, get ini ip [%s].", szAddress);
-    if (!IsLastServerReachable(szAddress) || g_bStopClientEnum) return nSearched;
-    const int32_t nRet = ClientInitLink("", pszPassword, "", pdwGeneration);
+    if (!IsLastServerReachable(szAddress) || IsClientStopped(pStart)) return nSearched;
+    const int32_t nRet = ClientInitStart(pStart, "", pszPassword, "");
     if (nRet != 0)
         TraceDebugA("[ClientInitEnum] ClientInit (default) failed, nRet[%d]", nRet);
     else
@@ -147,24 +142,21 @@ int32_t TryLastServer(const char *pszPassword, int32_t nSearched, uint32_t *pdwG
 }
 
 // Steps from the role's taking on. 0, 9999, or the status that the search ended with.
-int32_t EnumerateServers(const char *pszPassword, uint32_t *pdwGeneration)
+int32_t EnumerateServers(const ClientStart *pStart, const char *pszPassword)
 {
     WritePrivateProfileStringA(SECTION_SERVER_ENUM, nullptr, nullptr, g_szConfigPath); // only fresh results are read
-    RunDiscoveryClient();
-    const int32_t nSearched = SearchServers(pszPassword, pdwGeneration);
+    StartDiscovery(false, pStart->dwLink);
+    const int32_t nSearched = SearchServers(pStart, pszPassword);
     int32_t       nRet      = nSearched;
-    if (nSearched != 0 && nSearched != CLIENT_CANCELLED) nRet = TryLastServer(pszPassword, nSearched, pdwGeneration);
-    RunDiscoveryHelper("stop");
+    if (nSearched != 0 && nSearched != CLIENT_CANCELLED) nRet = TryLastServer(pStart, pszPassword, nSearched);
+    StopDiscovery(pStart->dwLink);
 
-    EnterRoleChange(); // a stop from here on has ended the role itself, and the next role may have begun
-    const bool bStopped = g_bStopClientEnum != 0;
-    if (bStopped) {
+    const bool bStopped = IsClientStopped(pStart);
+    if (bStopped)
         TraceDebugA("[ClientInitEnum] g_bStopClientEnum.");
-    } else if (nRet != 0) {
+    else if (nRet != 0)
         TraceDebugA("[ClientInitEnum] create failed, call uninit, nErr[%d]", nRet);
-        ClientUninit();
-    }
-    LeaveRoleChange();
+    if (nRet != 0) ClientUninitLink(pStart->dwLink); // also for a newer start that waits for this one
     if (bStopped) return CLIENT_CANCELLED;
     // Session control tells the service "wrong PIN" by this status: a server of long ago that did not answer must not
     // hide what the servers found here said.
@@ -173,24 +165,30 @@ int32_t EnumerateServers(const char *pszPassword, uint32_t *pdwGeneration)
 
 } // namespace
 
-int32_t ClientInitEnumLink(const char *pszPassword, const std::atomic<uint32_t> *pbWanted, uint32_t *pdwGeneration)
+int32_t ClientInitEnumStart(const char *pszPassword, uint32_t dwStart, uint32_t *pdwLink)
 {
-    AwaitFormerEnumeration();
-    EnterRoleChange(); // a stop that finds the first flag set must not be cleared with the second
-    g_bClientEnuming  = 1;
-    g_bStopClientEnum = 0;
+    ClientStart start = {};
+    AwaitFormerEnumeration(dwStart);
+    EnterRoleChange();
+    g_bClientEnuming = 1;
+    g_dwEnumStart    = dwStart;
     LeaveRoleChange();
     GetConfigPath();
     SocketDebugInit();
     TraceDebugA("[ClientInitEnum] PW[%s]", pszPassword);
-    int32_t nRet = TakeClientRole(pbWanted);
-    if (nRet == 0) nRet = EnumerateServers(pszPassword, pdwGeneration);
-    g_bClientEnuming = 0;
+    int32_t nRet = TakeClientRole(dwStart, &start);
+    if (nRet == ROLE_EXCLUDED) TraceDebugA("[ClientInitEnum] g_bServer already true. Exit");
+    if (nRet == CLIENT_CANCELLED) TraceDebugA("[ClientInitEnum] g_bStopClientEnum.");
+    if (nRet == 0) nRet = EnumerateServers(&start, pszPassword);
+    *pdwLink = start.dwLink;
+    EnterRoleChange();
+    if (g_dwEnumStart == dwStart) g_bClientEnuming = 0; // a newer search may have given up waiting for this one
+    LeaveRoleChange();
     return nRet;
 }
 
 int32_t ClientInitEnum(const char *pszPassword)
 {
-    uint32_t dwGeneration = 0;
-    return ClientInitEnumLink(pszPassword, nullptr, &dwGeneration);
+    uint32_t dwLink = 0;
+    return ClientInitEnumStart(pszPassword, NewRoleStartOf(false), &dwLink);
 }

@@ -1,6 +1,5 @@
 // client_discovery.h: finding servers, and trying each.
 #pragma once
-#include <atomic>
 #include <cstdint>
 
 // Looks for servers for about 16 seconds (2 with an empty password), tries each one found, then the one of the last
@@ -9,5 +8,7 @@
 //   -4/-5 password, answer   -6 wrong password   1111 no server found   9999 cancelled
 //   A failure is that of the search; how the last server answered is only in the log.
 int32_t ClientInitEnum(const char *pszPassword);
-// The same for callers that must not touch a link that came later (see ServerInitLink; 9999 for a role not wanted).
-int32_t ClientInitEnumLink(const char *pszPassword, const std::atomic<uint32_t> *pbWanted, uint32_t *pdwGeneration);
+// The same for a start that has its number already (role_start.h): once it is not wanted any more it gives 9999 and
+// touches nothing. Tells the number of its link, for callers that must not touch a link that came later.
+//   pdwLink  valid with 0
+int32_t ClientInitEnumStart(const char *pszPassword, uint32_t dwStart, uint32_t *pdwLink);

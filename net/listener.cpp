@@ -1,10 +1,10 @@
 // listener.cpp: the one reader of a link: words in, handlers called, silence tested, the break reported.
 // Only the listener receives, so receiving takes no lock. It runs a whole file stream on its own thread; a probe sent
 // while the own side sends a file would be stored as file content, hence no keep-alive test while g_bSendingFile is
-// set. An orderly close of the peer is silence here: RecvBuffer reports it as a time-out, the probe after about 40
-// seconds of it cannot be sent or answered, and that breaks the link.
-// The own side's teardown looks to recv like any other break. The link's number tells the two apart: it has grown by
-// then.
+// set. A peer that closes its side in good order can answer nothing any more: the line is probed at once, and while a
+// file is being sent taken for broken without the probe.
+// The own side's teardown looks to recv like any other break. The link's number tells the two apart: it is another one
+// by then. The listener owns its socket (network_link.h) and looks at the number before each receive and each answer.
 #include "net/listener.h"
 #include "ipc/relay.h"
 #include "ipc/service_pipe_client.h"
@@ -13,7 +13,6 @@
 #include "net/link_window.h"
 #include "net/receive_file_command.h"
 #include "net/role_end.h"
-#include "net/session_state.h"
 #include "platform/detached_thread.h"
 #include "platform/text.h"
 #include "trace/debug_output.h"
@@ -43,7 +42,7 @@ struct ListenerRole {
     const char     *pszPeer;
     const char16_t *pszReceiveFailed;
     const char     *pszExitEvent;
-    void (*pUninit)(uint32_t dwGeneration);
+    void (*pUninit)(uint32_t dwLink);
 };
 constexpr ListenerRole SERVER_LISTENER = {"ServerListenThread",      u"ServerListenThread",
                                           "client",                  u"wait client cmd failed (not timeout). Exit ",
@@ -93,14 +92,21 @@ void TakeAnswer(AnswerWord eWord)
     }
 }
 
+// [g_csNetSocket] Nothing is said on a link that has ended.
+void SendAckAlive(const ListenerRole &role, SOCKET hSocket)
+{
+    if (!IsThreadLinkCurrent()) return;
+    if (!SendCommandWord(hSocket, WORD_ACK_ALIVE)) ReportWSAError(role.pszOperation, u"send keepalive ack failed");
+    TraceDebugA("[%s] Send keepalive ack done", role.pszThread);
+}
+
 void AnswerKeepAlive(const ListenerRole &role, SOCKET hSocket)
 {
     TraceDebugA("[%s] Be4 send keepalive ack", role.pszThread);
     TraceDebugA("[%s] Be4 CS (ack alive)", role.pszThread);
     EnterCriticalSection(&g_csNetSocket);
     TraceDebugA("[%s] Enter CS (ack alive)", role.pszThread);
-    if (!SendCommandWord(hSocket, WORD_ACK_ALIVE)) ReportWSAError(role.pszOperation, u"send keepalive ack failed");
-    TraceDebugA("[%s] Send keepalive ack done", role.pszThread);
+    SendAckAlive(role, hSocket);
     LeaveCriticalSection(&g_csNetSocket);
     TraceDebugA("[%s] Leave CS (ack alive)", role.pszThread);
 }
@@ -126,7 +132,7 @@ void Dispatch(const ListenerRole &role, SOCKET hSocket, const CommandWord &szWor
 bool HasEnded(const ListenerRole &role, const ListenerStart &start)
 {
     const bool bSignalled = WaitForSingleObject(start.hExitEvent, 0) == WAIT_OBJECT_0;
-    if (!bSignalled && start.link.dwGeneration == g_dwLinkGeneration) return false;
+    if (!bSignalled && IsOwnLink(start.link.dwLink)) return false;
     TraceDebugA("[%s] Connected, %s signaled -> Exit ...", role.pszThread, role.pszExitEvent);
     return true;
 }
@@ -137,21 +143,13 @@ struct Silence {
     bool     bTimedOut; // the previous receive timed out
 };
 
-// One receive timed out. 0: go on, with a command in szWord when *pbCommand; else the listener's last error.
-int32_t CountSilence(const ListenerRole &role, SOCKET hSocket, Silence *pSilence, CommandWord &szWord, bool *pbCommand)
+// Asks the peer for an answer. 0: it is there, with a command in szWord when *pbCommand; else the listener's last error.
+int32_t Probe(const ListenerRole &role, SOCKET hSocket, Silence *pSilence, CommandWord &szWord, bool *pbCommand)
 {
-    if (pSilence->bTimedOut) pSilence->nSeconds += SILENCE_STEP_S;
-    pSilence->bTimedOut = true;
-    if (pSilence->nSeconds <= SILENCE_LIMIT_S) return 0;
-    if (g_bSendingFile || IsAnswerOwed()) {
-        TraceDebugA("[%s] g_bSendingFile, skip KeepAliveTest", role.pszThread);
-        pSilence->nSeconds = 0;
-        return 0;
-    }
     TraceDebugA("[%s] KeepAliveTest - Be4 CS", role.pszThread);
     EnterCriticalSection(&g_csNetSocket);
     TraceDebugA("[%s] KeepAliveTest - Enter CS", role.pszThread);
-    const int32_t nRet = KeepAliveTest(hSocket);
+    const int32_t nRet = IsThreadLinkCurrent() ? KeepAliveTest(hSocket) : WSAENOTSOCK;
     std::memcpy(szWord, g_szKeepAliveAck, COMMAND_WORD_BYTES);
     LeaveCriticalSection(&g_csNetSocket);
     TraceDebugA("[%s] KeepAliveTest - After CS. nRet[%d]", role.pszThread, nRet);
@@ -162,6 +160,32 @@ int32_t CountSilence(const ListenerRole &role, SOCKET hSocket, Silence *pSilence
         *pbCommand          = true;
     }
     return 0;
+}
+
+// One receive timed out. As Probe.
+int32_t CountSilence(const ListenerRole &role, SOCKET hSocket, Silence *pSilence, CommandWord &szWord, bool *pbCommand)
+{
+    if (pSilence->bTimedOut) pSilence->nSeconds += SILENCE_STEP_S;
+    pSilence->bTimedOut = true;
+    if (pSilence->nSeconds <= SILENCE_LIMIT_S) return 0;
+    if (g_bSendingFile || IsAnswerOwed()) {
+        TraceDebugA("[%s] g_bSendingFile, skip KeepAliveTest", role.pszThread);
+        pSilence->nSeconds = 0;
+        return 0;
+    }
+    return Probe(role, hSocket, pSilence, szWord, pbCommand);
+}
+
+// The receive failed with nRecvErr. As Probe.
+int32_t OnReceiveFailed(const ListenerRole &role, SOCKET hSocket, int32_t nRecvErr, Silence *pSilence,
+                        CommandWord &szWord, bool *pbCommand)
+{
+    if (nRecvErr == WSAETIMEDOUT) return CountSilence(role, hSocket, pSilence, szWord, pbCommand);
+    if (nRecvErr == WSAEDISCON && !g_bSendingFile && !IsAnswerOwed())
+        return Probe(role, hSocket, pSilence, szWord, pbCommand);
+    WSASetLastError(nRecvErr);
+    ReportWSAError(role.pszOperation, role.pszReceiveFailed);
+    return nRecvErr;
 }
 
 // Reads until the link ends. 0 when the own side has ended it, else why it is broken.
@@ -177,14 +201,10 @@ int32_t Listen(const ListenerRole &role, const ListenerStart &start)
         if (HasEnded(role, start)) return 0;
         if (bCommand) {
             silence = {};
-        } else if (nRecvErr == WSAETIMEDOUT) {
-            const int32_t nErr = CountSilence(role, start.hSocket, &silence, szWord, &bCommand);
+        } else {
+            const int32_t nErr = OnReceiveFailed(role, start.hSocket, nRecvErr, &silence, szWord, &bCommand);
             if ((nErr != 0 || bCommand) && HasEnded(role, start)) return 0; // the probe may have taken its time
             if (nErr != 0) return nErr;
-        } else {
-            WSASetLastError(nRecvErr);
-            ReportWSAError(role.pszOperation, role.pszReceiveFailed);
-            return nRecvErr;
         }
         if (bCommand) Dispatch(role, start.hSocket, szWord);
     }
@@ -192,22 +212,23 @@ int32_t Listen(const ListenerRole &role, const ListenerStart &start)
 
 uint32_t RunListener(const ListenerRole &role, ListenerStart *pStart)
 {
-    BindThreadToLink(pStart->link.dwGeneration);
-    int32_t nErr = Listen(role, *pStart);
+    BindThreadToLink(pStart->link.dwLink);
+    int32_t nErr = HasEnded(role, *pStart) ? 0 : Listen(role, *pStart);
     EndReceivingFiles();
     if (nErr != 0) {
         // From here on the break is this thread's to report; a teardown that came first has nothing left to report.
-        pStart->link.dwGeneration = ClaimBrokenLink(pStart->link.dwGeneration);
-        if (pStart->link.dwGeneration == 0) nErr = 0;
+        pStart->link.dwLink = ClaimBrokenLink(pStart->link.dwLink);
+        if (pStart->link.dwLink == 0) nErr = 0;
     }
     TraceDebugA("[%s] End. nErr[%d]", role.pszThread, nErr);
     if (nErr != 0) {
         TraceDebugA("[%s] call ReportServiceError - MSTAGE_DISCONNECT", role.pszThread);
         StartReleaseOfLink(&pStart->link);
         CallServiceNamedPipe(NTOS_ERRORCONTROL, DISCONNECTED_STAGE, 0, 0, nullptr, nullptr, nullptr);
-        role.pUninit(pStart->link.dwGeneration);
+        role.pUninit(pStart->link.dwLink);
     }
     TraceDebugA("[%s] Exit", role.pszThread);
+    CloseListenedSocket(pStart->link.bServer, pStart->hSocket);
     CloseHandle(pStart->hExitEvent);
     delete pStart;
     SetEvent(GetFileOutcomeEvent()); // a sender that waits for an answer looks up at once
@@ -218,8 +239,7 @@ uint32_t RunListener(const ListenerRole &role, ListenerStart *pStart)
 int32_t StartListener(const ListenerRole &role, ThreadProcedure pThread, bool bServer, SOCKET hSocket,
                       HANDLE hExitEvent)
 {
-    auto *pStart =
-        new (std::nothrow) ListenerStart{hSocket, nullptr, {bServer, GetRoleStart(bServer), g_dwLinkGeneration}};
+    auto *pStart = new (std::nothrow) ListenerStart{hSocket, nullptr, {bServer, g_dwLinkGeneration}};
     if (pStart == nullptr) return 0;
     bool bStarted = false;
     if (DuplicateHandle(GetCurrentProcess(), hExitEvent, GetCurrentProcess(), &pStart->hExitEvent, 0, FALSE,
@@ -227,7 +247,10 @@ int32_t StartListener(const ListenerRole &role, ThreadProcedure pThread, bool bS
         ++g_nListeners;
         bStarted = StartDetachedThread(pThread, pStart) != 0;
     }
-    if (bStarted) return 1;
+    if (bStarted) {
+        g_bLinkAdmitted = 1;
+        return 1;
+    }
     ReportSocketError(role.pszOperation, u"CreateThread failed", false, REPORT_LAST_ERROR);
     if (pStart->hExitEvent != nullptr) {
         --g_nListeners;

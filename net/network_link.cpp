@@ -13,10 +13,13 @@ std::atomic<uint8_t>  g_bConnecting{0};
 std::atomic<SOCKET>   g_ServerSrvSocket{INVALID_SOCKET};
 std::atomic<SOCKET>   g_ServerSendSocket{INVALID_SOCKET};
 std::atomic<SOCKET>   g_ClientRecvSocket{INVALID_SOCKET};
+std::atomic<SOCKET>   g_ClientAttemptSocket{INVALID_SOCKET};
+std::atomic<uint8_t>  g_bLinkAdmitted{0};
 char                  g_szPW[10];
 CRITICAL_SECTION      g_csNetSocket;
 std::atomic<uint32_t> g_dwLinkGeneration{1};
 std::atomic<int32_t>  g_nListeners{0};
+std::atomic<int32_t>  g_nAttempts{0};
 
 namespace {
 
@@ -44,14 +47,24 @@ void SetLinkOption(SOCKET hSocket, int32_t nLevel, int32_t nOption, uint32_t dwV
         ReportWSAError(u"PrepareLinkSocket", u"setsockopt failed");
 }
 
+std::atomic<SOCKET> *LinkSocketOf(bool bServer)
+{
+    return bServer ? &g_ServerSendSocket : &g_ClientRecvSocket;
+}
+
+bool HasLinkSocket()
+{
+    return g_ServerSendSocket != INVALID_SOCKET || g_ClientRecvSocket != INVALID_SOCKET;
+}
+
 } // namespace
 
-void OpenNetSocketLock()
+void MakeNetSocketLock()
 {
     MadeOnce<&g_csNetSocket>();
 }
 
-void CloseNetSocketLock()
+void NextLinkGeneration()
 {
     if (++g_dwLinkGeneration == 0) ++g_dwLinkGeneration; // 0 means "no link" to BindThreadToLink
 }
@@ -85,12 +98,50 @@ bool IsThreadLinkCurrent()
     return t_dwLink == 0 || t_dwLink == g_dwLinkGeneration;
 }
 
+bool IsOwnLink(uint32_t dwLink)
+{
+    return dwLink == g_dwLinkGeneration;
+}
+
+bool IsLinkUp()
+{
+    return g_bLinkAdmitted != 0 && HasLinkSocket();
+}
+
 bool CloseLinkSocket(std::atomic<SOCKET> *pSocket)
 {
     const SOCKET hSocket = pSocket->exchange(INVALID_SOCKET);
     if (hSocket == INVALID_SOCKET) return false;
     closesocket(hSocket);
     return true;
+}
+
+void EndLinkSocket(bool bServer)
+{
+    std::atomic<SOCKET> *pSocket = LinkSocketOf(bServer);
+    if (g_bLinkAdmitted && *pSocket != INVALID_SOCKET) {
+        shutdown(pSocket->exchange(INVALID_SOCKET), SD_BOTH); // who reads or writes wakes and finds its link gone
+        g_bLinkAdmitted = 0;
+    }
+    CloseLinkSocket(pSocket);
+}
+
+void EndLinkSockets(bool bServer)
+{
+    EndLinkSocket(bServer);
+    CloseLinkSocket(bServer ? &g_ServerSrvSocket : &g_ClientAttemptSocket);
+}
+
+void CloseListenedSocket(bool bServer, SOCKET hSocket)
+{
+    SOCKET hOwn = hSocket;
+    EnterRoleChange();
+    if (LinkSocketOf(bServer)->compare_exchange_strong(hOwn, INVALID_SOCKET)) shutdown(hSocket, SD_BOTH);
+    LeaveRoleChange();
+    MakeNetSocketLock();
+    EnterCriticalSection(&g_csNetSocket); // a writer's next send has failed by now; it leaves the lock
+    LeaveCriticalSection(&g_csNetSocket);
+    closesocket(hSocket);
 }
 
 void PrepareLinkSocket(SOCKET hSocket)
@@ -129,33 +180,27 @@ uint32_t ClaimBrokenLink(uint32_t dwGeneration)
     uint32_t dwCurrent = 0;
     EnterRoleChange();
     if (dwGeneration == g_dwLinkGeneration) {
-        CloseNetSocketLock();
+        NextLinkGeneration();
         dwCurrent = g_dwLinkGeneration;
     }
     LeaveRoleChange();
     return dwCurrent;
 }
 
-void AwaitFormerLink()
+void AwaitFormerLink(int32_t nOwnAttempts)
 {
     const uint64_t ullStart = GetTickCount64();
-    while (g_nListeners > 0 && GetTickCount64() - ullStart < LISTENER_END_MS) Sleep(LISTENER_POLL_MS);
-    // A writer fails at its next send, since its socket has been closed, and leaves the lock.
-    OpenNetSocketLock();
-    EnterCriticalSection(&g_csNetSocket);
-    LeaveCriticalSection(&g_csNetSocket);
+    while ((g_nListeners > 0 || g_nAttempts > nOwnAttempts) && GetTickCount64() - ullStart < LISTENER_END_MS)
+        Sleep(LISTENER_POLL_MS);
 }
 
-void BeginWinsock(std::atomic<uint8_t> *pbStarted)
+void StartWinsock()
 {
-    WSADATA data;
-    if (WSAStartup(WINSOCK_2_2, &data) != 0) return; // every socket call from here on fails and says why
-    if (pbStarted->exchange(1)) WSACleanup();
-}
-
-void EndWinsock(std::atomic<uint8_t> *pbStarted)
-{
-    if (pbStarted->exchange(0)) WSACleanup();
+    static const int32_t s_nError = [] {
+        WSADATA data;
+        return WSAStartup(WINSOCK_2_2, &data); // failed, every socket call from here on fails and says why
+    }();
+    static_cast<void>(s_nError);
 }
 
 void ResetNetworkLink()
@@ -163,8 +208,9 @@ void ResetNetworkLink()
     CloseLinkSocket(&g_ServerSrvSocket);
     CloseLinkSocket(&g_ServerSendSocket);
     CloseLinkSocket(&g_ClientRecvSocket);
-    g_bServer = g_bClient = g_bConnecting = 0;
-    g_dwLinkGeneration                    = 1;
+    CloseLinkSocket(&g_ClientAttemptSocket);
+    g_bServer = g_bClient = g_bConnecting = g_bLinkAdmitted = 0;
+    NextLinkGeneration();
     SetPassword("");
     t_dwLink = 0;
 }

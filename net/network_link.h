@@ -1,11 +1,14 @@
 // network_link.h: the state of the one link to the peer that both roles share.
 // Lock     g_csNetSocket spans one whole exchange written to the peer. While it is held no second lock is taken.
-//          It is made once per process and never really deleted: OpenNetSocketLock / CloseNetSocketLock, called where
-//          a role begins and ends a link, only open and close it for use. A thread that waits for it or holds it while
-//          the role is torn down leaves it in good order and finds its socket invalid.
+//          It is made once per process (MakeNetSocketLock) and never deleted: a thread that waits for it or holds it
+//          while the role is torn down leaves it in good order and finds its socket invalid.
 //          The role lock is held while a role takes its first steps, publishes a socket, admits its peer or is torn
 //          down, so that each of these is whole to the others. It is recursive, it is never held over a wait for the
-//          peer. Only locks inside a call are taken under it (SetPassword, GetRoleStart), never g_csNetSocket.
+//          peer or for the shell. Only locks inside a call are taken under it (SetPassword, ClearSpecialFolders), never
+//          g_csNetSocket, the session's or the discovery program's.
+// Sockets  the listening socket and a connection whose peer is not admitted yet are closed by whoever ends the role,
+//          which wakes the attempt that waits in them. A link's socket is its listener's: ending the role shuts it down,
+//          and the listener closes it as its last act, so that no other link's socket has its value while it reads.
 #pragma once
 #include "platform/kernel.h"
 #include "platform/sockets.h"
@@ -18,21 +21,25 @@ extern std::atomic<uint8_t>          g_bConnecting; // 1 from a peer's connectio
 extern std::atomic<platform::SOCKET> g_ServerSrvSocket;  // listening
 extern std::atomic<platform::SOCKET> g_ServerSendSocket; // accepted, connected
 extern std::atomic<platform::SOCKET> g_ClientRecvSocket; // connected
+extern std::atomic<platform::SOCKET> g_ClientAttemptSocket; // of a client's attempt, until its server admits it
+extern std::atomic<uint8_t>          g_bLinkAdmitted; // 1 from a listener's start until its role is ended; role lock
 extern char                          g_szPW[10];    // the current password; guarded by SetPassword / GetPassword
 extern platform::CRITICAL_SECTION    g_csNetSocket;
+
+constexpr int32_t ROLE_EXCLUDED = -201; // what a start gives while the other role is taken
 
 // Of each of the two fields of a handshake, zero-filled after the text, without length.
 constexpr int32_t HANDSHAKE_FIELD_BYTES = 10;
 
-void OpenNetSocketLock();  // a peer was admitted: makes the lock if no earlier link has. Any thread, may be repeated.
-void CloseNetSocketLock(); // the role ends: g_dwLinkGeneration grows, so that whoever belongs to the link is shut out
+void MakeNetSocketLock();  // makes g_csNetSocket unless it is there. Any thread.
+void NextLinkGeneration(); // [role lock] a role begins or ends: whoever belongs to the link so far is shut out
 
 // Copies into g_szPW with strcpy_s: a text of 10 bytes or more leaves it empty and sets errno. Any thread.
 void SetPassword(const char *pszPassword);
 void GetPassword(char (&szPassword)[10]);
 
-// Grows by one whenever a role that had started is torn down, whenever a role's start puts an end to what an earlier
-// one left, and when a listener finds its link broken; never 0. A walk, a transfer or a listener remembers the number
+// The number of the current link: another one whenever a role is taken, whenever one that had started is torn down, and
+// when a listener finds its link broken; never 0. A walk, a transfer or a listener remembers the number
 // it began with; once it differs, the link it belonged to is gone, and it neither sends on, reports through nor
 // releases a later one.
 // Order    the number grows before the link's sockets are closed or replaced: who reads a socket first and then finds
@@ -45,9 +52,19 @@ void     BindThreadToLink(uint32_t dwGeneration);
 uint32_t GetThreadLink();
 // True when the calling thread is unbound or its link is still the current one.
 bool IsThreadLinkCurrent();
+// True while the role is this link's. Its answer lasts only as long as the caller holds the role lock.
+bool IsOwnLink(uint32_t dwLink);
+// True while a peer is admitted on the current link.
+bool IsLinkUp();
 
 // Takes the socket out of its global and closes it, once, whoever calls. True when this call closed it.
 bool CloseLinkSocket(std::atomic<platform::SOCKET> *pSocket);
+// [role lock] Ends the role's connection: closes its socket, but only shuts down one that a listener reads.
+void EndLinkSocket(bool bServer);
+// [role lock] That and the role's other socket: the listening one, or a client's attempt.
+void EndLinkSockets(bool bServer);
+// The listener's last act: its socket is closed, once no exchange is under way on it.
+void CloseListenedSocket(bool bServer, platform::SOCKET hSocket);
 // Sets 8000 ms for both directions and TCP_NODELAY. An option that the system refuses is reported and left.
 void PrepareLinkSocket(platform::SOCKET hSocket);
 
@@ -63,14 +80,14 @@ uint32_t ClaimBrokenLink(uint32_t dwGeneration);
 
 // Listener threads that have not ended. Written by listener.cpp.
 extern std::atomic<int32_t> g_nListeners;
-// Waits until nobody reads from or writes to the sockets of a link that has ended, at most some seconds for the reader:
-// only then may a new socket be given the number of an old one. Not under the role lock, not on a listener.
-void AwaitFormerLink();
+// Attempts in ServerInit or ClientInit. Written by those.
+extern std::atomic<int32_t> g_nAttempts;
+// Waits, for 2.5 seconds at most, until no listener of a former link and no attempt but the caller's is left. Not under
+// the role lock, not on a listener.
+void AwaitFormerLink(int32_t nOwnAttempts = 0);
 
-// One WSAStartup for a role: a flag that is set already means that an earlier start is still to be undone, which
-// happens here.
-void BeginWinsock(std::atomic<uint8_t> *pbStarted);
-void EndWinsock(std::atomic<uint8_t> *pbStarted);
+// Starts Winsock, once for the life of the process: what a role's end took back would fail a socket of the next one.
+void StartWinsock();
 
 // Puts every variable above back as it was at process start. Tests only, with no role and no listener running.
 void ResetNetworkLink();

@@ -1,9 +1,12 @@
 // role_end.cpp: both roles' ends, and the releases that other threads start.
+// Sockets go first, under the role lock; the discovery program is told afterwards, outside of it: the shell may take its
+// time, and no teardown waits for it.
 #include "net/role_end.h"
 #include "migration/special_folders.h"
+#include "net/discovery_program.h"
 #include "net/network_link.h"
+#include "net/role_start.h"
 #include "net/session_state.h"
-#include "net/settings.h"
 #include "platform/detached_thread.h"
 #include "trace/debug_output.h"
 #include "trace/trace_log.h"
@@ -13,74 +16,95 @@ using namespace platform;
 
 std::atomic<HANDLE>  g_hServerExitEvent{nullptr};
 std::atomic<HANDLE>  g_hClientExitEvent{nullptr};
-std::atomic<uint8_t> g_bServerWinsock{0};
-std::atomic<uint8_t> g_bClientWinsock{0};
 std::atomic<uint8_t> g_bClientEnuming{0};
-std::atomic<uint8_t> g_bStopClientEnum{0};
 
-void ServerUninitLink(uint32_t dwGeneration)
+namespace {
+
+bool IsRoleHeld(bool bServer)
 {
-    TraceDebugA("[ServerUninit] i am called...");
-    EnterRoleChange();
-    if (dwGeneration == 0 || dwGeneration == g_dwLinkGeneration) {
-        // The number grows first: a thread that wakes from its closed socket must find its link gone.
-        if (g_bServer || g_ServerSendSocket != INVALID_SOCKET || g_ServerSrvSocket != INVALID_SOCKET)
-            CloseNetSocketLock();
-        const HANDLE hEvent = g_hServerExitEvent.exchange(nullptr);
-        if (hEvent != nullptr) {
-            SetEvent(hEvent);
-            CloseHandle(hEvent);
-        }
-        RunDiscoveryHelper("stop");
-        g_bServer = 0;
-        CloseLinkSocket(&g_ServerSendSocket);
-        CloseLinkSocket(&g_ServerSrvSocket);
-        EndWinsock(&g_bServerWinsock);
+    if (!bServer)
+        return g_bClient || g_ClientRecvSocket != INVALID_SOCKET || g_ClientAttemptSocket != INVALID_SOCKET;
+    return g_bServer || g_ServerSendSocket != INVALID_SOCKET || g_ServerSrvSocket != INVALID_SOCKET;
+}
+
+// [role lock] The result is the number of the link that has ended.
+uint32_t TakeDownRole(bool bServer, bool bKeepFolders)
+{
+    const uint32_t dwLink = g_dwLinkGeneration;
+    if (IsRoleHeld(bServer)) {
+        if (g_bLinkAdmitted && !bKeepFolders) ClearSpecialFolders();
+        NextLinkGeneration(); // before the sockets: a thread that wakes from its socket must find its link gone
     }
+    const HANDLE hEvent = (bServer ? g_hServerExitEvent : g_hClientExitEvent).exchange(nullptr);
+    if (hEvent != nullptr) {
+        SetEvent(hEvent);
+        CloseHandle(hEvent);
+    }
+    (bServer ? g_bServer : g_bClient)                               = 0;
+    (bServer ? g_Session.bServerStarted : g_Session.bClientStarted) = 0;
+    EndLinkSockets(bServer);
+    return dwLink;
+}
+
+void LogTeardown(bool bServer)
+{
+    TraceDebugA(bServer ? "[ServerUninit] i am called..." : "[ClientUninit] i am called...");
+    if (!bServer && g_bClientEnuming) TraceDebugA("[ClientUninit] g_bClientEnuming..");
+}
+
+void EndRole(bool bServer, uint32_t dwLink)
+{
+    uint32_t dwEnded = 0;
+    LogTeardown(bServer);
+    EnterRoleChange();
+    if (dwLink == 0) EndNewestStart(bServer);
+    if (dwLink == 0 || IsOwnLink(dwLink)) dwEnded = TakeDownRole(bServer, false);
     LeaveRoleChange();
+    if (dwEnded != 0) StopDiscovery(dwEnded);
+    if (!bServer) TraceDebugA("[ClientUninit] exit...");
+}
+
+} // namespace
+
+void ServerUninitLink(uint32_t dwLink)
+{
+    EndRole(true, dwLink);
 }
 
 void ServerUninit()
 {
-    ServerUninitLink(0);
+    EndRole(true, 0);
 }
 
-void ClientUninitLink(uint32_t dwGeneration)
+void ClientUninitLink(uint32_t dwLink)
 {
-    TraceDebugA("[ClientUninit] i am called...");
-    EnterRoleChange();
-    if (dwGeneration == 0 || dwGeneration == g_dwLinkGeneration) {
-        if (g_bClientEnuming) {
-            TraceDebugA("[ClientUninit] g_bClientEnuming..");
-            g_bStopClientEnum = 1;
-        }
-        // The number grows first: a thread that wakes from its closed socket must find its link gone.
-        if (g_bClient || g_ClientRecvSocket != INVALID_SOCKET) CloseNetSocketLock();
-        const HANDLE hEvent = g_hClientExitEvent.exchange(nullptr);
-        if (hEvent != nullptr) {
-            SetEvent(hEvent);
-            CloseHandle(hEvent);
-        }
-        RunDiscoveryHelper("stop");
-        g_bClient = 0;
-        CloseLinkSocket(&g_ClientRecvSocket);
-        EndWinsock(&g_bClientWinsock);
-    }
-    LeaveRoleChange();
-    TraceDebugA("[ClientUninit] exit...");
+    EndRole(false, dwLink);
 }
 
 void ClientUninit()
 {
-    ClientUninitLink(0);
+    EndRole(false, 0);
+}
+
+void EndRolesUpTo(uint32_t dwLast, bool bKeepFolders)
+{
+    uint32_t aEnded[2] = {};
+    EnterRoleChange();
+    EndStartsUpTo(dwLast);
+    for (const bool bServer : {true, false}) {
+        if (!IsRoleOfStartsUpTo(bServer, dwLast)) continue;
+        LogTeardown(bServer);
+        aEnded[bServer] = TakeDownRole(bServer, bKeepFolders);
+    }
+    LeaveRoleChange();
+    for (const uint32_t dwEnded : aEnded)
+        if (dwEnded != 0) StopDiscovery(dwEnded);
+    if (aEnded[0] != 0) TraceDebugA("[ClientUninit] exit...");
 }
 
 int32_t disconnect()
 {
-    // The marks go first: a start that has not taken its role yet then sees that it is not wanted any more.
-    if (ClearRoleStarted(&g_Session, true, GetRoleStart(true))) ServerUninit();
-    if (ClearRoleStarted(&g_Session, false, GetRoleStart(false))) ClientUninit();
-    ClearSpecialFolders();
+    EndRolesUpTo(NewRoleStart());
     return 1;
 }
 
@@ -88,20 +112,20 @@ uint32_t ReleaseNetworkThread(void *pRelease)
 {
     TraceText("ReleaseNetworkThread");
     const auto *pLink = static_cast<const LinkRelease *>(pRelease);
-    if (pLink == nullptr) {
+    if (pLink == nullptr)
         disconnect();
-        return 0;
-    }
-    const bool bOwnRole = ClearRoleStarted(&g_Session, pLink->bServer, pLink->dwRoleStart);
-    pLink->bServer ? ServerUninitLink(pLink->dwGeneration) : ClientUninitLink(pLink->dwGeneration);
-    if (bOwnRole) ClearSpecialFolders();
+    else if (pLink->dwLink == 0)
+        EndRolesUpTo(pLink->dwUpTo);
+    else
+        EndRole(pLink->bServer, pLink->dwLink);
     delete pLink;
     return 0;
 }
 
 int32_t StartReleaseNetwork()
 {
-    return StartDetachedThread(ReleaseNetworkThread, nullptr);
+    const LinkRelease all = {false, 0, NewRoleStart()};
+    return StartReleaseOfLink(&all);
 }
 
 int32_t StartReleaseOfLink(const LinkRelease *pRelease)

@@ -1,11 +1,12 @@
 // server_role.cpp: the server's side of the handshake.
 // ServerInit waits for a peer for as long as nobody comes; any thread may tear the role down meanwhile, and the next
-// ServerInit may start before this one has woken. So it keeps its link's number and changes globals only while that
-// number is current: what a late waker would clear or close may be its successor's.
+// ServerInit may start before this one has woken. So it keeps its link's number (role_start.h) and changes globals only
+// while that number is current: what a late waker would clear or close may be its successor's.
 #include "net/server_role.h"
+#include "net/discovery_program.h"
 #include "net/listener.h"
-#include "net/network_link.h"
 #include "net/role_end.h"
+#include "net/role_start.h"
 #include "net/session_state.h"
 #include "net/settings.h"
 #include "platform/errors.h"
@@ -22,7 +23,7 @@ constexpr char16_t OPERATION[]         = u"ServerInit";
 
 // What one ServerInit knows of its own start.
 struct ServerStart {
-    uint32_t dwGeneration;
+    uint32_t dwLink;
     SOCKET   hListen;           // also in g_ServerSrvSocket, which owns it
     char     szPort[PORT_BYTES]; // the bound port
 };
@@ -49,75 +50,83 @@ int32_t MakeExitEvent()
 }
 
 // Takes the role from whatever an earlier start has left of it. 0, -201, -300 or -1001.
-int32_t TakeServerRole(const std::atomic<uint32_t> *pbWanted, uint32_t *pdwGeneration)
+int32_t TakeServerRole(uint32_t dwStart, uint32_t *pdwLink)
 {
+    int32_t nErr = 0;
     EnterRoleChange();
-    if (pbWanted != nullptr && !*pbWanted) { // ended before it began: nobody would end it again
-        LeaveRoleChange();
+    if (!IsStartWanted(true, dwStart)) { // ended before it began, or a newer one is about to begin
         TraceDebugA("[ServerInit] !bClientConn -> exit...");
-        return -1001;
-    }
-    if (g_bClient) {
-        LeaveRoleChange();
+        nErr = SERVER_CANCELLED;
+    } else if (g_bClient) {
         TraceDebugA("[ServerInit] g_bClient already true. Exit");
-        return -201;
+        nErr = ROLE_EXCLUDED;
+    } else {
+        if (g_ServerSendSocket != INVALID_SOCKET) TraceDebugA("[ServerInit] Last g_ServerSendSocket exit, clear.");
+        if (g_ServerSrvSocket != INVALID_SOCKET) TraceDebugA("[ServerInit] Last g_ServerSrvSocket exit, clear.");
+        *pdwLink      = BeginRole(true, dwStart);
+        g_bConnecting = 0;
+        nErr          = MakeExitEvent();
     }
-    if (g_bServer || g_ServerSendSocket != INVALID_SOCKET || g_ServerSrvSocket != INVALID_SOCKET) CloseNetSocketLock();
-    if (CloseLinkSocket(&g_ServerSendSocket)) TraceDebugA("[ServerInit] Last g_ServerSendSocket exit, clear.");
-    if (CloseLinkSocket(&g_ServerSrvSocket)) TraceDebugA("[ServerInit] Last g_ServerSrvSocket exit, clear.");
-    g_bServer           = 1;
-    g_bConnecting       = 0;
-    *pdwGeneration      = g_dwLinkGeneration;
-    const int32_t nErr = MakeExitEvent();
-    if (nErr == 0) BeginWinsock(&g_bServerWinsock);
     LeaveRoleChange();
     return nErr;
 }
 
-// The port that a client reached last is tried first, so that it stays the same over sessions. Null: reported.
-addrinfo *ResolveListeningAddress()
+// The local address with this port ("0": the system chooses). Null: reported.
+addrinfo *ResolveListeningAddress(const char *pszPort, const char16_t *pszFailure)
 {
-    addrinfo  hints          = {};
-    addrinfo *pAddress       = nullptr;
-    char      szPort[PORT_BYTES];
-    hints.ai_family          = AF_INET;
-    hints.ai_socktype        = SOCK_STREAM;
-    hints.ai_protocol        = IPPROTO_TCP;
-    hints.ai_flags           = AI_PASSIVE;
-    ReadSetting(SECTION_LAST_SERVER, KEY_PORT, szPort, sizeof szPort);
-    TraceDebugA("[ServerInit] server port is %s", szPort);
-    const char16_t *pszFailure = u"getaddrinfo (dynamic) failed";
-    if (szPort[0] != '\0') {
-        if (getaddrinfo(nullptr, szPort, &hints, &pAddress) == 0) return pAddress;
-        ReportWSAError(OPERATION, u"getaddrinfo (last port) failed");
-        pszFailure = u"getaddrinfo (retry dynamic) failed";
-    }
-    if (getaddrinfo(nullptr, "0", &hints, &pAddress) == 0) return pAddress;
+    addrinfo  hints    = {};
+    addrinfo *pAddress = nullptr;
+    hints.ai_family    = AF_INET;
+    hints.ai_socktype  = SOCK_STREAM;
+    hints.ai_protocol  = IPPROTO_TCP;
+    hints.ai_flags     = AI_PASSIVE;
+    if (getaddrinfo(nullptr, pszPort, &hints, &pAddress) == 0) return pAddress;
     ReportWSAError(OPERATION, pszFailure);
     return nullptr;
 }
 
-// Makes, publishes and binds the listening socket; pStart gets it and its port. 0, -1, -2, -3 or -1001.
+// Makes, publishes and binds the listening socket; pStart gets it and its port. 0, -2, -3 or -1001.
+int32_t BindTo(ServerStart *pStart, const addrinfo *pAddress)
+{
+    sockaddr_in name   = {};
+    int32_t     cbName = sizeof name;
+    pStart->hListen    = socket(pAddress->ai_family, pAddress->ai_socktype, pAddress->ai_protocol);
+    if (pStart->hListen == INVALID_SOCKET) return Failed(u"socket failed", -2);
+    if (!PublishLinkSocket(&g_ServerSrvSocket, pStart->hListen, pStart->dwLink)) {
+        TraceDebugA("[ServerInit] !bClientConn -> exit...");
+        return SERVER_CANCELLED; // torn down before it listened
+    }
+    if (bind(pStart->hListen, pAddress->ai_addr, static_cast<int32_t>(pAddress->ai_addrlen)) == SOCKET_ERROR ||
+        getsockname(pStart->hListen, reinterpret_cast<sockaddr *>(&name), &cbName) == SOCKET_ERROR)
+        return Failed(u"bind failed", -3);
+    FormatTextA(pStart->szPort, sizeof pStart->szPort, "%d", ntohs(name.sin_port));
+    return 0;
+}
+
+// The port that a client reached last is tried first, so that it stays the same over sessions; the system may have taken
+// it for itself meanwhile (excluded ranges change with every start of Windows), and then any free one will do. 0, -1, or
+// a status of BindTo.
 int32_t BindListeningSocket(ServerStart *pStart)
 {
-    addrinfo *pAddress = ResolveListeningAddress();
-    if (pAddress == nullptr) return -1;
-    int32_t     nErr    = 0;
-    sockaddr_in name    = {};
-    int32_t     cbName  = sizeof name;
-    const SOCKET hListen = socket(pAddress->ai_family, pAddress->ai_socktype, pAddress->ai_protocol);
-    if (hListen == INVALID_SOCKET) {
-        nErr = Failed(u"socket failed", -2);
-    } else if (!PublishLinkSocket(&g_ServerSrvSocket, hListen, pStart->dwGeneration)) {
-        TraceDebugA("[ServerInit] !bClientConn -> exit...");
-        nErr = -1001; // torn down before it listened
-    } else if (bind(hListen, pAddress->ai_addr, static_cast<int32_t>(pAddress->ai_addrlen)) == SOCKET_ERROR ||
-               getsockname(hListen, reinterpret_cast<sockaddr *>(&name), &cbName) == SOCKET_ERROR) {
-        nErr = Failed(u"bind failed", -3);
+    char szPort[PORT_BYTES];
+    ReadSetting(SECTION_LAST_SERVER, KEY_PORT, szPort, sizeof szPort);
+    TraceDebugA("[ServerInit] server port is %s", szPort);
+    bool      bStored  = szPort[0] != '\0';
+    addrinfo *pAddress = nullptr;
+    if (bStored) pAddress = ResolveListeningAddress(szPort, u"getaddrinfo (last port) failed");
+    if (pAddress == nullptr) {
+        pAddress = ResolveListeningAddress("0", bStored ? u"getaddrinfo (retry dynamic) failed"
+                                                        : u"getaddrinfo (dynamic) failed");
+        bStored = false;
     }
+    if (pAddress == nullptr) return -1;
+    int32_t nErr = BindTo(pStart, pAddress);
     freeaddrinfo(pAddress);
-    pStart->hListen = hListen;
-    FormatTextA(pStart->szPort, sizeof pStart->szPort, "%d", ntohs(name.sin_port));
+    if (nErr != -3 || !bStored) return nErr;
+    pAddress = ResolveListeningAddress("0", u"getaddrinfo (retry dynamic) failed");
+    if (pAddress == nullptr) return -1;
+    nErr = BindTo(pStart, pAddress);
+    freeaddrinfo(pAddress);
     return nErr;
 }
 
@@ -125,9 +134,7 @@ void AnnounceServer(const ServerStart *pStart)
 {
     TraceDebugA("[ServerInit] Server Port [%s]", pStart->szPort);
     WriteSetting(SECTION_SERVER_MDNS, KEY_PORT, pStart->szPort);
-    EnterRoleChange(); // an announcement after the role's end would stay for ever
-    if (pStart->dwGeneration == g_dwLinkGeneration) RunDiscoveryServer();
-    LeaveRoleChange();
+    StartDiscovery(true, pStart->dwLink);
 }
 
 void ChoosePassword(const char *pszPassword)
@@ -144,11 +151,11 @@ void ChoosePassword(const char *pszPassword)
 }
 
 // Closes a peer that was too slow, unless the socket is no longer this start's.
-void DropPeer(SOCKET hPeer, uint32_t dwGeneration)
+void DropPeer(SOCKET hPeer, uint32_t dwLink)
 {
     EnterRoleChange();
-    if (dwGeneration == g_dwLinkGeneration && g_ServerSendSocket == hPeer) {
-        CloseLinkSocket(&g_ServerSendSocket);
+    if (IsOwnLink(dwLink) && g_ServerSendSocket == hPeer) {
+        EndLinkSocket(true);
         g_bConnecting = 0;
     }
     LeaveRoleChange();
@@ -159,13 +166,13 @@ void DropPeer(SOCKET hPeer, uint32_t dwGeneration)
 int32_t AdmitPeer(const ServerStart *pStart, SOCKET hPeer, const char *pszPassword)
 {
     int32_t nErr = 0;
+    StopDiscovery(pStart->dwLink);
     EnterRoleChange();
-    if (pStart->dwGeneration != g_dwLinkGeneration) {
+    if (!IsOwnLink(pStart->dwLink)) {
         TraceDebugA("[ServerInit] bExit -> exit...");
         nErr = -1000;
     } else {
-        RunDiscoveryHelper("stop");
-        OpenNetSocketLock();
+        MakeNetSocketLock();
         if (!StartServerListener(hPeer, g_hServerExitEvent)) nErr = -300;
     }
     LeaveRoleChange();
@@ -200,14 +207,16 @@ int32_t ShakeHands(const ServerStart *pStart, SOCKET hPeer)
     char szPassword[PASSWORD_BYTES];
     TraceDebugA("[ServerInit] Connected, recv PW...");
     if (RecvBuffer(hPeer, szReceived, HANDSHAKE_FIELD_BYTES) != HANDSHAKE_FIELD_BYTES) {
-        if (WSAGetLastError() != WSAETIMEDOUT) return Failed(u"recv PW failed", -5);
-        ReportWSAError(OPERATION, u"recv PW Timeout");
-        DropPeer(hPeer, pStart->dwGeneration);
+        const int32_t nError = WSAGetLastError();
+        if (nError != WSAETIMEDOUT && nError != WSAEDISCON) return Failed(u"recv PW failed", -5);
+        ReportWSAError(OPERATION, u"recv PW Timeout"); // or it hung up: that says nothing of the next peer
+        DropPeer(hPeer, pStart->dwLink);
         return NEXT_PEER;
     }
     TraceDebugA("[ServerInit] Connected, send PW [%s] ...", szReceived);
     GetPassword(szPassword);
-    const bool bAdmitted = CompareTextNoCaseA(szReceived, szPassword) == 0;
+    // Without a password nobody is admitted: ten zero bytes would be the right answer to it.
+    const bool bAdmitted = szPassword[0] != '\0' && CompareTextNoCaseA(szReceived, szPassword) == 0;
     if (bAdmitted) {
         const int32_t nErr = AdmitPeer(pStart, hPeer, szReceived);
         if (nErr != 0) return nErr;
@@ -222,7 +231,7 @@ int32_t ShakeHands(const ServerStart *pStart, SOCKET hPeer)
         if (IsExitSignalled()) return -1000;
     } else if (nError == WSAETIMEDOUT) {
         ReportWSAError(OPERATION, u"send PWACK Timeout");
-        DropPeer(hPeer, pStart->dwGeneration);
+        DropPeer(hPeer, pStart->dwLink);
     } else {
         return Failed(u"send PWACK failed", -6);
     }
@@ -240,58 +249,64 @@ int32_t AcceptPeers(const ServerStart *pStart)
         if (hPeer == INVALID_SOCKET) {
             ReportWSAError(OPERATION, u"accept failed.");
             TraceDebugA("[ServerInit] !bClientConn -> exit...");
-            return -1001;
+            return SERVER_CANCELLED;
         }
         PrepareLinkSocket(hPeer);
         EnterRoleChange();
-        const bool bMine = PublishLinkSocket(&g_ServerSendSocket, hPeer, pStart->dwGeneration);
+        const bool bMine = PublishLinkSocket(&g_ServerSendSocket, hPeer, pStart->dwLink);
         if (bMine) g_bConnecting = 1;
         LeaveRoleChange();
         if (!bMine) {
             TraceDebugA("[ServerInit] !bClientConn -> exit...");
-            return -1001;
+            return SERVER_CANCELLED;
         }
         const int32_t nErr = ShakeHands(pStart, hPeer);
         if (nErr != NEXT_PEER) return nErr;
     }
 }
 
+// The role is taken. 0 admitted, else a status of ServerInit.
+int32_t RunServer(ServerStart *pStart, const char *pszPassword)
+{
+    StopDiscovery(pStart->dwLink); // what an earlier start may have left
+    AwaitFormerLink(1);
+    const int32_t nErr = BindListeningSocket(pStart);
+    if (nErr != 0) return nErr;
+    AnnounceServer(pStart);
+    if (listen(pStart->hListen, SOMAXCONN) == SOCKET_ERROR) return Failed(u"listen failed", -4);
+    ChoosePassword(pszPassword);
+    return AcceptPeers(pStart);
+}
+
 } // namespace
 
-int32_t ServerInitLink(const char *pszPassword, const std::atomic<uint32_t> *pbWanted, uint32_t *pdwGeneration)
+int32_t ServerInitStart(const char *pszPassword, uint32_t dwStart, uint32_t *pdwLink)
 {
     ServerStart start = {};
+    MakeNetSocketLock();
+    StartWinsock();
     GetConfigPath();
     SocketDebugInit();
     TraceDebugA("[ServerInit] PW[%s]", pszPassword);
-    RunDiscoveryHelper("stop");
-    int32_t nErr = TakeServerRole(pbWanted, &start.dwGeneration);
+    int32_t nErr = TakeServerRole(dwStart, &start.dwLink);
     if (nErr != 0) return nErr;
-    *pdwGeneration = start.dwGeneration;
-    AwaitFormerLink();
-
-    nErr = BindListeningSocket(&start);
-    if (nErr == 0) {
-        AnnounceServer(&start);
-        if (listen(start.hListen, SOMAXCONN) == SOCKET_ERROR) nErr = Failed(u"listen failed", -4);
-    }
-    if (nErr == 0) {
-        ChoosePassword(pszPassword);
-        nErr = AcceptPeers(&start);
-    }
+    *pdwLink = start.dwLink;
+    ++g_nAttempts;
+    nErr = RunServer(&start, pszPassword);
+    --g_nAttempts;
     if (nErr == 0) return 0;
 
     TraceDebugA("[ServerInit] create failed, call uninit, nErr[%d]", nErr);
     EnterRoleChange();
     // Also when the role was ended from outside, unless a later start owns the flag by now.
-    if (start.dwGeneration == g_dwLinkGeneration || !g_bServer) g_bConnecting = 0;
-    ServerUninitLink(start.dwGeneration);
+    if (IsOwnLink(start.dwLink) || !g_bServer) g_bConnecting = 0;
     LeaveRoleChange();
+    ServerUninitLink(start.dwLink);
     return nErr;
 }
 
 int32_t ServerInit(const char *pszPassword)
 {
-    uint32_t dwGeneration = 0;
-    return ServerInitLink(pszPassword, nullptr, &dwGeneration);
+    uint32_t dwLink = 0;
+    return ServerInitStart(pszPassword, NewRoleStartOf(true), &dwLink);
 }

@@ -12,7 +12,9 @@
 //   -1001 accept failed, which is how ServerUninit cancels a waiting server
 int32_t ServerInit(const char *pszPassword);
 
-// The same, and tells the link's number (valid with 0), for callers that must not touch a link that came later.
-//   pbWanted  null, or a flag that whoever ends the role clears before he calls ServerUninit: found clear, the role is
-//             not taken at all (-1001)
-int32_t ServerInitLink(const char *pszPassword, const std::atomic<uint32_t> *pbWanted, uint32_t *pdwGeneration);
+// The same for a start that has its number already (role_start.h; -1001 also when it is not wanted any more), and tells
+// the number of its link, for callers that must not touch a link that came later.
+//   pdwLink  valid with 0
+int32_t ServerInitStart(const char *pszPassword, uint32_t dwStart, uint32_t *pdwLink);
+
+constexpr int32_t SERVER_CANCELLED = -1001;

@@ -1,4 +1,7 @@
-// session_control.cpp: requests for PINs and roles, and the release of the link.
+// session_control.cpp: requests for PINs and roles.
+// A request has its number (role_start.h) before its thread starts, so that threads that overtake each other change
+// nothing: PINs are told and stored in the order of their requests, and what a disconnect ends is what was asked for
+// before it.
 // A PIN request that arrives while the thread that serves them is about to end must not be lost: the request stores
 // its PIN, looks for the thread and wakes it in one section of the session lock, and the thread decides to end and
 // takes its event away in another.
@@ -8,14 +11,17 @@
 #include "net/client_role.h"
 #include "net/network_link.h"
 #include "net/role_end.h"
+#include "net/role_start.h"
 #include "net/session_start.h"
 #include "net/session_state.h"
 #include "platform/detached_thread.h"
 #include "platform/errors.h"
 #include "platform/kernel.h"
+#include "platform/made_once.h"
 #include "platform/text.h"
 #include "trace/debug_output.h"
 #include "trace/trace_log.h"
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <new>
@@ -41,9 +47,17 @@ struct ConnectRequest {
     uint64_t ullTime;
     uint32_t dwMode;
     uint32_t dwOption;
+    uint32_t dwStart;
 };
-static_assert(sizeof(ConnectRequest) == 16, "the block of a network-role request");
+struct PinRequest {
+    IpcMessage record;
+    uint32_t   dwStart;
+};
 
+CRITICAL_SECTION g_csPinOrder; // held while one PIN is made, told and stored; the session lock is taken under it
+uint32_t         g_dwLastPin;     // the newest request that has stored its PIN; PIN order
+uint32_t         g_dwPinStart;    // the request that the PINs stand for; session lock
+uint32_t         g_dwPinEndUpTo;  // requests up to this number have been ended by a disconnect; session lock
 
 // The stamp of a new request: the time, but never that of the request before, so that of two the newer one is known.
 uint64_t NextStamp(std::atomic<uint64_t> *pullLast)
@@ -69,17 +83,20 @@ int32_t GeneratePin()
 enum class PinStep { ServerExists, ResetTimer, NewThread };
 
 // Stores the PIN and finds out who serves it, waking the thread if it runs: one step to that thread.
-PinStep StorePin(bool bServerPin, const char *pszPin)
+PinStep StorePin(bool bServerPin, const char *pszPin, uint32_t dwStart)
 {
     PinStep eStep = PinStep::NewThread;
     EnterSession();
     const HANDLE hTimer = g_hNetInitTimerEvent;
-    if (hTimer != nullptr && bServerPin && g_szServerPin[0] != '\0') {
+    const bool   bStands = g_ullLastPinRequest != 0 && g_dwPinStart > g_dwPinEndUpTo;
+    if (hTimer != nullptr && bServerPin && g_szServerPin[0] != '\0' && bStands) {
         TraceText("CallPinCodeThread server exist");
         CopyTextA(g_szServerPin, sizeof g_szServerPin, pszPin);
         eStep = PinStep::ServerExists;
     } else {
         NextStamp(&g_ullLastPinRequest);
+        g_dwPinStart = dwStart;
+        AnnounceRoleStart(bServerPin, dwStart);
         CopyTextA(g_szServerPin, sizeof g_szServerPin, bServerPin ? pszPin : "");
         CopyTextA(g_szClientPin, sizeof g_szClientPin, bServerPin ? "" : pszPin);
         if (hTimer != nullptr) {
@@ -92,15 +109,15 @@ PinStep StorePin(bool bServerPin, const char *pszPin)
     return eStep;
 }
 
-// The PINs as they are now; the stamp of the request that they belong to.
-uint64_t ReadPins(char (&szServerPin)[PIN_BYTES], char (&szClientPin)[PIN_BYTES])
+// The PINs as they are now; the number of the request that they stand for.
+uint32_t ReadPins(char (&szServerPin)[PIN_BYTES], char (&szClientPin)[PIN_BYTES])
 {
     EnterSession();
-    const uint64_t ullRequest = g_ullLastPinRequest;
+    const uint32_t dwRequest = g_dwPinStart;
     CopyTextA(szServerPin, sizeof szServerPin, g_szServerPin);
     CopyTextA(szClientPin, sizeof szClientPin, g_szClientPin);
     LeaveSession();
-    return ullRequest;
+    return dwRequest;
 }
 
 // [session lock] The thread ends: its event goes.
@@ -109,37 +126,48 @@ void CloseTimerEvent()
     CloseHandle(g_hNetInitTimerEvent.exchange(nullptr));
 }
 
-// True when a PIN has been served and nothing newer came, or a disconnect ended the request; the event is then gone.
-bool EndIfServed(uint64_t ullServed, bool bServerFailed)
+// True when no newer PIN request has taken this one's place.
+bool IsPinOf(uint32_t dwStart)
 {
     EnterSession();
-    const uint64_t ullLast = g_ullLastPinRequest;
-    const bool     bEnd    = ullLast == 0 || (ullLast == ullServed && !bServerFailed);
+    const bool bNewest = g_dwPinStart == dwStart;
+    LeaveSession();
+    return bNewest;
+}
+
+// True when a PIN has been served and nothing newer came, or a disconnect ended the request; the event is then gone. A
+// server that failed is tried again, unless another request has the role or a link by now.
+bool EndIfServed(uint32_t dwServed, bool bServerFailed)
+{
+    EnterSession();
+    const bool bAgain = bServerFailed && IsStartWanted(true, dwServed) && !IsLinkUp();
+    const bool bEnd   = g_ullLastPinRequest == 0 || (g_dwPinStart == dwServed && !bAgain);
     if (bEnd) CloseTimerEvent();
     LeaveSession();
     return bEnd;
 }
 
 // True when the server could not be started.
-bool ServeServerPin(const char *pszPin)
+bool ServeServerPin(uint32_t dwStart, const char *pszPin)
 {
     SetServedPin(pszPin);
     char16_t szPeerName[NAME_UNITS] = u"";
     char     szNow[PIN_BYTES], szClientPin[PIN_BYTES];
     TraceText("call SetNetworkServerClient server");
-    const int32_t nRet = SetNetworkServerClient(&g_Session, 1, 1, pszPin, szPeerName, NAME_UNITS);
-    ReadPins(szNow, szClientPin); // the PIN may have been replaced while the server waited
+    const int32_t nRet = StartSession(dwStart, &g_Session, true, pszPin, szPeerName, NAME_UNITS);
+    if (ReadPins(szNow, szClientPin) != dwStart) return nRet != 0; // the newer request's answers are what counts
+    // the PIN may have been replaced while the server waited
     CallServiceNamedPipe(STON_GETPINCODE, nRet == 0 ? ANSWER_DONE : ANSWER_FAILED,
                          TextToInt32A(szNow[0] != '\0' ? szNow : pszPin), 0, szPeerName, nullptr, nullptr);
     return nRet != 0;
 }
 
-void ServeClientPin(const char *pszPin)
+void ServeClientPin(uint32_t dwStart, const char *pszPin)
 {
     char16_t szPeerName[NAME_UNITS] = u"";
     TraceText("call SetNetworkServerClient client");
-    const int32_t nRet = SetNetworkServerClient(&g_Session, 1, 0, pszPin, szPeerName, NAME_UNITS);
-    if (nRet == CLIENT_CANCELLED) return;
+    const int32_t nRet = StartSession(dwStart, &g_Session, false, pszPin, szPeerName, NAME_UNITS);
+    if (nRet == CLIENT_CANCELLED || !IsPinOf(dwStart)) return;
     const int32_t nFailure = nRet == CLIENT_WRONG_PASSWORD ? ANSWER_WRONG_PIN : ANSWER_FAILED;
     CallServiceNamedPipe(STON_SETPINCCODE, nRet == 0 ? ANSWER_DONE : nFailure, TextToInt32A(pszPin), 0, szPeerName,
                          nullptr, nullptr);
@@ -150,13 +178,57 @@ bool ServePin()
 {
     char szServerPin[PIN_BYTES], szClientPin[PIN_BYTES];
     TraceText("NetInitializationThread timeout");
-    const uint64_t ullServed     = ReadPins(szServerPin, szClientPin);
+    const uint32_t dwServed      = ReadPins(szServerPin, szClientPin);
     bool           bServerFailed = false;
     if (szServerPin[0] != '\0')
-        bServerFailed = ServeServerPin(szServerPin);
+        bServerFailed = ServeServerPin(dwServed, szServerPin);
     else if (szClientPin[0] != '\0')
-        ServeClientPin(szClientPin);
-    return EndIfServed(ullServed, bServerFailed);
+        ServeClientPin(dwServed, szClientPin);
+    return EndIfServed(dwServed, bServerFailed);
+}
+
+// [PIN order] Makes the PIN of a request, tells it, and has it served.
+void TakePin(bool bServerPin, int32_t nTypedPin, uint32_t dwStart)
+{
+    char szPin[PIN_BYTES];
+    FormatTextA(szPin, sizeof szPin, "%d", bServerPin ? GeneratePin() : nTypedPin);
+    switch (StorePin(bServerPin, szPin, dwStart)) {
+    case PinStep::ServerExists: UpdateServerPW(szPin); break;
+    case PinStep::ResetTimer: EndRolesUpTo(dwStart - 1, true); break; // a PIN corrected ends no session's folders
+    case PinStep::NewThread:
+        TraceText("CallPinCodeThread CreateThread");
+        StartDetachedThread(NetInitializationThread, nullptr);
+        break;
+    }
+}
+
+void TellStandingPin()
+{
+    char szServerPin[PIN_BYTES], szClientPin[PIN_BYTES];
+    ReadPins(szServerPin, szClientPin);
+    CallServiceNamedPipe(STON_GETPINCODE, szServerPin[0] != '\0' ? ANSWER_PIN_MADE : ANSWER_FAILED,
+                         TextToInt32A(szServerPin), 0, nullptr, nullptr, nullptr);
+}
+
+// From here on no PIN request up to this number stands: a new one is not answered with "server exist".
+void EndPinRequests(uint32_t dwUpTo)
+{
+    EnterSession();
+    g_dwPinEndUpTo = std::max(g_dwPinEndUpTo, dwUpTo);
+    LeaveSession();
+}
+
+void Disconnect(const ConnectRequest *pRequest)
+{
+    TraceText("call disconnect networkconnect");
+    if (pRequest->dwOption == 1) {
+        CallServiceNamedPipe(NTOS_USERCONTROL, 1, 0, 0, nullptr, nullptr, nullptr);
+        WaitForStop(DISCONNECT_NOTICE_MS);
+    }
+    EnterSession();
+    if (g_dwPinStart < pRequest->dwStart) g_ullLastPinRequest = 0;
+    LeaveSession();
+    EndRolesUpTo(pRequest->dwStart);
 }
 
 bool IsLatest(const ConnectRequest *pRequest)
@@ -179,8 +251,9 @@ void ConnectRole(const ConnectRequest *pRequest)
     TraceTwoTexts("call SetNetworkServerClient", bServer ? "server networkconnect" : "client networkconnect");
     do {
         if (!IsLatest(pRequest)) return; // also after the pause: a try would take the role from the newer request
-        nRet = SetNetworkServerClient(&g_Session, 1, bServer, "", nullptr, 0);
-    } while (nRet != 0 && IsLatest(pRequest) && !IsRetryOver(pRequest) && !WaitForStop(CONNECT_PAUSE_MS));
+        nRet = StartSession(pRequest->dwStart, &g_Session, bServer, "", nullptr, 0);
+    } while (nRet != 0 && IsLatest(pRequest) && IsStartWanted(bServer, pRequest->dwStart) && !IsRetryOver(pRequest) &&
+             !WaitForStop(CONNECT_PAUSE_MS));
     if (IsLatest(pRequest))
         CallServiceNamedPipe(STON_NETWORKCONNECTION, nRet == 0 ? ANSWER_DONE : ANSWER_FAILED, 0, 0, nullptr, nullptr,
                              nullptr);
@@ -190,12 +263,13 @@ void ConnectRole(const ConnectRequest *pRequest)
 
 int32_t StartPinCodeThread(const IpcMessage *pRecord)
 {
-    auto *pBlock = new (std::nothrow) IpcMessage{};
+    auto *pBlock = new (std::nothrow) PinRequest{};
     if (pBlock == nullptr) return 0;
     if (pRecord != nullptr)
-        *pBlock = *pRecord;
+        pBlock->record = *pRecord;
     else
         errno = EINVAL;
+    pBlock->dwStart = NewRoleStart();
     if (StartDetachedThread(CallPinCodeThread, pBlock)) return 1;
     delete pBlock;
     return 0;
@@ -203,24 +277,23 @@ int32_t StartPinCodeThread(const IpcMessage *pRecord)
 
 uint32_t CallPinCodeThread(void *pBlock)
 {
-    const IpcMessage *pRecord    = static_cast<const IpcMessage *>(pBlock);
-    const bool        bServerPin = pRecord->dwCommand == STON_GETPINCODE;
-    const bool        bWanted    = bServerPin || pRecord->dwCommand == STON_SETPINCCODE;
-    const auto        nTypedPin  = static_cast<int32_t>(pRecord->dwParam2);
-    delete pRecord;
+    const auto   *pRequest   = static_cast<const PinRequest *>(pBlock);
+    const bool    bServerPin = pRequest->record.dwCommand == STON_GETPINCODE;
+    const bool    bWanted    = bServerPin || pRequest->record.dwCommand == STON_SETPINCCODE;
+    const auto    nTypedPin  = static_cast<int32_t>(pRequest->record.dwParam2);
+    const uint32_t dwStart   = pRequest->dwStart;
+    delete pRequest;
     if (!bWanted) return 0;
 
-    char szPin[PIN_BYTES];
     TraceText("CallPinCodeThread");
-    FormatTextA(szPin, sizeof szPin, "%d", bServerPin ? GeneratePin() : nTypedPin);
-    switch (StorePin(bServerPin, szPin)) {
-    case PinStep::ServerExists: UpdateServerPW(szPin); break;
-    case PinStep::ResetTimer: disconnect(); break;
-    case PinStep::NewThread:
-        TraceText("CallPinCodeThread CreateThread");
-        StartDetachedThread(NetInitializationThread, nullptr);
-        break;
+    EnterCriticalSection(MadeOnce<&g_csPinOrder>());
+    if (dwStart > g_dwLastPin) {
+        g_dwLastPin = dwStart;
+        TakePin(bServerPin, nTypedPin, dwStart);
+    } else if (bServerPin) {
+        TellStandingPin(); // its thread was overtaken by a newer request's, whose PIN is the one that counts
     }
+    LeaveCriticalSection(&g_csPinOrder);
     return 0;
 }
 
@@ -266,8 +339,12 @@ uint32_t NetInitializationThread(void *)
 
 int32_t StartNetworkConnect(uint32_t dwMode, uint32_t dwOption)
 {
-    auto *pBlock = new (std::nothrow) ConnectRequest{NextStamp(&g_ullLastConnectRequest), dwMode, dwOption};
+    const uint64_t ullTime = NextStamp(&g_ullLastConnectRequest);
+    const uint32_t dwStart = NewRoleStart();
+    auto          *pBlock  = new (std::nothrow) ConnectRequest{ullTime, dwMode, dwOption, dwStart};
     if (pBlock == nullptr) return 0;
+    if (dwMode == MODE_SERVER || dwMode == MODE_CLIENT) AnnounceRoleStart(dwMode == MODE_SERVER, dwStart);
+    if (dwMode == MODE_DISCONNECT) EndPinRequests(dwStart);
     if (StartDetachedThread(NetworkConnectThread, pBlock)) return 1;
     delete pBlock;
     return 0;
@@ -277,17 +354,9 @@ uint32_t NetworkConnectThread(void *pBlock)
 {
     const ConnectRequest request = *static_cast<const ConnectRequest *>(pBlock);
     delete static_cast<const ConnectRequest *>(pBlock);
-    if (request.dwMode == MODE_SERVER || request.dwMode == MODE_CLIENT) {
+    if (request.dwMode == MODE_SERVER || request.dwMode == MODE_CLIENT)
         ConnectRole(&request);
-    } else if (request.dwMode == MODE_DISCONNECT) {
-        TraceText("call disconnect networkconnect");
-        if (request.dwOption == 1) {
-            CallServiceNamedPipe(NTOS_USERCONTROL, 1, 0, 0, nullptr, nullptr, nullptr);
-            WaitForStop(DISCONNECT_NOTICE_MS);
-        }
-        g_ullLastPinRequest = 0;
-        disconnect();
-    }
+    else if (request.dwMode == MODE_DISCONNECT)
+        Disconnect(&request);
     return 0;
 }
-

@@ -7,9 +7,11 @@
 #include "migration/special_folders.h"
 #include "migration/state_files.h"
 #include "net/client_discovery.h"
-#include "net/network_link.h"
+#include "net/client_role.h"
 #include "net/role_end.h"
+#include "net/role_start.h"
 #include "net/server_role.h"
+#include "platform/errors.h"
 #include "platform/kernel.h"
 #include "trace/trace_log.h"
 #include "transfer/network_send.h"
@@ -19,13 +21,23 @@ using namespace platform;
 namespace {
 
 constexpr uint32_t READY_WAIT_MS   = 10000;
+constexpr uint32_t READY_STEP_MS   = 100; // after which an ended link is noticed
 constexpr int32_t  EXCHANGE_FAILED = -1;
 
+// True when this link's peer has described itself. The event may be an earlier session's word, whose link has gone.
 bool AwaitPeerInfo(HANDLE hReady)
 {
-    const HANDLE aHandles[] = {g_hAppEvent, hReady};
+    const HANDLE   aHandles[] = {g_hAppEvent, hReady};
+    const uint64_t ullStart   = GetTickCount64();
     if (aHandles[0] == nullptr || hReady == nullptr) return false;
-    return WaitForMultipleObjects(2, aHandles, FALSE, READY_WAIT_MS) == WAIT_OBJECT_0 + 1;
+    while (!IsSpecialReady(GetThreadLink())) {
+        if (!IsThreadLinkCurrent() || GetTickCount64() - ullStart >= READY_WAIT_MS) return false;
+        ResetEvent(hReady);
+        if (IsSpecialReady(GetThreadLink())) break;
+        const uint32_t dwWait = WaitForMultipleObjects(2, aHandles, FALSE, READY_STEP_MS);
+        if (dwWait == WAIT_OBJECT_0 || dwWait == WAIT_FAILED) return false;
+    }
+    return IsThreadLinkCurrent();
 }
 
 // True when both files have crossed.
@@ -36,8 +48,7 @@ bool ExchangeMachineInfo(SessionRecord *pSession, bool bServer, HANDLE hReady, c
     if (GetMappingFolder(pSession->szMappingPath)) SetSpecialRoot(SpecialRoot::ProgramData, pSession->szMappingPath);
     WriteLocalInfo(pSession);
     if (!bServer) bSent = SendLocalInfo() == SEND_OK;
-    // The file that ended the wait may be a later session's, whose link has taken this one's place meanwhile.
-    const bool bReceived = AwaitPeerInfo(hReady) && IsThreadLinkCurrent();
+    const bool bReceived = AwaitPeerInfo(hReady);
     if (bReceived) {
         TraceText("SpecialReadyEvent is signal");
         ReadTargetInfo(pSession, pszPeerName, cchPeerName);
@@ -50,41 +61,38 @@ bool ExchangeMachineInfo(SessionRecord *pSession, bool bServer, HANDLE hReady, c
     return bSent && bReceived;
 }
 
-void UninitRole(bool bServer, uint32_t dwGeneration)
-{
-    bServer ? ServerUninitLink(dwGeneration) : ClientUninitLink(dwGeneration);
-}
-
 } // namespace
 
-int32_t SetNetworkServerClient(SessionRecord *pSession, int32_t bConnect, int32_t bServer, const char *pszPin,
-                               char16_t *pszPeerName, uint32_t cchPeerName)
+int32_t StartSession(uint32_t dwStart, SessionRecord *pSession, bool bServer, const char *pszPin, char16_t *pszPeerName,
+                     uint32_t cchPeerName)
 {
-    const bool bServerRole = bServer == 1;
-    if (!bConnect) {
-        if (ClearRoleStarted(pSession, bServerRole, GetRoleStart(bServerRole))) UninitRole(bServerRole, 0);
-        return 0;
-    }
-    if (pszPeerName != nullptr && cchPeerName > 0) pszPeerName[0] = u'\0';
-    const bool     bWithName    = pszPeerName != nullptr;
-    const HANDLE   hReady       = AcquireReadyEvent(bWithName);
-    const uint32_t dwRoleStart  = MarkRoleStarted(pSession, bServerRole);
-    uint32_t       dwGeneration = 0;
-    int32_t nRet = bServerRole ? ServerInitLink(pszPin, &pSession->bServerStarted, &dwGeneration)
-                               : ClientInitEnumLink(pszPin, &pSession->bClientStarted, &dwGeneration);
-    if (bServerRole)
+    const bool bWithName = pszPeerName != nullptr;
+    uint32_t   dwLink    = 0;
+    if (bWithName && cchPeerName > 0) pszPeerName[0] = u'\0';
+    if (WaitForStop(0)) return bServer ? SERVER_CANCELLED : CLIENT_CANCELLED; // nobody would end the role any more
+    const HANDLE hReady = AcquireReadyEvent(bWithName);
+    int32_t      nRet   = bServer ? ServerInitStart(pszPin, dwStart, &dwLink) : ClientInitEnumStart(pszPin, dwStart, &dwLink);
+    if (bServer)
         TraceText(nRet == 0 ? "ServerInit success" : "ServerInit fail");
     else
         TraceText(nRet == 0 ? "ClientInit success" : "ClientInit fail");
     if (nRet == 0) {
-        BindThreadToLink(dwGeneration);
-        if (!ExchangeMachineInfo(pSession, bServerRole, hReady, pszPeerName, cchPeerName)) {
-            UninitRole(bServerRole, dwGeneration);
-            ClearRoleStarted(pSession, bServerRole, dwRoleStart);
+        BindThreadToLink(dwLink);
+        if (!ExchangeMachineInfo(pSession, bServer, hReady, pszPeerName, cchPeerName)) {
+            bServer ? ServerUninitLink(dwLink) : ClientUninitLink(dwLink);
             nRet = EXCHANGE_FAILED;
         }
         BindThreadToLink(0);
     }
     ReleaseReadyEvent(bWithName);
     return nRet;
+}
+
+int32_t SetNetworkServerClient(SessionRecord *pSession, int32_t bConnect, int32_t bServer, const char *pszPin,
+                               char16_t *pszPeerName, uint32_t cchPeerName)
+{
+    const bool bServerRole = bServer == 1;
+    if (bConnect) return StartSession(NewRoleStartOf(bServerRole), pSession, bServerRole, pszPin, pszPeerName, cchPeerName);
+    if (bServerRole ? pSession->bServerStarted : pSession->bClientStarted) bServerRole ? ServerUninit() : ClientUninit();
+    return 0;
 }

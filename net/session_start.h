@@ -9,3 +9,6 @@
 //   pszPeerName  cchPeerName UTF-16 units, or null and 0
 int32_t SetNetworkServerClient(SessionRecord *pSession, int32_t bConnect, int32_t bServer, const char *pszPin,
                                char16_t *pszPeerName, uint32_t cchPeerName);
+// The same for a start that has its number already (role_start.h).
+int32_t StartSession(uint32_t dwStart, SessionRecord *pSession, bool bServer, const char *pszPin, char16_t *pszPeerName,
+                     uint32_t cchPeerName);

@@ -16,7 +16,6 @@ std::atomic<HANDLE>   g_hNetInitTimerEvent{nullptr};
 namespace {
 
 CRITICAL_SECTION g_csSession;
-uint32_t         g_aRoleStarts[2];   // client, server; session lock
 char             g_szServedPin[260]; // what the session thread starts the server with; session lock
 
 // A readiness event and the calls of SetNetworkServerClient that use it: a request may overtake one that still waits,
@@ -28,6 +27,8 @@ struct ReadyEvent {
 ReadyEvent       g_SpecialReady[2]; // for callers with a name buffer, and without
 CRITICAL_SECTION g_csReady;         // guards the two; nothing else is called under it
 
+std::atomic<uint32_t> g_dwReadyLink{0}; // whose peer's machine info came last
+
 CRITICAL_SECTION *ReadyLock()
 {
     return MadeOnce<&g_csReady>();
@@ -36,11 +37,6 @@ CRITICAL_SECTION *ReadyLock()
 ReadyEvent *ReadyEventOf(bool bWithName)
 {
     return &g_SpecialReady[bWithName ? 0 : 1];
-}
-
-std::atomic<uint32_t> *StartedFlag(SessionRecord *pSession, bool bServer)
-{
-    return bServer ? &pSession->bServerStarted : &pSession->bClientStarted;
 }
 
 } // namespace
@@ -70,31 +66,6 @@ void SetServerPassword(const char *pszStarted)
     LeaveSession();
 }
 
-uint32_t MarkRoleStarted(SessionRecord *pSession, bool bServer)
-{
-    EnterSession();
-    const uint32_t dwStart           = ++g_aRoleStarts[bServer];
-    *StartedFlag(pSession, bServer) = 1;
-    LeaveSession();
-    return dwStart;
-}
-
-uint32_t GetRoleStart(bool bServer)
-{
-    EnterSession();
-    const uint32_t dwStart = g_aRoleStarts[bServer];
-    LeaveSession();
-    return dwStart;
-}
-
-bool ClearRoleStarted(SessionRecord *pSession, bool bServer, uint32_t dwRoleStart)
-{
-    EnterSession();
-    const bool bCleared = g_aRoleStarts[bServer] == dwRoleStart && StartedFlag(pSession, bServer)->exchange(0) != 0;
-    LeaveSession();
-    return bCleared;
-}
-
 HANDLE AcquireReadyEvent(bool bWithName)
 {
     ReadyEvent *pReady = ReadyEventOf(bWithName);
@@ -122,10 +93,17 @@ void ReleaseReadyEvent(bool bWithName)
 
 void SignalSpecialReady()
 {
+    const uint32_t dwLink = GetThreadLink();
+    g_dwReadyLink         = dwLink != 0 ? dwLink : g_dwLinkGeneration.load();
     EnterCriticalSection(ReadyLock());
     for (const ReadyEvent &ready : g_SpecialReady)
         if (ready.hEvent != nullptr) SetEvent(ready.hEvent);
     LeaveCriticalSection(ReadyLock());
+}
+
+bool IsSpecialReady(uint32_t dwLink)
+{
+    return g_dwReadyLink == dwLink;
 }
 
 void ResetSessionState()

@@ -1,9 +1,9 @@
 // session_state.h: what is known of the one session: its record, the PINs, which role was started, and whether the peer
 // has described itself.
 // Threads  any.
-// Lock     the session lock guards the PINs, the timer event and the marks of the two roles, and is held for a few
-//          statements at a time; only SetPassword and the trace log are called under it. The readiness events have a
-//          lock of their own, inside, under which nothing is called.
+// Lock     the session lock guards the PINs and the timer event, and is held for a few statements at a time; only
+//          SetPassword, the trace log and role_start.h are called under it. The marks of the two roles belong to the role
+//          lock. The readiness events have a lock of their own, inside, under which nothing is called.
 #pragma once
 #include "platform/kernel.h"
 #include <atomic>
@@ -38,16 +38,12 @@ void SetServedPin(const char *pszPin);
 // session thread took it. Without this a PIN replaced between the two would be told to the user and never admit anybody.
 void SetServerPassword(const char *pszStarted);
 
-// Marks the role as started, before it does. The result, which GetRoleStart repeats, numbers the starts of this role.
-uint32_t MarkRoleStarted(SessionRecord *pSession, bool bServer);
-uint32_t GetRoleStart(bool bServer);
-// Clears the mark; true when it was set and no later start has set it anew.
-bool ClearRoleStarted(SessionRecord *pSession, bool bServer, uint32_t dwRoleStart);
-
 // Readiness events: the first for callers with a name buffer, the second for callers without. Made and closed by
-// SetNetworkServerClient, signalled through SignalSpecialReady by the receiver of the peer's machine-info file. Any
-// thread.
+// SetNetworkServerClient, signalled through SignalSpecialReady by the receiver of the peer's machine-info file, for the
+// link that the calling thread is bound to. Any thread.
 void SignalSpecialReady();
+// True when the machine info of this link's peer has come.
+bool IsSpecialReady(uint32_t dwLink);
 // For SetNetworkServerClient: one of the two, reset, or null when it cannot be made; the last user's release closes it.
 platform::HANDLE AcquireReadyEvent(bool bWithName);
 void             ReleaseReadyEvent(bool bWithName);

@@ -29,22 +29,14 @@ int32_t SendBuffer(SOCKET hSocket, const void *pBuffer, int32_t cb)
     }
 }
 
-// One receive that brings something or fails. An empty receive (the peer closed its side) is repeated, with pauses so
-// that a closed peer does not cost a processor, until it has lasted as long as a silent link may.
+// One receive that brings something or fails. An empty one says that the peer has closed its side: nothing will ever come
+// after it, so it is a failure, with a code of its own.
 static int32_t RecvPiece(SOCKET hSocket, char *pBuffer, int32_t cb)
 {
-    uint64_t ullFirstEmpty = 0;
-    for (;;) {
-        const int32_t nReceived = recv(hSocket, pBuffer, cb, 0);
-        if (nReceived != 0) return nReceived;
-        const uint64_t ullNow = GetTickCount64();
-        if (ullFirstEmpty == 0) ullFirstEmpty = ullNow;
-        if (ullNow - ullFirstEmpty >= SOCKET_TIMEOUT_MS) {
-            WSASetLastError(WSAETIMEDOUT);
-            return SOCKET_ERROR;
-        }
-        Sleep(CLOSED_LINK_PAUSE_MS);
-    }
+    const int32_t nReceived = recv(hSocket, pBuffer, cb, 0);
+    if (nReceived != 0) return nReceived;
+    WSASetLastError(WSAEDISCON);
+    return SOCKET_ERROR;
 }
 
 // A piece of a file body that timed out, again. Positive, or the result of the attempt that ended it.

@@ -11,17 +11,14 @@
 constexpr uint32_t SOCKET_TIMEOUT_MS    = 8000; // of a link's socket, both directions
 constexpr int32_t  SOCKET_PIECE_BYTES   = 4096;
 constexpr int32_t  RECV_RETRY_LIMIT     = 10; // of time-outs on one piece of a file body, after the first one
-constexpr uint32_t CLOSED_LINK_PAUSE_MS = 15; // between two receives from a peer that closed its side
 
 extern std::atomic<uint8_t>  g_bRecvFileActive; // 1 while a file body is received: RecvBuffer then retries time-outs
 extern std::atomic<uint32_t> gdwErr;            // the last system error that the file layer saved
 extern std::atomic<int32_t>  g_nWSAErr;         // the last Winsock error that the receiving side saved
 
 // cb on success, 0 when cb is below 1, the failing recv's negative result otherwise.
-// An orderly close is no error: the call goes on, pausing CLOSED_LINK_PAUSE_MS after each empty receive. Once nothing
-// but empty receives came for SOCKET_TIMEOUT_MS, that counts as one receive that timed out
-// (WSAETIMEDOUT), so that the listener's silence counter goes on and its probe meets the dead link. A socket closed by
-// this process ends the call at once (WSAENOTSOCK). While g_bRecvFileActive is set, a piece that timed out is tried up
+// A peer that has closed its side in good order sends nothing any more: WSAEDISCON, at once. A socket closed by this
+// process ends the call at once, too (WSAENOTSOCK). While g_bRecvFileActive is set, a piece that timed out is tried up
 // to 11 times more.
 int32_t RecvBuffer(platform::SOCKET hSocket, void *pBuffer, int32_t cb);
 // cb on success, 0 when cb is below 1, the failing send's negative result otherwise (reported).

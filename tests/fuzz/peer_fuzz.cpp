@@ -24,7 +24,7 @@ static void StartOnce()
     if (!hosted::UseMachine(s.c_str()) || WSAStartup(0x0202, &data) != 0) std::abort();
     hosted::SetClockRate(1000); // a silent peer costs no time
     hosted::SetSocketTimeout(20);
-    OpenNetSocketLock();
+    MakeNetSocketLock();
 }
 
 // A file command whose stream is reached: the first byte's bits choose flag and size, the second is the type, the rest is

@@ -7,6 +7,7 @@
 #include "net/listener.h"
 #include "net/network_link.h"
 #include "net/role_end.h"
+#include "net/role_start.h"
 #include "net/server_role.h"
 #include "net/session_control.h"
 #include "net/session_state.h"
@@ -60,11 +61,11 @@ private:
 
 inline FakePeer::FakePeer(Answer pAnswer, const std::string &sCutAt) : m_pAnswer(std::move(pAnswer)), m_sCutAt(sCutAt)
 {
-    OpenNetSocketLock();
+    MakeNetSocketLock();
     PrepareLinkSocket(m_Pair.hServer);
     m_hExit = platform::CreateEventW(nullptr, 0, 0, nullptr);
     EnterRoleChange();
-    MarkRoleStarted(&g_Session, true);
+    BeginRole(true, NewRoleStart());
     g_bServer          = 1;
     g_ServerSendSocket = m_Pair.hServer;
     g_hServerExitEvent = m_hExit;

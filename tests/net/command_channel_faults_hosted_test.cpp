@@ -25,7 +25,7 @@ TEST_F(CommandChannelFaults, EachFailingStepHasItsOwnCodeAndLeaksNothing)
     const std::u16string sPath  = TestFolder() + u"\\f";
     const IpcMessage     record = MakeRecord(0x2120);
     WriteTestFile(sPath, "x");
-    OpenNetSocketLock();
+    MakeNetSocketLock();
     for (const auto &c : aCases) {
         const Open before = OpenNow();
         {

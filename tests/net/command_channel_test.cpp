@@ -11,7 +11,7 @@ using CommandChannel = NetTest;
 template <class Command> static std::string Sent(int32_t nExpected, Command command)
 {
     LinkPair link;
-    OpenNetSocketLock();
+    MakeNetSocketLock();
     EnterCriticalSection(&g_csNetSocket);
     EXPECT_EQ(nExpected, command(link.hClient));
     LeaveCriticalSection(&g_csNetSocket);

@@ -81,7 +81,6 @@ TEST_F(Listener, ABrokenLinkIsReportedOnceAndReleased)
         m_aSeen.clear();
         {
             hosted::SetClockRate(100);
-            MarkRoleStarted(&g_Session, true);
             Peer           peer         = OpenServedLink();
             const uint32_t dwGeneration = g_dwLinkGeneration;
             c.pBreak(peer);
@@ -112,16 +111,14 @@ TEST_F(Listener, AnOwnTeardownIsSilent)
 
 TEST_F(Listener, ALateBreakNeverTouchesTheNextLink)
 {
-    Peer first = OpenServedLink();
-    MarkRoleStarted(&g_Session, true);
-    const LinkRelease former = {true, GetRoleStart(true), g_dwLinkGeneration};
+    Peer              first  = OpenServedLink();
+    const LinkRelease former = {true, g_dwLinkGeneration};
     ServerUninit();
     EXPECT_TRUE(Eventually([] { return g_nListeners == 0; }));
     Peer second = OpenServedLink();
-    MarkRoleStarted(&g_Session, true);
     ReleaseNetworkThread(new LinkRelease(former));
-    ServerUninitLink(former.dwGeneration);
-    EXPECT_EQ(0u, ClaimBrokenLink(former.dwGeneration));
+    ServerUninitLink(former.dwLink);
+    EXPECT_EQ(0u, ClaimBrokenLink(former.dwLink));
     second.Send(Field("KeepAlive"));
     EXPECT_EQ(Field("AckAlive"), second.Receive(10));
     EXPECT_EQ(1u, g_Session.bServerStarted);

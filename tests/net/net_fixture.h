@@ -12,6 +12,7 @@
 #include "net/file_afterwork.h"
 #include "net/role_end.h"
 #include "net/link_window.h"
+#include "net/role_start.h"
 #include "net/server_role.h"
 #include "net/session_control.h"
 #include "net/session_state.h"
@@ -119,7 +120,8 @@ protected:
         ResetServicePipeClient();
         ResetReceiveProgress();
         ClearSpecialFolders();
-        g_bClientEnuming = g_bStopClientEnum = g_bSendingFile = 0;
+        g_bClientEnuming = g_bSendingFile = 0;
+        StartWinsock();
         g_bRemoteFileDone = g_bRemoteFileError = g_bRemoteFileFull = g_bRemoteFileAllFull = g_bRemoteFileTypeUnknown =
             0;
         GetConfigPath();
@@ -168,12 +170,14 @@ protected:
     static Peer OpenServedLink()
     {
         LinkPair pair;
-        g_bServer          = 1;
+        MakeNetSocketLock();
+        EnterRoleChange();
+        BeginRole(true, NewRoleStart());
         g_ServerSendSocket = std::exchange(pair.hServer, platform::INVALID_SOCKET);
         g_hServerExitEvent = platform::CreateEventW(nullptr, platform::FALSE, platform::FALSE, nullptr);
         PrepareLinkSocket(g_ServerSendSocket);
-        OpenNetSocketLock();
         EXPECT_EQ(1, StartServerListener(g_ServerSendSocket, g_hServerExitEvent));
+        LeaveRoleChange();
         return Peer(std::exchange(pair.hClient, platform::INVALID_SOCKET));
     }
     static std::string Setting(const char *pszSection, const char *pszKey)

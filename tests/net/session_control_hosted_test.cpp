@@ -1,77 +1,9 @@
 // What the service asks and hears: PINs, roles, the exchange of machine info, release.
 #include "net/client_discovery.h"
 #include "net/session_start.h"
-#include "tests/net/discovery_program_hosted.h"
-#include "tests/net/observed_hosted.h"
-#include "tests/trace/trace_session_hosted.h"
+#include "tests/net/session_fixture.h"
 
 using namespace platform;
-
-namespace {
-
-constexpr char16_t PEER_INFO[] =
-    u"\xFEFF[SourceMachine]\r\n\"ComputerName\"=\"OLDPC\"\r\n[MappingFolder]\r\n\"AppPath\"=\"D:\\peer map\"\r\n"
-    u"[Package]\r\n\"Version\"=\"1.0.4.0\"\r\n";
-const std::string PeerInfo(reinterpret_cast<const char *>(PEER_INFO), sizeof PEER_INFO - 2);
-
-// Reads the server's machine info: a "SendFile" with its whole stream.
-void TakeMachineInfo(Peer &peer)
-{
-    EXPECT_EQ(Field("SendFile"), peer.Receive(10));
-    peer.Receive(FILE_PATH_BYTES);
-    EXPECT_EQ(10u, peer.ReceiveValue<uint32_t>());
-    peer.Receive(4);
-    EXPECT_EQ("\1", peer.Receive(1)) << "encrypted";
-    EXPECT_LE(peer.ReceiveValue<int64_t>(), 65536) << "in one chunk";
-    peer.Receive(peer.ReceiveValue<uint32_t>()); // key
-    peer.Receive(peer.ReceiveValue<uint32_t>()); // cipher text
-    peer.Send(Field("FileDone"));
-}
-
-// The part of a client: handshake, own machine info, the server's.
-Peer JoinAsClient(uint16_t nPort, const std::string &sPin, bool bInfo = true)
-{
-    Peer peer = Peer::Connect(nPort);
-    peer.Send(Field(sPin));
-    EXPECT_EQ(Field("PWACK=1"), peer.Receive(10));
-    if (!bInfo) return peer;
-    peer.Send(FileCommand(u"C:\\theirs\\localinfo.ini", 10, PeerInfo));
-    EXPECT_EQ(Field("FileDone"), peer.Receive(10));
-    TakeMachineInfo(peer);
-    return peer;
-}
-
-class SessionControl : public NetTest
-{
-protected:
-    void SetUp() override
-    {
-        NetTest::SetUp();
-        hosted::SetSocketTimeout(5000); // of real time, whatever the clock does
-    }
-    // Asks for a server's PIN, at a tick of its own; the PIN that the service was told.
-    std::string RequestPin()
-    {
-        m_aSeen.clear();
-        hosted::AdvanceClock(12345);
-        Request(2336);
-        EXPECT_TRUE(Reported(2336, 3));
-        return m_aSeen.empty() ? "" : std::to_string(m_aSeen.back().dwParam2);
-    }
-    static void Request(uint32_t dwCode, uint32_t dwPin = 0)
-    {
-        const IpcMessage record = MakeRecord(dwCode, 1, dwPin);
-        EXPECT_EQ(1, StartPinCodeThread(&record));
-    }
-    static std::string ServerPin()
-    {
-        char szPin[10];
-        GetPassword(szPin);
-        return szPin;
-    }
-};
-
-} // namespace
 
 TEST_F(SessionControl, APinStartsTheServerAndAPeerCompletesTheSession)
 {
@@ -264,19 +196,20 @@ TEST_F(SessionControl, AConnectRequestIsTriedForTenSeconds)
 
 TEST_F(SessionControl, ARoleThatWasEndedBeforeItBeganIsNotTaken)
 {
-    const std::atomic<uint32_t> bWanted{0};
-    uint32_t                    dwGeneration = 0;
-    EXPECT_EQ(-1001, ServerInitLink("1", &bWanted, &dwGeneration));
-    EXPECT_EQ(9999, ClientInitEnumLink("1", &bWanted, &dwGeneration));
+    uint32_t       dwLink  = 0;
+    const uint32_t dwStart = NewRoleStart();
+    AnnounceRoleStart(true, dwStart);
+    AnnounceRoleStart(false, dwStart);
+    disconnect();
+    EXPECT_EQ(-1001, ServerInitStart("1", dwStart, &dwLink));
+    EXPECT_EQ(9999, ClientInitEnumStart("1", dwStart, &dwLink));
     EXPECT_EQ(0, g_bServer | g_bClient | g_bClientEnuming);
 
     // A search that waits for the former one is ended with it.
     DiscoveryProgram program;
-    const uint32_t   dwRoleStart = GetRoleStart(false);
     EXPECT_EQ(1, StartNetworkConnect(2, 0));
     EXPECT_TRUE(Eventually([&] { return program.RunsOf("client") == 1; }));
     EXPECT_EQ(1, StartNetworkConnect(2, 0));
-    EXPECT_TRUE(Eventually([&] { return GetRoleStart(false) == dwRoleStart + 2; }));
     EXPECT_EQ(1, StartNetworkConnect(3, 0));
     EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
     EXPECT_EQ(1, program.RunsOf("client"));

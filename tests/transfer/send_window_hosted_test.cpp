@@ -153,7 +153,9 @@ TEST_F(Queue, AWordBelongsToTheOldestOpenFileAndOnlyItsOwnErrorAbortsAStream)
     }();
     EXPECT_EQ(AnswerState::Closed, State(unsent)) << "of what was not sent nobody speaks";
     const FileTicket last = Sent();
-    CloseNetSocketLock(); // the link's end
+    EnterRoleChange();
+    NextLinkGeneration(); // the link's end
+    LeaveRoleChange();
     EXPECT_EQ(AnswerState::LinkGone, State(last));
     EXPECT_FALSE(NoteAnswer(AnswerWord::Done));
 }

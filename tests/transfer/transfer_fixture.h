@@ -95,7 +95,7 @@ class TransferTest : public ::testing::Test
         ResetNetworkLink();
         ResetLinkWindow();
         ResetAnswerQueue();
-        OpenNetSocketLock();
+        MakeNetSocketLock();
         GetFileOutcomeEvent();
         InitThreadExecutionList();
         BindThreadToLink(0);

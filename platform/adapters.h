@@ -54,7 +54,7 @@ static_assert(sizeof(IP_ADAPTER_INFO) == 704, "the first buffer that callers off
 uint32_t GetAdaptersInfo(IP_ADAPTER_INFO *pInfo, uint32_t *pcb);
 
 constexpr uint32_t IF_TYPE_ETHERNET_CSMACD = 6;
-constexpr int32_t  IfOperStatusUp          = 1;
+constexpr int32_t  IfOperStatusUp = 1, IfOperStatusDown = 2, IfOperStatusNotPresent = 6, IfOperStatusLowerLayerDown = 7;
 constexpr uint8_t  IF_FLAG_CONNECTOR_PRESENT = 0x04; // in InterfaceAndOperStatusFlags
 
 // MIB_IF_ROW2 with the fields this system reads; the rest is kept for its size.

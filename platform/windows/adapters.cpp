@@ -17,6 +17,9 @@ MIRRORED(MIRROR_CAPTURE)
 namespace mirror {
 MIRRORED(MIRROR_COMPARE)
 static_assert(static_cast<int>(platform::IfOperStatusUp) == static_cast<int>(::IfOperStatusUp));
+static_assert(static_cast<int>(platform::IfOperStatusDown) == static_cast<int>(::IfOperStatusDown));
+static_assert(static_cast<int>(platform::IfOperStatusNotPresent) == static_cast<int>(::IfOperStatusNotPresent));
+static_assert(static_cast<int>(platform::IfOperStatusLowerLayerDown) == static_cast<int>(::IfOperStatusLowerLayerDown));
 
 // The mask of the SDK's bit field cannot be a constant expression of it: its third one-bit field.
 static_assert(platform::IF_FLAG_CONNECTOR_PRESENT == 1 << 2);

@@ -73,9 +73,14 @@ int RunAnnouncement(const char *pszConfig, HANDLE hStop)
     const uint64_t ullBegin = GetTickCount64();
     uint64_t       ullLook  = ullBegin;
     uint32_t       nFree    = 0;
+    // An early stop was meant for this announcement after all when a peer has been admitted since it began.
+    const std::string sAdmission = ReadLastAdmission(pszConfig);
+    bool              bEarly     = false;
     MarkNewest(pszConfig, "server");
-    while (AwaitStopRequest(hStop, ullBegin, 0) != STOP_NOW) {
+    for (StopKind stop; (stop = AwaitStopRequest(hStop, ullBegin, 0)) != STOP_NOW;) {
+        bEarly = bEarly || stop == STOP_EARLY;
         if (GetTickCount64() >= ullLook) {
+            if (bEarly && ReadLastAdmission(pszConfig) != sAdmission) break;
             ullLook = GetTickCount64() + LOOK_MS;
             nFree   = IsPortTaken(nPort) ? 0 : nFree + 1;
             if (nFree >= FREE_LOOKS || !IsNewest(pszConfig, "server")) break;

@@ -62,6 +62,11 @@ std::vector<MIB_IPADDRROW> ReadAddresses()
     return aRows;
 }
 
+bool IsDown(int32_t nStatus)
+{
+    return nStatus == IfOperStatusDown || nStatus == IfOperStatusNotPresent || nStatus == IfOperStatusLowerLayerDown;
+}
+
 // The interfaces with addresses that work, by number.
 std::map<uint32_t, LinkView> ReadInterfaces()
 {
@@ -80,9 +85,11 @@ std::map<uint32_t, LinkView> ReadInterfaces()
     MIB_IF_TABLE2 *pTable = nullptr;
     if (GetIfTable2(&pTable) != ERROR_SUCCESS) return links;
     for (uint32_t i = 0; i < pTable->NumEntries; i++) {
-        const auto it = links.find(pTable->Table[i].InterfaceIndex);
-        if (it != links.end())
-            it->second.bVirtual = (pTable->Table[i].InterfaceAndOperStatusFlags & IF_FLAG_CONNECTOR_PRESENT) == 0;
+        const MIB_IF_ROW2 &row = pTable->Table[i];
+        const auto         it  = links.find(row.InterfaceIndex);
+        if (it == links.end()) continue;
+        it->second.bVirtual = (row.InterfaceAndOperStatusFlags & IF_FLAG_CONNECTOR_PRESENT) == 0;
+        if (IsDown(row.OperStatus)) links.erase(it); // Wine lists its addresses on
     }
     FreeMibTable(pTable);
     return links;

@@ -70,6 +70,17 @@ uint16_t ReadServerPort(const char *pszFile)
     return nPort <= UINT16_MAX ? static_cast<uint16_t>(nPort) : uint16_t{0};
 }
 
+std::string ReadLastAdmission(const char *pszFile)
+{
+    std::string sAdmission;
+    for (const char *pszKey : {"Port", "PW"}) {
+        char szValue[64];
+        GetPrivateProfileStringA("LastServer", pszKey, "", szValue, sizeof szValue, pszFile);
+        sAdmission += szValue + std::string(" ");
+    }
+    return sAdmission;
+}
+
 bool IsPortTaken(uint16_t nPort)
 {
     const SOCKET hSocket = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);

@@ -6,6 +6,8 @@
 
 // The port of [ServerMDNS], in host order; 0 when it is missing or none.
 uint16_t ReadServerPort(const char *pszFile);
+// What the agent noted at the last admission of a peer, as one text: another text is a later admission.
+std::string ReadLastAdmission(const char *pszFile);
 // True while the agent listens at the port, or still has a link of it. Asked without connecting: a connection that says
 // nothing would keep the server from its peer. Winsock must be started.
 bool IsPortTaken(uint16_t nPort);

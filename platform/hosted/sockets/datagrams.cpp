@@ -25,6 +25,8 @@ using hosted::WinsockErrorFromErrno;
 constexpr uint32_t MAX_POLLED   = 64;
 constexpr int16_t  HOST_POLLIN  = 1;
 constexpr uint32_t REASSEMBLED_BYTES = 65535;
+// The numbers of the host's interfaces begin here: those of the adapters that a machine says it has are small, and name others.
+constexpr uint32_t REAL_INTERFACES = 0x10000;
 static_assert(sizeof(::sockaddr_in) == sizeof(platform::sockaddr_in) && sizeof(::ip_mreq) == sizeof(platform::ip_mreq));
 
 // The datagram socket s, or null with the error set.
@@ -53,6 +55,7 @@ std::vector<platform::MIB_IPADDRROW> HostAddresses()
         row.dwAddr        = reinterpret_cast<const ::sockaddr_in *>(p->ifa_addr)->sin_addr.s_addr;
         row.dwMask        = reinterpret_cast<const ::sockaddr_in *>(p->ifa_netmask)->sin_addr.s_addr;
         row.dwIndex       = ::if_nametoindex(p->ifa_name);
+        if (row.dwIndex != 0) row.dwIndex += REAL_INTERFACES;
         row.dwBCastAddr   = 1; // as on Windows: the host part is all ones
         row.dwReasmSize   = REASSEMBLED_BYTES;
         const bool bUp    = (p->ifa_flags & (IFF_UP | IFF_RUNNING)) == (IFF_UP | IFF_RUNNING);

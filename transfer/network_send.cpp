@@ -316,13 +316,6 @@ static bool IsUnsent(int32_t nRet)
     return nRet == -301 || nRet == -302;
 }
 
-// True for a file whose fields the link did not take: no word will come for it.
-static bool IsCutOff(int32_t nRet)
-{
-    constexpr int32_t FIELD_FAILURES_END = -100; // of SendFileCommand's and SendFile's codes
-    return nRet < 0 && nRet > FIELD_FAILURES_END;
-}
-
 // [g_csNetSocket] One file of a link with a window. True when the next one may follow.
 static bool SendInWindow(SOCKET hSocket, const NetworkFile *pFile, bool bMore, FileOnTheWay *pWay)
 {
@@ -334,11 +327,11 @@ static bool SendInWindow(SOCKET hSocket, const NetworkFile *pFile, bool bMore, F
                                               pFile->bEncrypt, pFile->pPrepared, bMore, nullptr);
     pWay->nWSAErr   = g_nWSAErr;
     pWay->nWSAErr2  = WSAGetLastError();
-    pWay->bAnswerDue = !IsUnsent(pWay->nRet) && !IsCutOff(pWay->nRet);
+    pWay->bAnswerDue = !IsUnsent(pWay->nRet) && !IsHalfSent(pWay->nRet);
     EndStream(&pWay->Ticket, !IsUnsent(pWay->nRet));
     if (!pWay->bAnswerDue) DropTicket(&pWay->Ticket);
     g_bSendingFile = 0;
-    return !IsCutOff(pWay->nRet);
+    return !IsHalfSent(pWay->nRet);
 }
 
 int32_t CheckNetworkFile(const NetworkFile *pFile)

@@ -28,6 +28,7 @@ struct SendWindow {
     WindowOwner owner;
     HANDLE      hWake; // of the walk alone; null: it polls
     uint64_t    ullCancelled; // when the walk was found cancelled; 0: not yet
+    uint64_t    ullEnded;     // when a send ended the link; 0: none has
     uint32_t    nFirst;       // of the ring
     uint32_t    nCount;
     uint32_t    nReady; // all behind those that are out; decided ones may stand between them
@@ -69,9 +70,28 @@ static void Decide(SendWindow *pWindow, WindowEntry *pEntry, int32_t nResult)
     pEntry->nResult = nResult;
 }
 
+// A send has come to nResult. What a stream that broke off in its middle is followed by would be taken for the rest of it.
+static void NoteEnd(SendWindow *pWindow, int32_t nResult)
+{
+    if (pWindow->ullEnded == 0 && EndsLink(nResult)) pWindow->ullEnded = std::max<uint64_t>(GetTickCount64(), 1);
+}
+
+// What is out on a link that has ended is not waited for file by file.
+static void ExpireAfterEnd(SendWindow *pWindow)
+{
+    if (pWindow->ullEnded == 0 || GetTickCount64() - pWindow->ullEnded < ANSWER_WAIT_MS) return;
+    for (uint32_t i = 0; i < pWindow->nCount; ++i) {
+        WindowEntry *const pEntry = EntryAt(pWindow, i);
+        if (pEntry->eState != EntryState::Out || !pEntry->Way.bAnswerDue) continue;
+        DropTicket(&pEntry->Way.Ticket);
+        Decide(pWindow, pEntry, SEND_NO_SOCKET);
+    }
+}
+
 // Tells every outcome that is known, up to the first that is not.
 static void TellOutcomes(SendWindow *pWindow)
 {
+    ExpireAfterEnd(pWindow);
     while (pWindow->nCount > 0) {
         WindowEntry *const pEntry  = EntryAt(pWindow, 0);
         int32_t            nResult = 0;
@@ -94,7 +114,8 @@ static void TellOutcomes(SendWindow *pWindow)
 static bool MaySend(SendWindow *pWindow, WindowEntry *pEntry)
 {
     const WindowItem item    = ItemOf(pEntry);
-    const int32_t    nResult = pWindow->owner.pDecide(pWindow->owner.pContext, &item);
+    const int32_t    nResult =
+        pWindow->ullEnded != 0 ? SEND_NO_SOCKET : pWindow->owner.pDecide(pWindow->owner.pContext, &item);
     if (nResult != 0) Decide(pWindow, pEntry, nResult);
     return nResult == 0;
 }
@@ -116,9 +137,11 @@ static void PrepareEntry(void *pContext)
 static void SendSingly(SendWindow *pWindow, WindowEntry *pEntry, WindowEntry *pNext)
 {
     if (!MaySend(pWindow, pEntry)) return;
-    const NetworkFile file = FileOf(pWindow, pEntry);
-    const WaitingWork work = {PrepareEntry, pNext};
-    Decide(pWindow, pEntry, SendPreparedNetworkFile(&file, pNext != nullptr ? &work : nullptr, nullptr));
+    const NetworkFile file    = FileOf(pWindow, pEntry);
+    const WaitingWork work    = {PrepareEntry, pNext};
+    const int32_t     nResult = SendPreparedNetworkFile(&file, pNext != nullptr ? &work : nullptr, nullptr);
+    NoteEnd(pWindow, nResult);
+    Decide(pWindow, pEntry, nResult);
 }
 
 // Sends what is ready, as one batch. bButLast: the last entry waits.
@@ -139,6 +162,7 @@ static void SendReady(SendWindow *pWindow, bool bButLast = false)
         if (nFiles == BATCH_FILES) break;
     }
     const uint32_t nBegun = BeginNetworkFiles(aFiles, nFiles, aWays);
+    if (nBegun > 0) NoteEnd(pWindow, aWays[nBegun - 1].nRet);
     for (uint32_t i = 0; i < nFiles; ++i) {
         if (i >= nBegun) {
             SendSingly(pWindow, apEntries[i], nullptr);

@@ -8,7 +8,7 @@
 //          While the peer sends files too, one file at a time keeps both from filling the line for each other.
 // End      a cancelled walk sends nothing more of what it handed over; what is out is waited for at most ANSWER_WAIT_MS
 //          in all, and what is then undecided is never told: it stays as if it had not been tried. Items whose link has
-//          ended come to SEND_NO_SOCKET.
+//          ended come to SEND_NO_SOCKET; after a send that ended it (EndsLink) nothing more is sent.
 // Thread   the walk's. No lock is held between calls.
 #pragma once
 #include <cstdint>

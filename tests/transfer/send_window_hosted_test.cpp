@@ -252,6 +252,20 @@ TEST_P(SendWindowTest, ASilentPeerCostsTenSecondsAndACancelledWalkDoesNotWaitFor
     RemoveThreadExecution(m_Send.ullExecution);
 }
 
+TEST_P(SendWindowTest, NothingFollowsAStreamThatDidNotLeaveWhole)
+{
+    MakeFiles({{u"a", 10}, {u"b", 10}, {u"c", 10}, {u"d", 10}, {u"e", 10}, {u"f", 10}});
+    Link(GetParam());
+    hosted::SetClockRate(50); // what is out is waited for ten seconds in all
+    hosted::FailCall("FlushSends", 2, WSAETIMEDOUT); // the folder leaves, what follows does not
+    EXPECT_EQ(0u, Walk());
+    EXPECT_EQ(1u, m_bFatal);
+    EXPECT_EQ("", Recorded({u"a", u"b", u"c", u"d", u"e", u"f"}));
+    hosted::SetClockRate(1);
+    const std::string sArrived = Arrived("file"); // with the marker's flush
+    EXPECT_EQ(GetParam() < 64 ? "a" : "abcdef", sArrived) << "the one exchange whose flush failed, and no other";
+}
+
 TEST_P(SendWindowTest, AFileSentBesideAWalkHasItsOwnAnswer)
 {
     std::vector<std::pair<std::u16string, int32_t>> aside = {{u"\\x1", SEND_OK}, {u"\\x2", SEND_FILE_ERROR}};

@@ -3,7 +3,7 @@
 #include "app/notification_window.h"
 #include "ipc/record_rules.h"
 #include "ipc/thread_execution.h"
-#include "migration/special_data.h"
+#include "migration/special_files.h"
 #include "migration/special_folders.h"
 #include "migration/special_requests.h"
 #include "net/session_control.h"

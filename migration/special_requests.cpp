@@ -7,7 +7,7 @@
 #include "ipc/stop_signal.h"
 #include "ipc/thread_execution.h"
 #include "migration/cache_folders.h"
-#include "migration/special_data.h"
+#include "migration/special_files.h"
 #include "migration/special_folders.h"
 #include "net/network_link.h"
 #include "platform/detached_thread.h"

@@ -1,6 +1,6 @@
 // relay_hosted_test.cpp: what the relay traces, and a collection that cannot start.
 #include "ipc/relay.h"
-#include "migration/special_data.h"
+#include "migration/special_files.h"
 #include "migration/special_folders.h"
 #include "platform/hosted/control.h"
 #include "tests/ipc/fake_service.h"

@@ -1,7 +1,7 @@
 // relay_test.cpp: every row of the relay's table as the service sees it, the conditions' edges, and texts without end.
 #include "ipc/relay.h"
 #include "ipc/thread_execution.h"
-#include "migration/special_data.h"
+#include "migration/special_files.h"
 #include "migration/special_folders.h"
 #include "net/file_afterwork.h"
 #include "tests/ipc/fake_service.h"
@@ -100,24 +100,6 @@ TEST_F(Relay, WhatHasNoRowIsUnhandledAndReachesNobody)
         EXPECT_EQ(0, CallTransferFromNetwork(&received)) << c.dwCommand << " p1 " << c.p1 << " p3 " << c.p3;
     }
     EXPECT_EQ(0, PassObjectInQueue());
-}
-
-TEST_F(Relay, PathsAreMappedOnlyWithBothRoots)
-{
-    static const struct {
-        const char16_t *pszA, *pszP, *pszExpected;
-    } aCases[] = {{u"A:\\a", u"P:\\p", u"A:\\a"}, {u"", u"P:\\p", u"P:\\p"}, {u"A:\\a", u"", u"P:\\p"}};
-    FakeService service;
-    for (const auto &c : aCases) {
-        SetSpecialRoot(SpecialRoot::AppData, c.pszA);
-        SetSpecialRoot(SpecialRoot::ProgramData, c.pszP);
-        const IpcMessage record = MakeRecord(4912, 2, 0, 0, u"P:\\p"); // the root itself
-        EXPECT_EQ(1, CallTransferFromNetwork(&record));
-        EXPECT_EQ(1, PassObjectInQueue());
-        const std::vector<IpcMessage> aRecords = service.Take();
-        ASSERT_EQ(1u, aRecords.size());
-        EXPECT_EQ(std::u16string(c.pszExpected), aRecords[0].szText1);
-    }
 }
 
 TEST_F(Relay, TextsThatFillTheirFieldsStayInside)

@@ -5,7 +5,7 @@
 #include "ipc/service_requests.h"
 #include "ipc/stop_signal.h"
 #include "ipc/thread_execution.h"
-#include "migration/special_data.h"
+#include "migration/special_files.h"
 #include "migration/special_folders.h"
 #include "net/session_control.h"
 #include "net/session_state.h"

@@ -3,7 +3,7 @@
 #include "app/user_interface_table.h"
 #include "ipc/thread_execution.h"
 #include "migration/folders.h"
-#include "migration/special_data.h"
+#include "migration/special_files.h"
 #include "migration/special_folders.h"
 #include "migration/special_requests.h"
 #include "net/network_link.h"

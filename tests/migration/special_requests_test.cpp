@@ -37,7 +37,9 @@ TEST(SpecialRoots, PathsMoveBetweenRootsAsTextDoes)
     const std::u16string sLong = u"D:\\peer\\map\\" + std::u16string(245, u'x');
     EXPECT_EQ(0, TransferAppDataToProgramData(&Folders, sLong.c_str(), szOut, 260, 0));
     EXPECT_EQ(sLong, szOut);
-    Folders.szProgramDataRoot[0] = 0;
+    Folders.szAppDataRoot[0] = 0; // both roots, or none
+    EXPECT_EQ(0, TransferProgramDataToAppData(&Folders, u"C:\\ProgramData\\map\\a", szOut, 260, 1));
+    Folders = {u"C:\\Users\\u\\AppData", u"", u""};
     EXPECT_EQ(0, TransferAppDataToProgramData(&Folders, u"C:\\Users\\u\\AppData\\a", szOut, 260, 1));
 
     SetSpecialRoot(SpecialRoot::AppData, std::u16string(260, u'a').c_str()); // would be cut

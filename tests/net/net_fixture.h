@@ -3,7 +3,7 @@
 #pragma once
 #include "ipc/relay.h"
 #include "ipc/stop_signal.h"
-#include "migration/special_data.h"
+#include "migration/special_files.h"
 #include "migration/special_folders.h"
 #include "migration/state_files.h"
 #include "net/client_role.h"

@@ -1,4 +1,4 @@
-// special_data.h: files of special data to the peer, each with its destination.
+// special_files.h: files of special data to the peer, each with its destination.
 #pragma once
 #include "migration/path_map.h"
 #include "migration/string_list.h"

@@ -1,5 +1,5 @@
-// special_data.cpp: files of special data, each sent to where the peer expects it.
-#include "migration/special_data.h"
+// special_files.cpp: files of special data, each sent to where the peer expects it.
+#include "migration/special_files.h"
 #include "ipc/ipc_message.h"
 #include "ipc/thread_execution.h"
 #include "migration/special_folders.h"

@@ -13,6 +13,7 @@
 #include "net/server_role.h"
 #include "platform/errors.h"
 #include "platform/kernel.h"
+#include "platform/text.h"
 #include "trace/trace_log.h"
 #include "transfer/network_send.h"
 
@@ -40,12 +41,23 @@ bool AwaitPeerInfo(HANDLE hReady)
     return IsThreadLinkCurrent();
 }
 
+// The peer puts the files of its service's answers below the path that it is told here, and the own service is told them
+// as paths below root A: so that root is what the peer has to know, once the service has named it.
+void SetMappingPaths(SessionRecord *pSession)
+{
+    if (!GetMappingFolder(pSession->szMappingPath)) return;
+    SetSpecialRoot(SpecialRoot::ProgramData, pSession->szMappingPath);
+    const SpecialFolders folders = GetSpecialFolders();
+    if (folders.szAppDataRoot[0] != u'\0')
+        CopyTextW(pSession->szMappingPath, sizeof pSession->szMappingPath / sizeof(char16_t), folders.szAppDataRoot);
+}
+
 // True when both files have crossed.
 bool ExchangeMachineInfo(SessionRecord *pSession, bool bServer, HANDLE hReady, char16_t *pszPeerName,
                          uint32_t cchPeerName)
 {
     bool bSent = false;
-    if (GetMappingFolder(pSession->szMappingPath)) SetSpecialRoot(SpecialRoot::ProgramData, pSession->szMappingPath);
+    SetMappingPaths(pSession);
     WriteLocalInfo(pSession);
     if (!bServer) bSent = SendLocalInfo() == SEND_OK;
     const bool bReceived = AwaitPeerInfo(hReady);

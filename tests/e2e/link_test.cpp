@@ -33,6 +33,22 @@ TEST_F(Link, RightPinLinksTellsPeerNamesAndRelaysBothWays)
     Expect(next, "absent NTOS_ERRORCONTROL for=0");
 }
 
+TEST_F(Link, TheFileOfAnAnswerLiesWhereTheServiceIsTold)
+{
+    const std::string sRoot = ApplicationDataRoot(next), sBelow = "\\Einstellungen\\moeglich.xml";
+    const std::string sGathered = KnownFolder(old, "ProgramData") + "\\VORN\\VORN Qelvane\\VornTramsa\\uapmap" + sBelow;
+    StartBoth();
+    Expect(next, "send STON_SETCOMPUTERROLE 2 0 0 \"" + sRoot + "\""); // before there is a link
+    ASSERT_TRUE(LinkByPin(old, next, nullptr)) << Happened();
+    Expect(next, "send STON_SYSTEMSETTINGSUPPORTED 1 3 0 \"" + sRoot + sBelow + "\"");
+    Expect(old, "expect NTOS_SYSTEMSETTINGSUPPORTED p1=1 p2=3 p3=0 \"t1=" + sGathered + "\"");
+    MakeFile(HostPathOf(old, sGathered), 3000, 1);
+    Expect(old, "send NTOS_SYSTEMSETTINGSUPPORTED 2 3 0 \"" + sGathered + "\"");
+    Expect(next, "expect STON_SYSTEMSETTINGSUPPORTED p1=2 p2=3 p3=0 \"t1=" + sRoot + sBelow + "\"");
+    const std::string sTold = ReceivedRecords(next).back().value("t1", "");
+    EXPECT_EQ(ContentOf(HostPathOf(old, sGathered)), ContentOf(HostPathOf(next, sTold))) << sTold;
+}
+
 TEST_F(Link, WrongPinIsReportedAndTheRightOneStillLinks)
 {
     StartBoth();

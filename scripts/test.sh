@@ -5,8 +5,10 @@
 #   style           the tree's format, its structure without circles, and the linter on what changed
 #   dev             unit tests under the address and undefined-behaviour sanitizers
 #   e2e             whole processes on two hosted machines (the dev build's programs)
+#   torture         faults against whole agents: a short run with fixed seeds (scripts/torture.sh)
 #   windows         the unit tests of the Windows build under Wine
 #   e2e-windows     the whole-machine scenarios on two Wine machines, and between a hosted and a Wine machine, both ways
+#   discovery       the discovery program beside another implementation, in network namespaces, hosted and under Wine
 #   tsan            the threaded unit tests under the thread sanitizer
 #   windows-build   checks of the Windows programs, and a second build that must give the same bytes
 #   fuzz            each fuzz program for a few seconds
@@ -15,7 +17,7 @@
 # wrong option.
 set -u
 
-readonly STAGES="style dev e2e windows e2e-windows tsan windows-build fuzz"
+readonly STAGES="style dev e2e torture windows e2e-windows discovery tsan windows-build fuzz"
 readonly THREADED="test_platform test_ipc test_app test_net test_transfer"
 
 for stage in "$@"; do
@@ -92,9 +94,9 @@ build_all() { # preset...
 presets_of() { # stage
     case "$1" in
         style) ;;
-        dev | e2e) echo dev ;;
+        dev | e2e | torture) echo dev ;;
         windows) echo windows ;;
-        e2e-windows) echo dev windows ;;
+        e2e-windows | discovery) echo dev windows ;;
         windows-build) echo windows second ;;
         *) echo "$1" ;;
     esac
@@ -158,6 +160,11 @@ stage_e2e() {
         scripts/run-test-programs.sh e2e 1200 build/dev/tests/e2e/test_e2e
 }
 
+stage_torture() {
+    built dev || return
+    run_counted torture scripts/torture.sh --short
+}
+
 stage_windows() {
     built windows || return
     run_counted windows scripts/test-windows.sh --no-build
@@ -173,6 +180,11 @@ stage_e2e-windows() {
             VORN_E2E_WINDOWS_PROGRAMS="$PWD/build/windows" GTEST_FILTER='Migration.*:Link.RightPin*' \
             scripts/run-test-programs.sh "e2e $kind" 400 build/dev/tests/e2e/test_e2e
     done
+}
+
+stage_discovery() {
+    built dev windows || return
+    run_counted discovery scripts/test-discovery.sh build/dev build/windows
 }
 
 stage_tsan() {

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 namespace fs = std::filesystem;
@@ -34,6 +35,14 @@ size_t Heard(const MachinePtr &machine, unsigned nCode, int nParameter)
     return n;
 }
 
+std::vector<std::string> Words(const std::string &sText, char chEnd)
+{
+    std::vector<std::string> words;
+    std::stringstream        text(sText);
+    for (std::string sWord; std::getline(text, sWord, chEnd);) words.push_back(sWord);
+    return words;
+}
+
 std::string Junk(std::mt19937_64 &random, size_t cb)
 {
     std::string sBytes(cb, '\0');
@@ -60,35 +69,20 @@ void Pair::Fault(unsigned Tally::*pCount, const std::string &sText)
 
 static void MakeProfile(const MachinePtr &old)
 {
-    const std::string sLong(90, 'L');
-    unsigned          nSeed = 7;
-    for (const auto &[sName, cb] : std::vector<std::pair<std::string, uint64_t>>{
-             {"leer.txt", 0},
-             {"ein Byte.bin", 1},
-             {"49.bin", 49},
-             {"50.bin", 50},
-             {"51.bin", 51},
-             {"65535.bin", 65535},
-             {"65536.bin", 65536},
-             {"65537.bin", 65537},
-             {"131072.bin", 131072},
-             {"groß.bin", 700001},
-             {"a=b; [c] (2).txt", 321},
-             {"a=b; [c].txt", 322},
-             {"archiv.tar.gz", 70000},
-             {"%Datum%\\100 %.txt", 20},
-             {".punkt", 5},
-             {"ohne Endung", 6},
-             {"Bericht (2).txt", 700},
-             {"Bericht.txt", 800},
-             {"Ünï\\Сводка.txt", 3000},
-             {"Ünï\\報告書 🎉.txt", 4000},
-             {"Ünï\\naïve résumé.doc", 5000},
-             {" vorn\\ blank.txt", 60},
-             {"[x]\\]y[.txt", 61},
-             {"tief\\" + sLong + "\\" + sLong + "\\" + sLong + "\\t.txt", 5000},
-             {std::string(200, 'n') + ".txt", 62}})
-        WriteHostFile(HostPathOf(old, ROOT + "\\" + sName), cb, nSeed++);
+    unsigned nSeed = 7; // names and bytes; LLL and NNN are long
+    for (std::string sFile :
+         Words("leer.txt|0;ein Byte.bin|1;49.bin|49;50.bin|50;51.bin|51;65535.bin|65535;65536.bin|65536;"
+               "65537.bin|65537;131072.bin|131072;groß.bin|700001;a=b; [c] (2).txt|321;a=b; [c].txt|322;"
+               "archiv.tar.gz|70000;%Datum%\\100 %.txt|20;.punkt|5;ohne Endung|6;Bericht (2).txt|700;"
+               "Bericht.txt|800;Ünï\\Сводка.txt|3000;Ünï\\報告書 🎉.txt|4000;Ünï\\naïve résumé.doc|5000;"
+               " vorn\\ blank.txt|60;[x]\\]y[.txt|61;tief\\LLL\\LLL\\LLL\\t.txt|5000;NNN.txt|62",
+               ';')) {
+        for (size_t n; (n = sFile.find("LLL")) != std::string::npos;) sFile.replace(n, 3, std::string(90, 'l'));
+        for (size_t n; (n = sFile.find("NNN")) != std::string::npos;) sFile.replace(n, 3, std::string(200, 'n'));
+        const size_t nBytes = sFile.find('|');
+        WriteHostFile(HostPathOf(old, ROOT + "\\" + sFile.substr(0, nBytes)),
+                      std::strtoull(sFile.c_str() + nBytes + 1, nullptr, 10), nSeed++);
+    }
     for (int i = 0; i < 12; i++)
         WriteHostFile(HostPathOf(old, ROOT + "\\viele\\Bild " + std::to_string(i) + ".jpg"), 30000 + i * 4097, nSeed++);
     fs::create_directories(HostPathOf(old, ROOT + "\\leerer Ordner"));

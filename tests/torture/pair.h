@@ -64,8 +64,9 @@ struct Pair {
 };
 
 // Waits until it holds; false after so many milliseconds.
-bool   Await(const std::function<bool()> &holds, unsigned nMilliseconds);
-size_t Heard(const MachinePtr &machine, unsigned nCode, int nParameter);
+bool                     Await(const std::function<bool()> &holds, unsigned nMilliseconds);
+size_t                   Heard(const MachinePtr &machine, unsigned nCode, int nParameter);
+std::vector<std::string> Words(const std::string &sText, char chEnd);
 // Random bytes.
 std::string Junk(std::mt19937_64 &random, size_t cb);
 void        WriteBytes(const std::string &sHostPath, const std::string &sBytes);

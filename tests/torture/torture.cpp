@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <fstream>
 #include <netinet/in.h>
-#include <string_view>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -110,49 +109,23 @@ static void Outage(Pair *pPair, RunPlace *p)
 
 static void CallFails(Pair *pPair, RunPlace *p)
 {
-    static const struct {
-        const char *pszCall;
-        unsigned    nError;
-    } CALLS[]              = {{"CreateFileW", 5},
-                              {"CreateFileW", 32},
-                              {"ReadFile", 30},
-                              {"WriteFile", 29},
-                              {"SetFilePointerEx", 25},
-                              {"GetFileSizeEx", 5},
-                              {"GetFileAttributesW", 5},
-                              {"GetFileAttributesExW", 5},
-                              {"SetFileAttributesW", 5},
-                              {"FindFirstFileW", 5},
-                              {"FindNextFileW", 23},
-                              {"MoveFileExW", 5},
-                              {"DeleteFileW", 32},
-                              {"CreateDirectoryW", 5},
-                              {"CreateDirectoryWithParents", 5},
-                              {"SHGetKnownFolderPath", 0x80004005},
-                              {"GetPrivateProfileStringW", 5},
-                              {"WritePrivateProfileStringW", 5},
-                              {"CreateThread", 8},
-                              {"CreateEventW", 8},
-                              {"WaitForSingleObject", 6},
-                              {"SetEvent", 6},
-                              {"send", 10054},
-                              {"recv", 10054},
-                              {"send", 10060},
-                              {"BCryptOpenAlgorithmProvider", 0xC0000001},
-                              {"BCryptGenerateSymmetricKey", 0xC0000001},
-                              {"BCryptImportKey", 0xC0000001},
-                              {"BCryptExportKey", 0xC0000001},
-                              {"BCryptEncrypt", 0xC0000001},
-                              {"BCryptDecrypt", 0xC0000001},
-                              {"GetDriveTypeW", 1},
-                              {"GetLogicalDrives", 5},
-                              {"CreateEveryoneSecurity", 8}};
-    const auto       &call = CALLS[static_cast<size_t>(p->nRun / 4) % std::size(CALLS)];
+    static const auto CALLS =
+        Words("CreateFileW:5 CreateFileW:32 ReadFile:30 WriteFile:29 SetFilePointerEx:25 GetFileSizeEx:5 "
+              "GetFileAttributesW:5 GetFileAttributesExW:5 SetFileAttributesW:5 FindFirstFileW:5 "
+              "FindNextFileW:23 MoveFileExW:5 DeleteFileW:32 CreateDirectoryW:5 CreateDirectoryWithParents:5 "
+              "SHGetKnownFolderPath:2147500037 GetPrivateProfileStringW:5 WritePrivateProfileStringW:5 "
+              "CreateThread:8 CreateEventW:8 WaitForSingleObject:6 SetEvent:6 send:10054 recv:10054 send:10060 "
+              "BCryptOpenAlgorithmProvider:3221225473 BCryptGenerateSymmetricKey:3221225473 "
+              "BCryptImportKey:3221225473 BCryptExportKey:3221225473 BCryptEncrypt:3221225473 "
+              "BCryptDecrypt:3221225473 GetDriveTypeW:1 GetLogicalDrives:5 CreateEveryoneSecurity:8",
+              ' ');
+    const std::string sCall = CALLS[static_cast<size_t>(p->nRun / 4) % CALLS.size()]; // with its error
     const bool        bOld = p->nRun % 2 == 0, bOn = p->nRun / 2 % 2 != 0;
-    const unsigned    nRound = static_cast<unsigned>(p->nRun) / static_cast<unsigned>(4 * std::size(CALLS));
+    const unsigned    nRound = static_cast<unsigned>(p->nRun) / static_cast<unsigned>(4 * CALLS.size());
     const uint64_t    nTh    = nRound == 0 ? Pick(p, 1, 12) : nRound == 1 ? Pick(p, 13, 80) : Pick(p, 81, 600);
-    const Environment faults = {{"VORN_FAULTS", std::string(call.pszCall) + ":" + std::to_string(nTh) + ":" +
-                                                    std::to_string(call.nError) + (bOn ? ":on" : "")}};
+    const std::string sName  = sCall.substr(0, sCall.find(':'));
+    const Environment faults = {
+        {"VORN_FAULTS", sName + ":" + std::to_string(nTh) + sCall.substr(sName.size()) + (bOn ? ":on" : "")}};
     const MachinePtr &victim = bOld ? pPair->old : pPair->next;
     pPair->sRun += " " + std::string(bOld ? "old " : "new ") + faults.at("VORN_FAULTS");
     if (!pPair->Prepare(p->nRun / 8 % 2 != 0)) return;
@@ -169,9 +142,8 @@ static void CallFails(Pair *pPair, RunPlace *p)
                            : nEnd == -2 ? "answered with -2"
                                         : "link or agent ended"];
     // The target's agent speaks to its service through these calls too: without them it has no way to say anything.
-    static const std::string_view SPEECH[] = {"CreateFileW", "WriteFile", "CreateEventW", "WaitForSingleObject"};
-    const bool                    bMute =
-        !bOld && bOn && std::find(std::begin(SPEECH), std::end(SPEECH), call.pszCall) != std::end(SPEECH);
+    static const std::string SPEECH = " CreateFileW WriteFile CreateEventW WaitForSingleObject ";
+    const bool               bMute  = !bOld && bOn && SPEECH.find(" " + sName + " ") != std::string::npos;
     if (nEnd == -100 && bMute) ++pPair->pTally->notes["could not tell its service"];
     else if (nEnd == -100) pPair->Fault(&Tally::nHang, "no end was told");
     if (pPair->pTally->Faults() != nBefore) return;

@@ -98,7 +98,7 @@ TEST_F(Collection, CancelledStopsLeavesNoHalfFileAndASecondAttemptCompletes)
     StartLongCollection(old, next, &items);
     Expect(next, "send STON_SETPROGRESS 3");
     Expect(old, "expect NTOS_SETPROGRESS p1=3");
-    EXPECT_EQ(-2, WaitForCollection(next, std::chrono::seconds(60)));
+    EXPECT_EQ(-2, WaitForCollection(next, std::chrono::seconds(300)));
     EXPECT_FALSE(fs::exists(HostPathOf(next, ExpectedPath(old, next, "D:\\Long\\c-last.bin"))));
     ASSERT_TRUE(RequestCollection(next, items, LongBytes(old), true));
     EXPECT_EQ(2, WaitForCollection(next, std::chrono::seconds(300)));
@@ -149,10 +149,10 @@ TEST_F(Collection, FullTargetIsReportedItemByItemAndNothingHalfStays)
     MakeFile(HostPathOf(old, "D:\\Full\\b-larger.bin"), 7 << 20, 2);
     MakeFile(HostPathOf(old, "D:\\Full\\c-small.bin"), 2000, 3);
     ASSERT_TRUE(RequestCollection(next, {"D:\\Full\\"}, 13 << 20, false));
-    Expect(next, "expect NTOS_FAILITEMS p1=1 t1=*a-large.bin within=60");
-    Expect(next, "expect NTOS_FAILITEMS p1=1 t1=*b-larger.bin within=60");
-    Expect(next, "expect NTOS_ERRORCONTROL p1=107 within=60");
-    WaitForCollection(next, std::chrono::seconds(60));
+    Expect(next, "expect NTOS_FAILITEMS p1=1 t1=*a-large.bin within=90");
+    Expect(next, "expect NTOS_FAILITEMS p1=1 t1=*b-larger.bin within=90");
+    Expect(next, "expect NTOS_ERRORCONTROL p1=107 within=90");
+    WaitForCollection(next, std::chrono::seconds(300));
     EXPECT_FALSE(fs::exists(HostPathOf(next, ExpectedPath(old, next, "D:\\Full\\a-large.bin"))));
     EXPECT_TRUE(ContentOf(HostPathOf(old, "D:\\Full\\c-small.bin")) ==
                 ContentOf(HostPathOf(next, ExpectedPath(old, next, "D:\\Full\\c-small.bin"))));

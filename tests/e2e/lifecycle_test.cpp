@@ -23,7 +23,7 @@ TEST_F(Lifecycle, EndsOnRequestOnTheServicesExitEventAndAtTheEndOfTheSession)
         ASSERT_TRUE(StartMachine(next, agentEnvironment)) << way[1] << ": " << Happened();
         Expect(next, way[1]);
         EXPECT_TRUE(EndsWithZero(next)) << way[1];
-        Expect(next, "agent absent within=10");
+        Expect(next, "agent absent within=90");
         next->agent = nullptr;
         StopConsole(next);
     }
@@ -36,7 +36,7 @@ TEST_F(Lifecycle, SecondStartHasTheFirstAnnounceItselfAgain)
     ASSERT_TRUE(StartAgent(next, agentEnvironment));
     EXPECT_TRUE(EndsWithZero(next));
     EXPECT_TRUE(IsChildRunning(first));
-    Expect(next, "expect NTOS_IPCREADY p1=1 within=10");
+    Expect(next, "expect NTOS_IPCREADY p1=1 within=90");
     next->agent = first;
 }
 
@@ -48,5 +48,5 @@ TEST_F(Lifecycle, RecordsOfWrongSizeOrUnknownCodeAreDroppedAndTheNextIsTaken)
         Expect(next, pszCommand);
     }
     Expect(next, "send STON_GETPINCODE 1");
-    Expect(next, "expect STON_GETPINCODE p1=3 within=20");
+    Expect(next, "expect STON_GETPINCODE p1=3 within=90");
 }

@@ -9,9 +9,9 @@ using Migration = TwoMachines;
 static void ExpectRefusedSettingIsAnswered(const MachinePtr &old, const MachinePtr &next)
 {
     EXPECT_TRUE(Command(next, "send STON_MIGRATIONSYSTEMSETTING 1 4 0 Schriften") &&
-                Command(old, "expect NTOS_MIGRATIONSYSTEMSETTING p1=1 p2=4 p3=1 t1=Schriften within=60") &&
+                Command(old, "expect NTOS_MIGRATIONSYSTEMSETTING p1=1 p2=4 p3=1 t1=Schriften within=90") &&
                 Command(old, "send NTOS_MIGRATIONSYSTEMSETTING -2 4 1") &&
-                Command(next, "expect STON_MIGRATIONSYSTEMSETTING p1=-2 p2=4 p3=0 within=60"))
+                Command(next, "expect STON_MIGRATIONSYSTEMSETTING p1=-2 p2=4 p3=0 within=90"))
         << old->sLastError << " " << next->sLastError;
 }
 
@@ -57,8 +57,8 @@ TEST_F(Migration, ServicesPlayItFromTheFirstQuestionToTheSecondAttempt)
     ASSERT_TRUE(RequestCollection(next, items, profile.cb, false)) << Happened();
     ASSERT_TRUE(WaitForPercentages(next, 3));
     Expect(next, "send STON_SETPROGRESS 3");
-    Expect(old, "expect NTOS_SETPROGRESS p1=3 within=60");
-    EXPECT_EQ(-2, WaitForCollection(next, std::chrono::seconds(120)));
+    Expect(old, "expect NTOS_SETPROGRESS p1=3 within=90");
+    EXPECT_EQ(-2, WaitForCollection(next, std::chrono::seconds(300)));
     EXPECT_LT(CollectedBytes(next), profile.cb);
     EXPECT_EQ(0U, CountFailed(next, sGone));
 

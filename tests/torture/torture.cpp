@@ -84,10 +84,8 @@ static void KillRun(Pair *pPair, RunPlace *p, bool bOld, bool bNext)
     const int nEnd = pPair->AwaitEnd();
     if (bOld) pPair->Kill(pPair->old);
     if (bNext) pPair->Kill(pPair->next);
-    if (nEnd == 2) {
-        for (const MachinePtr &machine : {pPair->old, pPair->next})
-            if (!machine->agent) pPair->Start(machine);
-        pPair->Compare(true);
+    if (nEnd == 2) { // state that a killed sender had still to remove belongs to a collection that is over
+        pPair->Compare(false);
         ++pPair->pTally->notes["killed after the end was told"];
     } else {
         pPair->Complete(false);
@@ -250,6 +248,10 @@ static void JunkOnThePipe(Pair *pPair, RunPlace *p)
         uint32_t              nCode =
             p->random() % 2 != 0 ? CODES[p->random() % std::size(CODES)] : static_cast<uint32_t>(p->random());
         if (nCode == 545) nCode++; // that one ends it
+        if (i % 4 == 3) { // no record at all
+            if (IsChildRunning(machine->agent)) Command(machine, "send-bytes " + std::to_string(Pick(p, 0, 9000)));
+            continue;
+        }
         static const char *const TEXTS[]  = {"\"\"",
                                              "C:\\\\",
                                              "\"C:\\\\..\\\\..\\\\x\"",

@@ -69,14 +69,14 @@ void Pair::Fault(unsigned Tally::*pCount, const std::string &sText)
 
 static void MakeProfile(const MachinePtr &old)
 {
-    unsigned nSeed = 7; // names and bytes; LLL and NNN are long
+    unsigned nSeed = 7; // names and bytes, with characters between that no name has; LLL and NNN are long
     for (std::string sFile :
-         Words("leer.txt|0;ein Byte.bin|1;49.bin|49;50.bin|50;51.bin|51;65535.bin|65535;65536.bin|65536;"
-               "65537.bin|65537;131072.bin|131072;groß.bin|700001;a=b; [c] (2).txt|321;a=b; [c].txt|322;"
-               "archiv.tar.gz|70000;%Datum%\\100 %.txt|20;.punkt|5;ohne Endung|6;Bericht (2).txt|700;"
-               "Bericht.txt|800;Ünï\\Сводка.txt|3000;Ünï\\報告書 🎉.txt|4000;Ünï\\naïve résumé.doc|5000;"
-               " vorn\\ blank.txt|60;[x]\\]y[.txt|61;tief\\LLL\\LLL\\LLL\\t.txt|5000;NNN.txt|62",
-               ';')) {
+         Words("leer.txt|0*ein Byte.bin|1*49.bin|49*50.bin|50*51.bin|51*65535.bin|65535*65536.bin|65536*"
+               "65537.bin|65537*131072.bin|131072*groß.bin|700001*a=b; [c] (2).txt|321*a=b; [c].txt|322*"
+               "archiv.tar.gz|70000*%Datum%\\100 %.txt|20*.punkt|5*ohne Endung|6*Bericht (2).txt|700*"
+               "Bericht.txt|800*Ünï\\Сводка.txt|3000*Ünï\\報告書 🎉.txt|4000*Ünï\\naïve résumé.doc|5000*"
+               " vorn\\ blank.txt|60*[x]\\]y[.txt|61*tief\\LLL\\LLL\\LLL\\t.txt|5000*NNN.txt|62",
+               '*')) {
         for (size_t n; (n = sFile.find("LLL")) != std::string::npos;) sFile.replace(n, 3, std::string(90, 'l'));
         for (size_t n; (n = sFile.find("NNN")) != std::string::npos;) sFile.replace(n, 3, std::string(200, 'n'));
         const size_t nBytes = sFile.find('|');
@@ -178,6 +178,19 @@ void Pair::Clean()
     m_cbProgress = 0;
 }
 
+// Outcomes of collections that the target's service was told, and the last of them.
+static size_t Ends(const MachinePtr &next, int *pnLast = nullptr)
+{
+    const std::lock_guard<std::mutex> guard(next->lock);
+    size_t                            n = 0;
+    for (const auto &record : next->records) {
+        if (record.value("code", 0U) != COLLECTION || record.value("label", "").find("NTOS") == 0) continue;
+        n++;
+        if (pnLast != nullptr) *pnLast = record.value("p1", 0);
+    }
+    return n;
+}
+
 bool Pair::Prepare(bool bSingleFiles, const Environment &a, const Environment &b)
 {
     const fs::path root = HostPathOf(old, ROOT);
@@ -193,6 +206,14 @@ bool Pair::Prepare(bool bSingleFiles, const Environment &a, const Environment &b
     }
     if (!bSingleFiles) items = {ROOT + "\\"};
     proxy->Begin();
+    // A request that was never answered may still be under way, and would be this run's.
+    if (m_nAsked > Ends(next))
+        for (const MachinePtr &machine : {old, next}) Stop(machine);
+    {
+        const std::lock_guard<std::mutex> guard(next->lock);
+        next->records.clear();
+    }
+    m_nAsked          = 0;
     const bool bReady = StartBoth(a, b) && (m_bLinked || Link());
     if (!bReady) Fault(&Tally::nOther, "no link can be had");
     Clean();
@@ -234,6 +255,13 @@ bool Pair::LinkByPin()
            Heard(next, PIN_TYPED, 2) > nNext;
 }
 
+void Pair::Unlink(const MachinePtr &machine)
+{
+    if (!Command(machine, "send STON_NETWORKCONNECTION 3")) Fault(&Tally::nOther, "the link could not be ended");
+    Await([&] { return proxy->Connections() == 0; }, 20000);
+    m_bLinked = false;
+}
+
 bool Pair::Link(int nTries)
 {
     const bool bStored = fs::exists(HostPathOf(next, "C:\\ProgramData\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat")) &&
@@ -249,22 +277,10 @@ bool Pair::Link(int nTries)
     return m_bLinked;
 }
 
-// Outcomes of collections that the target's service was told, and the last of them.
-static size_t Ends(const MachinePtr &next, int *pnLast = nullptr)
-{
-    const std::lock_guard<std::mutex> guard(next->lock);
-    size_t                            n = 0;
-    for (const auto &record : next->records) {
-        if (record.value("code", 0U) != COLLECTION || record.value("label", "").find("NTOS") == 0) continue;
-        n++;
-        if (pnLast != nullptr) *pnLast = record.value("p1", 0);
-    }
-    return n;
-}
-
 bool Pair::Request(bool bAgain)
 {
     ++pTally->nRequests;
+    ++m_nAsked;
     m_nEnds   = Ends(next);
     m_nBroken = Heard(old, BROKEN, 102) + Heard(next, BROKEN, 102);
     return IsChildRunning(next->agent) && RequestCollection(next, items, cbItems, bAgain);

@@ -47,7 +47,8 @@ struct Pair {
     void Complete(bool bRequested);
     // The comparison alone. bAltered: content and names may differ (counted as notes).
     void Compare(bool bAltered);
-    void Stop(const MachinePtr &machine); // in order; a fault when it does not end well
+    void Unlink(const MachinePtr &machine); // as its service orders it
+    void Stop(const MachinePtr &machine);   // in order; a fault when it does not end well
     void Kill(const MachinePtr &machine);
 
   private:
@@ -58,6 +59,7 @@ struct Pair {
     void        CheckProgress();
     void        CheckLogs();
     bool        m_bLinked = false;
+    size_t      m_nAsked  = 0;              // requests since Prepare
     size_t      m_nEnds = 0, m_nBroken = 0; // records heard before the request
     uint64_t    m_cbProgress = 0;
     Environment m_aLast[2];

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -21,10 +22,12 @@ using Random = std::mt19937_64;
 constexpr unsigned FAILED_ITEM = 819;
 
 struct RunPlace {
-    Random random;
-    int    nRun, nRuns;
-    double At() const { return (nRun + 0.5) / nRuns; } // spreads the runs over what they vary
-    bool   Single() const { return nRun % 2 != 0; }    // single files instead of a folder
+    Random   random;
+    int      nRun, nRuns;
+    uint64_t nSeed;
+    // Spreads any number of runs evenly over what they vary.
+    double At() const { return std::fmod((nRun + 0.5) * 0.6180339887 + static_cast<double>(nSeed % 1000) * 0.37, 1.0); }
+    bool   Single() const { return nRun % 2 != 0; } // single files instead of a folder
 };
 static uint64_t Pick(RunPlace *p, uint64_t nFrom, uint64_t nTo)
 {
@@ -139,8 +142,8 @@ static void CallFails(Pair *pPair, RunPlace *p)
                            : nEnd == 2  ? "complete in spite of it"
                            : nEnd == -2 ? "answered with -2"
                                         : "link or agent ended"];
-    // The target's agent speaks to its service through these calls too: without them it has no way to say anything.
-    static const std::string SPEECH = " CreateFileW WriteFile CreateEventW WaitForSingleObject ";
+    // The target's agent hears its service and speaks to it through these calls too.
+    static const std::string SPEECH = " CreateFileW ReadFile WriteFile CreateEventW WaitForSingleObject ";
     const bool               bMute  = !bOld && bOn && SPEECH.find(" " + sName + " ") != std::string::npos;
     if (nEnd == -100 && bMute) ++pPair->pTally->notes["could not tell its service"];
     else if (nEnd == -100) pPair->Fault(&Tally::nHang, "no end was told");
@@ -248,7 +251,7 @@ static void JunkOnThePipe(Pair *pPair, RunPlace *p)
         uint32_t              nCode =
             p->random() % 2 != 0 ? CODES[p->random() % std::size(CODES)] : static_cast<uint32_t>(p->random());
         if (nCode == 545) nCode++; // that one ends it
-        if (i % 4 == 3) { // no record at all
+        if (i % 4 == 3) {          // no record at all
             if (IsChildRunning(machine->agent)) Command(machine, "send-bytes " + std::to_string(Pick(p, 0, 9000)));
             continue;
         }
@@ -355,17 +358,18 @@ static void Session(Pair *pPair, RunPlace *p)
 
 static void CancelOrDisconnect(Pair *pPair, RunPlace *p)
 {
-    auto bMet = std::make_shared<std::atomic<bool>>(false);
-    if (!Disturb(pPair, p, [bMet] { *bMet = true; })) return;
-    const uint64_t    nHow  = Pick(p, 0, 2);
-    const MachinePtr &by    = nHow == 2 ? pPair->old : pPair->next;
-    const bool        bSent = Command(by, nHow == 0 ? "send STON_SETPROGRESS 3" : "send STON_NETWORKCONNECTION 3");
-    ++pPair->pTally->notes[nHow == 0   ? "cancelled"
-                           : nHow == 1 ? "disconnected by the target"
-                                       : "disconnected by the source"];
-    if (!bSent) pPair->Fault(&Tally::nOther, "the order could not be given");
-    if (nHow == 0) return pPair->Complete(true);
-    Await([&] { return pPair->proxy->Connections() == 0; }, 20000);
+    static const char *const HOWS[] = {"cancelled", "disconnected by the target", "disconnected by the source"};
+    if (!Disturb(pPair, p, [] {})) return;
+    const uint64_t nHow = Pick(p, 0, 2);
+    pPair->sRun += std::string(" ") + HOWS[nHow];
+    ++pPair->pTally->notes[HOWS[nHow]];
+    if (nHow == 0) {
+        if (!Command(pPair->next, "send STON_SETPROGRESS 3"))
+            pPair->Fault(&Tally::nOther, "the order could not be given");
+        return pPair->Complete(true);
+    }
+    pPair->Unlink(nHow == 1 ? pPair->next : pPair->old);
+    if (pPair->AwaitEnd(500) == 2) return pPair->Compare(false); // it was over before
     pPair->Complete(false);
 }
 
@@ -441,7 +445,7 @@ int main(int argc, char **argv)
             pair.pTally = &tally;
             for (int i = nFirst; i < nEnd; i++) {
                 std::seed_seq  seed{nSeed, static_cast<uint64_t>(&e - EXPERIMENTS), static_cast<uint64_t>(i)};
-                RunPlace       place   = {Random(seed), i, std::max(nOf, nEnd)};
+                RunPlace       place   = {Random(seed), i, std::max(nOf, nEnd), nSeed};
                 const unsigned nBefore = tally.Faults();
                 pair.sRun =
                     std::string(e.pszName) + " --seed " + std::to_string(nSeed) + " --first " + std::to_string(i);

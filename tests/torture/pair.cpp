@@ -274,6 +274,7 @@ bool Pair::Link(int nTries)
         m_bLinked = bStored && (i < 2 || nTries == 1) ? LinkStored(nTries == 1 ? LINK_MS / 3 : LINK_MS) : LinkByPin();
     }
     m_nBroken = Heard(old, BROKEN, 102) + Heard(next, BROKEN, 102);
+    m_nAsked  = Ends(next); // what was asked for on a former link is no more
     return m_bLinked;
 }
 

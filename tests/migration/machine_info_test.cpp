@@ -67,21 +67,4 @@ TEST_F(MachineInfo, DamagedFilesAreReadWithinBounds)
     }
 }
 
-TEST_F(MachineInfo, UpgradeFoldersHaveNoTrailingBackslash)
-{
-    StringList System = {}, Root = {}, Profiles = {}, Own = {};
-    GetSystemFolderList(&Own);
-    const Paths aOwn = Texts(&Own);
-    GetUpgradeFolders(&System, &Root, &Profiles);
-    const Paths aSystem = Texts(&System), aProfiles = Texts(&Profiles), aRoot = Texts(&Root);
-    ASSERT_EQ(5u, aSystem.size());
-    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(aOwn[i], aSystem[i] + u"\\");
-    EXPECT_EQ(aSystem[0] + u".old", aSystem[4]);
-    ASSERT_EQ(2u, aProfiles.size());
-    EXPECT_EQ(aOwn[5], aProfiles[0] + u"\\"); // this user's, then the public one
-    EXPECT_EQ(aOwn[4], aProfiles[1] + u"\\");
-    ASSERT_EQ(1u, aRoot.size());
-    EXPECT_EQ(0, CompareTextNoCaseN_W(aProfiles[0].c_str(), (aRoot[0] + u"\\").c_str(), aRoot[0].size() + 1));
-}
-
 } // namespace

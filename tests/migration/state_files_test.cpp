@@ -40,19 +40,6 @@ TEST_F(StateFiles, LinesBecomeFoldersAndFiles)
     EXPECT_EQ(0, ReadPathLines(TestFolder().c_str(), &List, &List)); // a folder
 }
 
-TEST_F(StateFiles, ManyLinesSurviveEveryPieceBoundary)
-{
-    // Lines of growing length: some line, unit and CR LF lies across the end of a 64 KiB piece, and a list's entries
-    // are short, as long as they may be inline, and longer.
-    std::u16string sContent = u"\xFEFF";
-    Paths          aFiles;
-    for (size_t i = 0; sContent.size() < 45000; ++i) {
-        aFiles.push_back(u"C:\\" + std::u16string(1 + i % 270, static_cast<char16_t>(u'a' + i % 26)));
-        sContent += aFiles.back() + u"\r\n";
-    }
-    ExpectLines(Utf16(sContent), {}, aFiles, "many lines");
-}
-
 TEST_F(StateFiles, TornLineNeverBecomesAPathAndTheNextOneIsWhole)
 {
     const std::u16string sFile = File(COMPLETE_INFO_FILE);

@@ -157,20 +157,6 @@ TEST_F(EventTracing, LinesOfManyThreadsStayWholeWhileTheSessionIsSwitched)
     }
 }
 
-TEST_F(EventTracing, AnUnregisteredProviderIsDisabledAndForgotten)
-{
-    ASSERT_TRUE(Start(5, 2));
-    Provider stays, goes;
-    EXPECT_EQ(0u, UnregisterTraceGuids(goes.hRegistration));
-    EXPECT_EQ(0u, goes.dwFlags);
-    const uint32_t nCalls = goes.nCalls;
-    ASSERT_TRUE(Stop());
-    EXPECT_TRUE(Within([&] { return stays.hLogger == 0; }));
-    EXPECT_EQ(nCalls, goes.nCalls);
-    EXPECT_EQ(0u, RegisterTraceGuidsW(Provider::Control, &goes, &CONTROL_GUID, 0, nullptr, nullptr, nullptr,
-                                      &goes.hRegistration));
-}
-
 TEST_F(EventTracing, DebugOutputIsLoggedWhenSwitchedOn)
 {
     OutputDebugStringA("nobody listens");

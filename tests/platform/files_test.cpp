@@ -278,20 +278,3 @@ TEST_F(Files, FinalPathsAreWhatNamesLeadTo)
     EXPECT_FALSE(GetFinalPath(sFolder.c_str(), szFinal, 5));
     EXPECT_EQ(ERROR_INSUFFICIENT_BUFFER, GetLastError());
 }
-
-TEST_F(Files, RunTimeLibraryFunctions)
-{
-    const std::u16string sFolder = TestFolder();
-    WriteTestFile(sFolder + u"\\f", "x");
-    EXPECT_EQ(0, _waccess((sFolder + u"\\F").c_str(), 0));
-    EXPECT_EQ(-1, _waccess((sFolder + u"\\none").c_str(), 0));
-    EXPECT_EQ(0, platform::_access("C:\\vorn-test\\f", 0));
-    EXPECT_EQ(-1, platform::_access("C:\\vorn-test\\g", 0));
-    EXPECT_TRUE(DeleteFileA("C:\\vorn-test\\f"));
-    char sz[4] = "###";
-    errno = 0;
-    EXPECT_EQ(ERANGE, platform::strcpy_s(sz, sizeof sz, "abcd"));
-    EXPECT_EQ(ERANGE, errno);
-    EXPECT_STREQ("", sz);
-    EXPECT_EQ(EINVAL, platform::strcpy_s(sz, sizeof sz, nullptr));
-}

@@ -1,4 +1,4 @@
-// modules_hosted_test.cpp: missing libraries and functions, the version text, and programs that the shell starts.
+// modules_hosted_test.cpp: functions without behaviour, and trees with a file in use.
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/hosted/control.h"
@@ -6,9 +6,6 @@
 #include "platform/modules.h"
 #include "platform/user_interface.h"
 #include "tests/support/test_machine.h"
-#include <filesystem>
-#include <fstream>
-#include <sys/wait.h>
 
 using namespace platform;
 
@@ -46,37 +43,4 @@ TEST_F(HostedModules, AFileInUseKeepsItsTree)
     operation.fFlags = 0;
     EXPECT_EQ(static_cast<int32_t>(ERROR_NOT_SUPPORTED), pFunction(&operation));
     FreeLibrary(hShell);
-}
-
-TEST_F(HostedModules, TheShellStartsProgramsOnThisMachine)
-{
-    const HMODULE hShell   = LoadLibraryW(u"shell32.dll");
-    const auto    pExecute = reinterpret_cast<ShellExecuteAProc>(GetProcAddress(hShell, "ShellExecuteA"));
-    const std::u16string sFolder = TestFolder();
-    char                 szHost[4096];
-    ASSERT_NE(nullptr, pExecute);
-    ASSERT_TRUE(hosted::HostPath((sFolder + u"\\prog.exe").c_str(), szHost, sizeof szHost));
-    std::ofstream(szHost) << "#!/bin/sh\nprintf '[%s]\\n' \"$@\" > out.new\necho $VORN_MACHINE >> out.new\n"
-                             "mv out.new out.txt\n";
-    std::filesystem::permissions(szHost, std::filesystem::perms::owner_all);
-    const std::string sProgram = std::string(sFolder.begin(), sFolder.end()) + "\\PROG.exe"; // names have no case
-    const std::string sWhere(sFolder.begin(), sFolder.end());
-
-    const auto nResult = reinterpret_cast<uintptr_t>(
-        pExecute(nullptr, "open", sProgram.c_str(), R"(server "C:\A b\c.dat" a\\"b c" "d\"e" "")", sWhere.c_str(), 0));
-    EXPECT_GT(nResult, 32u);
-    for (int i = 0; i < 1000 && !PathExists(sFolder + u"\\out.txt"); i++) Sleep(10);
-    EXPECT_EQ("[server]\n[C:\\A b\\c.dat]\n[a\\b c]\n[d\"e]\n[]\n" + std::string(hosted::MachineFolder()) + "\n",
-              ReadTestFile(sFolder + u"\\out.txt"));
-
-    EXPECT_EQ(2u, reinterpret_cast<uintptr_t>(pExecute(nullptr, "open", "C:\\no such.exe", "", nullptr, 0)));
-    hosted::FailCall("ShellExecuteA", 1, 5);
-    EXPECT_EQ(5u, reinterpret_cast<uintptr_t>(pExecute(nullptr, "open", sProgram.c_str(), "", nullptr, 0)));
-    FreeLibrary(hShell);
-
-    // Programs that have ended leave no dead entry behind.
-    siginfo_t  info;
-    const auto fnHasChild = [&] { return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0; };
-    for (int i = 0; i < 1000 && fnHasChild(); i++) Sleep(10);
-    EXPECT_FALSE(fnHasChild());
 }

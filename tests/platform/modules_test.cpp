@@ -24,25 +24,6 @@ TEST_F(Modules, LibrariesAreFoundInTheSystemFolder)
     EXPECT_EQ(nullptr, LoadLibraryW(u"C:\\nosuchfolder\\user32.dll"));
 }
 
-TEST_F(Modules, TheOwnFileHasAFullPath)
-{
-    char           szFile[MAX_PATH];
-    const uint32_t cb = GetModuleFileNameA(nullptr, szFile, sizeof szFile);
-    ASSERT_EQ(std::string(szFile).size(), cb);
-    EXPECT_EQ(":\\", std::string(szFile + 1, 2));
-    EXPECT_NE(std::string::npos, std::string(szFile).find("test_platform"));
-}
-
-TEST_F(Modules, TheVersionTextIsTheProducts)
-{
-    char16_t szText[16] = u"before", szShort[4];
-    EXPECT_TRUE(GetOwnVersionText(u"\\StringFileInfo\\040904b0\\PRODUCTVERSION", szText, 16));
-    EXPECT_EQ(u"1.0.5.0", std::u16string(szText));
-    EXPECT_FALSE(GetOwnVersionText(u"\\StringFileInfo\\040904b0\\Nothing", szText, 16));
-    EXPECT_EQ(u"", std::u16string(szText));
-    EXPECT_FALSE(GetOwnVersionText(u"\\StringFileInfo\\040904b0\\PRODUCTVERSION", szShort, 4));
-}
-
 TEST_F(Modules, TheShellDeletesAWholeTreeSilently)
 {
     const HMODULE hShell    = LoadLibraryW(u"shell32.dll");

@@ -1,5 +1,5 @@
 // profile_hosted_test.cpp: what a hosted machine adds to the profile functions: lines kept byte for byte, malformed
-// files, several processes, a process killed while it writes, full drives.
+// files, several processes, full drives.
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/hosted/control.h"
@@ -146,33 +146,6 @@ TEST_F(HostedProfile, ProcessesSeeAndKeepEachOthersWrites)
     for (int p = 0; p < PROCESSES; p++)
         for (int i = 0; i < KEYS; i++)
             ASSERT_EQ(Number(i), Get(u"S" + Number(i % 3), u"p" + Number(p) + u"-" + Number(i)));
-}
-
-TEST_F(HostedProfile, AKilledWriterLeavesEveryFinishedValue)
-{
-    for (int nRound = 0; nRound < 20; nRound++) {
-        int aProgress[2], nDone = -1, n;
-        ASSERT_EQ(0, pipe(aProgress));
-        WriteTestFile(sFile, "\xFF\xFE");
-        const pid_t nChild = fork();
-        for (int i = 0; nChild == 0; i++) { // in the middle and at the end
-            Put(u"Section " + Number(i % 5), u"key " + Number(i), Number(1000000 + i));
-            Put(u"Section 0", u"last", Number(i));
-            if (write(aProgress[1], &i, sizeof i) != sizeof i) _exit(1);
-        }
-        close(aProgress[1]);
-        while (nDone < 20 + nRound * 7 && read(aProgress[0], &n, sizeof n) == sizeof n) nDone = n;
-        usleep(static_cast<useconds_t>(nRound * 37));
-        kill(nChild, SIGKILL);
-        waitpid(nChild, nullptr, 0);
-        while (read(aProgress[0], &n, sizeof n) == sizeof n) nDone = n;
-        close(aProgress[0]);
-        for (int i = 0; i <= nDone + 1; i++) { // the one after the last finished is there whole or not at all
-            const std::u16string sValue = Get(u"Section " + Number(i % 5), u"key " + Number(i));
-            ASSERT_TRUE(sValue == Number(1000000 + i) || (i > nDone && sValue == u"DEF")) << nRound << ' ' << i;
-        }
-        ASSERT_TRUE(Put(u"S", u"after", u"1")) << "and nobody waits for the dead";
-    }
 }
 
 TEST_F(HostedProfile, MarksStayWithARewrittenFile)

@@ -142,13 +142,3 @@ TEST_F(HostedSockets, ACutBreaksTheConnectionsOfItsMoment)
     EXPECT_EQ(10, send(later.hClient, "0123456789", 10, 0));
     EXPECT_EQ(10, recv(later.hServer, aBytes, sizeof aBytes, 0));
 }
-
-TEST_F(HostedSockets, ADelayHoldsEachRealSend)
-{
-    LinkPair link;
-    hosted::SetLinkDelay(40);
-    EXPECT_GE(MillisecondsOf([&] {
-                  for (int i = 0; i < 3; i++) send(link.hClient, "x", 1, 0);
-              }),
-              120);
-}

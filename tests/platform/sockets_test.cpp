@@ -83,35 +83,6 @@ TEST_F(Sockets, AddressesAreResolved)
     }
 }
 
-TEST_F(Sockets, CallsOutOfPlaceHaveTheirCodes)
-{
-    sockaddr_in  address = {};
-    int32_t      cb = sizeof address;
-    char         aByte[1] = {};
-    uint16_t     nPort  = 0;
-    const SOCKET hFresh = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    EXPECT_EQ(SOCKET_ERROR, getsockname(hFresh, reinterpret_cast<sockaddr *>(&address), &cb));
-    EXPECT_EQ(WSAEINVAL, WSAGetLastError());
-    EXPECT_EQ(SOCKET_ERROR, send(hFresh, aByte, 1, 0));
-    EXPECT_EQ(UnderWine() ? WSAECONNRESET : WSAENOTCONN, WSAGetLastError());
-    EXPECT_EQ(SOCKET_ERROR, recv(hFresh, aByte, 1, 0));
-    EXPECT_EQ(WSAENOTCONN, WSAGetLastError());
-
-    closesocket(ListenOnLoopback(&nPort)); // nobody listens there now
-    EXPECT_EQ(SOCKET_ERROR, ConnectToLoopback(hFresh, nPort));
-    EXPECT_EQ(WSAECONNREFUSED, WSAGetLastError());
-    EXPECT_EQ(0, closesocket(hFresh));
-    EXPECT_EQ(SOCKET_ERROR, closesocket(hFresh));
-    EXPECT_EQ(WSAENOTSOCK, WSAGetLastError());
-
-    LinkPair link;
-    EXPECT_EQ(0, shutdown(link.hClient, SD_BOTH));
-    EXPECT_EQ(SOCKET_ERROR, send(link.hClient, aByte, 1, 0));
-    EXPECT_EQ(WSAESHUTDOWN, WSAGetLastError());
-    EXPECT_EQ(SOCKET_ERROR, recv(link.hClient, aByte, 1, 0));
-    EXPECT_EQ(WSAESHUTDOWN, WSAGetLastError());
-}
-
 TEST_F(Sockets, APortIsTakenWhileBoundAndFreeAfterOldConnections)
 {
     sockaddr_in address = {};
@@ -201,22 +172,6 @@ TEST_F(Sockets, ACloseFromAnotherThreadEndsABlockedCall)
         blocked.join();
         EXPECT_TRUE(codes.contains(nError)) << pszCall << " " << nError;
     }
-}
-
-TEST_F(Sockets, AHoldKeepsEveryByteInOrder)
-{
-    LinkPair          link;
-    const std::string sBytes = Pattern(700 * 1000);
-    std::string       sReceived;
-    std::thread       receiver([&] { sReceived = ReceiveAll(link.hServer); });
-    EXPECT_TRUE(SendAll(link.hClient, sBytes.substr(0, 5000)));
-    HoldSends(link.hClient);
-    EXPECT_TRUE(SendAll(link.hClient, sBytes.substr(5000, 600 * 1000)));
-    EXPECT_EQ(0, FlushSends(link.hClient));
-    EXPECT_TRUE(SendAll(link.hClient, sBytes.substr(605 * 1000)));
-    LinkPair::Close(&link.hClient);
-    receiver.join();
-    EXPECT_TRUE(sBytes == sReceived) << sReceived.size();
 }
 
 TEST_F(Sockets, AFailureBehindAHoldIsReported)

@@ -146,7 +146,13 @@ int32_t listen(SOCKET s, int32_t nBacklog)
 
 SOCKET accept(SOCKET s, sockaddr *pAddr, int32_t *pcbAddr)
 {
-    const SOCKET hAccepted = ::accept(s, AsSdk(pAddr), pcbAddr);
+    SOCKET        hAccepted   = INVALID_SOCKET;
+    const int32_t cbAddr      = pcbAddr != nullptr ? *pcbAddr : 0;
+    do { // a peer that gave up while it waited in the queue is no failure of the listening socket
+        if (pcbAddr != nullptr) *pcbAddr = cbAddr;
+        hAccepted = ::accept(s, AsSdk(pAddr), pcbAddr);
+    } while (hAccepted == INVALID_SOCKET &&
+             (::WSAGetLastError() == WSAECONNRESET || ::WSAGetLastError() == WSAECONNABORTED));
     if (hAccepted == INVALID_SOCKET)
         NoteClosedSocket(s);
     else
@@ -180,8 +186,25 @@ static bool IsReset(SOCKET s)
     return ::send(s, "", 0, 0) == SOCKET_ERROR;
 }
 
+// Waits until a receive would not wait, for the socket's SO_RCVTIMEO. False: it ran out. A receive that itself runs out
+// of that time leaves the socket in an indeterminate state, by the documentation of SO_RCVTIMEO, and the product goes on
+// receiving after a time-out.
+static bool AwaitReadable(SOCKET s)
+{
+    DWORD     dwTimeout = 0;
+    int       cb        = sizeof dwTimeout;
+    ::WSAPOLLFD fd      = {s, POLLIN, 0};
+    if (::getsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&dwTimeout), &cb) != 0 || dwTimeout == 0)
+        return true; // no time-out, or no socket: the receive says so
+    return ::WSAPoll(&fd, 1, static_cast<INT>(dwTimeout)) != 0; // an error, too, is the receive's to tell
+}
+
 int32_t recv(SOCKET s, char *pBuffer, int32_t cb, int32_t nFlags)
 {
+    if (!AwaitReadable(s)) {
+        ::WSASetLastError(WSAETIMEDOUT);
+        return SOCKET_ERROR;
+    }
     const int32_t cbReceived = ::recv(s, pBuffer, cb, nFlags);
     if (cbReceived == SOCKET_ERROR) {
         NoteClosedSocket(s);

@@ -177,8 +177,7 @@ std::vector<std::string> NamesIn(const std::string &sHostFolder)
 // code, the rest of the tree then stays. sFull: the Windows path, by which other processes remember files.
 uint32_t DeleteTree(const std::u16string &sFull, const std::string &sHost)
 {
-    struct stat       status  = {};
-    const std::string sFolder = sHost.substr(0, sHost.rfind('/'));
+    struct stat status = {};
     if (::lstat(sHost.c_str(), &status) != 0) return hosted::ErrorFromErrno(errno);
     if (S_ISDIR(status.st_mode)) {
         ::chmod(sHost.c_str(), status.st_mode | S_IRWXU); // Windows asks nothing of a folder whose entries are to go
@@ -196,7 +195,6 @@ uint32_t DeleteTree(const std::u16string &sFull, const std::string &sHost)
         if (::unlink(sHost.c_str()) != 0) return hosted::ErrorFromErrno(errno);
         hosted::Generation(hosted::Generations::Files, hosted::HashFolded(sFull))++;
     }
-    hosted::NameRemoved(sFolder);
     return 0;
 }
 

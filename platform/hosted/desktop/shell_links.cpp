@@ -80,17 +80,13 @@ uint32_t WriteLink(const hosted::DiskPath &path, const hosted::Located &found, c
     bOk = bOk && rename(sTemporary.c_str(), found.sHost.c_str()) == 0;
     const int nErrno = errno;
     close(nFd);
-    if (bOk) {
-        hosted::NameAdded(found);
-        return 0;
-    }
+    if (bOk) return 0;
     unlink(sTemporary.c_str());
     if (nErrno != EXDEV) return hosted::ErrorFromErrno(nErrno);
     std::ofstream file(found.sHost, std::ios::binary | std::ios::trunc); // a drive of its own file system
     file.write(sBytes.data(), static_cast<std::streamsize>(sBytes.size()));
     file.flush();
     if (!file) return hosted::ErrorFromErrno(errno);
-    hosted::NameAdded(found);
     return 0;
 }
 

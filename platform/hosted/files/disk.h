@@ -47,7 +47,6 @@ struct Located {
     std::string sHost;           // with the stored case; for a missing name, as it would be made
     std::string sFolder;         // the host folder it is in
     bool        bExists = false;
-    bool        bIndexValid = false; // the folder's index was looked at and holds
     bool        bLink   = false; // a symbolic link; st is the target's, or the link's own when the target is missing
     struct stat st      = {};    // kind, identity, size and times; the rest is 0
     struct timespec tCreated = {}; // of the last write where the host keeps none
@@ -57,17 +56,9 @@ struct Located {
 bool Look(Located *pFound);
 // 0: found, or only the last name is missing. ERROR_PATH_NOT_FOUND: a folder on the way is missing.
 uint32_t Locate(const DiskPath &path, Located *pFound);
-// The same for a caller that is about to make the name and takes EEXIST as an answer: the name itself need not be
-// looked at when the folder's index lacks it.
-uint32_t LocateToMake(const DiskPath &path, Located *pFound);
 // True when the path's exact name was a plain file, no link, when this thread last looked at anything on the host. Its
 // place is filled in; it is not looked at.
 bool LocateSeenFile(const DiskPath &path, Located *pFound);
-// After a name was made where Locate had said it was missing, or in another way (bWasValid: IndexIsValid before it).
-void NameAdded(const Located &found);
-void NameAdded(const std::string &sFolder, bool bWasValid, std::string_view sHostName);
-// After a name was removed. Without bWasValid the folder is read anew at the next look for a missing name.
-void NameRemoved(const std::string &sFolder, bool bWasValid = false);
 // After a folder was moved or removed: what is known below it is void.
 void ForgetFolders();
 
@@ -75,16 +66,12 @@ void ForgetFolders();
 enum class IndexAnswer { Absent, Present, NoFolder };
 // Looks for a name without regard to case; *psHostName receives the stored one.
 IndexAnswer FindInFolder(const std::string &sFolder, std::u16string_view sName, std::string *psHostName);
-// True when an index at hand is valid and lacks the name. bToMake: for a caller of LocateToMake's kind.
-bool IndexLacks(const std::string &sFolder, std::u16string_view sName, bool bToMake);
-// To be asked just before a change.
-bool        IndexIsValid(const std::string &sFolder);
-void        IndexAdded(const std::string &sFolder, bool bWasValid, std::string_view sHostName);
-void        IndexRemoved(const std::string &sFolder, bool bWasValid);
-void        DropIndexes();
+// True when the folder has an index, and that lacks the name.
+bool IndexLacks(const std::string &sFolder, std::u16string_view sName);
+void DropIndexes();
 
 // ---- counters in memory that all processes of the machine share (generations.cpp) ----
-enum class Generations { Folders, Files, Opens };
+enum class Generations { Files, Opens };
 // One counter for each key, shared by a few keys. A process that sees it unchanged knows that no process of this
 // machine has changed what the key names in between.
 std::atomic<uint32_t> &Generation(Generations eKind, uint64_t nKey);

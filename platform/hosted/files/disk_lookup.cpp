@@ -127,9 +127,9 @@ uint32_t FindPlace(const std::u16string &sFull, size_t nLeaf, Located *pFound, b
     return 0;
 }
 
-uint32_t LocateOnce(const DiskPath &path, Located *pFound, bool bToMake, bool *pbRemembered)
+uint32_t LocateOnce(const DiskPath &path, Located *pFound, bool *pbRemembered)
 {
-    pFound->bExists = pFound->bIndexValid = false;
+    pFound->bExists = false;
     if (path.IsRoot()) {
         if (const uint32_t dwError = FindFolder(path.sFull, &pFound->sHost, pbRemembered)) return dwError;
         pFound->sFolder = pFound->sHost;
@@ -142,14 +142,13 @@ uint32_t LocateOnce(const DiskPath &path, Located *pFound, bool bToMake, bool *p
     // the index knows a long name by what it is called on the host
     const bool bLong =
         pFound->sHost.compare(pFound->sFolder.size() + 1, LONG_NAME_PREFIX.size(), LONG_NAME_PREFIX) == 0;
-    pFound->bIndexValid = !bLong && IndexLacks(pFound->sFolder, sName, bToMake);
-    if (pFound->bIndexValid || Look(pFound)) return 0;
+    if ((!bLong && IndexLacks(pFound->sFolder, sName)) || Look(pFound)) return 0;
     if (errno == ENAMETOOLONG) return platform::ERROR_FILENAME_EXCED_RANGE; // the host's limit for a whole path
     if (errno != ENOENT) return errno == ENOTDIR ? platform::ERROR_PATH_NOT_FOUND : ErrorFromErrno(errno);
     std::string sStored;
     switch (FindInFolder(pFound->sFolder, sName, &sStored)) {
     case IndexAnswer::NoFolder: return platform::ERROR_PATH_NOT_FOUND;
-    case IndexAnswer::Absent:   pFound->bIndexValid = true; return 0;
+    case IndexAnswer::Absent:   return 0;
     case IndexAnswer::Present:  break;
     }
     std::string sWanted = std::move(pFound->sHost);
@@ -159,17 +158,6 @@ uint32_t LocateOnce(const DiskPath &path, Located *pFound, bool bToMake, bool *p
 }
 
 const OnUseMachine g_Reset(ForgetFolders);
-
-uint32_t LocateTwice(const DiskPath &path, Located *pFound, bool bToMake)
-{
-    bool     bRemembered = false;
-    uint32_t dwError     = LocateOnce(path, pFound, bToMake, &bRemembered);
-    if (dwError == platform::ERROR_PATH_NOT_FOUND && bRemembered) {
-        ForgetFolders();
-        dwError = LocateOnce(path, pFound, bToMake, &bRemembered);
-    }
-    return dwError;
-}
 
 } // namespace
 
@@ -188,8 +176,16 @@ bool Look(Located *pFound)
     return true;
 }
 
-uint32_t Locate(const DiskPath &path, Located *pFound) { return LocateTwice(path, pFound, false); }
-uint32_t LocateToMake(const DiskPath &path, Located *pFound) { return LocateTwice(path, pFound, true); }
+uint32_t Locate(const DiskPath &path, Located *pFound)
+{
+    bool     bRemembered = false;
+    uint32_t dwError     = LocateOnce(path, pFound, &bRemembered);
+    if (dwError == platform::ERROR_PATH_NOT_FOUND && bRemembered) {
+        ForgetFolders();
+        dwError = LocateOnce(path, pFound, &bRemembered);
+    }
+    return dwError;
+}
 
 bool LocateSeenFile(const DiskPath &path, Located *pFound)
 {
@@ -197,18 +193,6 @@ bool LocateSeenFile(const DiskPath &path, Located *pFound)
     return !t_sSeenFile.empty() && !path.IsRoot() && FindPlace(path.sFull, path.LeafAt(), pFound, &bRemembered) == 0 &&
            pFound->sHost == t_sSeenFile;
 }
-
-void NameAdded(const Located &found)
-{
-    IndexAdded(found.sFolder, found.bIndexValid, std::string_view(found.sHost).substr(found.sFolder.size() + 1));
-}
-
-void NameAdded(const std::string &sFolder, bool bWasValid, std::string_view sHostName)
-{
-    IndexAdded(sFolder, bWasValid, sHostName);
-}
-
-void NameRemoved(const std::string &sFolder, bool bWasValid) { IndexRemoved(sFolder, bWasValid); }
 
 void ForgetFolders()
 {

@@ -82,7 +82,6 @@ uint32_t MakeNew(const DiskPath &path, const Located &found, const Request &requ
     if (dwError == 0 && fstat(pFile->nFd, &st) != 0) dwError = ErrorFromErrno(errno);
     if (dwError == 0) dwError = Join(pFile, st, SharingAccess(request.dwAccess), request.dwShare, true);
     if (dwError != 0) unlink(found.sHost.c_str());
-    NameAdded(found);
     return dwError;
 }
 
@@ -150,10 +149,9 @@ uint32_t OpenOrMake(const char16_t *pszFileName, const Request &request, bool bA
     if (dwError != 0) return dwError;
     if (!path.bVerbatim && IsDeviceName(std::u16string_view(path.sFull).substr(path.LeafAt())))
         return ERROR_FILE_NOT_FOUND;
-    const bool bMakes = request.dwDisposition == CREATE_ALWAYS || request.dwDisposition == CREATE_NEW;
     const bool bReads = request.dwDisposition == OPEN_EXISTING && SharingAccess(request.dwAccess) == SHARE_READ;
     if (!bReads || bAgain || !OpenSeenFile(path, &found, pFile))
-        dwError = bMakes && !bAgain ? LocateToMake(path, &found) : Locate(path, &found);
+        dwError = Locate(path, &found);
     if (dwError != 0) return dwError;
     pFile->chDrive  = path.Drive();
     pFile->nFileKey = HashFolded(path.sFull);

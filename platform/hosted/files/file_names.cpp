@@ -48,11 +48,6 @@ bool IsLongName(const Located &found)
            0;
 }
 
-std::string_view HostLeaf(const Located &found)
-{
-    return std::string_view(found.sHost).substr(found.sFolder.size() + 1);
-}
-
 std::string LeafText(const DiskPath &path)
 {
     return hosted::ToUtf8(std::u16string_view(path.sFull).substr(path.LeafAt()));
@@ -76,9 +71,7 @@ BOOL DeleteOne(const char16_t *pszFileName)
     uint32_t dwError = Find(pszFileName, &path, &found);
     if (dwError == 0) dwError = CheckRemovable(found);
     if (dwError != 0) return Fail(dwError);
-    const bool bWasValid = hosted::IndexIsValid(found.sFolder);
     if (unlink(found.sHost.c_str()) != 0) return FailFromErrno();
-    hosted::NameRemoved(found.sFolder, bWasValid);
     hosted::Generation(hosted::Generations::Files, hosted::HashFolded(path.sFull))++;
     return TRUE;
 }
@@ -98,7 +91,6 @@ uint32_t MakeFolder(const DiskPath &path, SECURITY_ATTRIBUTES *pSecurity)
         rmdir(found.sHost.c_str());
         return dwError;
     }
-    hosted::NameAdded(found);
     return 0;
 }
 
@@ -125,16 +117,12 @@ uint32_t MoveOne(const char16_t *pszFrom, const char16_t *pszTo, bool bReplace)
     const bool bReplaces = target.bExists && !bSame;
     if (IsLongName(target) && !hosted::WriteMark({source.sHost.c_str()}, hosted::MARK_NAME, LeafText(to)))
         return hosted::ErrorFromErrno(errno);
-    const bool bSourceValid = hosted::IndexIsValid(source.sFolder), bOneFolder = source.sFolder == target.sFolder;
-    const bool bTargetValid = bOneFolder ? bSourceValid : hosted::IndexIsValid(target.sFolder);
-    int        nResult =
+    int nResult =
         renameat2(AT_FDCWD, source.sHost.c_str(), AT_FDCWD, target.sHost.c_str(), bReplaces ? 0 : RENAME_NOREPLACE);
     if (nResult != 0 && errno == EINVAL && !bReplaces && !source.IsFolder()) // a file system without that option
         nResult = rename(source.sHost.c_str(), target.sHost.c_str());
     if (nResult != 0) return errno == EEXIST && !bSame ? ERROR_ALREADY_EXISTS : hosted::ErrorFromErrno(errno);
     if (IsLongName(source) && !IsLongName(target)) hosted::RemoveMark({target.sHost.c_str()}, hosted::MARK_NAME);
-    if (!bOneFolder) hosted::NameRemoved(source.sFolder, bSourceValid);
-    hosted::NameAdded(target.sFolder, bTargetValid, HostLeaf(target));
     if (source.IsFolder()) hosted::ForgetFolders();
     hosted::Generation(hosted::Generations::Files, hosted::HashFolded(from.sFull))++;
     hosted::Generation(hosted::Generations::Files, hosted::HashFolded(to.sFull))++;
@@ -221,9 +209,7 @@ platform::BOOL platform::RemoveDirectoryW(const char16_t *pszPathName)
     if (path.IsRoot()) return Fail(ERROR_ACCESS_DENIED);
     if ((hosted::AttributesOf({found.sHost.c_str()}, found.st, found.bLink) & FILE_ATTRIBUTE_READONLY) != 0)
         return Fail(ERROR_ACCESS_DENIED);
-    const bool bWasValid = hosted::IndexIsValid(found.sFolder);
     if ((found.bLink ? unlink(found.sHost.c_str()) : rmdir(found.sHost.c_str())) != 0) return FailFromErrno();
-    hosted::NameRemoved(found.sFolder, bWasValid);
     hosted::ForgetFolders();
     return TRUE;
 }

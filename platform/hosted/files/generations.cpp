@@ -17,7 +17,7 @@ namespace hosted {
 namespace {
 
 constexpr size_t COUNTERS = 1 << 15; // of each kind; a power of two
-constexpr size_t KINDS    = 3;
+constexpr size_t KINDS    = 2;
 constexpr size_t CB_FILE  = KINDS * COUNTERS * sizeof(std::atomic<uint32_t>);
 static_assert(std::atomic<uint32_t>::is_always_lock_free, "counters are shared between processes");
 

@@ -104,7 +104,6 @@ bool MakeWindowsFolder(const std::string &sWindows)
             SetErrorFromErrno();
             return false;
         }
-        NameAdded(found);
     }
     return true;
 }

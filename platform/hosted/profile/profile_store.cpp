@@ -163,11 +163,9 @@ bool WriteReplacement(Kept *pKept, const Located &found, const std::string &sByt
     struct stat       st;
     const int         nFd = open(sNew.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (nFd < 0) return false;
-    bool bWasValid = false;
     bool bOk       = fstat(pKept->nFd, &st) == 0 && WriteText(nFd, sBytes) && fchmod(nFd, st.st_mode & 07777) == 0;
     if (bOk) {
         CopyMarks({"", pKept->nFd}, {"", nFd});
-        bWasValid = IndexIsValid(found.sFolder);
         bOk       = rename(sNew.c_str(), found.sHost.c_str()) == 0;
     }
     if (!bOk) {
@@ -179,7 +177,6 @@ bool WriteReplacement(Kept *pKept, const Located &found, const std::string &sByt
     }
     close(pKept->nFd);
     pKept->nFd = nFd;
-    NameRemoved(found.sFolder, bWasValid); // the folder's stamp has moved
     return true;
 }
 
@@ -243,10 +240,7 @@ uint32_t ChangeProfile(const char16_t *pszFile, bool bMake, const std::function<
         if (!bMake) return 0;
         const int nFd = open(found.sHost.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
         if (nFd < 0 && errno != EEXIST) return ErrorFromErrno(errno);
-        if (nFd >= 0) {
-            close(nFd);
-            NameAdded(found);
-        }
+        if (nFd >= 0) close(nFd);
         dwError = FindFile(pszFile, &path, &found);
         if (dwError != 0 || !found.bExists) return dwError != 0 ? dwError : ERROR_FILE_NOT_FOUND;
     }

@@ -223,37 +223,3 @@ TEST_F(Lifecycle, ASenderThatIsStuckInTheServicesPipeIsLeftBehind)
     CloseHandle(hMutex);
     EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
 }
-
-// Each call of start-up fails once, one after the other: the agent always ends with 0 and gives everything back.
-TEST_F(Lifecycle, NothingIsLeftOpenWhicheverCallOfStartUpFails)
-{
-    static const struct {
-        const char *pszCall;
-        int         nCalls;
-    } aCases[] = {{"none", 1},         {"CreateEventW", 5},    {"CreateThread", 4},     {"CreateMutexW", 1},
-                  {"LoadLibraryW", 3}, {"DuplicateHandle", 2}, {"CreateNamedPipeW", 1}, {"RegisterTraceGuidsW", 2}};
-    const HANDLE hExit = CreateEventW(nullptr, TRUE, FALSE, u"Global\\VORN VornMigrationService App ExitEvent");
-    hosted::SetClockRate(20);
-    const int nHandles = hosted::OpenHandles(), nBlocks = hosted::LiveBlocks();
-    for (const auto &c : aCases) {
-        for (int n = 1; n <= c.nCalls; n++) {
-            SCOPED_TRACE(testing::Message() << c.pszCall << " " << n);
-            std::atomic<bool> bEnded{false};
-            hosted::ClearFaults();
-            hosted::FailCall(c.pszCall, n, 8);
-            std::thread exiter([&] { EXPECT_TRUE(Eventually([&] { return PostAgentExit(), bEnded.load(); })); });
-            WhileAgentRuns([] {});
-            bEnded = true;
-            exiter.join();
-            if (c.pszCall == std::string("LoadLibraryW") && n == 1) { // no user32, no window
-                EXPECT_EQ(0, hosted::CallCount("CreateThread"));
-            }
-            EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
-            EXPECT_EQ(nHandles, hosted::OpenHandles());
-            EXPECT_EQ(nBlocks, hosted::LiveBlocks());
-            EXPECT_EQ(0, hosted::OpenWindows());
-            EXPECT_EQ(0, hosted::OpenSockets());
-        }
-    }
-    CloseHandle(hExit);
-}

@@ -1,4 +1,4 @@
-// notification_window_hosted_test.cpp: the window with functions missing, what it registers for, hears of and traces.
+// notification_window_hosted_test.cpp: what the window registers for, hears of and traces.
 #include "app/notification_window.h"
 #include "app/user_interface_table.h"
 #include "ipc/stop_signal.h"
@@ -73,31 +73,4 @@ TEST_F(NotificationWindow, AsksAgainForTheSessionsNotificationsThatAreRefusedEar
     EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; })) << "ends with the agent";
     DestroyTheWindow();
     CloseHandle(g_hAppEvent.exchange(nullptr));
-}
-
-TEST_F(NotificationWindow, IsNotMadeWithoutItsFunctionsButWithoutTheOptionalOnes)
-{
-    static const struct {
-        const char *pszFunction; // null: the session library
-        int         nResult;
-    } aCases[] = {{"LoadIconW", 0},
-                  {"LoadCursorW", 0},
-                  {"RegisterClassExW", 0},
-                  {"CreateWindowExW", 0},
-                  {"ChangeWindowMessageFilterEx", 1},
-                  {"RegisterPowerSettingNotification", 1},
-                  {"RegisterWindowMessageW", 1},
-                  {nullptr, 1}};
-    for (const auto &c : aCases) {
-        SCOPED_TRACE(c.pszFunction != nullptr ? c.pszFunction : "Wtsapi32");
-        FreshMachine();
-        c.pszFunction != nullptr ? hosted::RemoveFunction("user32.dll", c.pszFunction)
-                                 : hosted::RemoveLibrary("Wtsapi32.dll");
-        ASSERT_EQ(1, BindUser32Functions());
-        EXPECT_EQ(c.nResult, CreateNotificationWindow(nullptr));
-        EXPECT_EQ(c.nResult, hosted::OpenWindows());
-        EXPECT_EQ(c.pszFunction != nullptr ? c.nResult : 0, hosted::SessionRegistrations());
-        if (c.nResult) DestroyTheWindow();
-        UnbindUser32Functions();
-    }
 }

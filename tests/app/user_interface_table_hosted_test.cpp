@@ -1,4 +1,4 @@
-// user_interface_table_hosted_test.cpp: what is bound and logged, in which order, and what unbinding leaves.
+// user_interface_table_hosted_test.cpp: what is bound and logged, in which order, and when a library is let go.
 #include "app/user_interface_table.h"
 #include "platform/hosted/control.h"
 #include "tests/support/test_machine.h"
@@ -46,29 +46,6 @@ TEST_F(UserInterfaceTable, BindsAndLogsEachFunctionOnceInTableOrder)
     EXPECT_EQ(1, BindShell32Functions());
     EXPECT_EQ(0, hosted::CallCount("LoadLibraryW"));
     EXPECT_EQ(std::vector<std::string>{Line("\"ChangeWindowMessageFilterEx\" fail")}, session.Take());
-}
-
-TEST_F(UserInterfaceTable, UnbindingClearsEveryPointerAndBindingStartsAnew)
-{
-    ASSERT_EQ(1, BindUser32Functions());
-    ASSERT_EQ(1, BindShell32Functions());
-    hosted::ClearFaults();
-    EXPECT_EQ(1, UnbindUser32Functions());
-    ReleaseShell32Functions();
-    ReleaseShell32Functions();
-    EXPECT_EQ(2, hosted::CallCount("FreeLibrary"));
-    hosted::RemoveLibrary("user32.dll");
-    hosted::RemoveLibrary("shell32.dll");
-    EXPECT_EQ(0, BindUser32Functions());
-    EXPECT_EQ(0, BindShell32Functions());
-    for (const char *psz : {"RegisterWindowMessageW", "GetShellWindow", "ShellExecuteW", "SHFileOperationW"})
-        EXPECT_EQ(nullptr, GetBoundFunction(psz)) << psz;
-    EXPECT_EQ(nullptr, g_pfnPostMessageW.load());
-    EXPECT_EQ(nullptr, g_pfnSHFileOperationW.load());
-    EXPECT_EQ(0u, g_dwControlMessage);
-    FreshMachine(); // the libraries are back
-    EXPECT_EQ(1, BindUser32Functions());
-    EXPECT_NE(nullptr, g_pfnPostMessageW.load());
 }
 
 TEST_F(UserInterfaceTable, ALibraryStaysMappedWhileACallIsInIt)

@@ -126,42 +126,6 @@ TEST_F(CommandPipeFaults, AMutexThatTheServiceStillHoldsIsOpened)
     EXPECT_TRUE(CloseHandle(hHeld));
 }
 
-// A single failure of each call: the server goes on and can still be stopped.
-TEST_F(CommandPipeFaults, OneFailureIsSurvivedAndTheStopSignalEndsTheWait)
-{
-    static const struct {
-        const char *pszCall;
-        uint32_t    dwError;
-        int         nPipes; // instances made until one is awaited
-        uint32_t    dwPauseMs;
-    } aCases[] = {
-        {"CreateNamedPipeW", 5, 2, 500},
-        {"CreateEventW", 8, 2, 1000},
-        {"ConnectNamedPipe", 995, 2, 0},
-        {"CreateEveryoneSecurity", 8, 1, 0}, // default security then
-    };
-    for (const auto &c : aCases) {
-        SCOPED_TRACE(c.pszCall);
-        ResetEvent(g_hAppEvent);
-        hosted::ClearFaults();
-        hosted::FailCall(c.pszCall, 1, c.dwError);
-        const uint64_t ullStart = GetTickCount64();
-        Serve();
-        EXPECT_EQ(c.nPipes, hosted::CallCount("CreateNamedPipeW"));
-        EXPECT_GE(GetTickCount64() - ullStart + 40, c.dwPauseMs);
-        Stop();
-    }
-}
-
-TEST_F(CommandPipeFaults, AConnectionThatNoThreadCanReadIsClosed)
-{
-    Serve();
-    hosted::FailCall("CreateThread", 1, 8);
-    const HANDLE hPipe = Connect();
-    ExpectWaits(2); // for a client of the next instance
-    CloseHandle(hPipe);
-}
-
 TEST_F(CommandPipeFaults, EachReadIsTracedWithItsBytesAndItsWholeRecordsAreHandled)
 {
     static const struct {

@@ -1,10 +1,8 @@
-// relay_hosted_test.cpp: what the relay traces, and a collection that cannot start.
+// relay_hosted_test.cpp: what the relay traces.
 #include "ipc/relay.h"
 #include "migration/special_files.h"
 #include "migration/special_folders.h"
-#include "platform/hosted/control.h"
 #include "tests/ipc/fake_service.h"
-#include "tests/support/eventually.h"
 #include "tests/trace/trace_session_hosted.h"
 
 using RelayTrace = ServiceTest;
@@ -30,18 +28,4 @@ TEST_F(RelayTrace, EachRecordItsPathsAndWhatBecomesOfItAreTraced)
                      "10 VornTramsaNet: ## Unhandle Command"}),
               session.Take());
     ClearSpecialFolders();
-}
-
-TEST_F(RelayTrace, ACollectionThatCannotStartCountsAsHandled)
-{
-    for (const bool bStarts : {false, true}) { // with no link it ends at once
-        hosted::ClearFaults();
-        if (!bStarts) hosted::FailCall("CreateThread", 1, 8);
-        const int        nHandles = hosted::OpenHandles();
-        const IpcMessage record   = MakeRecord(8480, 1, 7, 7, std::u16string(260, u'x'));
-        EXPECT_EQ(1, CallTransferFromNetwork(&record));
-        EXPECT_EQ(1, hosted::CallCount("CreateThread"));
-        EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
-        EXPECT_EQ(nHandles, hosted::OpenHandles());
-    }
 }

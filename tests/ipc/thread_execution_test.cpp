@@ -52,20 +52,6 @@ TEST_F(ThreadExecution, CancellingReachesRunningOnesOnlyAndTheirFlags)
     EXPECT_EQ(0, IsThreadExecutionCancel(0));
 }
 
-TEST_F(ThreadExecution, AClosedListDoesNothing)
-{
-    const uint64_t ullOld = AddThreadExecution();
-    DeleteThreadExecutionList(); // frees the node that is left
-    EXPECT_EQ(0u, AddThreadExecution());
-    EXPECT_EQ(0, IsThreadExecutionCancel(ullOld));
-    EXPECT_EQ(0, RemoveThreadExecution(ullOld));
-    EXPECT_EQ(0, CancelAllThreadExecutions());
-    EXPECT_EQ(1, IsThreadExecutionListEmpty());
-    DeleteThreadExecutionList();
-    InitThreadExecutionList();
-    EXPECT_EQ(0, RemoveThreadExecution(ullOld));
-}
-
 TEST_F(ThreadExecution, WorkersThatOutliveTheListFindItClosed)
 {
     std::atomic<bool>        bEnd{false};

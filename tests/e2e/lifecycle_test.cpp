@@ -39,14 +39,3 @@ TEST_F(Lifecycle, SecondStartHasTheFirstAnnounceItselfAgain)
     Expect(next, "expect NTOS_IPCREADY p1=1 within=90");
     next->agent = first;
 }
-
-TEST_F(Lifecycle, RecordsOfWrongSizeOrUnknownCodeAreDroppedAndTheNextIsTaken)
-{
-    ASSERT_TRUE(StartMachine(next, agentEnvironment)) << Happened();
-    for (const char *pszCommand : {"send-bytes 1", "send-bytes 1583", "send-bytes 1600", "send-bytes 9000",
-                                   "send 0xFFFF 1", "send STON_MIGRATIONCOLLECTION 1 9", "send STON_GETPINCODE 7"}) {
-        Expect(next, pszCommand);
-    }
-    Expect(next, "send STON_GETPINCODE 1");
-    Expect(next, "expect STON_GETPINCODE p1=3 within=90");
-}

@@ -137,45 +137,6 @@ TEST_F(ClientRole, ASearchWithoutSuccessEndsAfterSixteenRounds)
     }
 }
 
-TEST_F(ClientRole, TheWirelessAdapterIsPresentAbsentOrFailing)
-{
-    static const char WIRELESS[] = "count = 2\n1_kind = wired\n1_up = 0\n1_address = 192.168.1.9\n"
-                                   "1_dhcp = 192.168.1.1\n2_kind = wireless\n2_address = 10.1.2.3\n";
-    static const std::string WITH_DHCP = std::string(WIRELESS) + "2_dhcp = 10.1.2.1\n";
-    static const struct {
-        const char *pszWhat;
-        std::string sAdapters;
-        const char *pszCall;
-        int         nth;
-        int32_t     nExpected;
-        const char *pszLocalIP, *pszLog;
-    } aCases[] = {
-        {"wireless present", WITH_DHCP, nullptr, 0, 0, "10.1.2.3",
-         "[GetDhcpServerIPAddr] Local IP:[10.1.2.3].\n[GetDhcpServerIPAddr] Host IP:[10.1.2.1].\n"},
-        {"static address", WIRELESS, nullptr, 0, 0, "", ""},
-        {"wired alone", "count = 1\n1_kind = wired\n1_dhcp = 10.1.2.1\n", nullptr, 0, 0, "", ""},
-        {"no wireless service", "wireless_service = off\n" + WITH_DHCP, nullptr, 0, 1, "", ""},
-        {"list fails", WITH_DHCP, "WlanEnumInterfaces", 1, 1, "", ""},
-        {"first query fails", WITH_DHCP, "GetAdaptersInfo", 1, 0, "",
-         "[GetDhcpServerIPAddr] GetAdaptersInfo failed with error: [50].\n"},
-        {"second query fails", WITH_DHCP, "GetAdaptersInfo", 2, 0, "",
-         "[GetDhcpServerIPAddr] GetAdaptersInfo failed with error: [50].\n"},
-    };
-    for (const auto &c : aCases) {
-        FreshMachine();
-        SetAdapters(c.sAdapters);
-        const Open before = OpenNow();
-        DebugLog   log;
-        g_szLocalIP[0] = g_szLocalIPPrefix[0] = '\0';
-        if (c.pszCall != nullptr) hosted::FailCall(c.pszCall, c.nth, ERROR_NOT_SUPPORTED);
-        EXPECT_EQ(c.nExpected, GetDhcpServerIPAddr()) << c.pszWhat;
-        EXPECT_EQ(c.pszLog, log.Text()) << c.pszWhat;
-        EXPECT_STREQ(c.pszLocalIP, g_szLocalIP) << c.pszWhat;
-        EXPECT_STREQ(*c.pszLocalIP != '\0' ? "10" : "", g_szLocalIPPrefix) << c.pszWhat;
-        EXPECT_TRUE(IsOpenAsBefore(before)) << c.pszWhat;
-    }
-}
-
 TEST_F(ClientRole, TheFallbackFollowsTheAdapters)
 {
     static const char *const pszWireless =

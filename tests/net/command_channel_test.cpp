@@ -19,12 +19,6 @@ template <class Command> static std::string Sent(int32_t nExpected, Command comm
     return Peer(std::exchange(link.hServer, INVALID_SOCKET)).Receive(10000);
 }
 
-TEST_F(CommandChannel, ARecordIsItsWordAndItsBytes)
-{
-    const IpcMessage record = MakeRecord(0x2120, 1, 2, 3, u"C:\\a", u"b", u"c");
-    EXPECT_EQ(Field("SendData") + Bytes(record), Sent(0, [&](SOCKET h) { return SendDataCommand(h, &record); }));
-}
-
 TEST_F(CommandChannel, APlainFileIsItsHeaderSizeAndContent)
 {
     const std::u16string sPath = TestFolder() + u"\\a.txt", sTo = u"D:\\Z\u00fc\\\u6f22.txt";
@@ -33,15 +27,6 @@ TEST_F(CommandChannel, APlainFileIsItsHeaderSizeAndContent)
     const uint32_t dwAttributes = GetFileAttributesW(sPath.c_str());
     EXPECT_EQ(FileCommand(sTo, 3, "content", dwAttributes),
               Sent(0, [&](SOCKET h) { return SendFileCommand(h, sPath.c_str(), sTo.c_str(), 3, 0); }));
-}
-
-TEST_F(CommandChannel, AFolderIsItsHeaderAloneAndAMissingSourceNothing)
-{
-    const std::u16string sFolder = TestFolder();
-    const std::string sSent = Sent(0, [&](SOCKET h) { return SendFileCommand(h, sFolder.c_str(), u"D:\\new", 2, 1); });
-    EXPECT_EQ(Field("SendFile") + PathField(u"D:\\new") + Bytes(uint32_t{2}), sSent);
-    EXPECT_EQ(2064u, sSent.size());
-    EXPECT_EQ("", Sent(-301, [](SOCKET h) { return SendFileCommand(h, u"C:\\nowhere\\x", u"D:\\x", 2, 0); }));
 }
 
 TEST_F(CommandChannel, ALongDestinationIsCutAndALongSourceIsRead)

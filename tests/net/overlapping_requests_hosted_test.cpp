@@ -84,22 +84,6 @@ TEST_F(OverlappingRequests, ABreakOfTheFormerLinkEndsNoNewSearch)
     EXPECT_EQ(0, CountSeen(818, 102)) << "the new search had ended that link already";
 }
 
-TEST_F(OverlappingRequests, ACancelledSearchDoesNotSilenceTheNextServer)
-{
-    hosted::SetClockRate(5);
-    hosted::SetSocketTimeout(1500);
-    AdmittingServer mute(true);
-    BeginHangingSearch(mute);
-    DiscoveryProgram program;
-    EXPECT_EQ(1, StartNetworkConnect(3, 0));
-    EXPECT_TRUE(Eventually([] { return g_bClient == 0; }));
-    EXPECT_EQ(1, StartNetworkConnect(1, 0));
-    EXPECT_TRUE(Eventually([&] { return program.RunsOf("server") == 1; }));
-    EXPECT_TRUE(Eventually([] { return g_bClientEnuming == 0; }));
-    const std::string sRuns = program.Runs();
-    EXPECT_EQ(std::string::npos, sRuns.find("stop", sRuns.find("server"))) << sRuns;
-}
-
 TEST_F(OverlappingRequests, ARequestBeforeTheRoleIsTakenIsNotMissed)
 {
     hosted::SetClockRate(5);
@@ -226,14 +210,4 @@ TEST_F(OverlappingRequests, AnEmptyPasswordAdmitsNobody)
         EXPECT_EQ(peer.Receive(10).size(), 0u);
         status.wait();
     }
-}
-
-TEST_F(OverlappingRequests, AnEntryWithoutAddressDoesNotEndTheRound)
-{
-    hosted::SetClockRate(20);
-    AdmittingServer   server;
-    const std::string sFound = server.Found();
-    DiscoveryProgram  program("Count=4\\r\\n4=127.0.0.1\\r\\n4_port=" + sFound.substr(sFound.find("1_port=") + 7));
-    Request(2337, 5);
-    EXPECT_TRUE(Reported(2337, 2));
 }

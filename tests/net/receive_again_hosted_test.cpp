@@ -168,27 +168,6 @@ TEST_F(ReceiveAgain, WhateverDiedInBetween)
     }
 }
 
-TEST_F(ReceiveAgain, AFullDiskStopsNoNote)
-{
-    EXPECT_EQ("FileDone", Send(u"a", "1"));
-    hosted::SetDriveLimit('C', 5);
-    EXPECT_EQ("FileDone", Send(u"b", "12345"));
-    EXPECT_EQ("FILEERRDF", Send(u"c", "12345"));
-    hosted::SetDriveLimit('C', -1);
-    Link(u"OLDPC");
-    for (const char16_t *pszName : {u"b", u"c"}) EXPECT_EQ("FileDone", Send(pszName, "12345"));
-    EXPECT_EQ("a=1|b=12345|c=12345|", Files());
-    // Without room for the journal itself files arrive all the same.
-    EndLink();
-    ASSERT_TRUE(DeleteFileW(Journal().c_str()));
-    Link(u"OLDPC");
-    hosted::SetDriveLimit('C', 100);
-    for (const char *pszFiles : {"a=1|b=12345|c=12345|d=x|", "a=1|b=12345|c=12345|d=x|d (2)=x|"}) {
-        EXPECT_EQ("FileDone", Send(u"d", "x"));
-        EXPECT_EQ(pszFiles, Files());
-    }
-}
-
 TEST_F(ReceiveAgain, ProgressCountsAFileOnce)
 {
     SetProgress(u"\"Size\"", u"1000");

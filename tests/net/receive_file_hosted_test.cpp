@@ -191,33 +191,6 @@ TEST_F(ReceiveFile, MachineInfoGoesToItsOwnPlace)
     EXPECT_EQ("x", Stored(u"\\info.ini"));
 }
 
-TEST_F(ReceiveFile, BadFieldsHaveTheirLineAndTheLinkGoesOn)
-{
-    const std::string sHead = Field("SendFile") + PathField(m_sFolder + u"\\bad") + Bytes(uint32_t{0}) +
-                              Bytes(FILE_ATTRIBUTE_NORMAL) + '\0';
-    const struct {
-        std::string sSent, sLine;
-    } aCases[] = {
-        {Field("SendFile") + "C:", "recv path failed -> SendFileCMDHandler error: 10060("},
-        {Field("SendFile") + PathField(u"C:\\a") + "\1", "recv type failed -> "},
-        {sHead.substr(0, 2066), "recv attribute failed -> "},
-        {sHead.substr(0, 2068), "recv bEncrypt failed -> "},
-        {Field("SendData") + "half", "recv cmd data failed -> SendDataCMDHandler error: "},
-        {sHead + Bytes(int64_t{1000}) + "x", "[SendFileCMDHandler] RecvFile failed nRet[-2], "},
-    };
-    hosted::SetSocketTimeout(100);
-    for (const auto &c : aCases) {
-        DebugLog log;
-        m_peer.Send(c.sSent);
-        EXPECT_TRUE(Eventually([&] { return log.Has(c.sLine); })) << c.sLine << '\n' << log.Text();
-        m_peer.Send(Field("KeepAlive"));
-        std::string sWord = m_peer.Receive(10);
-        if (sWord == Field("KeepAlive")) sWord = m_peer.Receive(10); // the silent line was tested meanwhile
-        EXPECT_EQ(Field("AckAlive"), sWord) << c.sLine;
-        EXPECT_EQ("<missing>", Stored(u"\\bad")) << c.sLine;
-    }
-}
-
 TEST_F(ReceiveFile, CollectionProgressIsKeptAndToldWhenThePercentageChanges)
 {
     const std::u16string sIni = ProgressFile(PROGRESS_INFO_FILE);

@@ -62,61 +62,6 @@ TEST_F(ServerRole, KeepsItsPortAndPasswordOverSessions)
     EXPECT_EQ(-1001, status.get());
 }
 
-TEST_F(ServerRole, EachFailingStepHasItsStatusAndLeavesNothing)
-{
-    static const struct {
-        const char *pszCall;
-        int         nth;
-        uint32_t    dwError;
-        int32_t     nExpected;
-        bool        bPeer; // the step needs one
-    } aCases[] = {
-        {"CreateEventW", 1, ERROR_ACCESS_DENIED, -300, false},
-        {"getaddrinfo", 1, WSAHOST_NOT_FOUND, -1, false},
-        {"socket", 1, WSAEMFILE, -2, false},
-        {"bind", 1, WSAEADDRINUSE, -3, false},
-        {"listen", 1, WSAEINVAL, -4, false},
-        {"accept", 1, WSAEMFILE, -1001, false},
-        {"recv", 1, WSAECONNRESET, -5, true},
-        {"send", 2, WSAECONNRESET, -6, true}, // the first one is the peer's
-        {"CreateThread", 1, ERROR_NOT_ENOUGH_MEMORY, -300, true},
-    };
-    for (const auto &c : aCases) {
-        const Open before = OpenNow();
-        {
-            hosted::ClearFaults();
-            hosted::FailCall(c.pszCall, c.nth, c.dwError);
-            WriteSetting("ServerMDNS", "Port", "");
-            std::future<int32_t> status = StartServer("22");
-            Peer                 peer;
-            if (c.bPeer) {
-                peer = Peer::Connect(NextListeningPort());
-                peer.Send(Field("22"));
-            }
-            EXPECT_EQ(c.nExpected, status.get()) << c.pszCall;
-        }
-        EXPECT_EQ(c.nExpected == -300 && !c.bPeer, g_bServer != 0) << c.pszCall; // nothing else is undone there
-        ServerUninit();
-        EXPECT_EQ(0, g_bConnecting) << c.pszCall;
-        EXPECT_TRUE(IsOpenAsBefore(before)) << c.pszCall;
-    }
-    EXPECT_TRUE(Queued().empty()) << "an own teardown reports no broken link";
-    g_bClient = 1;
-    EXPECT_EQ(-201, ServerInit("1"));
-    EXPECT_EQ(0, g_bServer);
-    g_bClient = 0;
-}
-
-TEST_F(ServerRole, AnExitSignalDuringTheHandshakeIsHeeded)
-{
-    std::future<int32_t> status = StartServer("33");
-    Peer                 peer   = Peer::Connect(NextListeningPort());
-    EXPECT_TRUE(Eventually([] { return g_bConnecting != 0; }));
-    SetEvent(g_hServerExitEvent);
-    peer.Send(Field("wrong")); // no listener yet that could consume the signal
-    EXPECT_EQ(-1000, status.get());
-}
-
 TEST_F(ServerRole, APasswordThatDoesNotFitLeavesTheFieldEmpty)
 {
     char szPassword[10];

@@ -241,17 +241,3 @@ TEST_F(SessionControl, TheStopSignalEndsEachWait)
     hosted::ClearFaults();
     EXPECT_LT(GetTickCount64() - ullBegin, 10000u) << "no wait ran to its end";
 }
-
-TEST_F(SessionControl, RequestsThatCannotStartLeaveNothing)
-{
-    errno = 0;
-    hosted::FailCall("CreateThread", 1, ERROR_NOT_ENOUGH_MEMORY);
-    EXPECT_EQ(0, StartPinCodeThread(nullptr));
-    EXPECT_EQ(EINVAL, errno);
-    EXPECT_EQ(1, StartPinCodeThread(nullptr)) << "a zeroed record is no PIN request";
-    hosted::ClearFaults();
-    hosted::FailCall("CreateThread", 1, ERROR_NOT_ENOUGH_MEMORY);
-    EXPECT_EQ(0, StartNetworkConnect(1, 0));
-    EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
-    EXPECT_EQ(nullptr, g_hNetInitTimerEvent.load());
-}

@@ -22,37 +22,6 @@ TEST_F(Settings, TheFirstStartMakesTheFolderAndAFileThatHoldsOnlyInit)
     EXPECT_STREQ("123456789", szPort) << "cut to the field";
 }
 
-TEST_F(Settings, WithoutTheCommonFolderTheFixedPathCounts)
-{
-    hosted::FailCall("SHGetSpecialFolderPathA", 1, ERROR_PATH_NOT_FOUND);
-    DebugLog log;
-    GetConfigPath();
-    EXPECT_STREQ("C:\\ProgramData\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat", g_szConfigPath);
-    EXPECT_EQ("[VnNetSocket][Notify]SHGetSpecialFolderPathA failed! -> GetConfigPath\r\n"
-              "[GetConfigPath] g_szConfigPath path is [" + std::string(g_szConfigPath) + "]\n"
-              "[GetConfigPath] g_szmDNSPath path is [" + g_szmDNSPath + "]\n",
-              log.Text());
-}
-
-TEST_F(Settings, SharedFilesBelongToEveryoneAndFailuresLeaveNothing)
-{
-    const std::u16string sPath = TestFolder() + u"\\shared.ini";
-    ASSERT_EQ(1, CreateSharedFile(sPath.c_str()));
-    const HANDLE hFile = CreateFileW(sPath.c_str(), GENERIC_READ | READ_CONTROL, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    uint32_t     dwAccess = 0, nEntries = 0;
-    EXPECT_TRUE(ReadEveryoneAccess(hFile, SecuredObject::File, &dwAccess, &nEntries));
-    EXPECT_EQ(0x1F01FFu, dwAccess);
-    EXPECT_EQ(1u, nEntries);
-    CloseHandle(hFile);
-    WriteTestFile(sPath, "old content");
-    EXPECT_EQ(1, CreateSharedFile(sPath.c_str()));
-    EXPECT_EQ("", ReadTestFile(sPath));
-    const Open before = OpenNow();
-    EXPECT_EQ(0, CreateSharedFile(u"C:\\no such folder\\shared.ini"));
-    EXPECT_EQ(ERROR_PATH_NOT_FOUND, GetLastError());
-    EXPECT_TRUE(IsOpenAsBefore(before));
-}
-
 TEST_F(Settings, TheIniSettingCountsOnlyBesideTheRegistryValue)
 {
     static const struct {

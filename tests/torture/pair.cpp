@@ -258,19 +258,19 @@ bool Pair::LinkByPin()
 void Pair::Unlink(const MachinePtr &machine)
 {
     if (!Command(machine, "send STON_NETWORKCONNECTION 3")) Fault(&Tally::nOther, "the link could not be ended");
-    Await([&] { return proxy->Connections() == 0; }, 20000);
+    Await([&] { return proxy->nConnections == 0; }, 20000);
     m_bLinked = false;
 }
 
 bool Pair::Link(int nTries)
 {
     const bool bStored = fs::exists(HostPathOf(next, "C:\\ProgramData\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat")) &&
-                         !HostPathOf(next, "C:\\").empty() && proxy->ServerPort() != 0;
+                         !HostPathOf(next, "C:\\").empty() && proxy->nServerPort != 0;
     for (int i = 0; i < nTries && !m_bLinked; i++) {
         if (!IsChildRunning(old->agent) || !IsChildRunning(next->agent)) return false;
         for (const MachinePtr &machine : {old, next})
             if (!Command(machine, "send STON_NETWORKCONNECTION 3")) return false;
-        Await([&] { return proxy->Connections() == 0; }, 10000);
+        Await([&] { return proxy->nConnections == 0; }, 10000);
         m_bLinked = bStored && (i < 2 || nTries == 1) ? LinkStored(nTries == 1 ? LINK_MS / 3 : LINK_MS) : LinkByPin();
     }
     m_nBroken = Heard(old, BROKEN, 102) + Heard(next, BROKEN, 102);

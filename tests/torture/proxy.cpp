@@ -6,40 +6,15 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 namespace fs = std::filesystem;
 
 constexpr size_t PIECE_BYTES = 16384, TRICKLE_BYTES = 200;
-
-struct ProxyState {
-    std::string                 sServers, sClients;
-    int                         fdListen = -1;
-    unsigned short              nPort    = 0;
-    std::atomic<unsigned short> nServerPort{0};
-    std::atomic<bool>           bStop{false}, bHold{false}, bTrickle{false}, bFlipped{false};
-    std::atomic<int>            nEnd{-1}, nConnections{0}; // nEnd: a LineEnd to be carried out, or -1
-    std::atomic<uint64_t>       cbPassed{0};
-    std::mutex                  lock; // of what follows
-    uint64_t                    cbTrigger = UINT64_MAX;
-    std::function<void()>       trigger;
-    struct {
-        bool        bFromServer = false;
-        std::string sMark;
-        unsigned    nLeft = 0, nOffset = 0, nBit = 0;
-        size_t      nMatched = 0;
-        int64_t     nIn      = -1; // bytes until the one to flip, once the mark was found
-    } flip;
-    std::vector<std::thread> lines;
-    std::thread              main;
-};
 
 static int Connect(unsigned short nPort)
 {
@@ -59,34 +34,30 @@ static void Reset(int fd)
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
 }
 
-static void Falsify(ProxyState *p, bool bFromServer, char *pb, size_t cb)
+static void Falsify(Proxy *p, bool bFromServer, char *pb, size_t cb)
 {
     const std::lock_guard<std::mutex> guard(p->lock);
     auto                             &flip = p->flip;
-    if (flip.nLeft == 0 || flip.bFromServer != bFromServer) return;
-    for (size_t i = 0; i < cb && flip.nLeft != 0; i++) {
+    for (size_t i = 0; i < cb && flip.nLeft != 0 && flip.bFromServer == bFromServer; i++) {
         if (flip.nIn < 0) {
             flip.nMatched = pb[i] == flip.sMark[flip.nMatched] ? flip.nMatched + 1 : pb[i] == flip.sMark[0] ? 1 : 0;
             if (flip.nMatched != flip.sMark.size()) continue;
             flip.nMatched = 0;
-            if (--flip.nLeft != 0) continue;
+            if (flip.nLeft-- > 1) continue;
             flip.nLeft = 1;
-            flip.nIn   = static_cast<int64_t>(flip.nOffset) - static_cast<int64_t>(flip.sMark.size()) + 1;
-            if (flip.nIn <= 0) { // within the mark itself
-                const int64_t n = static_cast<int64_t>(i) + flip.nIn;
-                pb[n > 0 ? n : 0] ^= static_cast<char>(1 << flip.nBit);
-                flip.nLeft  = 0;
-                p->bFlipped = true;
-            }
-        } else if (--flip.nIn == 0) {
-            pb[i] ^= static_cast<char>(1 << flip.nBit);
-            flip.nLeft  = 0;
-            p->bFlipped = true;
+            flip.nIn =
+                std::max<int64_t>(static_cast<int64_t>(flip.nOffset + 1) - static_cast<int64_t>(flip.sMark.size()), 0);
+        } else {
+            flip.nIn--;
         }
+        if (flip.nIn != 0) continue;
+        pb[i] ^= static_cast<char>(1 << flip.nBit); // a byte within the mark stands for its last one
+        flip.nLeft  = 0;
+        p->bFlipped = true;
     }
 }
 
-static bool SendAll(ProxyState *p, int fd, const char *pb, size_t cb)
+static bool SendAll(Proxy *p, int fd, const char *pb, size_t cb)
 {
     while (cb > 0 && !p->bStop && p->nEnd < 0) {
         const ssize_t n = send(fd, pb, cb, MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -103,7 +74,7 @@ static bool SendAll(ProxyState *p, int fd, const char *pb, size_t cb)
 }
 
 // Counts what comes from the server; the action of At is carried out between two bytes.
-static bool PassOn(ProxyState *p, bool bFromServer, int fd, char *pb, size_t cb)
+static bool PassOn(Proxy *p, bool bFromServer, int fd, char *pb, size_t cb)
 {
     Falsify(p, bFromServer, pb, cb);
     while (cb > 0) {
@@ -128,7 +99,7 @@ static bool PassOn(ProxyState *p, bool bFromServer, int fd, char *pb, size_t cb)
 }
 
 // aFd: the server's end, the client's end.
-static void RunLine(ProxyState *p, int fdServer, int fdClient)
+static void RunLine(Proxy *p, int fdServer, int fdClient)
 {
     const int aFd[2]   = {fdServer, fdClient};
     bool      aOpen[2] = {true, true}; // that direction still goes
@@ -175,7 +146,7 @@ static void RunLine(ProxyState *p, int fdServer, int fdClient)
 }
 
 // The newest announcement of the server, under the proxy's own port for the other machine's clients.
-static void Mirror(ProxyState *p)
+static void Mirror(Proxy *p)
 {
     std::error_code    error;
     const fs::path     mirrored = fs::path(p->sClients) / ("127.0.0.1_" + std::to_string(p->nPort) + ".vorn-server.1");
@@ -194,7 +165,7 @@ static void Mirror(ProxyState *p)
     if (nPort == 0) fs::remove(mirrored, error);
 }
 
-static void RunProxy(ProxyState *p)
+static void RunProxy(Proxy *p)
 {
     while (!p->bStop) {
         pollfd waiting = {p->fdListen, POLLIN, 0};
@@ -214,79 +185,52 @@ static void RunProxy(ProxyState *p)
     }
 }
 
-Proxy::Proxy(const std::string &sServers, const std::string &sClients) : m_state(std::make_shared<ProxyState>())
+Proxy::Proxy(const std::string &sServerFolder, const std::string &sClientFolder)
+    : sServers(sServerFolder), sClients(sClientFolder)
 {
     sockaddr_in address     = {};
     socklen_t   cb          = sizeof(address);
     address.sin_family      = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    m_state->sServers       = sServers;
-    m_state->sClients       = sClients;
-    m_state->fdListen       = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (bind(m_state->fdListen, reinterpret_cast<sockaddr *>(&address), cb) != 0 || listen(m_state->fdListen, 16) != 0)
-        std::abort();
-    getsockname(m_state->fdListen, reinterpret_cast<sockaddr *>(&address), &cb);
-    m_state->nPort = ntohs(address.sin_port);
-    m_state->main  = std::thread(RunProxy, m_state.get());
+    fdListen                = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (bind(fdListen, reinterpret_cast<sockaddr *>(&address), cb) != 0 || listen(fdListen, 16) != 0) std::abort();
+    getsockname(fdListen, reinterpret_cast<sockaddr *>(&address), &cb);
+    nPort = ntohs(address.sin_port);
+    main  = std::thread(RunProxy, this);
 }
 
 Proxy::~Proxy()
 {
-    m_state->bStop = true;
-    m_state->main.join();
-    for (std::thread &line : m_state->lines) line.join();
-    close(m_state->fdListen);
+    bStop = true;
+    main.join();
+    for (std::thread &line : lines) line.join();
+    close(fdListen);
 }
 
 void Proxy::Begin()
 {
-    const std::lock_guard<std::mutex> guard(m_state->lock);
-    m_state->bHold = m_state->bTrickle = m_state->bFlipped = false;
-    m_state->cbPassed                                      = 0;
-    m_state->cbTrigger                                     = UINT64_MAX;
-    m_state->trigger                                       = nullptr;
-    m_state->flip                                          = {};
+    const std::lock_guard<std::mutex> guard(lock);
+    bHold = bTrickle = bFlipped = false;
+    cbPassed                    = 0;
+    cbTrigger                   = UINT64_MAX;
+    trigger                     = nullptr;
+    flip                        = {};
 }
 
 void Proxy::At(uint64_t cb, std::function<void()> fn)
 {
-    const std::lock_guard<std::mutex> guard(m_state->lock);
-    m_state->cbTrigger = cb;
-    m_state->trigger   = std::move(fn);
+    const std::lock_guard<std::mutex> guard(lock);
+    cbTrigger = cb;
+    trigger   = std::move(fn);
 }
 
 void Proxy::Flip(bool bFromServer, const std::string &sMark, unsigned nth, unsigned nOffset, unsigned nBit)
 {
-    const std::lock_guard<std::mutex> guard(m_state->lock);
-    m_state->flip = {bFromServer, sMark, nth, nOffset, nBit, 0, -1};
+    const std::lock_guard<std::mutex> guard(lock);
+    flip = {bFromServer, sMark, nth, nOffset, nBit, 0, -1};
 }
 
 void Proxy::End(LineEnd eEnd)
 {
-    if (m_state->nConnections > 0) m_state->nEnd = static_cast<int>(eEnd);
-}
-
-uint64_t Proxy::Passed() const
-{
-    return m_state->cbPassed;
-}
-void Proxy::Hold(bool bHold)
-{
-    m_state->bHold = bHold;
-}
-void Proxy::Trickle(bool bSlow)
-{
-    m_state->bTrickle = bSlow;
-}
-bool Proxy::Flipped() const
-{
-    return m_state->bFlipped;
-}
-unsigned short Proxy::ServerPort() const
-{
-    return m_state->nServerPort;
-}
-int Proxy::Connections() const
-{
-    return m_state->nConnections;
+    if (nConnections > 0) nEnd = static_cast<int>(eEnd);
 }

@@ -45,7 +45,7 @@ static uint64_t LineBytes(Pair *pPair, bool bSingle)
     if (s_acb[bSingle] == 0) {
         if (!pPair->Prepare(bSingle)) return 1 << 20;
         pPair->Complete(pPair->Request(false));
-        s_acb[bSingle] = pPair->proxy->Passed();
+        s_acb[bSingle] = pPair->proxy->cbPassed;
     }
     return s_acb[bSingle];
 }
@@ -100,11 +100,11 @@ static void Outage(Pair *pPair, RunPlace *p)
     const auto nSeconds = Pick(p, 1, 60); // of the machines' time
     const auto nEnd     = Pick(p, 0, 4);  // reset, close, half-close, going on, a trickle
     Proxy     *pProxy   = pPair->proxy.get();
-    if (!Disturb(pPair, p, [pProxy, nEnd] { nEnd == 4 ? pProxy->Trickle(true) : pProxy->Hold(true); })) return;
+    if (!Disturb(pPair, p, [pProxy, nEnd] { (nEnd == 4 ? pProxy->bTrickle : pProxy->bHold) = true; })) return;
     Pause(static_cast<unsigned>(nSeconds * 100)); // their clocks run ten times as fast
     if (nEnd < 3) pProxy->End(static_cast<LineEnd>(nEnd));
-    pProxy->Hold(false);
-    pProxy->Trickle(false);
+    pProxy->bHold    = false;
+    pProxy->bTrickle = false;
     pPair->Complete(true);
 }
 
@@ -198,10 +198,10 @@ static void FlippedBit(Pair *pPair, RunPlace *p)
     pPair->proxy->Flip(field.bFromServer, field.pszMark, nTh, nOffset, nBit);
     const int nEnd  = pPair->Request(false) ? pPair->AwaitEnd(20000) : 0;
     auto     &notes = pPair->pTally->notes;
-    ++notes[!pPair->proxy->Flipped() ? "not reached"
-            : nEnd == 2              ? "answered with 2"
-            : nEnd == -2             ? "answered with -2"
-                                     : "link ended"];
+    ++notes[!pPair->proxy->bFlipped ? "not reached"
+            : nEnd == 2             ? "answered with 2"
+            : nEnd == -2            ? "answered with -2"
+                                    : "link ended"];
     if (nEnd == -100 && field.bFromServer) ++notes["end not told (its own record was hit, or the request's)"];
     for (const MachinePtr &machine : {pPair->old, pPair->next})
         if (!IsChildRunning(machine->agent))
@@ -290,7 +290,7 @@ static void JunkFromAPeer(Pair *pPair, RunPlace *p)
         const int   fd          = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address     = {};
         address.sin_family      = AF_INET;
-        address.sin_port        = htons(pPair->proxy->ServerPort());
+        address.sin_port        = htons(pPair->proxy->nServerPort);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         if (connect(fd, reinterpret_cast<sockaddr *>(&address), sizeof(address)) == 0) {
             std::string sSay(bPin ? 0 : p->random() % 3000, '\0');

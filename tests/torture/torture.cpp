@@ -143,7 +143,7 @@ static void CallFails(Pair *pPair, RunPlace *p)
                            : nEnd == -2 ? "answered with -2"
                                         : "link or agent ended"];
     // The target's agent hears its service and speaks to it through these calls too.
-    static const std::string SPEECH = " CreateFileW ReadFile WriteFile CreateEventW WaitForSingleObject ";
+    static const std::string SPEECH = " CreateFileW ReadFile WriteFile CreateEventW SetEvent WaitForSingleObject ";
     const bool               bMute  = !bOld && bOn && SPEECH.find(" " + sName + " ") != std::string::npos;
     if (nEnd == -100 && bMute) ++pPair->pTally->notes["could not tell its service"];
     else if (nEnd == -100) pPair->Fault(&Tally::nHang, "no end was told");
@@ -340,6 +340,7 @@ static void Session(Pair *pPair, RunPlace *p)
     static long s_aTenth[2][3];
     if (!pPair->Prepare(p->Single())) return;
     pPair->Complete(pPair->Request(false));
+    pPair->Unlink(p->nRun % 4 < 2 ? pPair->next : pPair->old);
     if (!pPair->Link()) return pPair->Fault(&Tally::nOther, "no further session");
     Pause(p->nRun % 10 == 9 || p->nRun == p->nRuns - 1 ? 1500 : 0); // what ends in its own time has ended
     for (int m = 0; m < 2; m++) {

@@ -140,20 +140,29 @@ static void SendFiles(CollectionWalk *pWalk, const StringList *pDoneFiles)
     delete[] pFiles;
 }
 
+static bool IsToBeTried(const FailedItem *pItem)
+{
+    return pItem->bOpen && !pItem->bTried;
+}
+
 // What failed in earlier walks and has not been sent by this one.
 static void SendFailedItems(CollectionWalk *pWalk)
 {
+    char16_t    szFolder[MAP_PATH_UNITS];
     SendWindow *pWindow = OpenCollectionWindow(pWalk);
     pWalk->bRetry       = true;
     pWalk->bOk          = pWindow != nullptr;
     for (uint32_t i = 0; i < pWalk->Failed.nLoaded && pWalk->bOk; ++i) {
-        if (!pWalk->Failed.pItems[i].bOpen || pWalk->Failed.pItems[i].bTried) continue;
+        if (!IsToBeTried(&pWalk->Failed.pItems[i]) || IsFailedTree(&pWalk->Failed.pItems[i], szFolder)) continue;
         pWalk->bOk = MayWalkGoOn(pWalk);
         if (pWalk->bOk) SendFailedItem(pWalk, pWindow, &pWalk->Failed.pItems[i]);
     }
     if (pWindow != nullptr) DrainWindow(pWindow);
     if (pWalk->bOk) pWalk->bOk = MayWalkGoOn(pWalk);
     CloseSendWindow(pWindow);
+    // Trees have a window of their own.
+    for (uint32_t i = 0; i < pWalk->Failed.nLoaded && pWalk->bOk; ++i)
+        if (IsToBeTried(&pWalk->Failed.pItems[i])) SendFailedTree(pWalk, i);
 }
 
 static bool IsWalkLinkOpen()

@@ -93,30 +93,37 @@ static void ClearItemFlags(CollectionWalk *pWalk)
     pWalk->Failed.bUnkept     = false;
 }
 
-void SendCollectionFolder(CollectionWalk *pWalk, const char16_t *pszFolder, bool bResumed)
+// The files sent; the records are those of pszBase, null keeps none.
+static uint32_t SendTree(CollectionWalk *pWalk, const char16_t *pszFolder, const char16_t *pszBase)
 {
-    char16_t szBase[PATH_LINE_UNITS + 1];
-    FormatTextW(szBase, PATH_LINE_UNITS + 1, u"%s\\", pszFolder);
     FolderTreeSend Send = {};
     Send.pExcluded      = &pWalk->Excluded;
     Send.pFailed        = &pWalk->Failed;
     // Without a profile that may be entered, the restriction would leave out every user's files, this one's too.
-    const bool bRestrict = pWalk->UserProfiles.nCount != 0 && pWalk->Profiles.nCount != 0;
-    Send.pRestricted     = bRestrict ? &pWalk->UserProfiles : nullptr;
-    Send.pIncluded       = bRestrict ? &pWalk->Profiles : nullptr;
-    Send.pMap            = &pWalk->Map;
-    // When the records cannot be begun anew, those on disk are another folder's, and would have files of this one
-    // skipped.
-    Send.pszRecordBase    = bResumed || BeginWorkingFolder(pszFolder) ? szBase : nullptr;
+    const bool bRestrict  = pWalk->UserProfiles.nCount != 0 && pWalk->Profiles.nCount != 0;
+    Send.pRestricted      = bRestrict ? &pWalk->UserProfiles : nullptr;
+    Send.pIncluded        = bRestrict ? &pWalk->Profiles : nullptr;
+    Send.pMap             = &pWalk->Map;
+    Send.pszRecordBase    = pszBase;
     Send.ullExecution     = pWalk->ullExecution;
     Send.pbSpaceExhausted = &pWalk->bSpaceExhausted;
     Send.pbFatal          = &pWalk->bFatal;
     Send.pLimits          = &pWalk->Limits;
     ClearItemFlags(pWalk);
     const uint32_t nSent = SendNetworkFileEx(pszFolder, &Send);
-
     if (pWalk->Failed.bUnanswered) AwaitLinkVerdict(pWalk);
     pWalk->bOk = MayWalkGoOn(pWalk);
+    return nSent;
+}
+
+void SendCollectionFolder(CollectionWalk *pWalk, const char16_t *pszFolder, bool bResumed)
+{
+    char16_t szBase[PATH_LINE_UNITS + 1];
+    FormatTextW(szBase, PATH_LINE_UNITS + 1, u"%s\\", pszFolder);
+    // When the records cannot be begun anew, those on disk are another folder's, and would have files of this one
+    // skipped.
+    const bool     bRecords = bResumed || BeginWorkingFolder(pszFolder);
+    const uint32_t nSent    = SendTree(pWalk, pszFolder, bRecords ? szBase : nullptr);
     if (!pWalk->bOk) return; // stays the working folder, which the next run resumes
     if (!pWalk->Failed.bUnkept) AppendCompleteInfo(pszFolder, 1);
     AppendString(&pWalk->DoneFolders, pszFolder,
@@ -247,9 +254,29 @@ void SendFailedItem(CollectionWalk *pWalk, SendWindow *pWindow, const FailedItem
     const size_t cchTo   = TextLengthW(szDestination);
     if (bFolder) szSource[cch - 1] = 0;
     if (bFolder && cchTo > 0) szDestination[cchTo - 1] = 0;
-    const bool bGone =
-        GetFileAttributesW(LongPathForm(szSource, MAX_PATH, szLong)) == INVALID_FILE_ATTRIBUTES &&
-        (GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND);
+    const bool bGone = GetFileAttributesW(LongPathForm(szSource, MAX_PATH, szLong)) == INVALID_FILE_ATTRIBUTES &&
+                       (GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND);
     const WindowItem Item = {szSource, szDestination, bFolder ? FILE_TYPE_FOLDER : FILE_TYPE_COLLECTION};
     HandOver(pWindow, &Item, bGone ? ITEM_GONE : bFits ? 0 : SEND_BAD_DESTINATION);
+}
+
+bool IsFailedTree(const FailedItem *pItem, char16_t *pszFolder)
+{
+    const size_t cch = TextLengthW(pItem->pszPath);
+    if (cch < 3 || CompareTextW(pItem->pszPath + cch - 2, u"\\*") != 0) return false;
+    if (!CopyTextW(pszFolder, MAP_PATH_UNITS, pItem->pszPath)) return false;
+    pszFolder[cch - 2] = 0;
+    return true;
+}
+
+void SendFailedTree(CollectionWalk *pWalk, uint32_t nItem)
+{
+    char16_t              szFolder[MAP_PATH_UNITS];
+    const char16_t *const pszItem = pWalk->Failed.pItems[nItem].pszPath;
+    if (!IsFailedTree(&pWalk->Failed.pItems[nItem], szFolder)) return;
+    const uint32_t nSent = SendTree(pWalk, szFolder, nullptr);
+    if (!pWalk->bOk) return;
+    const FailedItem *const pItem = &pWalk->Failed.pItems[nItem]; // the walk may have moved them
+    if (!pItem->bTried && !pWalk->Failed.bUnkept) NoteItemSent(&pWalk->Failed, pszItem);
+    ReportFolder(pWalk, szFolder, nSent);
 }

@@ -44,5 +44,9 @@ void SendCollectionFolder(CollectionWalk *pWalk, const char16_t *pszFolder, bool
 SendWindow *OpenCollectionWindow(CollectionWalk *pWalk);
 // Hands one file over; it is sent, or refused by the limits, and recorded and reported in its turn.
 void SendCollectionFile(CollectionWalk *pWalk, SendWindow *pWindow, const char16_t *pszFile);
-// The same for an item of Walk.Failed: a file, or a folder's own entry. One that is no longer there is given up.
+// True for an item that stands for a folder and everything below it; pszFolder (MAP_PATH_UNITS) is the folder.
+bool IsFailedTree(const FailedItem *pItem, char16_t *pszFolder);
+// Sends such a folder of Walk.Failed, of which nothing was sent before.
+void SendFailedTree(CollectionWalk *pWalk, uint32_t nItem);
+// One of the other items of Walk.Failed: a file, or a folder's own entry. One that is no longer there is given up.
 void SendFailedItem(CollectionWalk *pWalk, SendWindow *pWindow, const FailedItem *pItem);

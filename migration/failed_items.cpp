@@ -28,8 +28,7 @@ constexpr uint64_t FNV_PRIME          = 1099511628211ULL;
 
 static uint64_t HashPath(const char16_t *pszPath, uint64_t ullHash)
 {
-    for (; *pszPath != 0; ++pszPath)
-        ullHash = (ullHash ^ *pszPath) * FNV_PRIME;
+    for (; *pszPath != 0; ++pszPath) ullHash = (ullHash ^ *pszPath) * FNV_PRIME;
     return ullHash ^ (ullHash >> 32);
 }
 
@@ -37,7 +36,8 @@ static uint64_t HashPath(const char16_t *pszPath, uint64_t ullHash)
 static uint32_t FindSlot(const FailedItems *pFailed, const char16_t *pszPath)
 {
     auto nSlot = static_cast<uint32_t>(HashPath(pszPath, FNV_OFFSET) % SLOT_COUNT);
-    while (pFailed->pSlots[nSlot] != 0 && CompareTextW(pFailed->pItems[pFailed->pSlots[nSlot] - 1].pszPath, pszPath) != 0)
+    while (pFailed->pSlots[nSlot] != 0 &&
+           CompareTextW(pFailed->pItems[pFailed->pSlots[nSlot] - 1].pszPath, pszPath) != 0)
         nSlot = (nSlot + 1) % SLOT_COUNT;
     return nSlot;
 }
@@ -194,8 +194,7 @@ static bool RewriteFile(const FailedItems *pFailed, const FileMarks *pMarks)
 
 static void ForgetItems(FailedItems *pFailed)
 {
-    for (uint32_t i = 0; i < pFailed->nItems; ++i)
-        delete[] pFailed->pItems[i].pszPath;
+    for (uint32_t i = 0; i < pFailed->nItems; ++i) delete[] pFailed->pItems[i].pszPath;
     if (pFailed->pSlots != nullptr) memset(pFailed->pSlots, 0, SLOT_COUNT * sizeof(*pFailed->pSlots));
     pFailed->nItems = 0;
 }
@@ -214,8 +213,7 @@ static bool IsRequested(const char16_t *pszPath, const StringList *pFolders, con
 static uint32_t CountOpen(const FailedItems *pFailed)
 {
     uint32_t nOpen = 0;
-    for (uint32_t i = 0; i < pFailed->nItems; ++i)
-        nOpen += pFailed->pItems[i].bOpen ? 1 : 0;
+    for (uint32_t i = 0; i < pFailed->nItems; ++i) nOpen += pFailed->pItems[i].bOpen ? 1 : 0;
     return nOpen;
 }
 
@@ -233,7 +231,7 @@ WalkRecords OpenFailedItems(FailedItems *pFailed, const StringList *pFolders, co
                            CompareTextW(Old.szPeer, New.szPeer) == 0;
     const bool bSameItems = CompareTextW(Old.szItems, New.szItems) == 0;
     if (!bPeerKnown && Old.szPeer[0] != 0) CopyTextW(New.szPeer, MARK_UNITS, Old.szPeer);
-    const bool bOver      = Old.bComplete && (!bSameItems || CountOpen(pFailed) == 0);
+    const bool bOver = Old.bComplete && (!bSameItems || CountOpen(pFailed) == 0);
     if (bThere && (!bSamePeer || bOver)) {
         ForgetItems(pFailed);
         eRet = WalkRecords::Foreign;

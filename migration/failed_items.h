@@ -14,10 +14,11 @@
 #include "migration/string_list.h"
 #include <cstdint>
 
-constexpr uint32_t FAILED_ITEMS_MAX = 65536;
+constexpr uint32_t FAILED_ITEMS_MAX   = 65536;
+constexpr char16_t FAILED_TREE_TAIL[] = u"*"; // "FOLDER\\*": a folder that could not be read, nothing of it was sent
 
 struct FailedItem {
-    char16_t *pszPath; // a folder's with a trailing backslash
+    char16_t *pszPath; // a folder's own entry with a trailing backslash, a tree with FAILED_TREE_TAIL behind it
     bool      bOpen;   // it has not arrived
     bool      bTried;  // by this walk
 };
@@ -25,7 +26,7 @@ struct FailedItems {
     FailedItem *pItems; // in the order in which they failed first
     uint32_t    nItems;
     uint32_t    nRoom;
-    uint32_t   *pSlots;    // look-up by path: numbers of items from 1 on
+    uint32_t   *pSlots;     // look-up by path: numbers of items from 1 on
     uint32_t    nLoaded;    // of them, from earlier walks
     bool        bUnsettled; // the peer did not say, or was not told, what became of an item: the walk is not complete
     // Of the items since the caller last cleared them:

@@ -27,9 +27,9 @@ using namespace platform;
 int32_t g_bSendDesktopIni = 0;
 int32_t g_bTypedFiles     = 0;
 
-constexpr size_t TREE_PATH_UNITS = 1024;
+constexpr size_t   TREE_PATH_UNITS = 1024;
 constexpr uint32_t LONG_SEND_BYTES = 16 << 20; // from which a file keeps the walk busy for long
-constexpr size_t FAIL_TEXT_UNITS = 780; // a longer path cannot be reported to the peer
+constexpr size_t   FAIL_TEXT_UNITS = 780;      // a longer path cannot be reported to the peer
 
 enum class FileKind { Plain, Shortcut, FolderSettings };
 
@@ -37,12 +37,14 @@ enum class FileKind { Plain, Shortcut, FolderSettings };
 constexpr int32_t ITEM_RECORDED = 2; // sent before
 constexpr int32_t ITEM_REFUSED  = 3; // by a destination's limit
 constexpr int32_t ITEM_CIRCLE   = 4; // a link that leads back to the folders on the way
+constexpr int32_t ITEM_CLOSED   = 5; // a folder that cannot be read
 
 // One walk's state. At each level szSource holds the folder's path, szTarget its destination root.
 struct TreeWalk {
     const FolderTreeSend *pSend;
     SendWindow           *pWindow;
     uint32_t              nCount;
+    size_t                cchRoot; // of the requested folder
     char16_t              szSource[TREE_PATH_UNITS];
     char16_t              szTarget[TREE_PATH_UNITS];
     char16_t              szWork[LONG_PATH_UNITS];
@@ -51,9 +53,9 @@ struct TreeWalk {
 
 // What a level knows of its folder.
 struct TreeLevel {
-    size_t   cchSource; // lengths of the walk's paths without an entry's name
-    size_t   cchTarget;
-    bool     bHandled; // a file that counts was sent, found recorded, refused or failed, or a subfolder was entered
+    size_t cchSource; // lengths of the walk's paths without an entry's name
+    size_t cchTarget;
+    bool   bHandled; // a file that counts was sent, found recorded, refused or failed, or a subfolder was entered
 };
 
 static void TraceFailure(int32_t nResult, const char16_t *pszPath)
@@ -172,6 +174,18 @@ static void Record(const TreeWalk *pWalk, const WindowItem *pItem)
     if (pszBase != nullptr) WriteRecordState(pszBase, pItem->pszSource, pItem->dwType == FILE_TYPE_FOLDER ? 1 : 0);
 }
 
+// A folder that cannot be read is kept as a tree of which nothing has been sent, and reported as a folder of which nothing
+// has been; the requested one is reported by whoever asked for it.
+static void NoteClosedFolder(const TreeWalk *pWalk, const char16_t *pszFolder)
+{
+    char16_t szText[TREE_PATH_UNITS + 2];
+    FormatTextW(szText, TREE_PATH_UNITS + 2, u"%s\\%s", pszFolder, FAILED_TREE_TAIL);
+    NoteItemFailed(pWalk->pSend->pFailed, szText, SEND_SOURCE_MISSING);
+    szText[TextLengthW(szText) - 1] = 0;
+    if (TextLengthW(pszFolder) > pWalk->cchRoot && TextLengthW(szText) < FAIL_TEXT_UNITS)
+        NoteItemReport(pWalk->pSend->pFailed, SendFailItems(1, 0, szText));
+}
+
 // An item's outcome, in the order of the items.
 static void TakeOutcome(void *pContext, const WindowItem *pItem, int32_t nResult)
 {
@@ -191,6 +205,10 @@ static void TakeOutcome(void *pContext, const WindowItem *pItem, int32_t nResult
         TraceFailure(nResult, pItem->pszSource);
         if (TextLengthW(pItem->pszSource) < FAIL_TEXT_UNITS)
             NoteItemReport(pWalk->pSend->pFailed, SendFailItems(1, 1, pItem->pszSource));
+        return;
+    case ITEM_CLOSED:
+        TraceFailure(nResult, pItem->pszSource);
+        NoteClosedFolder(pWalk, pItem->pszSource);
         return;
     default: break;
     }
@@ -219,8 +237,7 @@ static void SendFileEntry(TreeWalk *pWalk, TreeLevel *pLevel, const WIN32_FIND_D
     if (pEntry->nFileSizeHigh != 0 || pEntry->nFileSizeLow >= LONG_SEND_BYTES) RestRecordStore();
     if (pSend->pszRecordBase != nullptr && ReadRecordState(pSend->pszRecordBase, pWalk->szSource) == RECORD_FILE_SENT)
         nDecided = ITEM_RECORDED;
-    else if (!AppendName(pWalk->szTarget, pLevel->cchTarget, pEntry->cFileName))
-        nDecided = SEND_BAD_DESTINATION;
+    else if (!AppendName(pWalk->szTarget, pLevel->cchTarget, pEntry->cFileName)) nDecided = SEND_BAD_DESTINATION;
     const WindowItem item = {pWalk->szSource, nDecided == 0 ? pWalk->szTarget : u"", TypeOf(eKind)};
     HandOver(pWalk->pWindow, &item, nDecided);
 }
@@ -307,11 +324,10 @@ static bool SendEntries(TreeWalk *pWalk, TreeLevel *pLevel, HANDLE hFind, WIN32_
     return GetLastError() == ERROR_NO_MORE_FILES;
 }
 
-// True for a folder that no later walk could read either: it is closed to this user, or gone from a drive that is there
-// (the root of an empty drive holds nothing to find). Whatever else keeps it closed is expected to pass.
-static bool IsOutOfReach(const char16_t *pszFolder, uint32_t dwError)
+// True for a folder of which nothing is left: it is gone from a drive that is there (the root of an empty drive holds
+// nothing to find).
+static bool IsGone(const char16_t *pszFolder, uint32_t dwError)
 {
-    if (dwError == ERROR_ACCESS_DENIED) return true;
     if (dwError != ERROR_FILE_NOT_FOUND && dwError != ERROR_PATH_NOT_FOUND) return false;
     const char16_t *const pszColon = FindTextW(pszFolder, u":\\");
     if (pszColon == nullptr || pszColon == pszFolder) return true;
@@ -324,6 +340,15 @@ static void NoteBrokenFolder(const TreeWalk *pWalk)
 {
     TraceFailure(SEND_SOURCE_MISSING, pWalk->szSource);
     NoteUnseenItems(pWalk->pSend->pFailed);
+}
+
+// It was closed in an earlier walk, whose records this one goes on with: what it holds is recorded item by item now.
+static void NoteReadFolder(const TreeWalk *pWalk)
+{
+    char16_t szTree[TREE_PATH_UNITS + 2];
+    if (pWalk->pSend->pszRecordBase == nullptr || pWalk->pSend->pFailed == nullptr) return;
+    FormatTextW(szTree, TREE_PATH_UNITS + 2, u"%s\\%s", pWalk->szSource, FAILED_TREE_TAIL);
+    NoteItemSent(pWalk->pSend->pFailed, szTree);
 }
 
 // The folder in szSource, which is as it was on return.
@@ -344,9 +369,13 @@ static void SendFolder(TreeWalk *pWalk)
     const char16_t *pszPattern = FolderPattern(pWalk->szSource, pWalk->szWork);
     const HANDLE    hFind      = pszPattern != nullptr ? FindFirstFileW(pszPattern, &entry) : INVALID_HANDLE_VALUE;
     if (hFind == INVALID_HANDLE_VALUE) {
-        if (pszPattern != nullptr && !IsOutOfReach(pWalk->szSource, GetLastError())) NoteBrokenFolder(pWalk);
+        const uint32_t dwError = GetLastError();
+        // What is closed to this user may stay so: the rest is not to wait for it. Whatever else is expected to pass.
+        if (pszPattern != nullptr && dwError == ERROR_ACCESS_DENIED) HandOver(pWalk->pWindow, &folder, ITEM_CLOSED);
+        else if (pszPattern != nullptr && !IsGone(pWalk->szSource, dwError)) NoteBrokenFolder(pWalk);
         return;
     }
+    NoteReadFolder(pWalk);
     const bool bWhole = SendEntries(pWalk, &level, hFind, &entry);
     FindClose(hFind);
     if (!bWhole) NoteBrokenFolder(pWalk);
@@ -361,6 +390,7 @@ uint32_t SendNetworkFileEx(const char16_t *pszFolder, const FolderTreeSend *pSen
     const WindowOwner owner = {pWalk, pSend->ullExecution, DecideItem, TakeOutcome};
     pWalk->pSend            = pSend;
     pWalk->nCount           = 0;
+    pWalk->cchRoot          = TextLengthW(pszFolder);
     pWalk->pWay             = nullptr;
     pWalk->pWindow          = OpenSendWindow(&owner);
     if (pWalk->pWindow != nullptr) {

@@ -60,9 +60,33 @@ TEST_F(CollectionHosted, WhatAPeerThatStaysNeverAnsweredIsNeitherRecordedNorTake
     EXPECT_FALSE(IsMarkedComplete());
     FakePeer Peer;
     Walk();
-    EXPECT_EQ((Lines{"file 3 " + At8("4.txt") + " 5", "record 333 0 1 0 " + At8("4.txt"),
-                     "file 3 " + At8("A\\1.txt") + " 5", "record 333 0 1 0 " + At8("A\\1.txt"), "record 2120 2 0 0 ||"}),
-              Taken(&Peer));
+    EXPECT_EQ(
+        (Lines{"file 3 " + At8("4.txt") + " 5", "record 333 0 1 0 " + At8("4.txt"), "file 3 " + At8("A\\1.txt") + " 5",
+               "record 333 0 1 0 " + At8("A\\1.txt"), "record 2120 2 0 0 ||"}),
+        Taken(&Peer));
+}
+
+TEST_F(CollectionHosted, FolderThatCannotBeReadIsToldAndSentByAFurtherRequest)
+{
+    MakeFolder(u"A");
+    MakeFolder(u"A\\sub");
+    MakeFile(u"A\\sub\\1.txt", 5);
+    List({u"A\\"});
+    FakePeer Peer;
+    for (const bool bStillClosed : {true, true, false}) {
+        hosted::ClearFaults();
+        // The requested folder comes first, as long as it is sent at all.
+        if (bStillClosed)
+            hosted::FailCall("FindFirstFileW", PathExists(File(COLLECTION_INFO_FILE)) ? 1 : 2, ERROR_ACCESS_DENIED);
+        Walk();
+        const Lines aLines = Taken(&Peer);
+        EXPECT_EQ(1, std::count(aLines.begin(), aLines.end(),
+                                (bStillClosed ? "record 333 1 0 0 " : "record 333 0 1 0 ") + At8("A\\sub\\")));
+        EXPECT_EQ(bStillClosed ? 0 : 1,
+                  std::count(aLines.begin(), aLines.end(), "file 3 " + At8("A\\sub\\1.txt") + " 5"));
+        EXPECT_EQ(bStillClosed, PathExists(File(COLLECTION_INFO_FILE)));
+        EXPECT_EQ("record 2120 2 0 0 ||", aLines.back());
+    }
 }
 
 TEST_F(CollectionHosted, RecordsStayUntilTheEndHasBeenReported)
@@ -186,7 +210,7 @@ TEST_F(CollectionHosted, NothingIsLeftOpenOrAllocatedHoweverTheWalkEnds)
     MakeFile(u"2.txt", 5);
     List({u"A\\", u"2.txt"});
     FakePeer Peer;
-    Walk(); // what is made once and kept is made now
+    Walk();                   // what is made once and kept is made now
     hosted::SetClockRate(50); // second tries at state files
     for (const char *pszCall : {"CreateFileW", "ReadFile", "WriteFile", "FindFirstFileW", "SHGetKnownFolderPath"}) {
         for (int n = 1; n <= 40; ++n) {
@@ -209,16 +233,19 @@ TEST_F(Collection, AWholeDriveWithoutTheSystemsAndOtherPeoplesFolders)
     StringList System = {};
     GetSystemFolderList(&System);
     const Paths          aSystem  = Texts(&System);
-    const std::u16string sProfile = aSystem.at(5), sUsers = sProfile.substr(0, sProfile.rfind(u'\\', sProfile.size() - 2) + 1);
-    Lines                aFolders;
-    for (const std::u16string &sFolder : {aSystem[0], aSystem[1], aSystem[2], aSystem[3], aSystem[4], sProfile,
-                                          std::u16string(u"C:\\Windows.old\\"), sUsers + u"somebody\\", std::u16string(u"C:\\Data\\")}) {
+    const std::u16string sProfile = aSystem.at(5),
+                         sUsers   = sProfile.substr(0, sProfile.rfind(u'\\', sProfile.size() - 2) + 1);
+    Lines aFolders;
+    for (const std::u16string &sFolder :
+         {aSystem[0], aSystem[1], aSystem[2], aSystem[3], aSystem[4], sProfile, std::u16string(u"C:\\Windows.old\\"),
+          sUsers + u"somebody\\", std::u16string(u"C:\\Data\\")}) {
         ASSERT_EQ(1, CreateFolderTree(sFolder.c_str()));
         WriteTestFile(sFolder + u"here.txt", "1");
     }
     Ini(TARGET_INFO_FILE, u"KnownFolder", u"\"Profile\"", u"\"C:\\Users\\bernd\\\"");
     Ini(TARGET_INFO_FILE, u"KnownFolder", u"\"Public\"", u"\"C:\\Users\\All\\\"");
-    WriteTestFile(m_sList, Utf16(u"\xFEFF" u"C:\\\r\n"));
+    WriteTestFile(m_sList, Utf16(u"\xFEFF"
+                                 u"C:\\\r\n"));
     FakePeer Peer;
     Walk();
     for (const std::string &sLine : Taken(&Peer))
@@ -230,10 +257,10 @@ TEST_F(Collection, AWholeDriveWithoutTheSystemsAndOtherPeoplesFolders)
 
 TEST_F(Collection, AFileWhoseNewPathDoesNotFitIsNeverSentUnderItsOldOne)
 {
-    StringList           System = {};
+    StringList System = {};
     GetSystemFolderList(&System);
-    const Paths          aSystem = Texts(&System);
-    std::u16string       sFile   = aSystem.at(5);
+    const Paths    aSystem = Texts(&System);
+    std::u16string sFile   = aSystem.at(5);
     for (int i = 0; i < 14; ++i) sFile += std::u16string(60, static_cast<char16_t>(u'a' + i)) + u"\\";
     ASSERT_EQ(1, CreateFolderTree((u"\\\\?\\" + sFile).c_str()));
     sFile += u"here.txt";

@@ -220,7 +220,7 @@ static void ShutDown()
     ForgetNotificationWindow();
     UnbindUser32Functions();
     if (g_hServiceExitEvent != nullptr) CloseHandle(g_hServiceExitEvent);
-    g_hServiceExitEvent = nullptr;
+    g_hServiceExitEvent    = nullptr;
     const HANDLE hAppEvent = g_hAppEvent.exchange(nullptr);
     if (hAppEvent != nullptr) CloseHandle(hAppEvent);
     TraceProcessEnd();

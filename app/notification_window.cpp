@@ -152,8 +152,8 @@ static void RegisterForSession(HWND hWnd)
         GetProcAddress(g_hWtsapi32, "WTSRegisterSessionNotification"));
     if (pfnRegisterSession == nullptr) return;
     TraceText("Get Wtsapi32 functions success");
-    // Early in a logon the services behind the call may not run yet (RPC_S_INVALID_BINDING): no reason to stay deaf to a
-    // console disconnect for the whole session.
+    // Early in a logon the services behind the call may not run yet (RPC_S_INVALID_BINDING): no reason to stay deaf to
+    // a console disconnect for the whole session.
     if (!pfnRegisterSession(hWnd, NOTIFY_FOR_THIS_SESSION)) StartDetachedThread(SessionRegistrationThread, hWnd);
 }
 

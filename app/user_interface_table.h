@@ -30,23 +30,23 @@ constexpr char16_t CONTROL_MESSAGE_NAME[] = u"VORN Migration Control Notificatio
 // That message, registered; 0 when it could not be registered. Main thread.
 extern uint32_t g_dwControlMessage;
 
-extern std::atomic<platform::RegisterWindowMessageWProc>           g_pfnRegisterWindowMessageW;
-extern std::atomic<platform::PostMessageWProc>                     g_pfnPostMessageW;
-extern std::atomic<platform::FindWindowWProc>                      g_pfnFindWindowW;
-extern std::atomic<platform::LoadIconWProc>                        g_pfnLoadIconW;
-extern std::atomic<platform::LoadCursorWProc>                      g_pfnLoadCursorW;
-extern std::atomic<platform::RegisterClassExWProc>                 g_pfnRegisterClassExW;
-extern std::atomic<platform::CreateWindowExWProc>                  g_pfnCreateWindowExW;
-extern std::atomic<platform::PostQuitMessageProc>                  g_pfnPostQuitMessage;
-extern std::atomic<platform::DefWindowProcWProc>                   g_pfnDefWindowProcW;
-extern std::atomic<platform::GetMessageWProc>                      g_pfnGetMessageW;
-extern std::atomic<platform::TranslateMessageProc>                 g_pfnTranslateMessage;
-extern std::atomic<platform::DispatchMessageWProc>                 g_pfnDispatchMessageW;
-extern std::atomic<platform::DestroyWindowProc>                    g_pfnDestroyWindow;
-extern std::atomic<platform::RegisterPowerSettingNotificationProc> g_pfnRegisterPowerSettingNotification;
+extern std::atomic<platform::RegisterWindowMessageWProc>             g_pfnRegisterWindowMessageW;
+extern std::atomic<platform::PostMessageWProc>                       g_pfnPostMessageW;
+extern std::atomic<platform::FindWindowWProc>                        g_pfnFindWindowW;
+extern std::atomic<platform::LoadIconWProc>                          g_pfnLoadIconW;
+extern std::atomic<platform::LoadCursorWProc>                        g_pfnLoadCursorW;
+extern std::atomic<platform::RegisterClassExWProc>                   g_pfnRegisterClassExW;
+extern std::atomic<platform::CreateWindowExWProc>                    g_pfnCreateWindowExW;
+extern std::atomic<platform::PostQuitMessageProc>                    g_pfnPostQuitMessage;
+extern std::atomic<platform::DefWindowProcWProc>                     g_pfnDefWindowProcW;
+extern std::atomic<platform::GetMessageWProc>                        g_pfnGetMessageW;
+extern std::atomic<platform::TranslateMessageProc>                   g_pfnTranslateMessage;
+extern std::atomic<platform::DispatchMessageWProc>                   g_pfnDispatchMessageW;
+extern std::atomic<platform::DestroyWindowProc>                      g_pfnDestroyWindow;
+extern std::atomic<platform::RegisterPowerSettingNotificationProc>   g_pfnRegisterPowerSettingNotification;
 extern std::atomic<platform::UnregisterPowerSettingNotificationProc> g_pfnUnregisterPowerSettingNotification;
-extern std::atomic<platform::ChangeWindowMessageFilterExProc>      g_pfnChangeWindowMessageFilterEx;
-extern std::atomic<platform::SHFileOperationWProc>                 g_pfnSHFileOperationW;
+extern std::atomic<platform::ChangeWindowMessageFilterExProc>        g_pfnChangeWindowMessageFilterEx;
+extern std::atomic<platform::SHFileOperationWProc>                   g_pfnSHFileOperationW;
 
 // A bound function by its name in the table ("PostMessageW"); null when not bound or not in a table. Main thread.
 platform::FARPROC GetBoundFunction(const char *pszName);

@@ -8,7 +8,7 @@
 #include <thread>
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using Clock  = std::chrono::steady_clock;
 
 constexpr char SOCKET_DAT[] = "C:\\ProgramData\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat";
 
@@ -38,15 +38,9 @@ bool StartPair(const BenchOptions &options, AgentPair *pPair, std::string *psErr
     fs::create_directories(sMeeting);
     fs::create_directory_symlink(sMeeting, sNext);
     pPair->sWork = options.sWork;
-    pPair->old = CreateMachine({MachineKind::Hosted,
-                                options.sWork + "/old",
-                                options.sPrograms,
-                                "OLDPC",
-                                "anna",
-                                {'D'},
-                                {},
-                                sMeeting},
-                               psError);
+    pPair->old   = CreateMachine(
+          {MachineKind::Hosted, options.sWork + "/old", options.sPrograms, "OLDPC", "anna", {'D'}, {}, sMeeting},
+          psError);
     if (!pPair->old) return false;
     pPair->next = CreateMachine(
         {MachineKind::Hosted, options.sWork + "/new", options.sPrograms, "NEWPC", "bernd", {}, {}, sNext}, psError);
@@ -102,9 +96,8 @@ double RunAgents(const AgentPair &pair, const std::string &sSource, const DataSe
         WaitForCollection(pair.next, std::chrono::seconds(1800)) != 2)
         return -1;
     const double dSeconds = Seconds(begin);
-    uint64_t     nFiles = 0;
-    for (const auto &entry : fs::recursive_directory_iterator(target))
-        nFiles += entry.is_regular_file();
+    uint64_t     nFiles   = 0;
+    for (const auto &entry : fs::recursive_directory_iterator(target)) nFiles += entry.is_regular_file();
     fs::remove_all(target, error);
     return nFiles == set.nFiles ? dSeconds : -1;
 }
@@ -132,7 +125,7 @@ bool RunFlatness(const AgentPair &pair, const std::string &sSource, const DataSe
     };
     const double dTenth = static_cast<double>(set.nFiles) / 10;
     const double dFirst = dTenth / (At(set.cb / 10) - samples.front().first),
-                 dLast = dTenth / (At(set.cb) - At(set.cb / 10 * 9));
+                 dLast  = dTenth / (At(set.cb) - At(set.cb / 10 * 9));
     std::printf("  N  %s: first tenth %.0f files/s, last tenth %.0f files/s, last/first %.2f\n", set.pszWhat, dFirst,
                 dLast, dLast / dFirst);
     return true;

@@ -28,7 +28,8 @@ bool StartPair(const BenchOptions &options, AgentPair *pPair, std::string *psErr
 void StopPair(const AgentPair &pair);
 // Links them anew over a path, with that many files unanswered at most (1: one at a time). False when they do not link.
 bool Relink(const AgentPair &pair, Path ePath, int nWindow);
-// Moves the data set. Seconds, or negative when it failed: the target is empty before and is checked by count afterwards.
+// Moves the data set. Seconds, or negative when it failed: the target is empty before and is checked by count
+// afterwards.
 double RunAgents(const AgentPair &pair, const std::string &sSource, const DataSet &set);
 // Files per second of the first and the last tenth of a run, from the target's progress; false when it failed.
 bool RunFlatness(const AgentPair &pair, const std::string &sSource, const DataSet &set);

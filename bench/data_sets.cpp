@@ -13,8 +13,7 @@ static std::mt19937_64 g_Random(20);
 static void MakeFile(const fs::path &path, uint64_t cb)
 {
     static std::vector<uint64_t> s_block(1 << 17);
-    for (size_t i = 0; i < std::min<uint64_t>(s_block.size(), cb / 8 + 1); i++)
-        s_block[i] = g_Random();
+    for (size_t i = 0; i < std::min<uint64_t>(s_block.size(), cb / 8 + 1); i++) s_block[i] = g_Random();
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     for (uint64_t nDone = 0; nDone < cb;) {
         const uint64_t cbPart = std::min<uint64_t>(cb - nDone, s_block.size() * 8);
@@ -29,8 +28,7 @@ static DataSet MakeMany(const fs::path &folder, const char *pszName, const char 
     for (uint64_t d = 0; d < nFolders; d++) {
         const fs::path below = folder / ("folder " + std::to_string(d));
         fs::create_directories(below);
-        for (uint64_t i = 0; i < nEach; i++)
-            MakeFile(below / ("file " + std::to_string(i) + ".dat"), cbEach);
+        for (uint64_t i = 0; i < nEach; i++) MakeFile(below / ("file " + std::to_string(i) + ".dat"), cbEach);
     }
     return {pszName, pszWhat, nFolders * nEach, nFolders * nEach * cbEach};
 }
@@ -39,8 +37,8 @@ static DataSet MakeMixed(const fs::path &folder, uint64_t nDivisor)
 {
     static const char *const apszNames[] = {"report", "отчёт",  "報告",   "αναφορά",
                                             "تقرير",  "résumé", "रिपोर्ट", "보고서"};
-    const uint64_t           nFiles = 3000 / nDivisor;
-    uint64_t                 cbAll = 0;
+    const uint64_t           nFiles      = 3000 / nDivisor;
+    uint64_t                 cbAll       = 0;
     for (uint64_t i = 0; i < nFiles; i++) {
         fs::path below = folder;
         for (uint64_t nLevel = 0; nLevel < i % 10 + 1; nLevel++)

@@ -13,8 +13,7 @@
 #include <unistd.h>
 #include <vector>
 
-namespace
-{
+namespace {
 
 using Clock = std::chrono::steady_clock;
 
@@ -44,18 +43,17 @@ struct Direction {
     std::condition_variable  changed;
     std::deque<Parcel>       queue;
     size_t                   cbQueued = 0;
-    bool                     bBroken = false; // the far end takes no more
+    bool                     bBroken  = false; // the far end takes no more
 };
 
 void ReadAndStamp(const std::shared_ptr<Direction> &direction)
 {
     std::vector<char> block(READ_BYTES);
     for (;;) {
-        const ssize_t n = recv(direction->nFrom, block.data(), block.size(), 0);
-        const auto    tDue = Clock::now() + direction->delay;
+        const ssize_t                n    = recv(direction->nFrom, block.data(), block.size(), 0);
+        const auto                   tDue = Clock::now() + direction->delay;
         std::unique_lock<std::mutex> lock(direction->lock);
-        direction->changed.wait(lock,
-                                [&] { return direction->bBroken || direction->cbQueued < DELAY_QUEUE_BYTES; });
+        direction->changed.wait(lock, [&] { return direction->bBroken || direction->cbQueued < DELAY_QUEUE_BYTES; });
         if (direction->bBroken) return;
         direction->queue.push_back({tDue, {block.data(), block.data() + (n > 0 ? n : 0)}});
         direction->cbQueued += static_cast<size_t>(n > 0 ? n : 0);
@@ -97,19 +95,19 @@ void WaitAndWrite(const std::shared_ptr<Direction> &direction)
 void StartDirection(const std::shared_ptr<Sockets> &sockets, int nFrom, int nTo, std::chrono::microseconds delay)
 {
     const auto direction = std::make_shared<Direction>();
-    direction->sockets = sockets;
-    direction->nFrom = nFrom;
-    direction->nTo = nTo;
-    direction->delay = delay;
+    direction->sockets   = sockets;
+    direction->nFrom     = nFrom;
+    direction->nTo       = nTo;
+    direction->delay     = delay;
     std::thread([direction] { ReadAndStamp(direction); }).detach();
     std::thread([direction] { WaitAndWrite(direction); }).detach();
 }
 
 sockaddr_in Loopback(uint16_t nPort)
 {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(nPort);
+    sockaddr_in address     = {};
+    address.sin_family      = AF_INET;
+    address.sin_port        = htons(nPort);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     return address;
 }
@@ -121,7 +119,7 @@ void Serve(int nListener, uint16_t nTarget, std::chrono::microseconds delay)
         if (nNear < 0) continue;
         const auto        sockets = std::make_shared<Sockets>(nNear, socket(AF_INET, SOCK_STREAM, 0));
         const sockaddr_in address = Loopback(nTarget);
-        const int         bOn = 1;
+        const int         bOn     = 1;
         if (connect(sockets->nFar, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) continue;
         setsockopt(sockets->nNear, IPPROTO_TCP, TCP_NODELAY, &bOn, sizeof(bOn));
         setsockopt(sockets->nFar, IPPROTO_TCP, TCP_NODELAY, &bOn, sizeof(bOn));
@@ -134,8 +132,8 @@ void Serve(int nListener, uint16_t nTarget, std::chrono::microseconds delay)
 
 uint16_t StartDelayProxy(uint16_t nTarget, std::chrono::microseconds delay)
 {
-    sockaddr_in address = Loopback(0);
-    socklen_t   cb = sizeof(address);
+    sockaddr_in address   = Loopback(0);
+    socklen_t   cb        = sizeof(address);
     const int   nListener = socket(AF_INET, SOCK_STREAM, 0);
     if (nListener < 0 || bind(nListener, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 ||
         listen(nListener, 16) != 0 || getsockname(nListener, reinterpret_cast<sockaddr *>(&address), &cb) != 0)

@@ -10,16 +10,16 @@
 
 namespace fs = std::filesystem;
 
-namespace
-{
+namespace {
 
 int Usage(const std::string &sWhy)
 {
-    std::fprintf(stderr,
-                 "migration-bench: %s\nusage: migration-bench --programs BUILD --work FOLDER --ssh WRAPPER --ssh-port N "
-                 "--daemon-port N\n"
-                 "       [--sets LSMN] [--paths direct,delayed] [--runs N] [--delayed-runs N] [--divisor N]\n",
-                 sWhy.c_str());
+    std::fprintf(
+        stderr,
+        "migration-bench: %s\nusage: migration-bench --programs BUILD --work FOLDER --ssh WRAPPER --ssh-port N "
+        "--daemon-port N\n"
+        "       [--sets LSMN] [--paths direct,delayed] [--runs N] [--delayed-runs N] [--divisor N]\n",
+        sWhy.c_str());
     return 2;
 }
 
@@ -70,7 +70,7 @@ std::string Times(double dOther, double dWindow)
 bool Compare(const BenchOptions &options, const AgentPair &pair, const CopyPorts &ports, Path ePath,
              const std::string &sSource, const DataSet &set)
 {
-    constexpr Tool      TOOLS[] = {Tool::Scp, Tool::RsyncSsh, Tool::RsyncDaemon};
+    constexpr Tool      TOOLS[]     = {Tool::Scp, Tool::RsyncSsh, Tool::RsyncDaemon};
     const std::string   sHostSource = HostPathOf(pair.old, sSource);
     std::vector<double> window, single, copies[std::size(TOOLS)];
     const int           nRuns = ePath == Path::Direct ? options.nRuns : options.nDelayedRuns;
@@ -80,8 +80,8 @@ bool Compare(const BenchOptions &options, const AgentPair &pair, const CopyPorts
         for (size_t nTool = 0; nTool < std::size(TOOLS); nTool++)
             copies[nTool].push_back(RunCopy(TOOLS[nTool], options, ports, sHostSource));
     }
-    const double dWindow = Median(window), dSingle = Median(single), dScp = Median(copies[0]),
-                 dSsh = Median(copies[1]), dDaemon = Median(copies[2]);
+    const double dWindow = Median(window), dSingle = Median(single), dScp = Median(copies[0]), dSsh = Median(copies[1]),
+                 dDaemon = Median(copies[2]);
     std::printf("  %s  %-8s %14s %14s %14s %14s %14s   %7s %7s %7s %7s\n", set.pszName,
                 ePath == Path::Direct ? "direct" : "1 ms", Rate(set, dWindow).c_str(), Rate(set, dSingle).c_str(),
                 Rate(set, dScp).c_str(), Rate(set, dSsh).c_str(), Rate(set, dDaemon).c_str(),
@@ -96,8 +96,8 @@ bool MeasureSet(const BenchOptions &options, const AgentPair &pair, const CopyPo
                 char chSet)
 {
     const std::string sSource = std::string("D:\\Set") + chSet;
-    const DataSet     set = MakeDataSet(chSet, HostPathOf(pair.old, sSource), options.nDivisor);
-    bool              bOk = true;
+    const DataSet     set     = MakeDataSet(chSet, HostPathOf(pair.old, sSource), options.nDivisor);
+    bool              bOk     = true;
     if (chSet == 'N') {
         bOk = Relink(pair, Path::Direct, WINDOW_FILES) && RunFlatness(pair, sSource, set);
     } else {
@@ -135,7 +135,7 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "migration-bench: %s\n", sError.c_str());
         return 1;
     }
-    const CopyPorts direct = {options.sSshPort, options.sDaemonPort};
+    const CopyPorts direct  = {options.sSshPort, options.sDaemonPort};
     const CopyPorts delayed = {ProxyPort(options.sSshPort), ProxyPort(options.sDaemonPort)};
     std::printf("     %-8s %14s %14s %14s %14s %14s   %s\n", "path", "window", "one at a time", "scp", "rsync ssh",
                 "rsync daemon", "window against:  one,    scp,    ssh,  daemon");

@@ -123,7 +123,8 @@ static void AcceptClients(const char16_t *pszPipeName, SECURITY_ATTRIBUTES *pSec
 }
 
 // By the mutex a service sees that an agent is there. One that still holds it from an agent that has died keeps it
-// alive, with that one's access list: that gives Everyone the right to wait, but not all that creating it anew asks for.
+// alive, with that one's access list: that gives Everyone the right to wait, but not all that creating it anew asks
+// for.
 static HANDLE CreateOrOpenMutex(SECURITY_ATTRIBUTES *pSecurity, const char16_t *pszName)
 {
     const HANDLE hMutex = CreateMutexW(pSecurity, FALSE, pszName);

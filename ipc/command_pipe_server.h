@@ -18,7 +18,8 @@ constexpr char16_t AGENT_PIPE_NAME[]  = u"\\\\.\\pipe\\VornMigrationNet_NamedPip
 extern std::atomic<platform::HANDLE> g_hStartupEvent;
 
 // True while the service has still to be told that the agent's pipe is there. Set by the main thread before it starts
-// the server; whoever exchanges it for false tells: the main thread after the wait, the server when that was over first.
+// the server; whoever exchanges it for false tells: the main thread after the wait, the server when that was over
+// first.
 extern std::atomic<bool> g_bReadyUnsaid;
 void                     SayReady(); // does so, once; any thread
 

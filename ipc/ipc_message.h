@@ -24,41 +24,41 @@ static_assert(offsetof(IpcMessage, szText1) == 24 && offsetof(IpcMessage, szText
                   offsetof(IpcMessage, szText3) == 1064,
               "no padding anywhere");
 
-constexpr uint32_t STON_FORCEEXIT               = 0x0221;
-constexpr uint32_t NTOS_IPCREADY                = 0x0330;
-constexpr uint32_t NTOS_COLLECTIONPROGRESS      = 0x0331; // 817: the collection's percentage has changed
-constexpr uint32_t NTOS_ERRORCONTROL            = 0x0332;
-constexpr uint32_t NTOS_FAILITEMS               = 0x0333;
-constexpr uint32_t NTOS_UPDATEPERCENTAGE        = 0x0334;
-constexpr uint32_t NTOS_USERCONTROL             = 0x0335;
-constexpr uint32_t ATOS_FAILITEMS               = 0x0343;
-constexpr uint32_t ATOS_UPDATEPERCENTAGE        = 0x0344;
-constexpr uint32_t STON_NETWORKCONNECTION       = 0x0820;
-constexpr uint32_t STON_GETPINCODE              = 0x0920;
-constexpr uint32_t STON_SETPINCCODE             = 0x0921;
-constexpr uint32_t STON_SETCOMPUTERROLE         = 0x1021;
-constexpr uint32_t STON_COLLECTIONFOLDERS       = 0x1120;
-constexpr uint32_t STON_COLLECTIONFILES         = 0x1121;
-constexpr uint32_t NTOS_COLLECTIONFOLDERS       = 0x1130;
-constexpr uint32_t NTOS_COLLECTIONFILES         = 0x1131;
-constexpr uint32_t STON_SYSTEMSETTINGSUPPORTED  = 0x1320;
-constexpr uint32_t NTOS_SYSTEMSETTINGSUPPORTED  = 0x1330;
-constexpr uint32_t STON_APPLICATIONSUPPORTED    = 0x1420;
-constexpr uint32_t NTOS_APPLICATIONSUPPORTED    = 0x1430;
-constexpr uint32_t STON_MIGRATIONOPTIONS        = 0x2020;
-constexpr uint32_t NTOS_MIGRATIONOPTIONS        = 0x2030;
-constexpr uint32_t STON_MIGRATIONCOLLECTION     = 0x2120;
-constexpr uint32_t STON_MIGRATIONSYSTEMSETTING  = 0x2320;
-constexpr uint32_t NTOS_MIGRATIONSYSTEMSETTING  = 0x2330;
-constexpr uint32_t STON_MIGRATIONAPPLICATION    = 0x2420;
-constexpr uint32_t NTOS_MIGRATIONAPPLICATION    = 0x2430;
-constexpr uint32_t STON_SETPROGRESS             = 0x3021;
-constexpr uint32_t NTOS_SETPROGRESS             = 0x3031;
+constexpr uint32_t STON_FORCEEXIT              = 0x0221;
+constexpr uint32_t NTOS_IPCREADY               = 0x0330;
+constexpr uint32_t NTOS_COLLECTIONPROGRESS     = 0x0331; // 817: the collection's percentage has changed
+constexpr uint32_t NTOS_ERRORCONTROL           = 0x0332;
+constexpr uint32_t NTOS_FAILITEMS              = 0x0333;
+constexpr uint32_t NTOS_UPDATEPERCENTAGE       = 0x0334;
+constexpr uint32_t NTOS_USERCONTROL            = 0x0335;
+constexpr uint32_t ATOS_FAILITEMS              = 0x0343;
+constexpr uint32_t ATOS_UPDATEPERCENTAGE       = 0x0344;
+constexpr uint32_t STON_NETWORKCONNECTION      = 0x0820;
+constexpr uint32_t STON_GETPINCODE             = 0x0920;
+constexpr uint32_t STON_SETPINCCODE            = 0x0921;
+constexpr uint32_t STON_SETCOMPUTERROLE        = 0x1021;
+constexpr uint32_t STON_COLLECTIONFOLDERS      = 0x1120;
+constexpr uint32_t STON_COLLECTIONFILES        = 0x1121;
+constexpr uint32_t NTOS_COLLECTIONFOLDERS      = 0x1130;
+constexpr uint32_t NTOS_COLLECTIONFILES        = 0x1131;
+constexpr uint32_t STON_SYSTEMSETTINGSUPPORTED = 0x1320;
+constexpr uint32_t NTOS_SYSTEMSETTINGSUPPORTED = 0x1330;
+constexpr uint32_t STON_APPLICATIONSUPPORTED   = 0x1420;
+constexpr uint32_t NTOS_APPLICATIONSUPPORTED   = 0x1430;
+constexpr uint32_t STON_MIGRATIONOPTIONS       = 0x2020;
+constexpr uint32_t NTOS_MIGRATIONOPTIONS       = 0x2030;
+constexpr uint32_t STON_MIGRATIONCOLLECTION    = 0x2120;
+constexpr uint32_t STON_MIGRATIONSYSTEMSETTING = 0x2320;
+constexpr uint32_t NTOS_MIGRATIONSYSTEMSETTING = 0x2330;
+constexpr uint32_t STON_MIGRATIONAPPLICATION   = 0x2420;
+constexpr uint32_t NTOS_MIGRATIONAPPLICATION   = 0x2430;
+constexpr uint32_t STON_SETPROGRESS            = 0x3021;
+constexpr uint32_t NTOS_SETPROGRESS            = 0x3031;
 
 constexpr uint32_t IPC_PARAM_REQUEST = 1;
 constexpr uint32_t IPC_PARAM_DONE    = 2;
 constexpr uint32_t IPC_PARAM_FAILED  = 0xFFFFFFFE; // -2
-constexpr uint32_t IPC_PARAM_TOTAL   = 128; // of 836: text 1 is the number of bytes to come
+constexpr uint32_t IPC_PARAM_TOTAL   = 128;        // of 836: text 1 is the number of bytes to come
 
 constexpr size_t IPC_LABEL_BYTES = 260;
 

@@ -11,8 +11,8 @@
 #include "platform/types.h"
 #include <cstdint>
 
-constexpr uint32_t SILENT_CONNECTION_MS  = 200; // from the moment it was accepted
-constexpr uint32_t LATE_CONNECTION_MS    = 400; // for an older one whose records take long, from one's own on
+constexpr uint32_t SILENT_CONNECTION_MS  = 200;  // from the moment it was accepted
+constexpr uint32_t LATE_CONNECTION_MS    = 400;  // for an older one whose records take long, from one's own on
 constexpr uint32_t CONNECTION_READ_BYTES = 7920; // five records
 static_assert(CONNECTION_READ_BYTES == 5 * IPC_MESSAGE_SIZE);
 

@@ -30,11 +30,11 @@ struct RecordRule {
     bool         bFromService;                // accepted from the own service, for the peer
     bool         bFromPeer;                   // accepted from the peer
     RecordAction eAction;
-    uint32_t     dwTurned;        // the code for the own service
-    uint32_t     dwTurnedParam2;  // or KEEP_PARAM
-    uint32_t     dwTurnedParam3;  // or KEEP_PARAM
-    uint8_t      nTexts;          // how many texts go with it
-    uint8_t      nMapped;         // bit n: text n + 1 is a path below root P, told as one below root A
+    uint32_t     dwTurned;       // the code for the own service
+    uint32_t     dwTurnedParam2; // or KEEP_PARAM
+    uint32_t     dwTurnedParam3; // or KEEP_PARAM
+    uint8_t      nTexts;         // how many texts go with it
+    uint8_t      nMapped;        // bit n: text n + 1 is a path below root P, told as one below root A
 };
 
 // The row that the record fits exactly, or null: a record that fits none is an answer on its way to somebody else, or

@@ -5,8 +5,8 @@
 #include "ipc/thread_execution.h"
 #include "migration/collection.h"
 #include "migration/special_folders.h"
-#include "net/network_link.h"
 #include "net/file_afterwork.h"
+#include "net/network_link.h"
 #include "platform/text.h"
 #include "trace/trace_log.h"
 #include <cstring>
@@ -48,9 +48,9 @@ static void PassLongText(const IpcMessage *pRecord)
 // For the own service: the record turned as its row says.
 static void Pass(const IpcMessage *pRecord, const RecordRule *pRule)
 {
-    constexpr uint32_t TEXTS                        = 3;
-    const char16_t    *apszFields[TEXTS]            = {pRecord->szText1, pRecord->szText2, pRecord->szText3};
-    const char16_t    *apszTexts[TEXTS]             = {};
+    constexpr uint32_t TEXTS             = 3;
+    const char16_t    *apszFields[TEXTS] = {pRecord->szText1, pRecord->szText2, pRecord->szText3};
+    const char16_t    *apszTexts[TEXTS]  = {};
     char16_t           aszTexts[TEXTS][IPC_TEXT_UNITS];
     for (uint32_t i = 0; i < pRule->nTexts; ++i) {
         CopyIpcText(aszTexts[i], apszFields[i]);

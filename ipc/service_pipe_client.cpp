@@ -25,7 +25,7 @@ static HANDLE     g_hQueueEvent; // auto-reset; null while no sender thread wait
 
 static std::atomic<uint32_t> g_dwOwnSession{SESSION_UNKNOWN};
 
-static CRITICAL_SECTION g_csQueue;
+static CRITICAL_SECTION  g_csQueue;
 static CRITICAL_SECTION *QueueLock()
 {
     return MadeOnce<&g_csQueue>();
@@ -46,7 +46,7 @@ static int32_t Enqueue(const IpcMessage *pRecord)
         std::memmove(&g_aQueue[0], &g_aQueue[1], sizeof(IpcMessage) * (SERVICE_QUEUE_RECORDS - 1));
         g_nQueued--;
     }
-    g_aQueue[g_nQueued++] = *pRecord;
+    g_aQueue[g_nQueued++]    = *pRecord;
     const int32_t bSignalled = g_hQueueEvent != nullptr && SetEvent(g_hQueueEvent);
     LeaveCriticalSection(QueueLock());
     return bSignalled;
@@ -187,7 +187,8 @@ uint32_t ServicePipeSenderThread(void *)
     for (;;) {
         const HANDLE ahWait[] = {g_hAppEvent, hEvent};
         if (WaitForMultipleObjects(2, ahWait, FALSE, INFINITE) != WAIT_OBJECT_0 + 1) break;
-        while (PassObjectInQueue() && !WaitForStop(0)) {}
+        while (PassObjectInQueue() && !WaitForStop(0)) {
+        }
     }
 
     EnterCriticalSection(QueueLock());

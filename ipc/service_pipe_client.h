@@ -7,9 +7,9 @@
 #pragma once
 #include "ipc/ipc_message.h"
 
-constexpr int32_t  SERVICE_QUEUE_RECORDS = 8;    // a ninth pushes out the oldest
-constexpr uint32_t SERVICE_RECORD_PAUSE_MS = 15; // after each record, so that the service keeps up
-constexpr uint32_t SERVICE_PIPE_WAIT_MS = 2000;  // for an instance of a busy pipe, again and again
+constexpr int32_t  SERVICE_QUEUE_RECORDS   = 8;    // a ninth pushes out the oldest
+constexpr uint32_t SERVICE_RECORD_PAUSE_MS = 15;   // after each record, so that the service keeps up
+constexpr uint32_t SERVICE_PIPE_WAIT_MS    = 2000; // for an instance of a busy pipe, again and again
 
 constexpr char16_t SERVICE_MUTEX_NAME[] = u"Global\\VornMigrationSrv_NamedPipeMux";
 constexpr char16_t SERVICE_PIPE_NAME[]  = u"\\\\.\\pipe\\VornMigrationSrv_NamedPipeCommand";

@@ -9,7 +9,7 @@
 #include "net/session_control.h"
 #include "trace/trace_log.h"
 
-static constexpr uint32_t PARAM_SET_ROOT        = 2;   // of 4129
+static constexpr uint32_t PARAM_SET_ROOT = 2; // of 4129
 
 static void SetAppDataRoot(const IpcMessage *pRecord)
 {
@@ -54,8 +54,7 @@ void NetHandleIPC(const IpcMessage *pRecord)
         return;
     }
     // The files of the transfer whose total is announced here report their progress on the other side.
-    if (pRecord->dwCommand == ATOS_UPDATEPERCENTAGE && pRecord->dwParam1 == IPC_PARAM_TOTAL)
-        g_bSpecialTransfer = 1;
+    if (pRecord->dwCommand == ATOS_UPDATEPERCENTAGE && pRecord->dwParam1 == IPC_PARAM_TOTAL) g_bSpecialTransfer = 1;
     if (pRecord->dwCommand == STON_SETPROGRESS)
         CancelAllThreadExecutions(); // before the worker: it must not cancel itself
     StartSpecialTransfer(pRecord);

@@ -19,7 +19,7 @@ static bool           g_bListOpen;
 static ExecutionNode *g_pFirstNode;
 static ExecutionNode *g_pLastNode;
 
-static CRITICAL_SECTION g_csList;
+static CRITICAL_SECTION  g_csList;
 static CRITICAL_SECTION *ListLock()
 {
     return MadeOnce<&g_csList>();

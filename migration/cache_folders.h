@@ -1,6 +1,6 @@
 // cache_folders.h: which folders a request may have listed or removed.
-// A request comes over a pipe that every local user may write to, so what it names is looked at as the file system sees it: with "..",
-// links and prefixes resolved.
+// A request comes over a pipe that every local user may write to, so what it names is looked at as the file system sees
+// it: with "..", links and prefixes resolved.
 // Threads  any.
 #pragma once
 

@@ -8,7 +8,8 @@
 //          other line is an item; one that stands there twice has arrived since.
 // Life     from a walk's beginning until a collection has been reported complete and no item is open; begun anew for
 //          another peer, and for other items after "?complete".
-// Bound    FAILED_ITEMS_MAX items. What cannot be kept is not recorded as done with, and the walk does not end complete.
+// Bound    FAILED_ITEMS_MAX items. What cannot be kept is not recorded as done with, and the walk does not end
+//          complete.
 // Thread   the walk's; no lock.
 #pragma once
 #include "migration/string_list.h"

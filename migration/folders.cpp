@@ -74,4 +74,3 @@ int32_t CreateFolderTree(const char16_t *pszFolder)
     SetLastError(dwErr == ERROR_SUCCESS ? static_cast<uint32_t>(ERROR_ALREADY_EXISTS) : dwErr);
     return 0;
 }
-

@@ -23,12 +23,13 @@ static const char16_t *const g_pszSystemFolderKeys[SYSTEM_FOLDER_COUNT] = {
 static const char16_t *const g_pszUserFolderKeys[USER_FOLDER_COUNT] = {u"\"Desktop\"", u"\"Documents\"",
                                                                        u"\"Pictures\""};
 
-constexpr uint32_t SID_BYTES = 68; // the largest SID
-constexpr int32_t  MACHINE_VOLUMES_MAX = 256; // looked at, whatever "Number" says: each costs a pass over the file
-constexpr size_t QUOTED_TEXT_UNITS    = MACHINE_TEXT_UNITS + 2;
-constexpr size_t VOLUME_SECTION_UNITS = 32;
+constexpr uint32_t SID_BYTES            = 68;  // the largest SID
+constexpr int32_t  MACHINE_VOLUMES_MAX  = 256; // looked at, whatever "Number" says: each costs a pass over the file
+constexpr size_t   QUOTED_TEXT_UNITS    = MACHINE_TEXT_UNITS + 2;
+constexpr size_t   VOLUME_SECTION_UNITS = 32;
 
-// The user's SID, asked for once: a laptop away from its domain waits long for the answer. Under the lock, over the call.
+// The user's SID, asked for once: a laptop away from its domain waits long for the answer. Under the lock, over the
+// call.
 static CRITICAL_SECTION g_csOwnSid;
 static bool             g_bOwnSidAsked;
 static char16_t         g_szOwnSid[MACHINE_TEXT_UNITS]; // empty: there is none

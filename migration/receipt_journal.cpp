@@ -67,13 +67,13 @@ struct Journal {
     bool         bTried; // opened, or found impossible: not tried again in this request
     HANDLE       hFile;
     uint64_t     ullRing;
-    uint64_t     ullNext;     // the next receipt's sequence
-    ReceiptSlot *pEarlier;    // receipts of earlier requests, oldest first; a forgotten one has no mark
+    uint64_t     ullNext;  // the next receipt's sequence
+    ReceiptSlot *pEarlier; // receipts of earlier requests, oldest first; a forgotten one has no mark
     uint32_t     nEarlier;
     uint64_t     ullUncounted; // sequence of the last one if its file has not been counted, else 0
     uint64_t     ullProgress;  // as last heard
 };
-Journal g_journal = {false, INVALID_HANDLE_VALUE, 0, 1, nullptr, 0, 0, 0};
+Journal g_journal         = {false, INVALID_HANDLE_VALUE, 0, 1, nullptr, 0, 0, 0};
 bool    g_bMigrationEnded = false; // [g_csReceipts] the next opening, or the link's end, begins a new ring
 
 uint64_t HashBytes(uint64_t ullHash, const void *pBytes, size_t cb)
@@ -114,7 +114,7 @@ bool WriteAt(HANDLE hFile, int64_t cbOffset, const void *pBytes, uint32_t cb)
 // A ring of its own for this peer: what the old one's slots hold is nothing from here on.
 bool BeginRing(uint64_t ullPeer, uint64_t ullOldRing)
 {
-    HeaderSlot header = {JOURNAL_MARK, JOURNAL_VERSION, std::max(ullOldRing + 1, GetTickCount64()), ullPeer, {}, 0};
+    HeaderSlot header  = {JOURNAL_MARK, JOURNAL_VERSION, std::max(ullOldRing + 1, GetTickCount64()), ullPeer, {}, 0};
     header.ullChecksum = ChecksumOf(header);
     if (!WriteAt(g_journal.hFile, 0, &header, sizeof header)) return false;
     g_journal.ullRing = header.ullRing;
@@ -199,8 +199,7 @@ HANDLE OpenJournalFile(const char16_t *pszFile, bool bMayMake)
     if (hFile != INVALID_HANDLE_VALUE && GetFileSizeEx(hFile, &cbFile) && cbFile == JOURNAL_BYTES) return hFile;
     const bool bOther = hFile != INVALID_HANDLE_VALUE; // cut short, or another version's
     if (bOther) CloseHandle(hFile);
-    else if (GetLastError() != ERROR_FILE_NOT_FOUND || !bMayMake)
-        return INVALID_HANDLE_VALUE;
+    else if (GetLastError() != ERROR_FILE_NOT_FOUND || !bMayMake) return INVALID_HANDLE_VALUE;
     hFile = CreateJournal(pszFile);
     if (hFile != INVALID_HANDLE_VALUE) SetFilePointerEx(hFile, 0, nullptr, FILE_BEGIN);
     return hFile;
@@ -229,8 +228,9 @@ bool OpenJournal(bool bMayMake)
 
 void Note(uint64_t ullDestination, uint32_t nNumber, int64_t cbSize)
 {
-    ReceiptSlot slot = {RECEIPT_MARK, nNumber, g_journal.ullRing,     g_journal.ullNext, ullDestination,
-                        cbSize,       g_journal.ullProgress, {}, 0};
+    ReceiptSlot slot = {
+        RECEIPT_MARK, nNumber, g_journal.ullRing, g_journal.ullNext, ullDestination, cbSize, g_journal.ullProgress,
+        {},           0};
     slot.ullChecksum       = ChecksumOf(slot);
     const uint64_t ullSlot = 1 + g_journal.ullNext % RECEIPT_SLOTS;
     ++g_journal.ullNext;
@@ -251,8 +251,14 @@ uint32_t Find(uint64_t ullDestination, int64_t cbSize, StoredReceipt *pReceipts,
     return nFound;
 }
 
-void EnterJournal() { EnterCriticalSection(MadeOnce<&g_csReceipts>()); }
-void LeaveJournal() { LeaveCriticalSection(MadeOnce<&g_csReceipts>()); }
+void EnterJournal()
+{
+    EnterCriticalSection(MadeOnce<&g_csReceipts>());
+}
+void LeaveJournal()
+{
+    LeaveCriticalSection(MadeOnce<&g_csReceipts>());
+}
 
 } // namespace
 

@@ -65,11 +65,9 @@ static bool IsBlank(char16_t ch)
 // Removes blanks from both ends in place and returns the new start.
 static char16_t *Trim(char16_t *psz)
 {
-    while (IsBlank(*psz))
-        ++psz;
+    while (IsBlank(*psz)) ++psz;
     size_t cch = TextLengthW(psz);
-    while (cch > 0 && IsBlank(psz[cch - 1]))
-        --cch;
+    while (cch > 0 && IsBlank(psz[cch - 1])) --cch;
     psz[cch] = 0;
     return psz;
 }
@@ -79,8 +77,7 @@ static void WidenLine(LineReader *pReader)
 {
     char         szBytes[RECORD_LINE_UNITS];
     const size_t cch = TextLengthW(pReader->szLine);
-    for (size_t i = 0; i <= cch; ++i)
-        szBytes[i] = static_cast<char>(pReader->szLine[i]);
+    for (size_t i = 0; i <= cch; ++i) szBytes[i] = static_cast<char>(pReader->szLine[i]);
     if (MultiByteToWideChar(CP_ACP, 0, szBytes, -1, pReader->szLine, RECORD_LINE_UNITS) == 0) pReader->szLine[0] = 0;
 }
 
@@ -138,16 +135,14 @@ RecordLine ParseRecordLine(char16_t *pszLine, char16_t **ppszName, char16_t **pp
     if (cch == 0 || pszLine[0] == u';') return RecordLine::Nothing;
     if (pszLine[0] == u'[') {
         size_t iEnd = cch;
-        while (iEnd > 0 && pszLine[iEnd - 1] != u']')
-            --iEnd;
+        while (iEnd > 0 && pszLine[iEnd - 1] != u']') --iEnd;
         if (iEnd == 0) return RecordLine::Nothing;
         pszLine[iEnd - 1] = 0;
         *ppszName         = Trim(pszLine + 1);
         return RecordLine::Section;
     }
     char16_t *pszEqual = pszLine;
-    while (*pszEqual != 0 && *pszEqual != u'=')
-        ++pszEqual;
+    while (*pszEqual != 0 && *pszEqual != u'=') ++pszEqual;
     if (*pszEqual == 0) return RecordLine::Nothing;
     *pszEqual             = 0;
     *ppszName             = Trim(pszLine);
@@ -213,8 +208,7 @@ static bool GatherPieces(LineReader *pReader, PieceList *pList)
     for (SectionPiece *p = pBegin; p < pEnd;) {
         const uint64_t ullSection = p->ullSection;
         const auto     ullFirst   = static_cast<uint64_t>(p->llHeader);
-        for (; p < pEnd && p->ullSection == ullSection; ++p)
-            p->ullSection = ullFirst;
+        for (; p < pEnd && p->ullSection == ullSection; ++p) p->ullSection = ullFirst;
     }
     std::sort(pBegin, pEnd, IsEarlierPiece);
     return true;

@@ -63,8 +63,7 @@ static bool SplitItem(const char16_t *pszBase, const char16_t *pszItem, char16_t
 
     size_t cchKey   = 0;
     szKey[cchKey++] = u'"';
-    for (size_t i = cchFolder; i < cchRelative; ++i)
-        szKey[cchKey++] = pszRelative[i] == u'=' ? u':' : pszRelative[i];
+    for (size_t i = cchFolder; i < cchRelative; ++i) szKey[cchKey++] = pszRelative[i] == u'=' ? u':' : pszRelative[i];
     szKey[cchKey++] = u'"';
     szKey[cchKey]   = 0;
     return true;
@@ -73,7 +72,7 @@ static bool SplitItem(const char16_t *pszBase, const char16_t *pszItem, char16_t
 static void CloseAppend()
 {
     if (g_Records.hAppend != INVALID_HANDLE_VALUE) CloseHandle(g_Records.hAppend);
-    g_Records.hAppend    = INVALID_HANDLE_VALUE;
+    g_Records.hAppend          = INVALID_HANDLE_VALUE;
     g_Records.szOpenSection[0] = 0;
 }
 
@@ -81,7 +80,7 @@ static void Forget()
 {
     CloseAppend();
     ClearRecords();
-    g_Records.szFile[0]    = 0;
+    g_Records.szFile[0]          = 0;
     g_Records.szWorkingFolder[0] = 0;
     g_Records.bHalfLine          = false;
     g_Records.bInPieces          = false;
@@ -141,7 +140,7 @@ static bool LoadFile(const char16_t *pszFile)
             if (!pReader->bEnded) g_Records.bHalfLine = true;
             TakeLine(pReader, szSection);
         }
-        bLoaded          = !pReader->bFailed;
+        bLoaded                  = !pReader->bFailed;
         g_Records.bOtherEncoding = !pReader->bWide;
         if (g_Records.bOtherEncoding || g_Records.bHalfLine) g_Records.bInPieces = true;
     } else {

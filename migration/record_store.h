@@ -8,8 +8,8 @@
 //          when the walk comes back to it. Profile functions look at a section's first occurrence alone, so a file
 //          with repeated ones is rewritten with each section in one piece when it is closed, and when it is loaded
 //          after a kill. Memory: about 11 bytes for each record of the file.
-// Case     counts: a folder may hold two names that differ in nothing else. Profile functions do not see it: of two such
-//          records they give the first one's value for both.
+// Case     counts: a folder may hold two names that differ in nothing else. Profile functions do not see it: of two
+//          such records they give the first one's value for both.
 // Kill     at any moment leaves every record but the one being written; half a line is passed over and removed by the
 //          next load.
 // Thread   the collection walk's, one walk at a time; no lock.

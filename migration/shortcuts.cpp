@@ -41,8 +41,7 @@ int32_t FixShortcut(const PathMap *pMap, const char16_t *pszLink, int32_t bRequi
 {
     // A link that came read-only opens for nothing else; it is rewritten all the same, and is read-only again.
     const uint32_t dwAttributes = GetFileAttributesW(pszLink);
-    const bool     bReadOnly =
-        dwAttributes != INVALID_FILE_ATTRIBUTES && (dwAttributes & FILE_ATTRIBUTE_READONLY) != 0;
+    const bool     bReadOnly = dwAttributes != INVALID_FILE_ATTRIBUTES && (dwAttributes & FILE_ATTRIBUTE_READONLY) != 0;
     if (bReadOnly) SetFileAttributesW(pszLink, dwAttributes & ~FILE_ATTRIBUTE_READONLY);
     const int32_t nRet = RewriteLink(pMap, pszLink, bRequireSourceVolume);
     if (bReadOnly) SetFileAttributesW(pszLink, dwAttributes);

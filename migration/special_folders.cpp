@@ -14,7 +14,7 @@ std::atomic<uint32_t> g_bSpecialTransfer;
 constexpr size_t ROOT_UNITS        = 260;
 constexpr size_t TRACED_PATH_UNITS = 1024;
 
-static CRITICAL_SECTION g_csFolders; // guards g_SpecialFolders
+static CRITICAL_SECTION  g_csFolders; // guards g_SpecialFolders
 static CRITICAL_SECTION *FoldersLock()
 {
     return MadeOnce<&g_csFolders>();

@@ -12,9 +12,9 @@ extern std::atomic<uint32_t> g_nTotalsUnderWay;
 // started. Any thread.
 int32_t StartSpecialTransfer(const IpcMessage *pRequest);
 struct SpecialRequest {
-    IpcMessage Record;           // texts terminated
-    uint32_t   dwLinkGeneration; // net/network_link.h
-    bool       bTotal = false;   // it is one of g_nTotalsUnderWay
+    IpcMessage Record;               // texts terminated
+    uint32_t   dwLinkGeneration;     // net/network_link.h
+    bool       bTotal       = false; // it is one of g_nTotalsUnderWay
     uint64_t   ullExecution = 0; // ipc/thread_execution.h; listed before the thread starts, so that a cancel that comes
                                  // right behind the request meets it
 };

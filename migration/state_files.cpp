@@ -1,8 +1,8 @@
 // state_files.cpp: where the state of a migration is kept, and the lists of paths among it.
-// A file of path lines is appended to by a process that may be killed at any moment. A line counts once its CR LF is there,
-// and since that stands at the end of the one write that brings a line, a cut write leaves a tail without it. The next
-// line is written over such a tail: behind it, the tail would become a line of its own, and a path cut short may name a
-// file that was never sent.
+// A file of path lines is appended to by a process that may be killed at any moment. A line counts once its CR LF is
+// there, and since that stands at the end of the one write that brings a line, a cut write leaves a tail without it.
+// The next line is written over such a tail: behind it, the tail would become a line of its own, and a path cut short
+// may name a file that was never sent.
 #include "migration/state_files.h"
 #include "migration/folders.h"
 #include "platform/errors.h"
@@ -33,7 +33,7 @@ constexpr uint32_t LINE_END_UNITS    = 2;
 static std::atomic<uint32_t> g_bProgressFolderKnown; // set once the path stands; writers hold the lock below
 
 // Guards the first filling of g_szProgressFolder; the disk is touched under it, no other lock is taken.
-static CRITICAL_SECTION g_csState;
+static CRITICAL_SECTION  g_csState;
 static CRITICAL_SECTION *StateLock()
 {
     return MadeOnce<&g_csState>();

@@ -16,12 +16,12 @@ constexpr size_t STATE_PATH_UNITS = 260;
 // Built on first use and never changed afterwards; read it after GetProgressFolder has given 1.
 extern char16_t g_szProgressFolder[STATE_PATH_UNITS];
 
-constexpr char16_t PROGRESS_INFO_FILE[] = u"progressinfo.ini";
-constexpr char16_t RECORD_INFO_FILE[]   = u"recordinfo.ini";
-constexpr char16_t COMPLETE_INFO_FILE[] = u"completeinfo.ini";
+constexpr char16_t PROGRESS_INFO_FILE[]   = u"progressinfo.ini";
+constexpr char16_t RECORD_INFO_FILE[]     = u"recordinfo.ini";
+constexpr char16_t COMPLETE_INFO_FILE[]   = u"completeinfo.ini";
 constexpr char16_t COLLECTION_INFO_FILE[] = u"collectioninfo.ini";
-constexpr char16_t LOCAL_INFO_FILE[]    = u"localinfo.ini";
-constexpr char16_t TARGET_INFO_FILE[]   = u"targetinfo.ini";
+constexpr char16_t LOCAL_INFO_FILE[]      = u"localinfo.ini";
+constexpr char16_t TARGET_INFO_FILE[]     = u"targetinfo.ini";
 
 // Names in progressinfo.ini; the quotes are part of the keys.
 constexpr char16_t COLLECTION_SECTION[] = u"Collection";
@@ -34,8 +34,8 @@ constexpr char16_t COMPLETE_KEY[]       = u"\"Complete\"";
 constexpr uint32_t STATE_FILE_TRIES    = 20;
 constexpr uint32_t STATE_FILE_PAUSE_MS = 50;
 
-constexpr uint32_t PATH_LINE_UNITS      = 1024; // the longest line of a path list, and the room of its entries
-constexpr int64_t  PATH_LIST_BYTES_MAX  = 256 << 20; // a longer list is not read
+constexpr uint32_t PATH_LINE_UNITS     = 1024;      // the longest line of a path list, and the room of its entries
+constexpr int64_t  PATH_LIST_BYTES_MAX = 256 << 20; // a longer list is not read
 
 // 1 when the path is known (and the folder was created if it could be), 0 when ProgramData cannot be resolved.
 int32_t GetProgressFolder();

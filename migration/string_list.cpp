@@ -1,6 +1,6 @@
 // string_list.cpp: the list of paths that the walks, the path map and the special transfers share.
-// Almost every path fits the inline room, so that an entry is one allocation; the buffer of its own is for those that do not, and
-// for callers that rewrite an entry in place and say beforehand how long it may become.
+// Almost every path fits the inline room, so that an entry is one allocation; the buffer of its own is for those that
+// do not, and for callers that rewrite an entry in place and say beforehand how long it may become.
 #include "migration/string_list.h"
 #include "platform/text.h"
 #include <new>

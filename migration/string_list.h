@@ -1,5 +1,6 @@
 // string_list.h: a doubly linked list of path entries: up to 260 units inline, longer ones in a buffer of their own.
-// Threads  a list is owned by the operation that fills it; nothing is shared, no lock. A zeroed StringList is an empty one.
+// Threads  a list is owned by the operation that fills it; nothing is shared, no lock. A zeroed StringList is an empty
+//          one.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -23,8 +24,9 @@ struct StringList {
 const char16_t *StringText(const StringEntry *pEntry);
 // The same place for writing, and its room in units with the terminator (pcch may be null).
 char16_t *StringBuffer(StringEntry *pEntry, size_t *pcch);
-// Appends a copy with room for cchCapacity units, terminator included (260 or less: inline, so never less than 260). Null without
-// memory, the list unchanged; a text longer than the room is cut to fit. A null text is appended as an empty one.
+// Appends a copy with room for cchCapacity units, terminator included (260 or less: inline, so never less than 260).
+// Null without memory, the list unchanged; a text longer than the room is cut to fit. A null text is appended as an
+// empty one.
 StringEntry *AppendString(StringList *pList, const char16_t *pszText, uint32_t cchCapacity);
 // True when an entry equals the text without regard to case. A null list contains nothing.
 bool ContainsString(const StringList *pList, const char16_t *pszText);

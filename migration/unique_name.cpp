@@ -56,8 +56,8 @@ bool NumberFileName(const char16_t *pszPath, uint32_t nNumber, char16_t *pszNumb
     cchBase = cchBase > 0 ? cchBase - 1 : cchName; // up to the last dot, or the whole name
 
     const int32_t cchNumber = FormatTextW(szNumber, NUMBER_UNITS, u" (%u)", nNumber);
-    const size_t  cchKept   = BaseUnits(pszName, cchBase, TextLengthW(szFolder), static_cast<size_t>(cchNumber),
-                                        TextLengthW(pszExtension));
+    const size_t  cchKept =
+        BaseUnits(pszName, cchBase, TextLengthW(szFolder), static_cast<size_t>(cchNumber), TextLengthW(pszExtension));
     return FormatTextW(pszNumbered, UNIQUE_PATH_UNITS, u"%s%.*s%s%s", szFolder, static_cast<int>(cchKept), pszName,
                        szNumber, pszExtension) >= 0;
 }

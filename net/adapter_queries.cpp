@@ -28,8 +28,8 @@ void FormatAdapterName(const GUID &guid, char (&szName)[GUID_TEXT_BYTES])
 void ReadDottedAddress(const char *pszAddress, int32_t (&aNumbers)[4])
 {
     for (int32_t &n : aNumbers) {
-        n               = pszAddress != nullptr ? TextToInt32A(pszAddress) & 0xFF : 0;
-        pszAddress      = pszAddress != nullptr ? std::strchr(pszAddress, '.') : nullptr;
+        n          = pszAddress != nullptr ? TextToInt32A(pszAddress) & 0xFF : 0;
+        pszAddress = pszAddress != nullptr ? std::strchr(pszAddress, '.') : nullptr;
         if (pszAddress != nullptr) pszAddress++;
     }
 }
@@ -100,7 +100,7 @@ bool GetCurrentIPFromEthernetAdapter()
     bool bFound = false;
     for (uint32_t i = 0; i < pTable->NumEntries && !bFound; i++) {
         const MIB_IF_ROW2 &row = pTable->Table[i];
-        bFound = row.Type == IF_TYPE_ETHERNET_CSMACD && row.OperStatus == IfOperStatusUp &&
+        bFound                 = row.Type == IF_TYPE_ETHERNET_CSMACD && row.OperStatus == IfOperStatusUp &&
                  (row.InterfaceAndOperStatusFlags & IF_FLAG_CONNECTOR_PRESENT) != 0;
     }
     if (bFound) TraceDebugA("[GetCurrentIPFromEthernetAdapter] Find targetGUID.");

@@ -16,14 +16,14 @@ using namespace platform;
 
 namespace {
 
-constexpr uint32_t FORMER_SLEEP_MS    = 100;
-constexpr uint32_t FORMER_SLEEPS      = 101; // about 10 s for a former enumeration
-constexpr uint32_t ROUND_SLEEP_MS     = 100;
-constexpr uint32_t ROUND_SLEEPS       = 10;
-constexpr uint32_t EMPTY_PASSWORD_MS  = 2000;  // of search before the last server is tried without a password
-constexpr uint32_t SEARCH_MS          = 15000; // of sleeps after which no further round begins
-constexpr uint32_t COUNT_BYTES        = 260;
-constexpr int32_t  MAX_SERVERS        = 256; // looked at in one round, whatever the count says
+constexpr uint32_t FORMER_SLEEP_MS   = 100;
+constexpr uint32_t FORMER_SLEEPS     = 101; // about 10 s for a former enumeration
+constexpr uint32_t ROUND_SLEEP_MS    = 100;
+constexpr uint32_t ROUND_SLEEPS      = 10;
+constexpr uint32_t EMPTY_PASSWORD_MS = 2000;  // of search before the last server is tried without a password
+constexpr uint32_t SEARCH_MS         = 15000; // of sleeps after which no further round begins
+constexpr uint32_t COUNT_BYTES       = 260;
+constexpr int32_t  MAX_SERVERS       = 256; // looked at in one round, whatever the count says
 
 uint32_t g_dwEnumStart; // the start whose search g_bClientEnuming stands for; role lock
 
@@ -134,10 +134,8 @@ int32_t TryLastServer(const ClientStart *pStart, const char *pszPassword, int32_
     TraceDebugA("[ClientInitEnum] try default, get ini ip [%s].", szAddress);
     if (!IsLastServerReachable(szAddress) || IsClientStopped(pStart)) return nSearched;
     const int32_t nRet = ClientInitStart(pStart, "", pszPassword, "");
-    if (nRet != 0)
-        TraceDebugA("[ClientInitEnum] ClientInit (default) failed, nRet[%d]", nRet);
-    else
-        TraceDebugA("[ClientInitEnum] ClientInit (default) succeed.");
+    if (nRet != 0) TraceDebugA("[ClientInitEnum] ClientInit (default) failed, nRet[%d]", nRet);
+    else TraceDebugA("[ClientInitEnum] ClientInit (default) succeed.");
     return nRet;
 }
 
@@ -152,10 +150,8 @@ int32_t EnumerateServers(const ClientStart *pStart, const char *pszPassword)
     StopDiscovery(pStart->dwLink);
 
     const bool bStopped = IsClientStopped(pStart);
-    if (bStopped)
-        TraceDebugA("[ClientInitEnum] g_bStopClientEnum.");
-    else if (nRet != 0)
-        TraceDebugA("[ClientInitEnum] create failed, call uninit, nErr[%d]", nRet);
+    if (bStopped) TraceDebugA("[ClientInitEnum] g_bStopClientEnum.");
+    else if (nRet != 0) TraceDebugA("[ClientInitEnum] create failed, call uninit, nErr[%d]", nRet);
     if (nRet != 0) ClientUninitLink(pStart->dwLink); // also for a newer start that waits for this one
     if (bStopped) return CLIENT_CANCELLED;
     // Session control tells the service "wrong PIN" by this status: a server of long ago that did not answer must not

@@ -14,7 +14,7 @@
 
 using namespace platform;
 
-char                 g_szServerIP[20];
+char g_szServerIP[20];
 
 namespace {
 
@@ -73,10 +73,8 @@ int32_t BeginAttempt(const ClientStart *pStart)
 // The argument, else the last session's value, else the default.
 void ChooseValue(const char *pszArgument, const char *pszKey, const char *pszDefault, char *pszValue, uint32_t cb)
 {
-    if (pszArgument[0] != '\0')
-        CopyTextA(pszValue, cb, pszArgument);
-    else
-        ReadSetting(SECTION_LAST_CLIENT, pszKey, pszValue, cb);
+    if (pszArgument[0] != '\0') CopyTextA(pszValue, cb, pszArgument);
+    else ReadSetting(SECTION_LAST_CLIENT, pszKey, pszValue, cb);
     if (pszValue[0] == '\0') CopyTextA(pszValue, cb, pszDefault);
 }
 
@@ -169,10 +167,8 @@ int32_t BeginLink(const ClientStart *pStart, SOCKET hSocket, const char *pszPort
         WriteSetting(SECTION_LAST_CLIENT, KEY_PASSWORD, szPassword);
         g_ClientRecvSocket = hSocket;
         nErr               = StartClientListener(hSocket, g_hClientExitEvent) ? 0 : -300;
-        if (nErr == 0)
-            g_ClientAttemptSocket = INVALID_SOCKET;
-        else
-            g_ClientRecvSocket = INVALID_SOCKET;
+        if (nErr == 0) g_ClientAttemptSocket = INVALID_SOCKET;
+        else g_ClientRecvSocket = INVALID_SOCKET;
     }
     LeaveRoleChange();
     return nErr;

@@ -22,4 +22,5 @@ bool IsClientStopped(const ClientStart *pStart);
 // One attempt. Each text may be empty: the value of the last session then counts. The codes of ClientInitEnum
 // (client_discovery.h) without 1111. Leaves the role set on failure; ClientInitEnum ends it.
 int32_t ClientInit(const char *pszAddress, const char *pszPassword, const char *pszPort);
-int32_t ClientInitStart(const ClientStart *pStart, const char *pszAddress, const char *pszPassword, const char *pszPort);
+int32_t ClientInitStart(const ClientStart *pStart, const char *pszAddress, const char *pszPassword,
+                        const char *pszPort);

@@ -9,21 +9,21 @@
 #include <atomic>
 #include <cstdint>
 
-constexpr uint32_t COMMAND_WORD_BYTES = 10;
-constexpr uint32_t FILE_PATH_BYTES    = 2050; // the destination path's field; at most 2048 bytes of text
-constexpr size_t   LONG_PATH_FROM_UNITS = 248; // from this length on a path is opened in its "\\?\" form
+constexpr uint32_t COMMAND_WORD_BYTES   = 10;
+constexpr uint32_t FILE_PATH_BYTES      = 2050; // the destination path's field; at most 2048 bytes of text
+constexpr size_t   LONG_PATH_FROM_UNITS = 248;  // from this length on a path is opened in its "\\?\" form
 
 // Command words, compared without regard to case. The receiver of a file says "FILEERRDF" or "FileErrDF" for a full
 // disk.
-constexpr char WORD_SEND_DATA[]         = "SendData";
-constexpr char WORD_SEND_FILE[]         = "SendFile";
-constexpr char WORD_FILE_DONE[]         = "FileDone";
-constexpr char WORD_FILE_ERROR[]        = "FileError";
-constexpr char WORD_FILE_DISK_FULL[]    = "FileErrDF";
+constexpr char WORD_SEND_DATA[]            = "SendData";
+constexpr char WORD_SEND_FILE[]            = "SendFile";
+constexpr char WORD_FILE_DONE[]            = "FileDone";
+constexpr char WORD_FILE_ERROR[]           = "FileError";
+constexpr char WORD_FILE_DISK_FULL[]       = "FileErrDF";
 constexpr char WORD_FILE_DISK_FULL_EARLY[] = "FILEERRDF";
-constexpr char WORD_FILE_TYPE_WRONG[]   = "TypeWrong";
-constexpr char WORD_KEEP_ALIVE[]        = "KeepAlive";
-constexpr char WORD_ACK_ALIVE[]         = "AckAlive";
+constexpr char WORD_FILE_TYPE_WRONG[]      = "TypeWrong";
+constexpr char WORD_KEEP_ALIVE[]           = "KeepAlive";
+constexpr char WORD_ACK_ALIVE[]            = "AckAlive";
 // What the listener wants to see, in exactly this case, to hold every drive of the peer for full. It tests for it only
 // where the word has already matched "FileErrDF", so no peer ever sets that flag; peers rely on 107 for both of their
 // words.
@@ -73,4 +73,4 @@ int32_t SendDataCommand(platform::SOCKET hSocket, const IpcMessage *pRecord);
 // [held] Listener. 0, -2001 not sent, -2002 no answer, -2003 another word (in g_szKeepAliveAck), which the peer sent
 // at the same moment: it is a command like any other.
 constexpr int32_t KEEP_ALIVE_OTHER_WORD = -2003;
-int32_t KeepAliveTest(platform::SOCKET hSocket);
+int32_t           KeepAliveTest(platform::SOCKET hSocket);

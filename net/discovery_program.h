@@ -1,6 +1,7 @@
 // discovery_program.h: for which link the discovery program runs, so that a late word of an ended one silences nobody.
 // Lock     one of its own, inside: held while the program is started, so that of a start and a stop the one that was
-//          asked for later also happens later. The role lock is taken under it for a moment; never call from under that.
+//          asked for later also happens later. The role lock is taken under it for a moment; never call from under
+//          that.
 // Threads  any.
 #pragma once
 #include <cstdint>

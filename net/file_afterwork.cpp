@@ -141,7 +141,7 @@ void FixReceivedShortcut(const ReceivedFile *pFile)
 // The machine's own settings of a folder win over the peer's.
 void FinishFolderSettings(const ReceivedFile *pFile)
 {
-    if (pFile->bIniExists || pFile->disk.nNumber > 1) { // it was there before, or has come meanwhile
+    if (pFile->bIniExists || pFile->disk.nNumber > 1) {                 // it was there before, or has come meanwhile
         SetFileAttributesW(pFile->disk.szLocal, FILE_ATTRIBUTE_NORMAL); // the copy may have come read-only
         if (!DeleteFileW(pFile->disk.szLocal))
             ReportSocketError(OPERATION, u"DeleteFile failed (dwType 4)", false, GetLastError());

@@ -25,10 +25,10 @@ std::atomic<bool>     g_bReceiving{false};
 // The link's number (network_link.h) in the upper half, a count of files in the lower: what is noted is whole to a
 // reader, and is void on another link.
 using LinkNote = std::atomic<uint64_t>;
-LinkNote g_ullPeerWindow{0};  // the peer's number
-LinkNote g_ullSentWindow{0};  // the own, in a machine info that has gone out and is not answered
-LinkNote g_ullOwnWindow{0};   // the own, in one that the peer has stored
-LinkNote g_ullLinkWindow{0};  // what holds
+LinkNote g_ullPeerWindow{0}; // the peer's number
+LinkNote g_ullSentWindow{0}; // the own, in a machine info that has gone out and is not answered
+LinkNote g_ullOwnWindow{0};  // the own, in one that the peer has stored
+LinkNote g_ullLinkWindow{0}; // what holds
 
 std::atomic<uint32_t> g_nOwnWindow{1}; // what the own machine info says
 
@@ -113,5 +113,5 @@ void ResetLinkWindow()
     g_nReceivedInRow = 0;
     g_bReceiving     = false;
     g_ullPeerWindow = g_ullSentWindow = g_ullOwnWindow = g_ullLinkWindow = 0;
-    g_nOwnWindow = 1;
+    g_nOwnWindow                                                         = 1;
 }

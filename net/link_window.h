@@ -1,10 +1,10 @@
 // link_window.h: how many files may be on the way unanswered on the current link.
-// Agreement  each side names its own number in its machine info ([Link] "SendWindow", 2 to 64; no key: 1). It holds once
-//            the peer's machine info has come and the own has been answered "FileDone": on the client that is the moment
-//            in which it answers the server's, on the server the moment in which it reads that answer. Both stand at
-//            the same place of the stream from client to server, so both sides begin at the same file. From there on
-//            the lower number counts for both, and the receiver of files closes each one with exactly one word.
-//            Where either number is 1 the wire is that of peers which know nothing of this.
+// Agreement  each side names its own number in its machine info ([Link] "SendWindow", 2 to 64; no key: 1). It holds
+//            once the peer's machine info has come and the own has been answered "FileDone": on the client that is the
+//            moment in which it answers the server's, on the server the moment in which it reads that answer. Both
+//            stand at the same place of the stream from client to server, so both sides begin at the same file. From
+//            there on the lower number counts for both, and the receiver of files closes each one with exactly one
+//            word. Where either number is 1 the wire is that of peers which know nothing of this.
 // Threads    the listener notes, any thread asks. What was noted on a former link counts for nothing.
 #pragma once
 #include <cstdint>

@@ -44,12 +44,12 @@ struct ListenerRole {
     const char     *pszExitEvent;
     void (*pUninit)(uint32_t dwLink);
 };
-constexpr ListenerRole SERVER_LISTENER = {"ServerListenThread",      u"ServerListenThread",
-                                          "client",                  u"wait client cmd failed (not timeout). Exit ",
-                                          "g_hServerExitEvent", ServerUninitLink};
-constexpr ListenerRole CLIENT_LISTENER = {"ClientListenThread",      u"ClientListenThread",
-                                          "server",                  u"wait server cmd failed (not timeout). Exit ",
-                                          "g_hClientExitEvent", ClientUninitLink};
+constexpr ListenerRole SERVER_LISTENER = {
+    "ServerListenThread", u"ServerListenThread", "client", u"wait client cmd failed (not timeout). Exit ",
+    "g_hServerExitEvent", ServerUninitLink};
+constexpr ListenerRole CLIENT_LISTENER = {
+    "ClientListenThread", u"ClientListenThread", "server", u"wait server cmd failed (not timeout). Exit ",
+    "g_hClientExitEvent", ClientUninitLink};
 
 using CommandWord = char[COMMAND_WORD_BYTES + 1]; // the peer promises no terminator
 
@@ -143,7 +143,8 @@ struct Silence {
     bool     bTimedOut; // the previous receive timed out
 };
 
-// Asks the peer for an answer. 0: it is there, with a command in szWord when *pbCommand; else the listener's last error.
+// Asks the peer for an answer. 0: it is there, with a command in szWord when *pbCommand; else the listener's last
+// error.
 int32_t Probe(const ListenerRole &role, SOCKET hSocket, Silence *pSilence, CommandWord &szWord, bool *pbCommand)
 {
     TraceDebugA("[%s] KeepAliveTest - Be4 CS", role.pszThread);
@@ -272,7 +273,8 @@ int32_t SendDataCMDHandler(SOCKET hSocket)
     }
     TraceDebugA("[SendDataCMDHandler] recv cmd data done [0x%X][0x%X][0x%X][0x%X][0x%X]", p[0], p[1], p[2], p[3], p[4]);
     CallTransferFromNetwork(&record);
-    // The peer's word that it has sent its collection, as far as it could; what comes from here on is another request's.
+    // The peer's word that it has sent its collection, as far as it could; what comes from here on is another
+    // request's.
     if (record.dwCommand == STON_MIGRATIONCOLLECTION && record.dwParam1 != IPC_PARAM_REQUEST)
         EndReceiptRequest(record.dwParam1 == IPC_PARAM_DONE);
     return 0;

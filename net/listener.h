@@ -9,8 +9,8 @@
 struct ListenerStart;
 // Starts the listener of a role on its socket, with a duplicate of the exit event of its own, on the link that is
 // current. The socket is the listener's from then on. [role lock] 1, or 0 when it cannot start (reported).
-int32_t StartServerListener(platform::SOCKET hSocket, platform::HANDLE hExitEvent);
-int32_t StartClientListener(platform::SOCKET hSocket, platform::HANDLE hExitEvent);
+int32_t  StartServerListener(platform::SOCKET hSocket, platform::HANDLE hExitEvent);
+int32_t  StartClientListener(platform::SOCKET hSocket, platform::HANDLE hExitEvent);
 uint32_t ServerListenThread(void *pStart);
 uint32_t ClientListenThread(void *pStart);
 

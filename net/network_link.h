@@ -7,23 +7,24 @@
 //          peer or for the shell. Only locks inside a call are taken under it (SetPassword, ClearSpecialFolders), never
 //          g_csNetSocket, the session's or the discovery program's.
 // Sockets  the listening socket and a connection whose peer is not admitted yet are closed by whoever ends the role,
-//          which wakes the attempt that waits in them. A link's socket is its listener's: ending the role shuts it down,
-//          and the listener closes it as its last act, so that no other link's socket has its value while it reads.
+//          which wakes the attempt that waits in them. A link's socket is its listener's: ending the role shuts it
+//          down, and the listener closes it as its last act, so that no other link's socket has its value while it
+//          reads.
 #pragma once
 #include "platform/kernel.h"
 #include "platform/sockets.h"
 #include <atomic>
 #include <cstdint>
 
-extern std::atomic<uint8_t>          g_bServer;     // 1 from ServerInit until ServerUninit; never with g_bClient
-extern std::atomic<uint8_t>          g_bClient;     // 1 from ClientInitEnum/ClientInit until ClientUninit
-extern std::atomic<uint8_t>          g_bConnecting; // 1 from a peer's connection until that attempt fails
+extern std::atomic<uint8_t>          g_bServer;          // 1 from ServerInit until ServerUninit; never with g_bClient
+extern std::atomic<uint8_t>          g_bClient;          // 1 from ClientInitEnum/ClientInit until ClientUninit
+extern std::atomic<uint8_t>          g_bConnecting;      // 1 from a peer's connection until that attempt fails
 extern std::atomic<platform::SOCKET> g_ServerSrvSocket;  // listening
 extern std::atomic<platform::SOCKET> g_ServerSendSocket; // accepted, connected
 extern std::atomic<platform::SOCKET> g_ClientRecvSocket; // connected
 extern std::atomic<platform::SOCKET> g_ClientAttemptSocket; // of a client's attempt, until its server admits it
 extern std::atomic<uint8_t>          g_bLinkAdmitted; // 1 from a listener's start until its role is ended; role lock
-extern char                          g_szPW[10];    // the current password; guarded by SetPassword / GetPassword
+extern char                          g_szPW[10];      // the current password; guarded by SetPassword / GetPassword
 extern platform::CRITICAL_SECTION    g_csNetSocket;
 
 constexpr int32_t ROLE_EXCLUDED = -201; // what a start gives while the other role is taken

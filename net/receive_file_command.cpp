@@ -7,8 +7,8 @@
 #include "migration/receipt_journal.h"
 #include "migration/state_files.h"
 #include "net/command_channel.h"
-#include "net/link_window.h"
 #include "net/file_afterwork.h"
+#include "net/link_window.h"
 #include "net/settings.h"
 #include "platform/errors.h"
 #include "platform/files.h"
@@ -61,8 +61,8 @@ const char16_t *WithoutPrefix(const char16_t *pszPath)
 // count): what is written there is gone, or never ends. As the documentation lists them, superscript digits too.
 bool IsDeviceName(const char16_t *pszName, size_t cchName)
 {
-    static constexpr const char16_t *NAMES[]    = {u"CON", u"PRN", u"AUX", u"NUL", u"CONIN$", u"CONOUT$"};
-    static constexpr const char16_t *NUMBERED[] = {u"COM", u"LPT"};
+    static constexpr const char16_t *NAMES[]        = {u"CON", u"PRN", u"AUX", u"NUL", u"CONIN$", u"CONOUT$"};
+    static constexpr const char16_t *NUMBERED[]     = {u"COM", u"LPT"};
     constexpr size_t                 NUMBERED_UNITS = 4;
 
     size_t cch = 0;
@@ -73,8 +73,9 @@ bool IsDeviceName(const char16_t *pszName, size_t cchName)
     if (cch != NUMBERED_UNITS) return false;
     const char16_t chNumber = pszName[cch - 1];
     const bool     bRaised  = chNumber == u'\u00B9' || chNumber == u'\u00B2' || chNumber == u'\u00B3';
-    return (bRaised || (chNumber >= u'0' && chNumber <= u'9')) && (CompareTextNoCaseN_W(pszName, NUMBERED[0], cch - 1) == 0 ||
-                       CompareTextNoCaseN_W(pszName, NUMBERED[1], cch - 1) == 0);
+    return (bRaised || (chNumber >= u'0' && chNumber <= u'9')) &&
+           (CompareTextNoCaseN_W(pszName, NUMBERED[0], cch - 1) == 0 ||
+            CompareTextNoCaseN_W(pszName, NUMBERED[1], cch - 1) == 0);
 }
 
 // Why a path can be no place for a file or folder here; null when it can.

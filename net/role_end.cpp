@@ -1,6 +1,6 @@
 // role_end.cpp: both roles' ends, and the releases that other threads start.
-// Sockets go first, under the role lock; the discovery program is told afterwards, outside of it: the shell may take its
-// time, and no teardown waits for it.
+// Sockets go first, under the role lock; the discovery program is told afterwards, outside of it: the shell may take
+// its time, and no teardown waits for it.
 #include "net/role_end.h"
 #include "migration/special_folders.h"
 #include "net/discovery_program.h"
@@ -22,8 +22,7 @@ namespace {
 
 bool IsRoleHeld(bool bServer)
 {
-    if (!bServer)
-        return g_bClient || g_ClientRecvSocket != INVALID_SOCKET || g_ClientAttemptSocket != INVALID_SOCKET;
+    if (!bServer) return g_bClient || g_ClientRecvSocket != INVALID_SOCKET || g_ClientAttemptSocket != INVALID_SOCKET;
     return g_bServer || g_ServerSendSocket != INVALID_SOCKET || g_ServerSrvSocket != INVALID_SOCKET;
 }
 
@@ -112,12 +111,9 @@ uint32_t ReleaseNetworkThread(void *pRelease)
 {
     TraceText("ReleaseNetworkThread");
     const auto *pLink = static_cast<const LinkRelease *>(pRelease);
-    if (pLink == nullptr)
-        disconnect();
-    else if (pLink->dwLink == 0)
-        EndRolesUpTo(pLink->dwUpTo);
-    else
-        EndRole(pLink->bServer, pLink->dwLink);
+    if (pLink == nullptr) disconnect();
+    else if (pLink->dwLink == 0) EndRolesUpTo(pLink->dwUpTo);
+    else EndRole(pLink->bServer, pLink->dwLink);
     delete pLink;
     return 0;
 }

@@ -1,5 +1,5 @@
-// role_end.h: how roles and links end: the two teardowns, and the releases that other threads start. Whose end is whose:
-// role_start.h.
+// role_end.h: how roles and links end: the two teardowns, and the releases that other threads start. Whose end is
+// whose: role_start.h.
 // Threads  any. Each may be repeated and may come from several threads at once.
 #pragma once
 #include "net/network_link.h"
@@ -22,8 +22,8 @@ void ServerUninitLink(uint32_t dwLink);
 void ClientUninitLink(uint32_t dwLink);
 
 // What has an end stays ended, and what was asked for later is left alone: ends the starts up to this number, and each
-// role that was taken by one of them. A link that is ended takes the special-folder record and the special-transfer flag
-// with it, before anything else, unless bKeepFolders: what the service sets next is for the next session.
+// role that was taken by one of them. A link that is ended takes the special-folder record and the special-transfer
+// flag with it, before anything else, unless bKeepFolders: what the service sets next is for the next session.
 void EndRolesUpTo(uint32_t dwLast, bool bKeepFolders = false);
 // Ends everything that has been asked for so far. 1.
 int32_t disconnect();

@@ -68,10 +68,10 @@ uint32_t BeginRole(bool bServer, uint32_t dwStart)
     EnterRoleChange();
     NextLinkGeneration(); // first: a thread that wakes from its closed socket finds its link gone
     EndLinkSockets(bServer);
-    (bServer ? g_bServer : g_bClient)                                   = 1;
-    (bServer ? g_Session.bServerStarted : g_Session.bClientStarted)     = 1;
-    g_aHolder[bServer]                                                  = dwStart;
-    const uint32_t dwLink                                               = g_dwLinkGeneration;
+    (bServer ? g_bServer : g_bClient)                               = 1;
+    (bServer ? g_Session.bServerStarted : g_Session.bClientStarted) = 1;
+    g_aHolder[bServer]                                              = dwStart;
+    const uint32_t dwLink                                           = g_dwLinkGeneration;
     LeaveRoleChange();
     return dwLink;
 }

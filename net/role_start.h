@@ -4,7 +4,8 @@
 // request is taken and before any thread runs for it (NewRoleStart), and carried by value to all that act for it.
 //
 //   request taken          role taken               peer admitted         role ended
-//   NewRoleStart        -> BeginRole             -> StartServer/Client  -> TakeDownRole, by a disconnect, a broken link,
+//   NewRoleStart        -> BeginRole             -> StartServer/Client  -> TakeDownRole, by a disconnect, a broken
+//                       link,
 //   AnnounceRoleStart      a link number of its     Listener               a failed attempt, or the next BeginRole
 //        |                 own, g_dwLinkGeneration      |                        |
 //        +-- IsStartWanted: it is the newest start of its role, and nothing asked for later has ended it
@@ -34,8 +35,8 @@ void EndNewestStart(bool bServer);
 // Ends all starts up to this number that have not taken their role: each finds itself not wanted.
 void EndStartsUpTo(uint32_t dwLast);
 
-// Takes the role for a start, over whatever an earlier one has left of it: flag and mark of the role, and a link number.
-// The caller has looked whether it may, and holds the role lock.
+// Takes the role for a start, over whatever an earlier one has left of it: flag and mark of the role, and a link
+// number. The caller has looked whether it may, and holds the role lock.
 uint32_t BeginRole(bool bServer, uint32_t dwStart);
 // [role lock] True when the role is marked as started, by a start up to this number.
 bool IsRoleOfStartsUpTo(bool bServer, uint32_t dwLast);

@@ -10,8 +10,8 @@
 #include "platform/text.h"
 #include "trace/debug_output.h"
 #include "transfer/file_stream.h"
-#include "transfer/send_file.h"
 #include "transfer/prepared_file.h"
+#include "transfer/send_file.h"
 #include "transfer/socket_io.h"
 #include <algorithm>
 #include <cassert>
@@ -76,7 +76,7 @@ int32_t SendBody(SOCKET hSocket, const char16_t *pszSource, uint32_t dwAttribute
     TraceDebugA("[SendFileCommand] send attribute begin [%d]", dwAttributes);
     if (!SendField(hSocket, &dwAttributes, sizeof dwAttributes)) return -24;
     TraceDebugA("[SendFileCommand] send attribute done");
-    *ppszFailure       = u"send bEncrypt failed";
+    *ppszFailure        = u"send bEncrypt failed";
     const uint8_t bFlag = bEncrypt ? 1 : 0;
     TraceDebugA("[SendFileCommand] send bEncrypt begin [%d]", bFlag);
     if (!SendField(hSocket, &bFlag, sizeof bFlag)) return -25;

@@ -24,7 +24,7 @@ constexpr char16_t OPERATION[]         = u"ServerInit";
 // What one ServerInit knows of its own start.
 struct ServerStart {
     uint32_t dwLink;
-    SOCKET   hListen;           // also in g_ServerSrvSocket, which owns it
+    SOCKET   hListen;            // also in g_ServerSrvSocket, which owns it
     char     szPort[PORT_BYTES]; // the bound port
 };
 
@@ -103,9 +103,9 @@ int32_t BindTo(ServerStart *pStart, const addrinfo *pAddress)
     return 0;
 }
 
-// The port that a client reached last is tried first, so that it stays the same over sessions; the system may have taken
-// it for itself meanwhile (excluded ranges change with every start of Windows), and then any free one will do. 0, -1, or
-// a status of BindTo.
+// The port that a client reached last is tried first, so that it stays the same over sessions; the system may have
+// taken it for itself meanwhile (excluded ranges change with every start of Windows), and then any free one will do. 0,
+// -1, or a status of BindTo.
 int32_t BindListeningSocket(ServerStart *pStart)
 {
     char szPort[PORT_BYTES];
@@ -117,7 +117,7 @@ int32_t BindListeningSocket(ServerStart *pStart)
     if (pAddress == nullptr) {
         pAddress = ResolveListeningAddress("0", bStored ? u"getaddrinfo (retry dynamic) failed"
                                                         : u"getaddrinfo (dynamic) failed");
-        bStored = false;
+        bStored  = false;
     }
     if (pAddress == nullptr) return -1;
     int32_t nErr = BindTo(pStart, pAddress);
@@ -186,7 +186,7 @@ int32_t AdmitPeer(const ServerStart *pStart, SOCKET hPeer, const char *pszPasswo
 bool IsExitSignalled()
 {
     EnterRoleChange();
-    const HANDLE hEvent    = g_hServerExitEvent;
+    const HANDLE hEvent     = g_hServerExitEvent;
     const bool   bSignalled = hEvent != nullptr && WaitForSingleObject(hEvent, 0) == WAIT_OBJECT_0;
     LeaveRoleChange();
     if (hEvent == nullptr) TraceDebugA("[ServerInit] g_hServerExitEvent NULL!!");

@@ -30,13 +30,13 @@ using namespace platform;
 
 namespace {
 
-constexpr uint32_t SETTLE_MS         = 2000;  // without a further PIN request, until the role starts
-constexpr uint64_t CONNECT_RETRY_MS  = 10000; // from a network-role request on
-constexpr uint32_t CONNECT_PAUSE_MS  = 500;
+constexpr uint32_t SETTLE_MS            = 2000;  // without a further PIN request, until the role starts
+constexpr uint64_t CONNECT_RETRY_MS     = 10000; // from a network-role request on
+constexpr uint32_t CONNECT_PAUSE_MS     = 500;
 constexpr uint32_t DISCONNECT_NOTICE_MS = 500; // for the service to hear of a disconnect before it happens
-constexpr uint32_t PIN_DIGITS        = 6;
-constexpr size_t   PIN_BYTES         = 260;
-constexpr size_t   NAME_UNITS        = 260;
+constexpr uint32_t PIN_DIGITS           = 6;
+constexpr size_t   PIN_BYTES            = 260;
+constexpr size_t   NAME_UNITS           = 260;
 
 constexpr uint32_t MODE_SERVER = 1, MODE_CLIENT = 2, MODE_DISCONNECT = 3;
 
@@ -54,10 +54,10 @@ struct PinRequest {
     uint32_t   dwStart;
 };
 
-CRITICAL_SECTION g_csPinOrder; // held while one PIN is made, told and stored; the session lock is taken under it
-uint32_t         g_dwLastPin;     // the newest request that has stored its PIN; PIN order
-uint32_t         g_dwPinStart;    // the request that the PINs stand for; session lock
-uint32_t         g_dwPinEndUpTo;  // requests up to this number have been ended by a disconnect; session lock
+CRITICAL_SECTION g_csPinOrder;   // held while one PIN is made, told and stored; the session lock is taken under it
+uint32_t         g_dwLastPin;    // the newest request that has stored its PIN; PIN order
+uint32_t         g_dwPinStart;   // the request that the PINs stand for; session lock
+uint32_t         g_dwPinEndUpTo; // requests up to this number have been ended by a disconnect; session lock
 
 // The stamp of a new request: the time, but never that of the request before, so that of two the newer one is known.
 uint64_t NextStamp(std::atomic<uint64_t> *pullLast)
@@ -87,7 +87,7 @@ PinStep StorePin(bool bServerPin, const char *pszPin, uint32_t dwStart)
 {
     PinStep eStep = PinStep::NewThread;
     EnterSession();
-    const HANDLE hTimer = g_hNetInitTimerEvent;
+    const HANDLE hTimer  = g_hNetInitTimerEvent;
     const bool   bStands = g_ullLastPinRequest != 0 && g_dwPinStart > g_dwPinEndUpTo;
     if (hTimer != nullptr && bServerPin && g_szServerPin[0] != '\0' && bStands) {
         TraceText("CallPinCodeThread server exist");
@@ -180,10 +180,8 @@ bool ServePin()
     TraceText("NetInitializationThread timeout");
     const uint32_t dwServed      = ReadPins(szServerPin, szClientPin);
     bool           bServerFailed = false;
-    if (szServerPin[0] != '\0')
-        bServerFailed = ServeServerPin(dwServed, szServerPin);
-    else if (szClientPin[0] != '\0')
-        ServeClientPin(dwServed, szClientPin);
+    if (szServerPin[0] != '\0') bServerFailed = ServeServerPin(dwServed, szServerPin);
+    else if (szClientPin[0] != '\0') ServeClientPin(dwServed, szClientPin);
     return EndIfServed(dwServed, bServerFailed);
 }
 
@@ -265,10 +263,8 @@ int32_t StartPinCodeThread(const IpcMessage *pRecord)
 {
     auto *pBlock = new (std::nothrow) PinRequest{};
     if (pBlock == nullptr) return 0;
-    if (pRecord != nullptr)
-        pBlock->record = *pRecord;
-    else
-        errno = EINVAL;
+    if (pRecord != nullptr) pBlock->record = *pRecord;
+    else errno = EINVAL;
     pBlock->dwStart = NewRoleStart();
     if (StartDetachedThread(CallPinCodeThread, pBlock)) return 1;
     delete pBlock;
@@ -277,11 +273,11 @@ int32_t StartPinCodeThread(const IpcMessage *pRecord)
 
 uint32_t CallPinCodeThread(void *pBlock)
 {
-    const auto   *pRequest   = static_cast<const PinRequest *>(pBlock);
-    const bool    bServerPin = pRequest->record.dwCommand == STON_GETPINCODE;
-    const bool    bWanted    = bServerPin || pRequest->record.dwCommand == STON_SETPINCCODE;
-    const auto    nTypedPin  = static_cast<int32_t>(pRequest->record.dwParam2);
-    const uint32_t dwStart   = pRequest->dwStart;
+    const auto    *pRequest   = static_cast<const PinRequest *>(pBlock);
+    const bool     bServerPin = pRequest->record.dwCommand == STON_GETPINCODE;
+    const bool     bWanted    = bServerPin || pRequest->record.dwCommand == STON_SETPINCCODE;
+    const auto     nTypedPin  = static_cast<int32_t>(pRequest->record.dwParam2);
+    const uint32_t dwStart    = pRequest->dwStart;
     delete pRequest;
     if (!bWanted) return 0;
 
@@ -354,9 +350,7 @@ uint32_t NetworkConnectThread(void *pBlock)
 {
     const ConnectRequest request = *static_cast<const ConnectRequest *>(pBlock);
     delete static_cast<const ConnectRequest *>(pBlock);
-    if (request.dwMode == MODE_SERVER || request.dwMode == MODE_CLIENT)
-        ConnectRole(&request);
-    else if (request.dwMode == MODE_DISCONNECT)
-        Disconnect(&request);
+    if (request.dwMode == MODE_SERVER || request.dwMode == MODE_CLIENT) ConnectRole(&request);
+    else if (request.dwMode == MODE_DISCONNECT) Disconnect(&request);
     return 0;
 }

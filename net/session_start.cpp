@@ -41,8 +41,8 @@ bool AwaitPeerInfo(HANDLE hReady)
     return IsThreadLinkCurrent();
 }
 
-// The peer puts the files of its service's answers below the path that it is told here, and the own service is told them
-// as paths below root A: so that root is what the peer has to know, once the service has named it.
+// The peer puts the files of its service's answers below the path that it is told here, and the own service is told
+// them as paths below root A: so that root is what the peer has to know, once the service has named it.
 void SetMappingPaths(SessionRecord *pSession)
 {
     if (!GetMappingFolder(pSession->szMappingPath)) return;
@@ -83,11 +83,9 @@ int32_t StartSession(uint32_t dwStart, SessionRecord *pSession, bool bServer, co
     if (bWithName && cchPeerName > 0) pszPeerName[0] = u'\0';
     if (WaitForStop(0)) return bServer ? SERVER_CANCELLED : CLIENT_CANCELLED; // nobody would end the role any more
     const HANDLE hReady = AcquireReadyEvent(bWithName);
-    int32_t      nRet   = bServer ? ServerInitStart(pszPin, dwStart, &dwLink) : ClientInitEnumStart(pszPin, dwStart, &dwLink);
-    if (bServer)
-        TraceText(nRet == 0 ? "ServerInit success" : "ServerInit fail");
-    else
-        TraceText(nRet == 0 ? "ClientInit success" : "ClientInit fail");
+    int32_t nRet = bServer ? ServerInitStart(pszPin, dwStart, &dwLink) : ClientInitEnumStart(pszPin, dwStart, &dwLink);
+    if (bServer) TraceText(nRet == 0 ? "ServerInit success" : "ServerInit fail");
+    else TraceText(nRet == 0 ? "ClientInit success" : "ClientInit fail");
     if (nRet == 0) {
         BindThreadToLink(dwLink);
         if (!ExchangeMachineInfo(pSession, bServer, hReady, pszPeerName, cchPeerName)) {
@@ -104,7 +102,9 @@ int32_t SetNetworkServerClient(SessionRecord *pSession, int32_t bConnect, int32_
                                char16_t *pszPeerName, uint32_t cchPeerName)
 {
     const bool bServerRole = bServer == 1;
-    if (bConnect) return StartSession(NewRoleStartOf(bServerRole), pSession, bServerRole, pszPin, pszPeerName, cchPeerName);
-    if (bServerRole ? pSession->bServerStarted : pSession->bClientStarted) bServerRole ? ServerUninit() : ClientUninit();
+    if (bConnect)
+        return StartSession(NewRoleStartOf(bServerRole), pSession, bServerRole, pszPin, pszPeerName, cchPeerName);
+    if (bServerRole ? pSession->bServerStarted : pSession->bClientStarted)
+        bServerRole ? ServerUninit() : ClientUninit();
     return 0;
 }

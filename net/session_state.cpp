@@ -71,10 +71,8 @@ HANDLE AcquireReadyEvent(bool bWithName)
     ReadyEvent *pReady = ReadyEventOf(bWithName);
     EnterCriticalSection(ReadyLock());
     pReady->nUsers++;
-    if (pReady->hEvent == nullptr)
-        pReady->hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    else
-        ResetEvent(pReady->hEvent); // what an overtaken session left
+    if (pReady->hEvent == nullptr) pReady->hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    else ResetEvent(pReady->hEvent); // what an overtaken session left
     const HANDLE hEvent = pReady->hEvent;
     LeaveCriticalSection(ReadyLock());
     return hEvent;

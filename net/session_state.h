@@ -2,8 +2,8 @@
 // has described itself.
 // Threads  any.
 // Lock     the session lock guards the PINs and the timer event, and is held for a few statements at a time; only
-//          SetPassword, the trace log and role_start.h are called under it. The marks of the two roles belong to the role
-//          lock. The readiness events have a lock of their own, inside, under which nothing is called.
+//          SetPassword, the trace log and role_start.h are called under it. The marks of the two roles belong to the
+//          role lock. The readiness events have a lock of their own, inside, under which nothing is called.
 #pragma once
 #include "platform/kernel.h"
 #include <atomic>
@@ -35,7 +35,8 @@ void LeaveSession();
 // Which PIN the session thread starts the server with, for SetServerPassword.
 void SetServedPin(const char *pszPin);
 // The same while the server starts: stores pszStarted as the password, or the PIN that has replaced it since the
-// session thread took it. Without this a PIN replaced between the two would be told to the user and never admit anybody.
+// session thread took it. Without this a PIN replaced between the two would be told to the user and never admit
+// anybody.
 void SetServerPassword(const char *pszStarted);
 
 // Readiness events: the first for callers with a name buffer, the second for callers without. Made and closed by

@@ -139,8 +139,7 @@ bool SocketDebugInit()
         RegQueryValueExW(hKey, DEBUG_VALUE, nullptr, &dwType, reinterpret_cast<uint8_t *>(&dwFlag), &cbFlag);
     RegCloseKey(hKey);
     if (nError != 0) return false;
-    if (dwFlag == 1)
-        g_bSocketDebug = 1;
+    if (dwFlag == 1) g_bSocketDebug = 1;
     else if (!g_bSocketDebug && GetPrivateProfileIntA("Debug", "SocketDebug", -1, g_szConfigPath) == 1)
         g_bSocketDebug = 1;
     return true;

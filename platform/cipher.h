@@ -1,5 +1,6 @@
 // cipher.h: CNG (bcrypt): AES in CBC mode.
-// Blob     what BCryptExportKey gives for BCRYPT_OPAQUE_KEY_BLOB differs by backend and is only read by BCryptImportKey.
+// Blob     what BCryptExportKey gives for BCRYPT_OPAQUE_KEY_BLOB differs by backend and is only read by
+//          BCryptImportKey.
 #pragma once
 #include "platform/types.h"
 
@@ -16,13 +17,13 @@ constexpr NTSTATUS STATUS_NOT_SUPPORTED     = static_cast<NTSTATUS>(0xC00000BB);
 constexpr NTSTATUS STATUS_DATA_ERROR        = static_cast<NTSTATUS>(0xC000003E);
 constexpr NTSTATUS STATUS_NO_MEMORY         = static_cast<NTSTATUS>(0xC0000017);
 
-constexpr const char16_t *BCRYPT_AES_ALGORITHM   = u"AES";
-constexpr const char16_t *BCRYPT_OBJECT_LENGTH   = u"ObjectLength";
-constexpr const char16_t *BCRYPT_BLOCK_LENGTH    = u"BlockLength";
-constexpr const char16_t *BCRYPT_CHAINING_MODE   = u"ChainingMode";
+constexpr const char16_t *BCRYPT_AES_ALGORITHM    = u"AES";
+constexpr const char16_t *BCRYPT_OBJECT_LENGTH    = u"ObjectLength";
+constexpr const char16_t *BCRYPT_BLOCK_LENGTH     = u"BlockLength";
+constexpr const char16_t *BCRYPT_CHAINING_MODE    = u"ChainingMode";
 constexpr char16_t        BCRYPT_CHAIN_MODE_CBC[] = u"ChainingModeCBC"; // 32 bytes with its terminator
-constexpr const char16_t *BCRYPT_OPAQUE_KEY_BLOB = u"OpaqueKeyBlob";
-constexpr uint32_t        BCRYPT_BLOCK_PADDING   = 0x00000001;
+constexpr const char16_t *BCRYPT_OPAQUE_KEY_BLOB  = u"OpaqueKeyBlob";
+constexpr uint32_t        BCRYPT_BLOCK_PADDING    = 0x00000001;
 
 NTSTATUS BCryptOpenAlgorithmProvider(BCRYPT_ALG_HANDLE *phAlgorithm, const char16_t *pszAlgId,
                                      const char16_t *pszImplementation, uint32_t dwFlags);

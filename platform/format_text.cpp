@@ -18,10 +18,8 @@ template <class Char> struct Output {
 
 template <class Char> void Put(Output<Char> *pOut, Char c)
 {
-    if (pOut->nUsed + 1 < pOut->cch)
-        pOut->pszBuffer[pOut->nUsed++] = c;
-    else
-        pOut->bCut = true;
+    if (pOut->nUsed + 1 < pOut->cch) pOut->pszBuffer[pOut->nUsed++] = c;
+    else pOut->bCut = true;
 }
 
 template <class Char> void PutMany(Output<Char> *pOut, Char c, int64_t nCount)
@@ -47,17 +45,13 @@ template <class Char, class Source, class Use> void EachUnit(const Source *psz, 
     } else {
         for (size_t i = 0, nUsed = 0; i < cch; i += nUsed) {
             uint32_t nPoint;
-            if constexpr (std::is_same_v<Source, char>)
-                nPoint = DecodeUtf8(psz + i, cch - i, &nUsed, false);
-            else
-                nPoint = DecodeUtf16(psz + i, cch - i, &nUsed);
+            if constexpr (std::is_same_v<Source, char>) nPoint = DecodeUtf8(psz + i, cch - i, &nUsed, false);
+            else nPoint = DecodeUtf16(psz + i, cch - i, &nUsed);
             if (nPoint == NO_CODE_POINT || IsSurrogate(nPoint)) nPoint = REPLACEMENT_CHARACTER;
             Char   aUnits[4];
             size_t nUnits;
-            if constexpr (std::is_same_v<Char, char>)
-                nUnits = EncodeUtf8(nPoint, aUnits);
-            else
-                nUnits = EncodeUtf16(nPoint, aUnits);
+            if constexpr (std::is_same_v<Char, char>) nUnits = EncodeUtf8(nPoint, aUnits);
+            else nUnits = EncodeUtf16(nPoint, aUnits);
             for (size_t j = 0; j < nUnits; j++)
                 if (!use(aUnits[j])) return;
         }

@@ -1,18 +1,18 @@
 // kernel.h: events, mutexes, threads, critical sections, waits, clocks, processes.
-// Names    "X" and "Local\X" name one object of the session, "Global\X" another one that all sessions of the machine see.
-//          A named object ends with its last handle, however its holder dies.
+// Names    "X" and "Local\X" name one object of the session, "Global\X" another one that all sessions of the machine
+//          see. A named object ends with its last handle, however its holder dies.
 // Threads  everything here may be called from any thread.
 #pragma once
 #include "platform/types.h"
 
 namespace platform {
 
-constexpr uint32_t SYNCHRONIZE        = 0x00100000;
-constexpr uint32_t EVENT_MODIFY_STATE = 0x0002;
-constexpr uint32_t INFINITE           = 0xFFFFFFFF;
-constexpr uint32_t WAIT_OBJECT_0      = 0;
-constexpr uint32_t WAIT_FAILED        = 0xFFFFFFFF;
-constexpr uint32_t STILL_ACTIVE       = 259;
+constexpr uint32_t SYNCHRONIZE           = 0x00100000;
+constexpr uint32_t EVENT_MODIFY_STATE    = 0x0002;
+constexpr uint32_t INFINITE              = 0xFFFFFFFF;
+constexpr uint32_t WAIT_OBJECT_0         = 0;
+constexpr uint32_t WAIT_FAILED           = 0xFFFFFFFF;
+constexpr uint32_t STILL_ACTIVE          = 259;
 constexpr uint32_t DUPLICATE_SAME_ACCESS = 2;
 constexpr uint32_t MAXIMUM_WAIT_OBJECTS  = 64;
 
@@ -40,7 +40,8 @@ HANDLE GetCurrentProcess();
 // WAIT_OBJECT_0, WAIT_TIMEOUT or WAIT_FAILED. Events, threads and processes may be waited for; an auto-reset event is
 // consumed by exactly one wait.
 uint32_t WaitForSingleObject(HANDLE hHandle, uint32_t dwMilliseconds);
-// bWaitAll must be FALSE. WAIT_OBJECT_0 + index of the first signalled handle in array order; only that one is consumed.
+// bWaitAll must be FALSE. WAIT_OBJECT_0 + index of the first signalled handle in array order; only that one is
+// consumed.
 uint32_t WaitForMultipleObjects(uint32_t nCount, const HANDLE *pHandles, BOOL bWaitAll, uint32_t dwMilliseconds);
 
 using ThreadProcedure = uint32_t (*)(void *pParameter);

@@ -1,5 +1,5 @@
-// made_once.h: critical sections that are made at their first use and never deleted, since threads of a former link or of a shut-down
-// may still be about to enter them.
+// made_once.h: critical sections that are made at their first use and never deleted, since threads of a former link or
+// of a shut-down may still be about to enter them.
 #pragma once
 #include "platform/kernel.h"
 

@@ -1,6 +1,6 @@
 // modules.h: libraries bound at run time, and the program's own file.
-// A hosted machine has user32.dll, shell32.dll, Wtsapi32.dll and the functions that user_interface.h declares types for;
-// any other function of those libraries that this system binds resolves to a procedure that fails with
+// A hosted machine has user32.dll, shell32.dll, Wtsapi32.dll and the functions that user_interface.h declares types
+// for; any other function of those libraries that this system binds resolves to a procedure that fails with
 // ERROR_NOT_SUPPORTED. Tests can take a library or a function away.
 #pragma once
 #include "platform/types.h"

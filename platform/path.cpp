@@ -13,7 +13,10 @@ constexpr HRESULT RESULT_INVALID_ARGUMENT    = static_cast<HRESULT>(0x80070057);
 constexpr HRESULT RESULT_INSUFFICIENT_BUFFER = static_cast<HRESULT>(0x8007007A);
 constexpr size_t  PATH_CAPACITY_MAX          = 0x8000;
 
-bool IsLetter(char16_t c) { return (c | 32) >= u'a' && (c | 32) <= u'z'; }
+bool IsLetter(char16_t c)
+{
+    return (c | 32) >= u'a' && (c | 32) <= u'z';
+}
 
 // The length of "\\?\Volume{GUID}", or 0.
 size_t VolumeLength(const char16_t *psz)

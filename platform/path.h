@@ -7,11 +7,13 @@ namespace platform {
 
 // Removes the last component and its backslash in place (never the root's). TRUE when something was removed.
 BOOL PathRemoveFileSpecA(char *pszPath);
-// Win32 contract for drive paths, UNC and "\\?\" paths: S_OK, S_FALSE (1) when nothing was removed, or a negative error.
+// Win32 contract for drive paths, UNC and "\\?\" paths: S_OK, S_FALSE (1) when nothing was removed, or a negative
+// error.
 HRESULT PathCchRemoveFileSpec(char16_t *pszPath, size_t cch);
 // S_OK, S_FALSE (1) when it ends with one already, negative when there is no room. An empty path stays empty (S_FALSE).
 HRESULT PathCchAddBackslash(char16_t *pszPath, size_t cch);
-// The part after the last backslash, slash or drive colon that is followed by something; the whole text if there is none.
+// The part after the last backslash, slash or drive colon that is followed by something; the whole text if there is
+// none.
 const char16_t *PathFindFileNameW(const char16_t *pszPath);
 // The last '.' of the last component with what follows, or the terminator. A blank after the dot ends an extension.
 const char16_t *PathFindExtensionW(const char16_t *pszPath);

@@ -1,6 +1,8 @@
-// pipes.h: named pipes: the server's side, and waiting for one as a client. CreateFileW (files.h) opens the client's side.
-// Modes    PIPE_ACCESS_INBOUND, message type, byte read mode: a read gives what is there, up to the buffer, and may hold
-//          several records. Writes block; ConnectNamedPipe and the server's ReadFile are overlapped when asked to be.
+// pipes.h: named pipes: the server's side, and waiting for one as a client. CreateFileW (files.h) opens the client's
+// side.
+// Modes    PIPE_ACCESS_INBOUND, message type, byte read mode: a read gives what is there, up to the buffer, and may
+//          hold several records. Writes block; ConnectNamedPipe and the server's ReadFile are overlapped when asked to
+//          be.
 #pragma once
 #include "platform/files.h"
 #include "platform/kernel.h"

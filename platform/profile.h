@@ -1,6 +1,6 @@
 // profile.h: private-profile (INI) files.
-// Format   the W functions keep a file that starts with FF FE in UTF-16LE, any other in the ANSI code page. Section and key
-//          names compare without regard to case; quotes round a value are stripped on reading; values and keys are
+// Format   the W functions keep a file that starts with FF FE in UTF-16LE, any other in the ANSI code page. Section and
+//          key names compare without regard to case; quotes round a value are stripped on reading; values and keys are
 //          trimmed of blanks; a line that starts with ';' is a comment. A value longer than the buffer is cut.
 // Threads  any; one write is whole against every other process of the machine.
 #pragma once

@@ -7,18 +7,25 @@ namespace platform {
 constexpr uint32_t PIPE_EVERYONE_ACCESS = 0x001201BF; // FILE_GENERIC_READ | FILE_GENERIC_WRITE | FILE_GENERIC_EXECUTE
 constexpr uint32_t FILE_EVERYONE_ACCESS = 0xFFFFFFFF;
 
-// Security attributes, not inheritable, whose access list has one entry: access allowed for the group Everyone (S-1-1-0)
-// with the given rights. Null on failure (GetLastError). The caller frees them with FreeSecurity, also when null.
+// Security attributes, not inheritable, whose access list has one entry: access allowed for the group Everyone
+// (S-1-1-0) with the given rights. Null on failure (GetLastError). The caller frees them with FreeSecurity, also when
+// null.
 SECURITY_ATTRIBUTES *CreateEveryoneSecurity(uint32_t dwAccessMask);
 void                 FreeSecurity(SECURITY_ATTRIBUTES *pSecurity);
 
 enum class SecuredObject { File, Kernel };
-// Reads the access list of an open handle back. *pdwAccessMask gets the rights of Everyone's access-allowed entry as the
-// system stores them (0xFFFFFFFF on a file reads as FILE_ALL_ACCESS, 0x1F01FF), *pnEntries the number of entries.
+// Reads the access list of an open handle back. *pdwAccessMask gets the rights of Everyone's access-allowed entry as
+// the system stores them (0xFFFFFFFF on a file reads as FILE_ALL_ACCESS, 0x1F01FF), *pnEntries the number of entries.
 // False when the object has no access list of its own or it cannot be read.
 bool ReadEveryoneAccess(HANDLE hObject, SecuredObject eKind, uint32_t *pdwAccessMask, uint32_t *pnEntries);
 
-enum SID_NAME_USE : int32_t { SidTypeUser = 1, SidTypeGroup = 2, SidTypeDomain = 3, SidTypeUnknown = 8, SidTypeComputer = 9 };
+enum SID_NAME_USE : int32_t {
+    SidTypeUser     = 1,
+    SidTypeGroup    = 2,
+    SidTypeDomain   = 3,
+    SidTypeUnknown  = 8,
+    SidTypeComputer = 9
+};
 
 // *pcchBuffer: in the capacity, out the length, both in UTF-16 units with the terminator.
 BOOL GetUserNameW(char16_t *pszBuffer, uint32_t *pcchBuffer);

@@ -1,8 +1,8 @@
 // sockets.h: Winsock 2 over IPv4: TCP, UDP with multicast, and the addresses of this machine.
 // They are real on every backend: what a socket does goes over the network that the process has, whatever adapters a
 // hosted machine says it has (adapters.h).
-// Errors   SOCKET_ERROR or INVALID_SOCKET, and WSAGetLastError of the calling thread gives a WSAE code: a receive time-out
-//          is WSAETIMEDOUT, a socket closed by another thread WSAENOTSOCK (a blocked call returns at once).
+// Errors   SOCKET_ERROR or INVALID_SOCKET, and WSAGetLastError of the calling thread gives a WSAE code: a receive
+//          time-out is WSAETIMEDOUT, a socket closed by another thread WSAENOTSOCK (a blocked call returns at once).
 // Threads  one receiver and one sender at a time per socket; any thread may close it.
 #pragma once
 #include "platform/types.h"
@@ -15,9 +15,9 @@ constexpr int32_t SOCKET_ERROR   = -1;
 constexpr int32_t AF_INET = 2, SOCK_STREAM = 1, SOCK_DGRAM = 2, IPPROTO_IP = 0, IPPROTO_TCP = 6, IPPROTO_UDP = 17,
                   AI_PASSIVE = 1;
 constexpr int32_t SOL_SOCKET = 0xFFFF, SO_SNDTIMEO = 0x1005, SO_RCVTIMEO = 0x1006, SO_REUSEADDR = 4;
-constexpr int32_t SOMAXCONN = 0x7FFFFFFF;
-constexpr int32_t TCP_NODELAY = 1;
-constexpr int32_t SD_BOTH = 2;
+constexpr int32_t SOMAXCONN       = 0x7FFFFFFF;
+constexpr int32_t TCP_NODELAY     = 1;
+constexpr int32_t SD_BOTH         = 2;
 constexpr int32_t IP_MULTICAST_IF = 9, IP_MULTICAST_TTL = 10, IP_ADD_MEMBERSHIP = 12, IP_DROP_MEMBERSHIP = 13;
 constexpr int16_t POLLIN = 0x300; // POLLRDNORM and POLLRDBAND
 
@@ -25,8 +25,8 @@ constexpr int32_t WSAEINTR = 10004, WSAEACCES = 10013, WSAEINVAL = 10022, WSAEMF
                   WSAENOTSOCK = 10038, WSAEMSGSIZE = 10040, WSAEADDRINUSE = 10048, WSAEADDRNOTAVAIL = 10049,
                   WSAENETUNREACH = 10051, WSAECONNABORTED = 10053, WSAECONNRESET = 10054, WSAENOBUFS = 10055,
                   WSAENOTCONN = 10057, WSAESHUTDOWN = 10058, WSAETIMEDOUT = 10060, WSAECONNREFUSED = 10061,
-                  WSAEHOSTUNREACH = 10065, WSANOTINITIALISED = 10093, WSAEDISCON = 10101,
-                  WSAHOST_NOT_FOUND = 11001, WSATYPE_NOT_FOUND = 10109;
+                  WSAEHOSTUNREACH = 10065, WSANOTINITIALISED = 10093, WSAEDISCON = 10101, WSAHOST_NOT_FOUND = 11001,
+                  WSATYPE_NOT_FOUND = 10109;
 
 struct WSADATA {
     unsigned char aStorage[408];
@@ -38,8 +38,8 @@ struct sockaddr {
 };
 struct sockaddr_in {
     uint16_t sin_family;
-    uint16_t sin_port;    // network byte order
-    uint32_t sin_addr;    // network byte order
+    uint16_t sin_port; // network byte order
+    uint32_t sin_addr; // network byte order
     char     sin_zero[8];
 };
 struct ip_mreq {
@@ -83,9 +83,9 @@ int32_t send(SOCKET s, const char *pBuffer, int32_t cb, int32_t nFlags); // nFla
 int32_t recv(SOCKET s, char *pBuffer, int32_t cb, int32_t nFlags);       // nFlags 0; 0 after an orderly close
 int32_t shutdown(SOCKET s, int32_t nHow);
 
-// Datagrams. The options are SO_REUSEADDR (before bind: other sockets that have it may be bound to the same port, those of
-// other programs too; each gets a copy of a multicast, one of them a unicast, nobody can say which), IP_MULTICAST_IF (the
-// interface that multicasts leave by, named by an address of it), IP_MULTICAST_TTL, IP_ADD_MEMBERSHIP and
+// Datagrams. The options are SO_REUSEADDR (before bind: other sockets that have it may be bound to the same port, those
+// of other programs too; each gets a copy of a multicast, one of them a unicast, nobody can say which), IP_MULTICAST_IF
+// (the interface that multicasts leave by, named by an address of it), IP_MULTICAST_TTL, IP_ADD_MEMBERSHIP and
 // IP_DROP_MEMBERSHIP (ip_mreq). A multicast comes back to members on this machine.
 // A socket gets the multicasts that arrive where it is a member, and may get those of the other interfaces too (Wine).
 // recvfrom: bytes received; WSAEMSGSIZE when the datagram was longer than the buffer, which then holds its beginning;
@@ -99,7 +99,7 @@ int32_t WSAPoll(WSAPOLLFD *pSockets, uint32_t nCount, int32_t nTimeoutMs);
 // IP Helper: the IPv4 addresses that sockets of this process can use, one row each.
 constexpr uint16_t MIB_IPADDR_DISCONNECTED = 0x08, MIB_IPADDR_DELETED = 0x40, MIB_IPADDR_TRANSIENT = 0x80;
 struct MIB_IPADDRROW {
-    uint32_t dwAddr; // network byte order, as the next two
+    uint32_t dwAddr;  // network byte order, as the next two
     uint32_t dwIndex; // of the interface
     uint32_t dwMask;
     uint32_t dwBCastAddr;
@@ -116,9 +116,9 @@ uint32_t GetIpAddrTable(MIB_IPADDRTABLE *pTable, uint32_t *pcb, BOOL bOrder);
 
 int32_t closesocket(SOCKET s);
 
-// Round one exchange of several sends, so that it leaves in as few segments as TCP can make of it: after the hold, sends
-// may be gathered in the backend (in bounded memory, sent on whenever the gathering is full); the flush sends what
-// remains and ends the hold. A send that failed behind the scenes is reported by a later send or by the flush:
+// Round one exchange of several sends, so that it leaves in as few segments as TCP can make of it: after the hold,
+// sends may be gathered in the backend (in bounded memory, sent on whenever the gathering is full); the flush sends
+// what remains and ends the hold. A send that failed behind the scenes is reported by a later send or by the flush:
 // 0, or SOCKET_ERROR with WSAGetLastError. Holds do not nest; the caller owns the sending side meanwhile.
 void    HoldSends(SOCKET s);
 int32_t FlushSends(SOCKET s);

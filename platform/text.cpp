@@ -62,7 +62,10 @@ uint32_t NextFolded(const char *psz, size_t cb, size_t *pcbUsed)
     return 0x110000u + c;
 }
 
-int32_t Sign(uint32_t nLeft, uint32_t nRight) { return nLeft < nRight ? -1 : nLeft > nRight ? 1 : 0; }
+int32_t Sign(uint32_t nLeft, uint32_t nRight)
+{
+    return nLeft < nRight ? -1 : nLeft > nRight ? 1 : 0;
+}
 
 int32_t CompareFoldedA(const char *pszLeft, size_t cbLeft, const char *pszRight, size_t cbRight)
 {
@@ -79,7 +82,10 @@ int32_t CompareFoldedA(const char *pszLeft, size_t cbLeft, const char *pszRight,
     return cbLeft != 0 ? 1 : cbRight != 0 ? -1 : 0;
 }
 
-template <class Char> bool IsBlank(Char c) { return c == ' ' || (c >= 9 && c <= 13); }
+template <class Char> bool IsBlank(Char c)
+{
+    return c == ' ' || (c >= 9 && c <= 13);
+}
 
 // Sign and magnitude; the magnitude stops at the largest value instead of wrapping.
 template <class Char> uint64_t Magnitude(const Char *pszText, bool *pbNegative)
@@ -107,16 +113,34 @@ template <class Char> int64_t ToInt64(const Char *pszText, int64_t nMin, int64_t
 
 } // namespace
 
-bool   CopyTextA(char *pszDest, size_t cchDest, const char *pszSource) { return Copy(pszDest, cchDest, pszSource); }
-bool   CopyTextW(char16_t *pszDest, size_t cchDest, const char16_t *pszSource)
+bool CopyTextA(char *pszDest, size_t cchDest, const char *pszSource)
 {
     return Copy(pszDest, cchDest, pszSource);
 }
-bool   AppendTextA(char *pszDest, size_t cchDest, const char *pszSource) { return Append(pszDest, cchDest, pszSource); }
-size_t TextLengthA(const char *pszText) { return Length(pszText); }
-size_t TextLengthW(const char16_t *pszText) { return Length(pszText); }
-size_t TextLengthBoundedA(const char *pszText, size_t cchMax) { return LengthBounded(pszText, cchMax); }
-size_t TextLengthBoundedW(const char16_t *pszText, size_t cchMax) { return LengthBounded(pszText, cchMax); }
+bool CopyTextW(char16_t *pszDest, size_t cchDest, const char16_t *pszSource)
+{
+    return Copy(pszDest, cchDest, pszSource);
+}
+bool AppendTextA(char *pszDest, size_t cchDest, const char *pszSource)
+{
+    return Append(pszDest, cchDest, pszSource);
+}
+size_t TextLengthA(const char *pszText)
+{
+    return Length(pszText);
+}
+size_t TextLengthW(const char16_t *pszText)
+{
+    return Length(pszText);
+}
+size_t TextLengthBoundedA(const char *pszText, size_t cchMax)
+{
+    return LengthBounded(pszText, cchMax);
+}
+size_t TextLengthBoundedW(const char16_t *pszText, size_t cchMax)
+{
+    return LengthBounded(pszText, cchMax);
+}
 
 bool AppendTextW(char16_t *pszDest, size_t cchDest, const char16_t *pszSource)
 {
@@ -175,7 +199,10 @@ int32_t TextToInt32A(const char *pszText)
     return static_cast<int32_t>(ToInt64(pszText, INT32_MIN, INT32_MAX));
 }
 
-int64_t TextToInt64W(const char16_t *pszText) { return ToInt64(pszText, INT64_MIN, INT64_MAX); }
+int64_t TextToInt64W(const char16_t *pszText)
+{
+    return ToInt64(pszText, INT64_MIN, INT64_MAX);
+}
 
 uint64_t TextToUInt64W(const char16_t *pszText)
 {

@@ -9,10 +9,10 @@ namespace platform {
 constexpr uint32_t CP_ACP  = 0;
 constexpr uint32_t CP_UTF8 = 65001;
 
-// printf in the product's dialect: %s and %c are text of the format's own width (%hs, %hc narrow, %ls, %lc wide always), %d %i
-// %u %x %X %o with h, hh, l (32 bits, as on Windows), ll and I64 (64 bits), z; %p, %%; flags - + space # 0, width, precision, '*'.
-// A null text prints as "(null)". Result: units written without the terminator, or -1 when the text was cut (the buffer is
-// full and terminated). An unknown conversion is copied as it stands.
+// printf in the product's dialect: %s and %c are text of the format's own width (%hs, %hc narrow, %ls, %lc wide
+// always), %d %i %u %x %X %o with h, hh, l (32 bits, as on Windows), ll and I64 (64 bits), z; %p, %%; flags - + space #
+// 0, width, precision, '*'. A null text prints as "(null)". Result: units written without the terminator, or -1 when
+// the text was cut (the buffer is full and terminated). An unknown conversion is copied as it stands.
 int32_t FormatTextA(char *pszBuffer, size_t cch, const char *pszFormat, ...) __attribute__((nonnull(3)));
 int32_t FormatTextW(char16_t *pszBuffer, size_t cch, const char16_t *pszFormat, ...) __attribute__((nonnull(3)));
 int32_t FormatTextVA(char *pszBuffer, size_t cch, const char *pszFormat, va_list args);
@@ -31,12 +31,12 @@ size_t TextLengthBoundedA(const char *pszText, size_t cchMax);
 size_t TextLengthBoundedW(const char16_t *pszText, size_t cchMax);
 
 // Below, at or above 0. Case: simple upper-case folding of the basic plane, as the system compares file names.
-int32_t  CompareTextNoCaseA(const char *pszLeft, const char *pszRight);
-int32_t  CompareTextNoCaseW(const char16_t *pszLeft, const char16_t *pszRight);
-int32_t  CompareTextNoCaseN_A(const char *pszLeft, const char *pszRight, size_t cch);
-int32_t  CompareTextNoCaseN_W(const char16_t *pszLeft, const char16_t *pszRight, size_t cch);
-int32_t  CompareTextW(const char16_t *pszLeft, const char16_t *pszRight); // exact
-char16_t FoldCaseW(char16_t ch);
+int32_t         CompareTextNoCaseA(const char *pszLeft, const char *pszRight);
+int32_t         CompareTextNoCaseW(const char16_t *pszLeft, const char16_t *pszRight);
+int32_t         CompareTextNoCaseN_A(const char *pszLeft, const char *pszRight, size_t cch);
+int32_t         CompareTextNoCaseN_W(const char16_t *pszLeft, const char16_t *pszRight, size_t cch);
+int32_t         CompareTextW(const char16_t *pszLeft, const char16_t *pszRight); // exact
+char16_t        FoldCaseW(char16_t ch);
 const char16_t *FindTextW(const char16_t *pszText, const char16_t *pszWanted); // exact; null when absent
 
 // Decimal, as atoi and _wtoi64 read it: blanks, sign, digits; 0 when there are none.

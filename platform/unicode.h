@@ -9,9 +9,18 @@ namespace platform {
 constexpr uint32_t REPLACEMENT_CHARACTER = 0xFFFD;
 constexpr uint32_t NO_CODE_POINT         = 0xFFFFFFFF;
 
-constexpr bool IsHighSurrogate(uint32_t c) { return c >= 0xD800 && c <= 0xDBFF; }
-constexpr bool IsLowSurrogate(uint32_t c) { return c >= 0xDC00 && c <= 0xDFFF; }
-constexpr bool IsSurrogate(uint32_t c) { return c >= 0xD800 && c <= 0xDFFF; }
+constexpr bool IsHighSurrogate(uint32_t c)
+{
+    return c >= 0xD800 && c <= 0xDBFF;
+}
+constexpr bool IsLowSurrogate(uint32_t c)
+{
+    return c >= 0xDC00 && c <= 0xDFFF;
+}
+constexpr bool IsSurrogate(uint32_t c)
+{
+    return c >= 0xD800 && c <= 0xDFFF;
+}
 
 // Reads one code point of at least one byte. *pcbUsed receives 1 to 4. For bytes that are no UTF-8: NO_CODE_POINT, and
 // *pcbUsed is the length of the longest prefix of a valid sequence (at least 1), which readers replace as a whole.

@@ -11,8 +11,8 @@ uint32_t GetLogicalDrives();
 // pszRoot: "C:\".
 uint32_t GetDriveTypeW(const char16_t *pszRoot);
 
-// What the drive name "X:" stands for, into cch units: "\Device\HarddiskVolume2" for a volume of a disk, "\??\C:\folder"
-// for a substituted folder. The length written, 0 on failure. One name alone; two zeros end the text.
+// What the drive name "X:" stands for, into cch units: "\Device\HarddiskVolume2" for a volume of a disk,
+// "\??\C:\folder" for a substituted folder. The length written, 0 on failure. One name alone; two zeros end the text.
 uint32_t QueryDosDeviceW(const char16_t *pszDevice, char16_t *pszTarget, uint32_t cch);
 
 struct HotPlugInfo {

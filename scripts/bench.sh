@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# How fast the agents move data, with a window of files on the way and one file at a time, beside scp and rsync over ssh (aes128-gcm)
-# and an rsync daemon without encryption: the same data, medium and loopback, interleaved, directly and behind 1 ms each way.
-#   scripts/bench.sh [--medium tmpfs|disk|both] [--sets LSMN] [--paths direct|delayed|both] [--runs N] [--delayed-runs N] [--quick]
+# How fast the agents move data, with a window of files on the way and one file at a time, beside scp and rsync over
+# ssh (aes128-gcm) and an rsync daemon without encryption: the same data, medium and loopback, interleaved, directly
+# and behind 1 ms each way.
+#   scripts/bench.sh [--medium tmpfs|disk|both] [--sets LSMN] [--paths direct|delayed|both] [--runs N] [--delayed-runs
+#   N] [--quick]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 usage() {

@@ -43,7 +43,7 @@ formatted() {
 }
 
 narrow() {
-    ! git grep -nE '^.{121,}$' -- '*.cpp' '*.h' '*.sh' 'CMakeLists.txt' '*/CMakeLists.txt' '*.cmake'
+    ! git grep -nE '^.{121,}$' -- '*.cpp' '*.h' 'CMakeLists.txt' '*/CMakeLists.txt' '*.cmake'
 }
 
 tidy() {

@@ -1,8 +1,9 @@
 #!/bin/bash
-# Discovery on a network: two namespaces that a virtual cable joins (scripts/lan.sh), the discovery program and the agent of a hosted machine
-# and of one under Wine, and avahi as somebody else's implementation.
+# Discovery on a network: two namespaces that a virtual cable joins (scripts/lan.sh), the discovery program and the
+# agent of a hosted machine and of one under Wine, and avahi as somebody else's implementation.
 #   scripts/test-discovery.sh [BUILD [WINDOWS-BUILD]]     build folders; build/dev and build/windows unless told
-# The last line is "discovery tests: N passed, N failed"; exit code 0 when none failed. Where no namespaces can be made everything is skipped.
+# The last line is "discovery tests: N passed, N failed"; exit code 0 when none failed. Where no namespaces can be
+# made everything is skipped.
 set -u
 cd "$(dirname "$0")/.." || exit 2
 [ $# -le 2 ] || { echo "usage: scripts/test-discovery.sh [BUILD [WINDOWS-BUILD]]" >&2; exit 2; }

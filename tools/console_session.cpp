@@ -16,8 +16,7 @@
 #include <mutex>
 #include <vector>
 
-namespace
-{
+namespace {
 
 ConsoleOptions                          g_Options;
 std::mutex                              g_Lock; // guards output, records and position
@@ -59,7 +58,7 @@ bool MatchesPattern(const std::string &sText, const std::string &sPattern)
     size_t t = 0, p = 0, nStar = std::string::npos, nResume = 0;
     while (t < sText.size()) {
         if (p < sPattern.size() && sPattern[p] == '*') {
-            nStar = p++;
+            nStar   = p++;
             nResume = t;
         } else if (p < sPattern.size() && sPattern[p] == sText[t]) {
             p++;
@@ -71,8 +70,7 @@ bool MatchesPattern(const std::string &sText, const std::string &sPattern)
             return false;
         }
     }
-    while (p < sPattern.size() && sPattern[p] == '*')
-        p++;
+    while (p < sPattern.size() && sPattern[p] == '*') p++;
     return p == sPattern.size();
 }
 
@@ -90,8 +88,8 @@ bool FieldText(const IpcMessage &record, const std::string &sField, std::string 
     else if (sField == "p3") *psText = std::to_string(static_cast<int32_t>(record.dwParam3));
     else if (sField == "t1" || sField == "t2" || sField == "t3") {
         const auto   texts = RecordTexts(record);
-        const size_t n = static_cast<size_t>(sField[1] - '1');
-        *psText = n < texts.size() ? texts[n] : "";
+        const size_t n     = static_cast<size_t>(sField[1] - '1');
+        *psText            = n < texts.size() ? texts[n] : "";
     } else {
         return false;
     }
@@ -154,8 +152,7 @@ bool WaitForRecord(const Expectation &expected)
     for (;;) {
         for (; nNext < g_Records.size(); nNext++) {
             if (!Matches(g_Records[nNext], expected)) continue;
-            for (const auto &[sName, sField] : expected.sets)
-                FieldText(g_Records[nNext], sField, &g_Variables[sName]);
+            for (const auto &[sName, sField] : expected.sets) FieldText(g_Records[nNext], sField, &g_Variables[sName]);
             g_nNextToMatch = nNext + 1;
             return true;
         }
@@ -245,7 +242,7 @@ CommandResult RunSendCommand(const std::vector<std::string> &words, std::string 
 
 CommandResult RunWords(const std::vector<std::string> &words, std::string *psError)
 {
-    const std::string &sVerb = words[0];
+    const std::string &sVerb    = words[0];
     uint32_t           dwNumber = 0;
     if (sVerb == "send") return RunSendCommand(words, psError);
     if (sVerb == "send-bytes") {
@@ -264,7 +261,7 @@ CommandResult RunWords(const std::vector<std::string> &words, std::string *psErr
     }
     if (sVerb == "agent") {
         const bool bPresent = words.size() > 1 && words[1] == "present";
-        dwNumber = g_Options.dwWaitSeconds;
+        dwNumber            = g_Options.dwWaitSeconds;
         if (words.size() < 2 || words.size() > 3 || (!bPresent && words[1] != "absent") ||
             (words.size() == 3 && (words[2].rfind("within=", 0) != 0 || !ParseNumber(words[2].substr(7), &dwNumber)))) {
             return CommandResult::Usage;
@@ -281,8 +278,7 @@ CommandResult RunWords(const std::vector<std::string> &words, std::string *psErr
     }
     if (sVerb == "print") {
         std::string sText;
-        for (size_t i = 1; i < words.size(); i++)
-            sText += (i > 1 ? " " : "") + words[i];
+        for (size_t i = 1; i < words.size(); i++) sText += (i > 1 ? " " : "") + words[i];
         PrintEvent("print", sText);
         return CommandResult::Done;
     }

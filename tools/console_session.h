@@ -6,8 +6,8 @@
 
 // How the console prints and whom it talks to.
 struct ConsoleOptions {
-    bool     bJson = false;
-    uint32_t dwSession = 0;
+    bool     bJson         = false;
+    uint32_t dwSession     = 0;
     uint32_t dwWaitSeconds = 30; // bound of a wait that names none
 };
 void SetConsoleOptions(const ConsoleOptions &options);

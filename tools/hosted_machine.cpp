@@ -63,9 +63,9 @@ static bool IsDrivePath(const std::string &sPath)
 
 static bool ReadDrive(const std::string &sValue, MachinePlan *pPlan)
 {
-    const std::string sKind  = sValue.size() > 2 && sValue[1] == ':' ? sValue.substr(2) : "fixed";
+    const std::string sKind = sValue.size() > 2 && sValue[1] == ':' ? sValue.substr(2) : "fixed";
     const char chName = static_cast<char>(std::toupper(static_cast<unsigned char>(sValue.empty() ? ' ' : sValue[0])));
-    const bool        bShort = sValue.size() == 1 || (sValue.size() == 2 && sValue[1] == ':');
+    const bool bShort = sValue.size() == 1 || (sValue.size() == 2 && sValue[1] == ':');
     if (chName < 'A' || chName > 'Z' || (!bShort && (sValue.size() < 3 || sValue[1] != ':')) ||
         !hosted::IsDriveKind(sKind))
         return Refuse("not a drive and a kind: " + sValue);
@@ -78,9 +78,9 @@ static bool ReadDrive(const std::string &sValue, MachinePlan *pPlan)
 static bool ReadFolder(const std::string &sValue, MachinePlan *pPlan)
 {
     const size_t      nEqual = sValue.find('=');
-    const std::string sName = sValue.substr(0, nEqual),
-                      sPath = nEqual == std::string::npos ? "" : sValue.substr(nEqual + 1);
-    bool              bKnown = false;
+    const std::string sName  = sValue.substr(0, nEqual),
+                      sPath  = nEqual == std::string::npos ? "" : sValue.substr(nEqual + 1);
+    bool bKnown              = false;
     for (const hosted::KnownFolder &folder : hosted::KnownFolders()) bKnown = bKnown || sName == folder.pszName;
     if (!bKnown || !IsDrivePath(sPath)) return Refuse("not a known folder and a path: " + sValue);
     pPlan->aFolders.emplace_back(sName, sPath);

@@ -10,10 +10,9 @@
 #include <unistd.h>
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
+using Clock  = std::chrono::steady_clock;
 
-namespace
-{
+namespace {
 
 struct DemoOptions {
     bool        bInterrupt = false, bWine = false, bKeep = false;
@@ -72,10 +71,10 @@ int WatchCollection(const MachinePtr &old, const MachinePtr &next, uint64_t cbTo
 {
     std::atomic<int> nOutcome{100};
     std::thread      waiter;
-    bool             bKilled = false;
-    const auto       Elapsed = [&] { return std::chrono::duration<double>(Clock::now() - begin).count(); };
+    bool             bKilled  = false;
+    const auto       Elapsed  = [&] { return std::chrono::duration<double>(Clock::now() - begin).count(); };
     const uint64_t   cbBefore = CollectedBytes(next); // of an attempt that was interrupted
-    uint64_t         cbShown = cbBefore;
+    uint64_t         cbShown  = cbBefore;
     if (!bInterrupt) waiter = std::thread([&] { nOutcome = WaitForCollection(next, std::chrono::seconds(1800)); });
     while (nOutcome == 100 && !bKilled) {
         cbShown = std::max(cbShown, CollectedBytes(next)); // a read while the file is replaced shows nothing
@@ -153,8 +152,7 @@ bool RunMigration(const DemoOptions &options, const MachinePtr &old, const Machi
                                            ? GenerateProfile(old, next, {}, &profile, psError)
                                            : ProfileFromFolder(old, next, options.sFolder, &profile, &skipped, psError);
     if (!bFilled) return false;
-    for (const std::string &sSkipped : skipped)
-        Step("not copied to the old machine: " + sSkipped);
+    for (const std::string &sSkipped : skipped) Step("not copied to the old machine: " + sSkipped);
     Step("old machine: " + old->plan.sComputer + ", user " + old->plan.sUser + ", " + std::to_string(profile.nFiles) +
          " files, " + Bytes(profile.cb));
     Step("new machine: " + next->plan.sComputer + ", user " + next->plan.sUser);
@@ -205,7 +203,7 @@ bool RunMigration(const DemoOptions &options, const MachinePtr &old, const Machi
         }
         Step("agent started again, machines linked again without a PIN, " + std::to_string(finished.size()) +
              " files were already there");
-        begin = Clock::now();
+        begin    = Clock::now();
         nOutcome = WatchCollection(old, next, profile.cb, false, begin);
         for (const auto &[sPath, state] : finished) {
             std::error_code error;
@@ -223,8 +221,7 @@ bool RunMigration(const DemoOptions &options, const MachinePtr &old, const Machi
     const auto faults = CompareProfile(old, next, profile, &nSame, &cbSame);
     PrintTable(old, next, profile);
     PrintSpecialData(special);
-    for (const std::string &sFault : faults)
-        std::printf("  FAULT: %s\n", sFault.c_str());
+    for (const std::string &sFault : faults) std::printf("  FAULT: %s\n", sFault.c_str());
     std::printf("\n  %llu of %llu files, %s, are byte for byte where they belong.",
                 static_cast<unsigned long long>(nSame), static_cast<unsigned long long>(profile.nFiles),
                 Bytes(cbSame).c_str());
@@ -242,7 +239,7 @@ int main(int argc, char **argv)
 {
     DemoOptions options;
     for (int i = 1; i < argc; i++) {
-        const std::string sArg = argv[i];
+        const std::string sArg  = argv[i];
         const bool        bMore = i + 1 < argc;
         if (sArg == "--interrupt") options.bInterrupt = true;
         else if (sArg == "--windows") options.bWine = true;
@@ -258,15 +255,15 @@ int main(int argc, char **argv)
     std::printf("Migration from an old machine to a new one (%s)\n",
                 options.bWine ? "two Wine prefixes" : "two hosted machines");
     std::string      sError;
-    const MachinePtr old = CreateMachine({eKind,
-                                          options.sWork + "/old",
-                                          options.sPrograms,
-                                          "OLDPC",
-                                          "anna",
-                                          {'D'},
-                                          {{"Desktop", "D:\\Anna\\Desktop"}},
-                                          options.sWork + "/rendezvous"},
-                                         &sError);
+    const MachinePtr old  = CreateMachine({eKind,
+                                           options.sWork + "/old",
+                                           options.sPrograms,
+                                           "OLDPC",
+                                           "anna",
+                                           {'D'},
+                                           {{"Desktop", "D:\\Anna\\Desktop"}},
+                                           options.sWork + "/rendezvous"},
+                                          &sError);
     const MachinePtr next = old ? CreateMachine({eKind,
                                                  options.sWork + "/new",
                                                  options.sPrograms,

@@ -32,8 +32,8 @@ std::vector<std::string> RecordTexts(const IpcMessage &record)
     if (HasLongText(record.dwCommand)) {
         char16_t szLong[IPC_LONG_TEXT_UNITS]; // the three fields joined, field by field: no field is read past its end
         for (size_t i = 0; i < IPC_TEXT_UNITS; i++) {
-            szLong[i] = record.szText1[i];
-            szLong[IPC_TEXT_UNITS + i] = record.szText2[i];
+            szLong[i]                      = record.szText1[i];
+            szLong[IPC_TEXT_UNITS + i]     = record.szText2[i];
             szLong[2 * IPC_TEXT_UNITS + i] = record.szText3[i];
         }
         return {ToUtf8(szLong, IPC_LONG_TEXT_UNITS)};
@@ -58,10 +58,8 @@ std::string RecordLine(const IpcMessage &record)
     std::string sLine = szHead;
     const auto  texts = RecordTexts(record);
     size_t      nLast = texts.size();
-    while (nLast > 0 && texts[nLast - 1].empty())
-        nLast--;
-    for (size_t i = 0; i < nLast; i++)
-        sLine += "  \"" + texts[i] + "\"";
+    while (nLast > 0 && texts[nLast - 1].empty()) nLast--;
+    for (size_t i = 0; i < nLast; i++) sLine += "  \"" + texts[i] + "\"";
     return sLine;
 }
 
@@ -94,17 +92,16 @@ std::string RecordJson(const IpcMessage &record)
                         ",\"p3\":" + std::to_string(static_cast<int32_t>(record.dwParam3));
     const auto texts = RecordTexts(record);
     if (texts.size() == 1) return sJson + ",\"text\":" + JsonText(texts[0]) + "}";
-    for (size_t i = 0; i < texts.size(); i++)
-        sJson += ",\"t" + std::to_string(i + 1) + "\":" + JsonText(texts[i]);
+    for (size_t i = 0; i < texts.size(); i++) sJson += ",\"t" + std::to_string(i + 1) + "\":" + JsonText(texts[i]);
     return sJson + "}";
 }
 
 bool ParseNumber(const std::string &sWord, uint32_t *pdwValue)
 {
     if (sWord.empty()) return false;
-    char      *pszEnd = nullptr;
-    const bool bHex = sWord.rfind("0x", 0) == 0 || sWord.rfind("0X", 0) == 0;
-    errno = 0;
+    char      *pszEnd       = nullptr;
+    const bool bHex         = sWord.rfind("0x", 0) == 0 || sWord.rfind("0X", 0) == 0;
+    errno                   = 0;
     const long long llValue = std::strtoll(sWord.c_str(), &pszEnd, bHex ? 16 : 10);
     if (errno != 0 || *pszEnd != '\0' || llValue < INT32_MIN || llValue > UINT32_MAX) return false;
     *pdwValue = static_cast<uint32_t>(llValue);
@@ -166,17 +163,16 @@ bool ParseRecord(const std::vector<std::string> &words, size_t nFirst, IpcMessag
             return false;
         }
     }
-    const bool   bLong = HasLongText(pRecord->dwCommand);
+    const bool   bLong     = HasLongText(pRecord->dwCommand);
     char16_t    *apTexts[] = {pRecord->szText1, pRecord->szText2, pRecord->szText3};
-    const size_t nTexts = bLong ? 1 : 3;
+    const size_t nTexts    = bLong ? 1 : 3;
     for (size_t i = 0; nFirst + 4 + i < words.size(); i++) {
         const std::u16string sText = ToWide(words[nFirst + 4 + i]);
         if (i >= nTexts || sText.size() >= (bLong ? IPC_LONG_TEXT_UNITS : IPC_TEXT_UNITS)) {
             *psError = i >= nTexts ? "too many texts" : "text too long: " + words[nFirst + 4 + i];
             return false;
         }
-        for (size_t u = 0; u < sText.size(); u++)
-            apTexts[u / IPC_TEXT_UNITS + i][u % IPC_TEXT_UNITS] = sText[u];
+        for (size_t u = 0; u < sText.size(); u++) apTexts[u / IPC_TEXT_UNITS + i][u % IPC_TEXT_UNITS] = sText[u];
     }
     return true;
 }

@@ -48,7 +48,7 @@ int main(int argc, char **argv)
     uint32_t                 dwOwn = 0;
     if (platform::ProcessIdToSessionId(platform::GetCurrentProcessId(), &dwOwn)) options.dwSession = dwOwn;
     for (int i = 1; i < argc; i++) {
-        const std::string sArg = argv[i];
+        const std::string sArg  = argv[i];
         const bool        bMore = i + 1 < argc;
         if (sArg == "--json") options.bJson = true;
         else if (sArg == "--session" && bMore && ParseNumber(argv[i + 1], &options.dwSession)) i++;

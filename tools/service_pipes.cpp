@@ -11,20 +11,19 @@
 
 using namespace platform;
 
-namespace
-{
+namespace {
 
-constexpr char16_t SERVICE_MUTEX[] = u"Global\\VornMigrationSrv_NamedPipeMux";
-constexpr char16_t SERVICE_PIPE[] = u"\\\\.\\pipe\\VornMigrationSrv_NamedPipeCommand";
+constexpr char16_t SERVICE_MUTEX[]      = u"Global\\VornMigrationSrv_NamedPipeMux";
+constexpr char16_t SERVICE_PIPE[]       = u"\\\\.\\pipe\\VornMigrationSrv_NamedPipeCommand";
 constexpr char16_t AGENT_MUTEX_FORMAT[] = u"Global\\VornMigrationNet_NamedPipeMux_0x%x";
-constexpr char16_t AGENT_PIPE_FORMAT[] = u"\\\\.\\pipe\\VornMigrationNet_NamedPipeCommand_0x%x";
-constexpr uint32_t PIPE_BUFFER_BYTES = 7920;
-constexpr uint32_t SERVER_THREADS = 4;
-constexpr uint32_t RETRY_MS = 20;
+constexpr char16_t AGENT_PIPE_FORMAT[]  = u"\\\\.\\pipe\\VornMigrationNet_NamedPipeCommand_0x%x";
+constexpr uint32_t PIPE_BUFFER_BYTES    = 7920;
+constexpr uint32_t SERVER_THREADS       = 4;
+constexpr uint32_t RETRY_MS             = 20;
 
 HANDLE                                   g_hServiceMutex = nullptr;
-HANDLE                                   g_hStop = nullptr;
-SECURITY_ATTRIBUTES                     *g_pSecurity = nullptr;
+HANDLE                                   g_hStop         = nullptr;
+SECURITY_ATTRIBUTES                     *g_pSecurity     = nullptr;
 std::vector<std::thread>                 g_Servers;
 std::function<void(const IpcMessage &)>  g_OnRecord;
 std::function<void(const std::string &)> g_OnNote;
@@ -66,8 +65,8 @@ void ServeInstances(HANDLE hPipe)
         bool bStop = false;
         if (!bConnected && GetLastError() == ERROR_IO_PENDING) {
             const HANDLE ahWait[] = {g_hStop, hConnected};
-            bStop = WaitForMultipleObjects(2, ahWait, FALSE, INFINITE) == WAIT_OBJECT_0;
-            bConnected = !bStop;
+            bStop                 = WaitForMultipleObjects(2, ahWait, FALSE, INFINITE) == WAIT_OBJECT_0;
+            bConnected            = !bStop;
             if (bStop) {
                 CancelIoEx(hPipe, &overlapped);
                 WaitForSingleObject(hConnected, 1000); // the structure must outlive the call that it belongs to
@@ -96,9 +95,9 @@ std::u16string SessionName(const char16_t *pszFormat, uint32_t dwSession)
 bool StartServicePipe(std::function<void(const IpcMessage &)> onRecord, std::function<void(const std::string &)> onNote,
                       std::string *psError)
 {
-    g_OnRecord = std::move(onRecord);
-    g_OnNote = std::move(onNote);
-    g_pSecurity = CreateEveryoneSecurity(PIPE_EVERYONE_ACCESS);
+    g_OnRecord      = std::move(onRecord);
+    g_OnNote        = std::move(onNote);
+    g_pSecurity     = CreateEveryoneSecurity(PIPE_EVERYONE_ACCESS);
     g_hServiceMutex = CreateMutexW(g_pSecurity, FALSE, SERVICE_MUTEX);
     if (g_hServiceMutex == nullptr || GetLastError() == ERROR_ALREADY_EXISTS) {
         *psError = "another migration service runs on this machine";
@@ -121,21 +120,20 @@ bool StartServicePipe(std::function<void(const IpcMessage &)> onRecord, std::fun
 void StopServicePipe()
 {
     if (g_hStop != nullptr) SetEvent(g_hStop);
-    for (std::thread &server : g_Servers)
-        server.join();
+    for (std::thread &server : g_Servers) server.join();
     g_Servers.clear();
     if (g_hStop != nullptr) CloseHandle(g_hStop);
     if (g_hServiceMutex != nullptr) CloseHandle(g_hServiceMutex);
     FreeSecurity(g_pSecurity);
     g_hStop = g_hServiceMutex = nullptr;
-    g_pSecurity = nullptr;
+    g_pSecurity               = nullptr;
 }
 
 bool SendBytesToAgent(uint32_t dwSession, const std::string &sBytes, uint32_t dwTimeoutMs, std::string *psError)
 {
-    const std::u16string sName = SessionName(AGENT_PIPE_FORMAT, dwSession);
+    const std::u16string sName    = SessionName(AGENT_PIPE_FORMAT, dwSession);
     const uint64_t       ullBegin = GetTickCount64();
-    HANDLE               hPipe = INVALID_HANDLE_VALUE;
+    HANDLE               hPipe    = INVALID_HANDLE_VALUE;
     for (;;) {
         hPipe = CreateFileW(sName.c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
                             FILE_ATTRIBUTE_NORMAL, nullptr);
@@ -149,7 +147,7 @@ bool SendBytesToAgent(uint32_t dwSession, const std::string &sBytes, uint32_t dw
         else Sleep(RETRY_MS); // no notification tells of a pipe that comes to be
     }
     uint32_t   cbWritten = 0;
-    const bool bDone = WriteFile(hPipe, sBytes.data(), static_cast<uint32_t>(sBytes.size()), &cbWritten, nullptr) &&
+    const bool bDone     = WriteFile(hPipe, sBytes.data(), static_cast<uint32_t>(sBytes.size()), &cbWritten, nullptr) &&
                        cbWritten == sBytes.size();
     if (!bDone) *psError = "the agent's pipe cannot be written: error " + std::to_string(GetLastError());
     CloseHandle(hPipe);
@@ -164,7 +162,7 @@ bool SendToAgent(uint32_t dwSession, const IpcMessage &record, uint32_t dwTimeou
 
 bool WaitForAgent(uint32_t dwSession, bool bPresent, uint32_t dwTimeoutMs)
 {
-    const std::u16string sName = SessionName(AGENT_MUTEX_FORMAT, dwSession);
+    const std::u16string sName    = SessionName(AGENT_MUTEX_FORMAT, dwSession);
     const uint64_t       ullBegin = GetTickCount64();
     for (;;) {
         const HANDLE hMutex = OpenMutexW(SYNCHRONIZE, FALSE, sName.c_str());

@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr int     EXIT_USAGE = 2;
-constexpr uint8_t LEVEL_ALL  = 5; // verbose, the highest level that tracing knows
+constexpr int     EXIT_USAGE      = 2;
+constexpr uint8_t LEVEL_ALL       = 5; // verbose, the highest level that tracing knows
 constexpr auto    FOLLOW_INTERVAL = std::chrono::milliseconds(100);
 
 int Usage()
@@ -78,7 +78,7 @@ int main(int nArgs, char **ppszArgs)
     bool              bFollow = false;
 
     for (int i = 4; i < nArgs; i++) {
-        const std::string sOption = ppszArgs[i];
+        const std::string sOption    = ppszArgs[i];
         const bool        bHasNumber = sCommand == "start" && i + 1 < nArgs;
         if (sOption == "--flags" && bHasNumber && ReadNumber(ppszArgs[i + 1], UINT32_MAX, &dwFlags)) i++;
         else if (sOption == "--level" && bHasNumber && ReadNumber(ppszArgs[i + 1], UINT8_MAX, &dwLevel)) i++;

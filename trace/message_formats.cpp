@@ -1,5 +1,5 @@
-// message_formats.cpp: the display formats. Argument 1 is the program's name. The text before the path of message 35 mostly
-// comes without a blank at its end; where it has one ("Remove cache "), two are shown.
+// message_formats.cpp: the display formats. Argument 1 is the program's name. The text before the path of message 35
+// mostly comes without a blank at its end; where it has one ("Remove cache "), two are shown.
 #include "trace/message_formats.h"
 
 using namespace platform;

@@ -17,10 +17,8 @@ uint32_t ControlCallback(uint32_t nRequestCode, void *pContext, uint32_t *pcbBuf
         bLevel  = GetTraceEnableLevel(hLogger);
         dwFlags = GetTraceEnableFlags(hLogger);
         break;
-    case WMI_DISABLE_EVENTS:
-        break;
-    default:
-        return ERROR_INVALID_PARAMETER;
+    case WMI_DISABLE_EVENTS: break;
+    default: return ERROR_INVALID_PARAMETER;
     }
 
     auto *pBlock = static_cast<TraceControlBlock *>(pContext);

@@ -10,14 +10,14 @@
 constexpr uint8_t TRACE_OPTION_DELIVER_TO_ALTERNATE = 2; // the enable state goes to pAlternate
 
 struct TraceControlBlock {
-    platform::TRACEHANDLE                hRegistration; // 0: not registered; main thread
-    std::atomic<platform::TRACEHANDLE>   hLogger;       // this and the next two: written by ControlCallback
-    std::atomic<uint8_t>                 bEnableLevel;
-    uint8_t                              bOptions;
-    std::atomic<uint32_t>                dwEnableFlags;
-    const platform::GUID                *pControlGuid;
-    TraceControlBlock                   *pAlternate;
-    std::atomic<TraceControlBlock *>     pNext;
+    platform::TRACEHANDLE              hRegistration; // 0: not registered; main thread
+    std::atomic<platform::TRACEHANDLE> hLogger;       // this and the next two: written by ControlCallback
+    std::atomic<uint8_t>               bEnableLevel;
+    uint8_t                            bOptions;
+    std::atomic<uint32_t>              dwEnableFlags;
+    const platform::GUID              *pControlGuid;
+    TraceControlBlock                 *pAlternate;
+    std::atomic<TraceControlBlock *>   pNext;
 };
 
 constexpr platform::GUID MAIN_TRACE_CONTROL_GUID = {

@@ -15,8 +15,8 @@ static_assert(MESSAGE_FLAGS == 0x2B);
 static constexpr size_t ANSI_TEXT_BYTES = 1024;
 
 // The list: the sentinel, then the registered blocks. Empty: the sentinel has no next block.
-static TraceControlBlock g_TraceListHead;
-static TraceControlBlock g_aTraceBlocks[2];
+static TraceControlBlock  g_TraceListHead;
+static TraceControlBlock  g_aTraceBlocks[2];
 static TraceControlBlock &g_MainBlock   = g_aTraceBlocks[0];
 static TraceControlBlock &g_SecondBlock = g_aTraceBlocks[1];
 
@@ -101,7 +101,7 @@ static const char *ToAnsi(const char16_t *pszText, size_t cchBound, char (&szBuf
         } else {
             cchTooBig = cchTry;
         }
-        cchTry = (cchFits + cchTooBig) / 2;
+        cchTry                 = (cchFits + cchTooBig) / 2;
         const bool bSplitsPair = cchTry > 0 && cchTry < cchText && (pszText[cchTry - 1] & 0xFC00) == 0xD800;
         if (bSplitsPair) cchTry += cchTry + 1 < cchTooBig ? 1 : -1;
     }
@@ -150,7 +150,7 @@ void TraceText(const char *pszText)
 void TraceWideText(const char16_t *pszText, size_t cchBound)
 {
     if (!IsTraceEnabled()) return;
-    const uint32_t dwLastError = GetLastError();
+    const uint32_t dwLastError             = GetLastError();
     char           szText[ANSI_TEXT_BYTES] = {};
     WriteMessage(g_MainBlock, 34, {TextArgument(ToAnsi(pszText, cchBound, szText))});
     SetLastError(dwLastError);
@@ -196,7 +196,7 @@ void TraceRecordLongText(const char *pszLabel, uint32_t dw1, uint32_t dw2, uint3
                          size_t cchBound)
 {
     if (!IsTraceEnabled()) return;
-    const uint32_t dwLastError = GetLastError();
+    const uint32_t dwLastError             = GetLastError();
     char           szText[ANSI_TEXT_BYTES] = {};
     WriteMessage(g_MainBlock, 25,
                  {TextArgument(pszLabel), NumberArgument(dw1), NumberArgument(dw2), NumberArgument(dw3),
@@ -208,7 +208,7 @@ void TraceRecordTexts(const char *pszLabel, uint32_t dw1, uint32_t dw2, uint32_t
                       const char16_t *pszText2, const char16_t *pszText3, size_t cchBound)
 {
     if (!IsTraceEnabled()) return;
-    const uint32_t dwLastError = GetLastError();
+    const uint32_t dwLastError              = GetLastError();
     char           szText1[ANSI_TEXT_BYTES] = {};
     char           szText2[ANSI_TEXT_BYTES] = {};
     char           szText3[ANSI_TEXT_BYTES] = {};
@@ -222,7 +222,7 @@ void TraceRecordTexts(const char *pszLabel, uint32_t dw1, uint32_t dw2, uint32_t
 static void WriteValueText(const TraceControlBlock &block, uint16_t nNumber, const char *pszText, uint32_t dwValue,
                            const char16_t *pszPath, size_t cchBound)
 {
-    const uint32_t dwLastError = GetLastError();
+    const uint32_t dwLastError             = GetLastError();
     char           szPath[ANSI_TEXT_BYTES] = {};
     WriteMessage(block, nNumber,
                  {TextArgument(pszText), NumberArgument(dwValue), TextArgument(ToAnsi(pszPath, cchBound, szPath))});
@@ -239,7 +239,7 @@ void TracePathMapping(const char *pszTag, uint32_t bChanged, const char16_t *psz
                       size_t cchBound)
 {
     if (!IsTraceEnabled()) return;
-    const uint32_t dwLastError = GetLastError();
+    const uint32_t dwLastError               = GetLastError();
     char           szBefore[ANSI_TEXT_BYTES] = {};
     char           szAfter[ANSI_TEXT_BYTES]  = {};
     WriteMessage(g_MainBlock, 28,
@@ -251,7 +251,7 @@ void TracePathMapping(const char *pszTag, uint32_t bChanged, const char16_t *psz
 void TraceTextPath(const char *pszText, const char16_t *pszPath, size_t cchBound)
 {
     if (!IsTraceEnabled()) return;
-    const uint32_t dwLastError = GetLastError();
+    const uint32_t dwLastError             = GetLastError();
     char           szPath[ANSI_TEXT_BYTES] = {};
     WriteMessage(g_MainBlock, 35, {TextArgument(pszText), TextArgument(ToAnsi(pszPath, cchBound, szPath))});
     SetLastError(dwLastError);

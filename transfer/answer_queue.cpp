@@ -15,7 +15,7 @@ struct Place {
     bool        bClosed;  // its word has come, or none will
     bool        bDropped; // nobody waits for it
     HANDLE      hWake;    // set when it is closed; null: nobody sleeps
-    uint64_t    ullTurn; // since when nothing but its own word is missing; 0: not yet
+    uint64_t    ullTurn;  // since when nothing but its own word is missing; 0: not yet
 };
 
 // Numbers grow by one for each file of the link: nLow <= nOldest, nTurn <= nNext.
@@ -136,7 +136,8 @@ void DropTicket(const FileTicket *pTicket)
 bool NoteAnswer(AnswerWord eWord)
 {
     EnterCriticalSection(AnswerLock());
-    const bool bOwed = g_Queue.dwLink == g_dwLinkGeneration && g_Queue.nOldest != g_Queue.nNext && IsThreadLinkCurrent();
+    const bool bOwed =
+        g_Queue.dwLink == g_dwLinkGeneration && g_Queue.nOldest != g_Queue.nNext && IsThreadLinkCurrent();
     if (bOwed) {
         Place *const pPlace = PlaceOf(g_Queue.nOldest);
         switch (eWord) {

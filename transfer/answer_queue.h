@@ -1,6 +1,6 @@
 // answer_queue.h: which files the peer has still to answer, on a link with a send window (net/link_window.h).
-// Wire     the receiver closes every "SendFile" with one word, "FileDone" or "FileNone", in the order of the files; error
-//          words come before it. So a word belongs to the oldest file that has not been closed.
+// Wire     the receiver closes every "SendFile" with one word, "FileDone" or "FileNone", in the order of the files;
+//          error words come before it. So a word belongs to the oldest file that has not been closed.
 // Owners   who sends a file holds a ticket for it until it has taken the outcome or given up. A file that was given up
 //          keeps its place until its word has come: the words behind it stay in step.
 // Link     a ticket of a former link is void, and so are the words for it.
@@ -37,7 +37,7 @@ FileOutcome GetCurrentOutcome();
 
 enum class AnswerState {
     Owed,
-    Overdue,  // its turn has lasted ANSWER_WAIT_MS: the file before it was closed or given up, and it has gone out
+    Overdue, // its turn has lasted ANSWER_WAIT_MS: the file before it was closed or given up, and it has gone out
     Closed,
     LinkGone
 };

@@ -16,8 +16,9 @@ static int32_t ListFolder(char16_t (&szPath)[LISTED_PATH_UNITS], char16_t (&szLo
 
 // szPath holds the subfolder, behind the cchFolder units of its parent. A link that leads back to where the listing is
 // holds nothing that is not listed anyway.
-static int32_t ListSubfolder(char16_t (&szPath)[LISTED_PATH_UNITS], size_t cchFolder, char16_t (&szLong)[LONG_PATH_UNITS],
-                             const WIN32_FIND_DATAW *pEntry, StringList *pList, EnteredLink *pWay)
+static int32_t ListSubfolder(char16_t (&szPath)[LISTED_PATH_UNITS], size_t                cchFolder,
+                             char16_t (&szLong)[LONG_PATH_UNITS], const WIN32_FIND_DATAW *pEntry, StringList *pList,
+                             EnteredLink *pWay)
 {
     if (!IsFolderLink(pEntry)) return ListFolder(szPath, szLong, 1, pList, pWay);
     char16_t szLink[LISTED_PATH_UNITS];
@@ -70,5 +71,7 @@ int32_t ListFolderFiles(const char16_t *pszFolder, uint32_t dwOptions, int32_t b
     static_cast<void>(dwOptions);
     char16_t szPath[LISTED_PATH_UNITS];
     char16_t szLong[LONG_PATH_UNITS];
-    return CopyTextW(szPath, LISTED_PATH_UNITS, pszFolder) && ListFolder(szPath, szLong, bRecursive, pList, nullptr) > 0 ? 1 : 0;
+    return CopyTextW(szPath, LISTED_PATH_UNITS, pszFolder) && ListFolder(szPath, szLong, bRecursive, pList, nullptr) > 0
+               ? 1
+               : 0;
 }

@@ -174,8 +174,8 @@ static void Record(const TreeWalk *pWalk, const WindowItem *pItem)
     if (pszBase != nullptr) WriteRecordState(pszBase, pItem->pszSource, pItem->dwType == FILE_TYPE_FOLDER ? 1 : 0);
 }
 
-// A folder that cannot be read is kept as a tree of which nothing has been sent, and reported as a folder of which nothing
-// has been; the requested one is reported by whoever asked for it.
+// A folder that cannot be read is kept as a tree of which nothing has been sent, and reported as a folder of which
+// nothing has been; the requested one is reported by whoever asked for it.
 static void NoteClosedFolder(const TreeWalk *pWalk, const char16_t *pszFolder)
 {
     char16_t szText[TREE_PATH_UNITS + 2];
@@ -244,7 +244,8 @@ static void SendFileEntry(TreeWalk *pWalk, TreeLevel *pLevel, const WIN32_FIND_D
 
 static void SendFolder(TreeWalk *pWalk);
 
-// A link that leads back to where the walk is would never come to an end: it is a failed item, and nothing of it is sent.
+// A link that leads back to where the walk is would never come to an end: it is a failed item, and nothing of it is
+// sent.
 static void SendLinkedFolder(TreeWalk *pWalk, const TreeLevel *pLevel)
 {
     const char16_t chAfter = pWalk->szSource[pLevel->cchSource];

@@ -1,6 +1,6 @@
 // folder_way.cpp: final paths compared.
-// Between two links a walk goes down, so the folders on its way are those above the folder that holds the next link, and
-// above each that held one before.
+// Between two links a walk goes down, so the folders on its way are those above the folder that holds the next link,
+// and above each that held one before.
 #include "transfer/folder_way.h"
 #include "platform/path.h"
 #include "platform/text.h"
@@ -16,7 +16,8 @@ struct EnteredLink {
 bool IsFolderLink(const WIN32_FIND_DATAW *pEntry)
 {
     constexpr uint32_t FOLDER_LINK = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
-    return (pEntry->dwFileAttributes & FOLDER_LINK) == FOLDER_LINK && (pEntry->dwReserved0 & REPARSE_TAG_SURROGATE) != 0;
+    return (pEntry->dwFileAttributes & FOLDER_LINK) == FOLDER_LINK &&
+           (pEntry->dwReserved0 & REPARSE_TAG_SURROGATE) != 0;
 }
 
 static bool ResolvePath(const char16_t *pszPath, char16_t (&szFinal)[LONG_PATH_UNITS])

@@ -123,7 +123,7 @@ static bool CreateDestination(IncomingFile *pFile)
 
 static void OpenStoredCopies(IncomingFile *pFile)
 {
-    StoredReceipt aReceipts[STORED_COPIES_MAX];
+    StoredReceipt  aReceipts[STORED_COPIES_MAX];
     const uint32_t nReceipts = FindStoredReceipts(pFile->szWanted, pFile->cbSize, aReceipts, STORED_COPIES_MAX);
     for (uint32_t i = 0; i < nReceipts; ++i) {
         char16_t szPath[UNIQUE_PATH_UNITS];
@@ -131,8 +131,8 @@ static void OpenStoredCopies(IncomingFile *pFile)
         int64_t  cbStored = -1;
         if (!NumberFileName(pFile->szWanted, aReceipts[i].nNumber, szPath)) continue;
         const HANDLE hCopy = CreateFileW(LongPathForm(szPath, STREAM_PATH_UNITS + 1, szLong), GENERIC_READ,
-                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                         OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                         FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
         if (hCopy == INVALID_HANDLE_VALUE) continue;
         if (!GetFileSizeEx(hCopy, &cbStored) || cbStored != pFile->cbSize) {
             CloseHandle(hCopy);
@@ -154,8 +154,8 @@ bool CreateIncomingFile(IncomingFile *pFile, int64_t cbSize)
     // A part is made only beside a name that is free: what exists is replaced in place, so that its access list stays,
     // and what cannot be asked is for the destination's own creation to find out.
     const bool bRenames = g_ullNoRenaming != HashFolder(pFile->szLocal, FolderUnits(pFile));
-    bool       bPart    = bRenames && (bTaken ? !pFile->bOverwrite
-                                              : dwError == ERROR_FILE_NOT_FOUND || dwError == ERROR_PATH_NOT_FOUND);
+    bool       bPart =
+        bRenames && (bTaken ? !pFile->bOverwrite : dwError == ERROR_FILE_NOT_FOUND || dwError == ERROR_PATH_NOT_FOUND);
     for (uint32_t nTry = 0; nTry < NAME_TRIES; ++nTry) {
         if ((bPart && CreatePart(pFile)) || (pFile->dwError != ERROR_DISK_FULL && CreateDestination(pFile))) {
             pFile->bCreated = true;

@@ -25,7 +25,7 @@ struct IncomingFile {
     uint32_t dwError;    // why nothing can be stored, or could not; a system error, 0: none
 
     // From CreateIncomingFile to the end.
-    platform::HANDLE hFile; // INVALID_HANDLE_VALUE: bytes are discarded
+    platform::HANDLE hFile;                             // INVALID_HANDLE_VALUE: bytes are discarded
     char16_t         szPart[platform::LONG_PATH_UNITS]; // what is written meanwhile; empty: szLocal
     uint32_t         nNumber;                           // of szPath's name, 1: szWanted itself
     bool             bCreated;                          // by us, so that a failure deletes it

@@ -41,7 +41,8 @@ static HANDLE GetLineFreeEvent()
 // The socket of the active role; INVALID_SOCKET when there is none, or the calling thread belongs to another link.
 static SOCKET LinkSocket()
 {
-    // Socket first, then the link's number: it changes before the sockets do, so an unchanged one vouches for the socket.
+    // Socket first, then the link's number: it changes before the sockets do, so an unchanged one vouches for the
+    // socket.
     const SOCKET hSocket = g_bServer ? g_ServerSendSocket.load() : g_ClientRecvSocket.load();
     return IsThreadLinkCurrent() ? hSocket : INVALID_SOCKET;
 }
@@ -251,8 +252,7 @@ static int32_t EnterLine(SOCKET hSocket, const char16_t *pszSource)
     TraceDebugW(u"[SendNetworkFile] Be4 CS [%s]", pszSource);
     EnterCriticalSection(&g_csNetSocket);
     TraceDebugW(u"[SendNetworkFile] Enter CS [%s]", pszSource);
-    do
-        WaitForLine(pszSource);
+    do WaitForLine(pszSource);
     while (WaitForOwedAnswer());
     if (LinkSocket() == hSocket) return 0;
     LeaveCriticalSection(&g_csNetSocket); // the link ended while this thread waited for its turn
@@ -272,7 +272,7 @@ static int32_t SendAndWait(SOCKET hSocket, const NetworkFile *pFile, const Waiti
     g_bRemoteFileFull         = 0;
     g_bRemoteFileAllFull      = 0;
     g_bRemoteFileTypeUnknown  = 0;
-    bool            bWhole    = false;
+    bool bWhole               = false;
     BeginExchange(pFile->ullExecution);
     if (pFile->dwType == FILE_TYPE_MACHINE_INFO) NoteInfoSent();
 
@@ -319,14 +319,14 @@ static bool IsUnsent(int32_t nRet)
 // [g_csNetSocket] One file of a link with a window. True when the next one may follow.
 static bool SendInWindow(SOCKET hSocket, const NetworkFile *pFile, bool bMore, FileOnTheWay *pWay)
 {
-    *pWay          = {};
+    *pWay = {};
     if (!OpenAnswer(&pWay->Ticket)) return false; // the peer has answered none of very many: nRet 0 says so
     g_bSendingFile = 1;
     BeginExchange(pFile->ullExecution);
-    pWay->nRet      = SendPreparedFileCommand(hSocket, pFile->pszSource, pFile->pszDestination, pFile->dwType,
-                                              pFile->bEncrypt, pFile->pPrepared, bMore, nullptr);
-    pWay->nWSAErr   = g_nWSAErr;
-    pWay->nWSAErr2  = WSAGetLastError();
+    pWay->nRet       = SendPreparedFileCommand(hSocket, pFile->pszSource, pFile->pszDestination, pFile->dwType,
+                                               pFile->bEncrypt, pFile->pPrepared, bMore, nullptr);
+    pWay->nWSAErr    = g_nWSAErr;
+    pWay->nWSAErr2   = WSAGetLastError();
     pWay->bAnswerDue = !IsUnsent(pWay->nRet) && !IsHalfSent(pWay->nRet);
     EndStream(&pWay->Ticket, !IsUnsent(pWay->nRet));
     if (!pWay->bAnswerDue) DropTicket(&pWay->Ticket);
@@ -387,8 +387,7 @@ static int32_t SendInTurn(SOCKET hSocket, const NetworkFile *pFile, uint64_t *pu
     if (pullElapsed != nullptr) *pullElapsed = GetTickCount64() - ullBegin;
     LeaveCriticalSection(&g_csNetSocket);
     TraceDebugW(u"[SendNetworkFile] Leave CS [%s]", pFile->pszSource);
-    while (!TakeNetworkResult(&way, pFile->pszSource, GetFileOutcomeEvent(), &nResult))
-        SleepOn(GetFileOutcomeEvent());
+    while (!TakeNetworkResult(&way, pFile->pszSource, GetFileOutcomeEvent(), &nResult)) SleepOn(GetFileOutcomeEvent());
     return nResult;
 }
 

@@ -82,8 +82,9 @@ struct FileOnTheWay {
 // The tests that need no lock. 0, or SendNetworkFile's result.
 int32_t CheckNetworkFile(const NetworkFile *pFile);
 // Sends the files one behind the other and flushes them together; each has passed CheckNetworkFile. The number that
-// was begun: fewer when the link took no more, 0 also when this is no link with a window. Their results are to be taken.
+// was begun: fewer when the link took no more, 0 also when this is no link with a window. Their results are to be
+// taken.
 uint32_t BeginNetworkFiles(const NetworkFile *pFiles, uint32_t nFiles, FileOnTheWay *pWays);
-// False: still to be waited for (hWake: null, or set when it comes). True, once: *pnResult is SendNetworkFile's, 0 after
-// ANSWER_WAIT_MS in which it was this file's turn to be answered.
+// False: still to be waited for (hWake: null, or set when it comes). True, once: *pnResult is SendNetworkFile's, 0
+// after ANSWER_WAIT_MS in which it was this file's turn to be answered.
 bool TakeNetworkResult(const FileOnTheWay *pWay, const char16_t *pszSource, platform::HANDLE hWake, int32_t *pnResult);

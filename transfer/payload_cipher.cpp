@@ -187,8 +187,7 @@ bool DecryptDataWithKeyHandle(BCRYPT_ALG_HANDLE hAlgorithm, BCRYPT_KEY_HANDLE hK
 
 void ReleaseKeyHandle(BCRYPT_ALG_HANDLE hAlgorithm, BCRYPT_KEY_HANDLE hKey, uint8_t *pbKeyObject)
 {
-    if (BCryptDestroyKey(hKey) != STATUS_SUCCESS)
-        TraceDebugW(u"**** [ReleaseKeyHandle] BCryptDestroyKey failed!. \n");
+    if (BCryptDestroyKey(hKey) != STATUS_SUCCESS) TraceDebugW(u"**** [ReleaseKeyHandle] BCryptDestroyKey failed!. \n");
     delete[] pbKeyObject;
     if (BCryptCloseAlgorithmProvider(hAlgorithm, 0) != STATUS_SUCCESS)
         TraceDebugW(u"**** [ReleaseKeyHandle] BCryptCloseAlgorithmProvider failed!. \n");

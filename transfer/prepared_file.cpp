@@ -21,8 +21,8 @@ static bool QuerySource(const char16_t *pszPath, PreparedFile *pFile)
     if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return false;
     pFile->dwAttributes = data.dwFileAttributes;
     pFile->cbSize       = static_cast<int64_t>(static_cast<uint64_t>(data.nFileSizeHigh) << 32 | data.nFileSizeLow);
-    pFile->ullWriteTime = static_cast<uint64_t>(data.ftLastWriteTime.dwHighDateTime) << 32 |
-                          data.ftLastWriteTime.dwLowDateTime;
+    pFile->ullWriteTime =
+        static_cast<uint64_t>(data.ftLastWriteTime.dwHighDateTime) << 32 | data.ftLastWriteTime.dwLowDateTime;
     return true;
 }
 

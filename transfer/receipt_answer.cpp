@@ -14,23 +14,29 @@ struct AnswerLines {
     const char16_t *pszBefore, *pszEntered, *pszSent, *pszLeft;
     const char16_t *pszOperation, *pszFailed; // of the report when the word does not leave
 };
-constexpr AnswerLines ERROR_LINES  = {u"[SendFileError] Be4 CS (Err) [%s]", u"[SendFileError] Enter CS (Err) [%s]",
-                                      nullptr, u"[SendFileError] Leave CS (Err) [%s]", u"SendFileError",
+constexpr AnswerLines ERROR_LINES  = {u"[SendFileError] Be4 CS (Err) [%s]",
+                                      u"[SendFileError] Enter CS (Err) [%s]",
+                                      nullptr,
+                                      u"[SendFileError] Leave CS (Err) [%s]",
+                                      u"SendFileError",
                                       u"send file errror cmd failed"};
 constexpr AnswerLines DONE_LINES   = {u"[SendFileCMDHandler] Be4 CS (done) [%s]",
                                       u"[SendFileCMDHandler] Enter CS (done) [%s]",
                                       u"[SendFileCMDHandler] send file done cmd done",
-                                      u"[SendFileCMDHandler] Leave CS (done) [%s]", u"SendFileCMDHandler",
+                                      u"[SendFileCMDHandler] Leave CS (done) [%s]",
+                                      u"SendFileCMDHandler",
                                       u"send file done cmd failed"};
 constexpr AnswerLines FOLDER_LINES = {u"[SendFileCMDHandler] Be4 CS (dwType 2) [%s]",
                                       u"[SendFileCMDHandler] Enter CS (dwType 2) [%s]",
                                       u"[SendFileCMDHandler] send file done cmd done (dwType 2) [%s]",
-                                      u"[SendFileCMDHandler] Leave CS (dwType 2) [%s]", u"SendFileCMDHandler",
+                                      u"[SendFileCMDHandler] Leave CS (dwType 2) [%s]",
+                                      u"SendFileCMDHandler",
                                       u"send file done cmd failed (dwType 2)"};
 constexpr AnswerLines NONE_LINES   = {u"[SendFileCMDHandler] Be4 CS (none) [%s]",
                                       u"[SendFileCMDHandler] Enter CS (none) [%s]",
                                       u"[SendFileCMDHandler] send file none cmd done [%s]",
-                                      u"[SendFileCMDHandler] Leave CS (none) [%s]", u"SendFileCMDHandler",
+                                      u"[SendFileCMDHandler] Leave CS (none) [%s]",
+                                      u"SendFileCMDHandler",
                                       u"send file none cmd failed"};
 
 static void SendAnswer(SOCKET hSocket, const char *pszWord, const AnswerLines &lines, const char16_t *pszPath,

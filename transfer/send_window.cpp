@@ -26,7 +26,7 @@ struct WindowEntry {
 
 struct SendWindow {
     WindowOwner owner;
-    HANDLE      hWake; // of the walk alone; null: it polls
+    HANDLE      hWake;        // of the walk alone; null: it polls
     uint64_t    ullCancelled; // when the walk was found cancelled; 0: not yet
     uint64_t    ullEnded;     // when a send ended the link; 0: none has
     uint32_t    nFirst;       // of the ring
@@ -70,7 +70,8 @@ static void Decide(SendWindow *pWindow, WindowEntry *pEntry, int32_t nResult)
     pEntry->nResult = nResult;
 }
 
-// A send has come to nResult. What a stream that broke off in its middle is followed by would be taken for the rest of it.
+// A send has come to nResult. What a stream that broke off in its middle is followed by would be taken for the rest of
+// it.
 static void NoteEnd(SendWindow *pWindow, int32_t nResult)
 {
     if (pWindow->ullEnded == 0 && EndsLink(nResult)) pWindow->ullEnded = std::max<uint64_t>(GetTickCount64(), 1);
@@ -113,7 +114,7 @@ static void TellOutcomes(SendWindow *pWindow)
 // True when the entry is to be sent: its walk and the tests before the line have nothing against it.
 static bool MaySend(SendWindow *pWindow, WindowEntry *pEntry)
 {
-    const WindowItem item    = ItemOf(pEntry);
+    const WindowItem item = ItemOf(pEntry);
     const int32_t    nResult =
         pWindow->ullEnded != 0 ? SEND_NO_SOCKET : pWindow->owner.pDecide(pWindow->owner.pContext, &item);
     if (nResult != 0) Decide(pWindow, pEntry, nResult);
@@ -122,7 +123,11 @@ static bool MaySend(SendWindow *pWindow, WindowEntry *pEntry)
 
 static NetworkFile FileOf(const SendWindow *pWindow, const WindowEntry *pEntry)
 {
-    return {pEntry->pszSource, pEntry->pszDestination, pEntry->dwType, pWindow->owner.ullExecution, 1,
+    return {pEntry->pszSource,
+            pEntry->pszDestination,
+            pEntry->dwType,
+            pWindow->owner.ullExecution,
+            1,
             pEntry->Prepared.bReady ? &pEntry->Prepared : nullptr};
 }
 
@@ -147,11 +152,11 @@ static void SendSingly(SendWindow *pWindow, WindowEntry *pEntry, WindowEntry *pN
 // Sends what is ready, as one batch. bButLast: the last entry waits.
 static void SendReady(SendWindow *pWindow, bool bButLast = false)
 {
-    const uint32_t nEntries             = pWindow->nCount - (bButLast ? 1 : 0);
-    NetworkFile  aFiles[BATCH_FILES]    = {};
-    FileOnTheWay aWays[BATCH_FILES]     = {};
-    WindowEntry *apEntries[BATCH_FILES] = {};
-    uint32_t     nFiles                 = 0;
+    const uint32_t nEntries               = pWindow->nCount - (bButLast ? 1 : 0);
+    NetworkFile    aFiles[BATCH_FILES]    = {};
+    FileOnTheWay   aWays[BATCH_FILES]     = {};
+    WindowEntry   *apEntries[BATCH_FILES] = {};
+    uint32_t       nFiles                 = 0;
     for (uint32_t i = 0; i < nEntries && pWindow->nReady > 0; ++i) {
         WindowEntry *const pEntry = EntryAt(pWindow, i);
         if (pEntry->eState != EntryState::Ready || !MaySend(pWindow, pEntry)) continue;

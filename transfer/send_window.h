@@ -2,9 +2,9 @@
 // Order    a walk hands its items over one by one and is told what became of each in that order, whatever the link is.
 //          Only then it records, reports or counts an item. What is known without sending (a refused or recorded item)
 //          takes its place in the order too.
-// Link     with a send window (net/link_window.h) up to its number of files, and WINDOW_BYTES, are unanswered at once; small
-//          ones that are ready leave together. Without one, each file waits for the answer to the one before it, and
-//          the next is prepared meanwhile (prepared_file.h): so one item is always behind.
+// Link     with a send window (net/link_window.h) up to its number of files, and WINDOW_BYTES, are unanswered at once;
+//          small ones that are ready leave together. Without one, each file waits for the answer to the one before it,
+//          and the next is prepared meanwhile (prepared_file.h): so one item is always behind.
 //          While the peer sends files too, one file at a time keeps both from filling the line for each other.
 // End      a cancelled walk sends nothing more of what it handed over; what is out is waited for at most ANSWER_WAIT_MS
 //          in all, and what is then undecided is never told: it stays as if it had not been tried. Items whose link has

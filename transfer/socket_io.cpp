@@ -29,8 +29,8 @@ int32_t SendBuffer(SOCKET hSocket, const void *pBuffer, int32_t cb)
     }
 }
 
-// One receive that brings something or fails. An empty one says that the peer has closed its side: nothing will ever come
-// after it, so it is a failure, with a code of its own.
+// One receive that brings something or fails. An empty one says that the peer has closed its side: nothing will ever
+// come after it, so it is a failure, with a code of its own.
 static int32_t RecvPiece(SOCKET hSocket, char *pBuffer, int32_t cb)
 {
     const int32_t nReceived = recv(hSocket, pBuffer, cb, 0);

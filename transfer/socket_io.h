@@ -8,9 +8,9 @@
 #include <atomic>
 #include <cstdint>
 
-constexpr uint32_t SOCKET_TIMEOUT_MS    = 8000; // of a link's socket, both directions
-constexpr int32_t  SOCKET_PIECE_BYTES   = 4096;
-constexpr int32_t  RECV_RETRY_LIMIT     = 10; // of time-outs on one piece of a file body, after the first one
+constexpr uint32_t SOCKET_TIMEOUT_MS  = 8000; // of a link's socket, both directions
+constexpr int32_t  SOCKET_PIECE_BYTES = 4096;
+constexpr int32_t  RECV_RETRY_LIMIT   = 10; // of time-outs on one piece of a file body, after the first one
 
 extern std::atomic<uint8_t>  g_bRecvFileActive; // 1 while a file body is received: RecvBuffer then retries time-outs
 extern std::atomic<uint32_t> gdwErr;            // the last system error that the file layer saved

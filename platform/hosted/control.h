@@ -1,6 +1,7 @@
-// control.h: what tests and tools ask of the hosted backend beside the Win32 interfaces: which machine this process is on,
-// faults, the clock, pretended events, and counts of what is open.
-// Every setting also has a variable of the environment, read once at process start, so that whole processes can be driven:
+// control.h: what tests and tools ask of the hosted backend beside the Win32 interfaces: which machine this process is
+// on, faults, the clock, pretended events, and counts of what is open.
+// Every setting also has a variable of the environment, read once at process start, so that whole processes can be
+// driven:
 //   VORN_MACHINE=FOLDER                 the machine
 //   VORN_FAULTS=CALL:N:ERROR[:on],...   FailCall for each
 //   VORN_CLOCK_RATE=R                   SetClockRate
@@ -16,27 +17,29 @@
 
 namespace hosted {
 
-// Moves this process to a machine: an absolute folder, made with its minimum (machine.ini, drive C, run/) when it is not
-// one yet. Drops faults, limits and the clock rate. Call with no handles, sockets, windows or threads of the old one open.
+// Moves this process to a machine: an absolute folder, made with its minimum (machine.ini, drive C, run/) when it is
+// not one yet. Drops faults, limits and the clock rate. Call with no handles, sockets, windows or threads of the old
+// one open.
 bool UseMachine(const char *pszFolder);
 // The folder of the current machine, "" when none is set.
 const char *MachineFolder();
 // The POSIX path behind a Windows path of this machine (whether it exists or not). False when its drive does not exist.
 bool HostPath(const char16_t *pszPath, char *pszOut, size_t cb);
 
-// From the n-th call on from now (1 is the next), pszCall (a Win32 name: "CreateFileW", "send", "BCryptImportKey") fails once, or
-// from then on, with dwError as its last error, Winsock error, NTSTATUS or result, whichever the call reports by.
+// From the n-th call on from now (1 is the next), pszCall (a Win32 name: "CreateFileW", "send", "BCryptImportKey")
+// fails once, or from then on, with dwError as its last error, Winsock error, NTSTATUS or result, whichever the call
+// reports by.
 void FailCall(const char *pszCall, int nth, uint32_t dwError, bool bFromThenOn = false);
 void ClearFaults();
 // Calls of pszCall since the last ClearFaults.
 int CallCount(const char *pszCall);
 
 // What is open in this process. A clean function leaves each as it found it.
-int OpenHandles();  // events, mutexes, threads, pipes, files, finds
+int OpenHandles(); // events, mutexes, threads, pipes, files, finds
 int OpenSockets();
-int LiveThreads();  // made by CreateThread and not yet ended
-int OpenCiphers();  // providers and keys
-int LiveBlocks();   // memory handed out by the interfaces (CoTaskMem, LocalAlloc, security, tables)
+int LiveThreads();   // made by CreateThread and not yet ended
+int OpenCiphers();   // providers and keys
+int LiveBlocks();    // memory handed out by the interfaces (CoTaskMem, LocalAlloc, security, tables)
 int WinsockStarts(); // WSAStartup less WSACleanup
 
 // Time of this process runs nRate times as fast: tick counts, sleeps, waits, socket time-outs. 1 is real time.
@@ -49,25 +52,26 @@ void SetSocketTimeout(uint32_t dwMilliseconds);
 // The drive takes so many further bytes, then writes fail with ERROR_DISK_FULL. Negative: no limit.
 void SetDriveLimit(char chDrive, int64_t cbFree);
 void SetLinkDelay(uint32_t dwMilliseconds); // each real send waits so long first
-void CutLinkAfter(int64_t cbSent);          // after so many sent bytes every connected socket breaks (WSAECONNRESET). Negative: never
+// after so many sent bytes every connected socket breaks (WSAECONNRESET). Negative: never
+void CutLinkAfter(int64_t cbSent);
 
-void RemoveLibrary(const char *pszLibrary);                          // LoadLibraryW fails: ERROR_MOD_NOT_FOUND
+void RemoveLibrary(const char *pszLibrary);                           // LoadLibraryW fails: ERROR_MOD_NOT_FOUND
 void RemoveFunction(const char *pszLibrary, const char *pszFunction); // GetProcAddress fails: ERROR_PROC_NOT_FOUND
 
-// Everything that OutputDebugStringA/W received in this process since the last call, oldest first, as UTF-8 lines. Kept only
-// after the first call with bKeep true.
-void KeepDebugOutput(bool bKeep);
+// Everything that OutputDebugStringA/W received in this process since the last call, oldest first, as UTF-8 lines. Kept
+// only after the first call with bKeep true.
+void        KeepDebugOutput(bool bKeep);
 const char *TakeDebugOutput(); // valid until the next call
 
 // Session and power events as the system would send them, to the windows of every process of this machine: wParam is
-// WTS_CONSOLE_CONNECT and its like (only to windows registered for session notifications) or PBT_APMSUSPEND and its like
-// (to every window). Result: how many windows got it.
+// WTS_CONSOLE_CONNECT and its like (only to windows registered for session notifications) or PBT_APMSUSPEND and its
+// like (to every window). Result: how many windows got it.
 int BroadcastSessionChange(uint64_t wParam);
 int BroadcastPower(uint64_t wParam);
 // This process counts as one of lower integrity: its messages reach only windows whose filter allows them.
 void SetLowStanding(bool bLow);
-int  OpenWindows();           // of this process
-int  PowerRegistrations();    // RegisterPowerSettingNotification less Unregister
-int  SessionRegistrations();  // WTSRegisterSessionNotification less WTSUnRegister
+int  OpenWindows();          // of this process
+int  PowerRegistrations();   // RegisterPowerSettingNotification less Unregister
+int  SessionRegistrations(); // WTSRegisterSessionNotification less WTSUnRegister
 
 } // namespace hosted

@@ -1,5 +1,5 @@
-// adapters.cpp: adapter queries, forwarded. The wireless service's library is bound at the first call: server editions of
-// Windows do not have it. Wine has the library but no service behind it.
+// adapters.cpp: adapter queries, forwarded. The wireless service's library is bound at the first call: server editions
+// of Windows do not have it. Wine has the library but no service behind it.
 #include "platform/adapters.h"
 #include "platform/windows/mirror.h"
 
@@ -97,8 +97,7 @@ template <class Procedure> static Procedure BindWlan(const char *pszName)
 static uint32_t MissingWlan()
 {
     const ::HMODULE hLibrary = ::LoadLibraryExW(L"wlanapi.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-    if (hLibrary == nullptr)
-        return ERROR_MOD_NOT_FOUND;
+    if (hLibrary == nullptr) return ERROR_MOD_NOT_FOUND;
     ::FreeLibrary(hLibrary);
     return ERROR_PROC_NOT_FOUND;
 }
@@ -106,22 +105,21 @@ static uint32_t MissingWlan()
 uint32_t WlanOpenHandle(uint32_t dwClientVersion, void *pReserved, uint32_t *pdwNegotiatedVersion, HANDLE *phClient)
 {
     static const auto pFunction = BindWlan<decltype(&::WlanOpenHandle)>("WlanOpenHandle");
-    return pFunction != nullptr ? pFunction(dwClientVersion, pReserved, AsSdk(pdwNegotiatedVersion), phClient) : MissingWlan();
+    return pFunction != nullptr ? pFunction(dwClientVersion, pReserved, AsSdk(pdwNegotiatedVersion), phClient)
+                                : MissingWlan();
 }
 
 uint32_t WlanEnumInterfaces(HANDLE hClient, void *pReserved, WLAN_INTERFACE_INFO_LIST **ppList)
 {
     static const auto pFunction = BindWlan<decltype(&::WlanEnumInterfaces)>("WlanEnumInterfaces");
-    if (pFunction == nullptr)
-        return MissingWlan();
+    if (pFunction == nullptr) return MissingWlan();
     return pFunction(hClient, pReserved, reinterpret_cast<::WLAN_INTERFACE_INFO_LIST **>(ppList));
 }
 
 void WlanFreeMemory(void *pMemory)
 {
     static const auto pFunction = BindWlan<decltype(&::WlanFreeMemory)>("WlanFreeMemory");
-    if (pFunction != nullptr)
-        pFunction(pMemory);
+    if (pFunction != nullptr) pFunction(pMemory);
 }
 
 uint32_t WlanCloseHandle(HANDLE hClient, void *pReserved)

@@ -1,17 +1,20 @@
 // cipher.cpp: CNG, forwarded.
-// Asked for an exported key's size with no buffer, Windows answers STATUS_SUCCESS and Wine STATUS_BUFFER_TOO_SMALL; both
-// give the size, and the interface lets callers take either.
-// A call that encrypts or decrypts moves the vector on: it then holds the last block of cipher text. Wine leaves it as it
-// was, so it is moved on here; on Windows that stores what is there already.
+// Asked for an exported key's size with no buffer, Windows answers STATUS_SUCCESS and Wine STATUS_BUFFER_TOO_SMALL;
+// both give the size, and the interface lets callers take either.
+// A call that encrypts or decrypts moves the vector on: it then holds the last block of cipher text. Wine leaves it as
+// it was, so it is moved on here; on Windows that stores what is there already.
 #include "platform/cipher.h"
 #include "platform/windows/mirror.h"
 
 #define MIRRORED(X)                                                                                                    \
-    X(STATUS_SUCCESS) X(STATUS_BUFFER_TOO_SMALL) X(STATUS_INVALID_PARAMETER) X(STATUS_INVALID_HANDLE)                  \
-    X(STATUS_NOT_SUPPORTED) X(STATUS_DATA_ERROR) X(STATUS_NO_MEMORY) X(BCRYPT_BLOCK_PADDING)
+    X(STATUS_SUCCESS)                                                                                                  \
+    X(STATUS_BUFFER_TOO_SMALL)                                                                                         \
+    X(STATUS_INVALID_PARAMETER) X(STATUS_INVALID_HANDLE) X(STATUS_NOT_SUPPORTED) X(STATUS_DATA_ERROR)                  \
+        X(STATUS_NO_MEMORY) X(BCRYPT_BLOCK_PADDING)
 #define MIRRORED_TEXTS(X)                                                                                              \
-    X(BCRYPT_AES_ALGORITHM) X(BCRYPT_OBJECT_LENGTH) X(BCRYPT_BLOCK_LENGTH) X(BCRYPT_CHAINING_MODE)                     \
-    X(BCRYPT_CHAIN_MODE_CBC) X(BCRYPT_OPAQUE_KEY_BLOB)
+    X(BCRYPT_AES_ALGORITHM)                                                                                            \
+    X(BCRYPT_OBJECT_LENGTH)                                                                                            \
+    X(BCRYPT_BLOCK_LENGTH) X(BCRYPT_CHAINING_MODE) X(BCRYPT_CHAIN_MODE_CBC) X(BCRYPT_OPAQUE_KEY_BLOB)
 #define MIRROR_CAPTURE_TEXT(NAME) constexpr const char16_t *captured_##NAME = platform::NAME;
 #define MIRROR_COMPARE_TEXT(NAME) static_assert(SameText(captured_##NAME, NAME), #NAME " is not the SDK's");
 namespace mirror {
@@ -85,8 +88,8 @@ NTSTATUS BCryptImportKey(BCRYPT_ALG_HANDLE hAlgorithm, BCRYPT_KEY_HANDLE hImport
                          BCRYPT_KEY_HANDLE *phKey, uint8_t *pbKeyObject, uint32_t cbKeyObject, uint8_t *pbInput,
                          uint32_t cbInput, uint32_t dwFlags)
 {
-    return ::BCryptImportKey(hAlgorithm, hImportKey, AsWide(pszBlobType), phKey, pbKeyObject, cbKeyObject, pbInput, cbInput,
-                             dwFlags);
+    return ::BCryptImportKey(hAlgorithm, hImportKey, AsWide(pszBlobType), phKey, pbKeyObject, cbKeyObject, pbInput,
+                             cbInput, dwFlags);
 }
 
 NTSTATUS BCryptExportKey(BCRYPT_KEY_HANDLE hKey, BCRYPT_KEY_HANDLE hExportKey, const char16_t *pszBlobType,
@@ -115,12 +118,10 @@ NTSTATUS BCryptDecrypt(BCRYPT_KEY_HANDLE hKey, uint8_t *pbInput, uint32_t cbInpu
 {
     uint8_t    aLastBlock[CB_BLOCK_MAX]; // taken first: the output may lie over the input
     const bool bMovesOn = pbOutput != nullptr && pbIV != nullptr && cbIV <= sizeof(aLastBlock) && cbInput >= cbIV;
-    if (bMovesOn)
-        memcpy(aLastBlock, pbInput + cbInput - cbIV, cbIV);
+    if (bMovesOn) memcpy(aLastBlock, pbInput + cbInput - cbIV, cbIV);
     const NTSTATUS nStatus = ::BCryptDecrypt(hKey, pbInput, cbInput, pPaddingInfo, pbIV, cbIV, pbOutput, cbOutput,
                                              AsUlong(pcbResult), dwFlags);
-    if (nStatus == STATUS_SUCCESS && bMovesOn)
-        memcpy(pbIV, aLastBlock, cbIV);
+    if (nStatus == STATUS_SUCCESS && bMovesOn) memcpy(pbIV, aLastBlock, cbIV);
     return nStatus;
 }
 

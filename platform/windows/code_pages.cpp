@@ -14,7 +14,8 @@ namespace platform {
 int32_t MultiByteToWideChar(uint32_t nCodePage, uint32_t dwFlags, const char *pszSource, int32_t cbSource,
                             char16_t *pszDest, int32_t cchDest)
 {
-    return ::MultiByteToWideChar(nCodePage, dwFlags, pszSource, cbSource, reinterpret_cast<wchar_t *>(pszDest), cchDest);
+    return ::MultiByteToWideChar(nCodePage, dwFlags, pszSource, cbSource, reinterpret_cast<wchar_t *>(pszDest),
+                                 cchDest);
 }
 
 int32_t WideCharToMultiByte(uint32_t nCodePage, uint32_t dwFlags, const char16_t *pszSource, int32_t cchSource,

@@ -16,7 +16,8 @@ MIRRORED(MIRROR_CAPTURE)
 
 namespace mirror {
 MIRRORED(MIRROR_COMPARE)
-static_assert(platform::WMI_ENABLE_EVENTS == ::WMI_ENABLE_EVENTS && platform::WMI_DISABLE_EVENTS == ::WMI_DISABLE_EVENTS);
+static_assert(platform::WMI_ENABLE_EVENTS == ::WMI_ENABLE_EVENTS &&
+              platform::WMI_DISABLE_EVENTS == ::WMI_DISABLE_EVENTS);
 MIRROR_SIZE(TRACEHANDLE)
 MIRROR_SIZE(TRACE_GUID_REGISTRATION)
 MIRROR_FIELD(TRACE_GUID_REGISTRATION, Guid)
@@ -59,12 +60,13 @@ uint32_t GetTraceEnableFlags(TRACEHANDLE hLogger)
     return ::GetTraceEnableFlags(hLogger);
 }
 
-uint32_t TraceMessage(TRACEHANDLE hLogger, uint32_t dwMessageFlags, const GUID *pMessageGuid, uint32_t nMessageNumber, ...)
+uint32_t TraceMessage(TRACEHANDLE hLogger, uint32_t dwMessageFlags, const GUID *pMessageGuid, uint32_t nMessageNumber,
+                      ...)
 {
     va_list args;
     va_start(args, nMessageNumber);
-    const uint32_t dwResult = ::TraceMessageVa(hLogger, dwMessageFlags, AsSdk(pMessageGuid),
-                                               static_cast<USHORT>(nMessageNumber), args);
+    const uint32_t dwResult =
+        ::TraceMessageVa(hLogger, dwMessageFlags, AsSdk(pMessageGuid), static_cast<USHORT>(nMessageNumber), args);
     va_end(args);
     return dwResult;
 }

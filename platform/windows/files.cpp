@@ -1,21 +1,23 @@
 // files.cpp: files and folders, forwarded.
 // Two operations do more than forward:
-//   CreateDirectoryWithParents  holds the shell's documented limit of 248 units itself, since releases differ in where they
-//                               begin to refuse; the shell's function is bound at run time, from the api set where the
-//                               system has it (Windows 8 and later), else from shell32.
-//   strcpy_s                    decides the refusals here: the run-time library would call its invalid-parameter handler,
-//                               which ends the process.
+//   CreateDirectoryWithParents  holds the shell's documented limit of 248 units itself, since releases differ in where
+//                               they begin to refuse; the shell's function is bound at run time, from the api set where
+//                               the system has it (Windows 8 and later), else from shell32.
+//   strcpy_s                    decides the refusals here: the run-time library would call its invalid-parameter
+//                               handler, which ends the process.
 #include "platform/files.h"
 #include "platform/windows/mirror.h"
 
 #define MIRRORED(X)                                                                                                    \
-    X(GENERIC_READ) X(GENERIC_WRITE) X(FILE_APPEND_DATA) X(READ_CONTROL) X(FILE_SHARE_READ) X(FILE_SHARE_WRITE)        \
-    X(FILE_SHARE_DELETE) X(CREATE_NEW) X(CREATE_ALWAYS) X(OPEN_EXISTING) X(OPEN_ALWAYS) X(TRUNCATE_EXISTING)           \
-    X(FILE_ATTRIBUTE_READONLY) X(FILE_ATTRIBUTE_HIDDEN) X(FILE_ATTRIBUTE_SYSTEM) X(FILE_ATTRIBUTE_DIRECTORY)           \
-    X(FILE_ATTRIBUTE_ARCHIVE) X(FILE_ATTRIBUTE_NORMAL) X(FILE_ATTRIBUTE_REPARSE_POINT)                                 \
-    X(FILE_ATTRIBUTE_NOT_CONTENT_INDEXED) X(INVALID_FILE_ATTRIBUTES)                                                   \
-    X(FILE_FLAG_OVERLAPPED) X(FILE_FLAG_BACKUP_SEMANTICS) X(FILE_FLAG_SEQUENTIAL_SCAN) X(FILE_BEGIN) X(FILE_CURRENT)   \
-    X(FILE_END) X(MOVEFILE_REPLACE_EXISTING) X(IO_REPARSE_TAG_SYMLINK)
+    X(GENERIC_READ)                                                                                                    \
+    X(GENERIC_WRITE)                                                                                                   \
+    X(FILE_APPEND_DATA) X(READ_CONTROL) X(FILE_SHARE_READ) X(FILE_SHARE_WRITE) X(FILE_SHARE_DELETE) X(CREATE_NEW)      \
+        X(CREATE_ALWAYS) X(OPEN_EXISTING) X(OPEN_ALWAYS) X(TRUNCATE_EXISTING) X(FILE_ATTRIBUTE_READONLY)               \
+            X(FILE_ATTRIBUTE_HIDDEN) X(FILE_ATTRIBUTE_SYSTEM) X(FILE_ATTRIBUTE_DIRECTORY) X(FILE_ATTRIBUTE_ARCHIVE)    \
+                X(FILE_ATTRIBUTE_NORMAL) X(FILE_ATTRIBUTE_REPARSE_POINT) X(FILE_ATTRIBUTE_NOT_CONTENT_INDEXED)         \
+                    X(INVALID_FILE_ATTRIBUTES) X(FILE_FLAG_OVERLAPPED) X(FILE_FLAG_BACKUP_SEMANTICS)                   \
+                        X(FILE_FLAG_SEQUENTIAL_SCAN) X(FILE_BEGIN) X(FILE_CURRENT) X(FILE_END)                         \
+                            X(MOVEFILE_REPLACE_EXISTING) X(IO_REPARSE_TAG_SYMLINK)
 namespace mirror {
 MIRRORED(MIRROR_CAPTURE)
 }
@@ -170,15 +172,14 @@ BOOL FindClose(HANDLE hFindFile)
 bool GetFinalPath(const char16_t *pszPath, char16_t *pszFinal, uint32_t cch)
 {
     // No access is asked for, so that a file in use and a folder closed to this user can be named too.
-    const ::HANDLE hFile =
-        ::CreateFileW(AsWide(pszPath), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                      OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    if (hFile == INVALID_HANDLE_VALUE)
-        return false;
+    const ::HANDLE hFile = ::CreateFileW(AsWide(pszPath), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                         nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    if (hFile == INVALID_HANDLE_VALUE) return false;
     wchar_t *psz = reinterpret_cast<wchar_t *>(pszFinal);
     DWORD    n   = ::GetFinalPathNameByHandleW(hFile, psz, cch, VOLUME_NAME_DOS);
     // A volume that is mounted in a folder alone has no drive letter; its own name tells its files apart as well.
-    if (n == 0 && ::GetLastError() == ERROR_PATH_NOT_FOUND) n = ::GetFinalPathNameByHandleW(hFile, psz, cch, VOLUME_NAME_GUID);
+    if (n == 0 && ::GetLastError() == ERROR_PATH_NOT_FOUND)
+        n = ::GetFinalPathNameByHandleW(hFile, psz, cch, VOLUME_NAME_GUID);
     const DWORD dwErr = n >= cch ? ERROR_INSUFFICIENT_BUFFER : ::GetLastError();
     ::CloseHandle(hFile);
     if (n != 0 && n < cch) return true;
@@ -198,28 +199,22 @@ int32_t _waccess(const char16_t *pszPath, int32_t nMode)
 
 int32_t CreateDirectoryWithParents(const char16_t *pszPath)
 {
-    constexpr size_t CCH_FOLDER_LIMIT = 248;
-    using SHCreateDirectoryExWProc    = int(WINAPI *)(::HWND, LPCWSTR, const ::SECURITY_ATTRIBUTES *);
-    static const auto pSHCreateDirectoryExW =
-        BindSystemFunction<SHCreateDirectoryExWProc>({L"api-ms-win-shell-shdirectory-l1-1-0.dll", L"shell32.dll"},
-                                                     "SHCreateDirectoryExW");
-    if (pSHCreateDirectoryExW == nullptr)
-        return ERROR_PROC_NOT_FOUND;
-    if (wcsnlen(AsWide(pszPath), CCH_FOLDER_LIMIT) == CCH_FOLDER_LIMIT)
-        return ERROR_FILENAME_EXCED_RANGE;
+    constexpr size_t CCH_FOLDER_LIMIT       = 248;
+    using SHCreateDirectoryExWProc          = int(WINAPI *)(::HWND, LPCWSTR, const ::SECURITY_ATTRIBUTES *);
+    static const auto pSHCreateDirectoryExW = BindSystemFunction<SHCreateDirectoryExWProc>(
+        {L"api-ms-win-shell-shdirectory-l1-1-0.dll", L"shell32.dll"}, "SHCreateDirectoryExW");
+    if (pSHCreateDirectoryExW == nullptr) return ERROR_PROC_NOT_FOUND;
+    if (wcsnlen(AsWide(pszPath), CCH_FOLDER_LIMIT) == CCH_FOLDER_LIMIT) return ERROR_FILENAME_EXCED_RANGE;
     return pSHCreateDirectoryExW(nullptr, AsWide(pszPath), nullptr);
 }
 
 int32_t strcpy_s(char *pszDest, size_t cbDest, const char *pszSource)
 {
-    if (pszDest == nullptr || cbDest == 0)
-        return errno = EINVAL;
+    if (pszDest == nullptr || cbDest == 0) return errno = EINVAL;
     pszDest[0] = '\0';
-    if (pszSource == nullptr)
-        return errno = EINVAL;
+    if (pszSource == nullptr) return errno = EINVAL;
     const size_t cch = strnlen(pszSource, cbDest);
-    if (cch == cbDest)
-        return errno = ERANGE;
+    if (cch == cbDest) return errno = ERANGE;
     memcpy(pszDest, pszSource, cch + 1);
     return 0;
 }

@@ -1,12 +1,15 @@
 // kernel.cpp: events, mutexes, threads, critical sections, waits, clocks and processes, forwarded.
-// A critical section's storage holds the SDK's object at its start. Whether the calling thread is inside is read from its
-// OwningThread field: the value can only equal the caller's own id while the caller is inside, so the unlocked read is safe.
+// A critical section's storage holds the SDK's object at its start. Whether the calling thread is inside is read from
+// its OwningThread field: the value can only equal the caller's own id while the caller is inside, so the unlocked read
+// is safe.
 #include "platform/kernel.h"
 #include "platform/windows/mirror.h"
 
 #define MIRRORED(X)                                                                                                    \
-    X(SYNCHRONIZE) X(EVENT_MODIFY_STATE) X(INFINITE) X(WAIT_OBJECT_0) X(WAIT_FAILED) X(STILL_ACTIVE)                   \
-    X(DUPLICATE_SAME_ACCESS) X(MAXIMUM_WAIT_OBJECTS) X(FALSE) X(TRUE) X(MAX_PATH)
+    X(SYNCHRONIZE)                                                                                                     \
+    X(EVENT_MODIFY_STATE)                                                                                              \
+    X(INFINITE) X(WAIT_OBJECT_0) X(WAIT_FAILED) X(STILL_ACTIVE) X(DUPLICATE_SAME_ACCESS) X(MAXIMUM_WAIT_OBJECTS)       \
+        X(FALSE) X(TRUE) X(MAX_PATH)
 namespace mirror {
 MIRRORED(MIRROR_CAPTURE)
 }
@@ -82,7 +85,8 @@ BOOL CloseHandle(HANDLE hObject)
 BOOL DuplicateHandle(HANDLE hSourceProcess, HANDLE hSource, HANDLE hTargetProcess, HANDLE *phTarget,
                      uint32_t dwDesiredAccess, BOOL bInheritHandle, uint32_t dwOptions)
 {
-    return ::DuplicateHandle(hSourceProcess, hSource, hTargetProcess, phTarget, dwDesiredAccess, bInheritHandle, dwOptions);
+    return ::DuplicateHandle(hSourceProcess, hSource, hTargetProcess, phTarget, dwDesiredAccess, bInheritHandle,
+                             dwOptions);
 }
 
 HANDLE GetCurrentProcess()

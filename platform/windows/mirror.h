@@ -15,6 +15,6 @@ template <class Ours, class Sdk> constexpr bool SameValue(Ours ours, Sdk sdk)
 
 #define MIRROR_SIZE(TYPE) static_assert(sizeof(platform::TYPE) == sizeof(::TYPE), #TYPE " has not the SDK's size");
 #define MIRROR_FIELD(TYPE, FIELD)                                                                                      \
-    static_assert(offsetof(platform::TYPE, FIELD) == offsetof(::TYPE, FIELD) &&                                       \
+    static_assert(offsetof(platform::TYPE, FIELD) == offsetof(::TYPE, FIELD) &&                                        \
                       sizeof(platform::TYPE::FIELD) == sizeof(::TYPE::FIELD),                                          \
                   #TYPE "::" #FIELD " is not the SDK's");

@@ -39,30 +39,25 @@ uint32_t GetModuleFileNameA(HMODULE hModule, char *pszBuffer, uint32_t cch)
 bool GetOwnVersionText(const char16_t *pszSubBlock, char16_t *pszBuffer, uint32_t cch)
 {
     constexpr WORD RT_VERSION_ID = 16;
-    if (cch == 0)
-        return false;
+    if (cch == 0) return false;
     pszBuffer[0] = u'\0';
 
     const HRSRC hFound = ::FindResourceW(nullptr, MAKEINTRESOURCEW(1), MAKEINTRESOURCEW(RT_VERSION_ID));
-    if (hFound == nullptr)
-        return false;
+    if (hFound == nullptr) return false;
     const DWORD   cbResource = ::SizeofResource(nullptr, hFound);
     const HGLOBAL hLoaded    = ::LoadResource(nullptr, hFound);
     const void   *pResource  = hLoaded != nullptr ? ::LockResource(hLoaded) : nullptr;
-    if (pResource == nullptr)
-        return false;
+    if (pResource == nullptr) return false;
 
     // A query may write into the block it looks through, and the resource lies in read-only pages.
-    const auto       *pFirst = static_cast<const uint8_t *>(pResource);
+    const auto          *pFirst = static_cast<const uint8_t *>(pResource);
     std::vector<uint8_t> copy(pFirst, pFirst + cbResource);
-    void             *pText = nullptr;
-    UINT              cchText = 0;
-    if (!::VerQueryValueW(copy.data(), AsWide(pszSubBlock), &pText, &cchText) || cchText == 0)
-        return false;
+    void                *pText   = nullptr;
+    UINT                 cchText = 0;
+    if (!::VerQueryValueW(copy.data(), AsWide(pszSubBlock), &pText, &cchText) || cchText == 0) return false;
     const auto  *pszText = static_cast<const wchar_t *>(pText);
     const size_t cchCopy = wcsnlen(pszText, cchText);
-    if (cchCopy >= cch)
-        return false; // half a version would compare as another one
+    if (cchCopy >= cch) return false; // half a version would compare as another one
     wmemcpy(AsWide(pszBuffer), pszText, cchCopy);
     pszBuffer[cchCopy] = u'\0';
     return true;

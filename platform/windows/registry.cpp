@@ -29,7 +29,8 @@ int32_t RegOpenKeyExW(HKEY hKey, const char16_t *pszSubKey, uint32_t dwOptions, 
 int32_t RegQueryValueExW(HKEY hKey, const char16_t *pszValueName, uint32_t *pdwReserved, uint32_t *pdwType,
                          uint8_t *pbData, uint32_t *pcbData)
 {
-    return ::RegQueryValueExW(AsSdk(hKey), AsWide(pszValueName), AsSdk(pdwReserved), AsSdk(pdwType), pbData, AsSdk(pcbData));
+    return ::RegQueryValueExW(AsSdk(hKey), AsWide(pszValueName), AsSdk(pdwReserved), AsSdk(pdwType), pbData,
+                              AsSdk(pcbData));
 }
 
 int32_t RegCloseKey(HKEY hKey)

@@ -1,7 +1,7 @@
 // sdk.h: the SDK's headers for the forwarding sources of this folder, and how the seam's types become the SDK's.
-// The SDK's constants are macros that would rewrite platform::NAME. A source therefore lists what its interface mirrors,
-// has the values captured under other names (MIRROR_CAPTURE) before this header brings the macros in, and compares
-// afterwards (MIRROR_COMPARE). The interface's own header is always included first.
+// The SDK's constants are macros that would rewrite platform::NAME. A source therefore lists what its interface
+// mirrors, has the values captured under other names (MIRROR_CAPTURE) before this header brings the macros in, and
+// compares afterwards (MIRROR_COMPARE). The interface's own header is always included first.
 //
 //     #include "platform/volumes.h"
 //     #include "platform/windows/mirror.h"

@@ -2,8 +2,7 @@
 #include "platform/security.h"
 #include "platform/windows/mirror.h"
 
-#define MIRRORED(X)                                                                                                    \
-    X(SidTypeUser) X(SidTypeGroup) X(SidTypeDomain) X(SidTypeUnknown) X(SidTypeComputer)
+#define MIRRORED(X) X(SidTypeUser) X(SidTypeGroup) X(SidTypeDomain) X(SidTypeUnknown) X(SidTypeComputer)
 namespace mirror {
 MIRRORED(MIRROR_CAPTURE)
 constexpr auto captured_PIPE_EVERYONE_ACCESS = platform::PIPE_EVERYONE_ACCESS;
@@ -70,10 +69,10 @@ bool ReadEveryoneAccess(HANDLE hObject, SecuredObject eKind, uint32_t *pdwAccess
     ::ACL                 *pAccessList = nullptr;
     PSECURITY_DESCRIPTOR   pDescriptor = nullptr;
     bool                   bFound      = false;
-    if (!::CreateWellKnownSid(WinWorldSid, nullptr, aEveryone, &cbEveryone))
-        return false;
-    const DWORD dwErr = ::GetSecurityInfo(hObject, eKind == SecuredObject::File ? SE_FILE_OBJECT : SE_KERNEL_OBJECT,
-                                          DACL_SECURITY_INFORMATION, nullptr, nullptr, &pAccessList, nullptr, &pDescriptor);
+    if (!::CreateWellKnownSid(WinWorldSid, nullptr, aEveryone, &cbEveryone)) return false;
+    const DWORD dwErr =
+        ::GetSecurityInfo(hObject, eKind == SecuredObject::File ? SE_FILE_OBJECT : SE_KERNEL_OBJECT,
+                          DACL_SECURITY_INFORMATION, nullptr, nullptr, &pAccessList, nullptr, &pDescriptor);
     if (dwErr != ERROR_SUCCESS) {
         ::SetLastError(dwErr);
         return false;
@@ -83,8 +82,7 @@ bool ReadEveryoneAccess(HANDLE hObject, SecuredObject eKind, uint32_t *pdwAccess
         *pnEntries     = pAccessList->AceCount;
         for (DWORD i = 0; i < pAccessList->AceCount && !bFound; ++i) {
             void *pEntry = nullptr;
-            if (!::GetAce(pAccessList, i, &pEntry))
-                break;
+            if (!::GetAce(pAccessList, i, &pEntry)) break;
             auto *pAllowed = static_cast<ACCESS_ALLOWED_ACE *>(pEntry);
             if (pAllowed->Header.AceType == ACCESS_ALLOWED_ACE_TYPE && ::EqualSid(&pAllowed->SidStart, aEveryone)) {
                 *pdwAccessMask = pAllowed->Mask;

@@ -31,8 +31,7 @@ HRESULT SHGetKnownFolderPath(const GUID &rfid, uint32_t dwFlags, HANDLE hToken, 
     static const auto pFunction =
         BindSystemFunction<decltype(&::SHGetKnownFolderPath)>({L"shell32.dll"}, "SHGetKnownFolderPath");
     *ppszPath = nullptr;
-    if (pFunction == nullptr)
-        return HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
+    if (pFunction == nullptr) return HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
     return pFunction(reinterpret_cast<const ::GUID &>(rfid), dwFlags, hToken, reinterpret_cast<wchar_t **>(ppszPath));
 }
 
@@ -44,7 +43,8 @@ void CoTaskMemFree(void *pMem)
 BOOL PathMakeSystemFolderW(const char16_t *pszPath)
 {
     using PathMakeSystemFolderWProc = ::BOOL(WINAPI *)(LPCWSTR);
-    static const auto pFunction = BindSystemFunction<PathMakeSystemFolderWProc>({L"shlwapi.dll"}, "PathMakeSystemFolderW");
+    static const auto pFunction =
+        BindSystemFunction<PathMakeSystemFolderWProc>({L"shlwapi.dll"}, "PathMakeSystemFolderW");
     return pFunction != nullptr ? pFunction(AsWide(pszPath)) : FALSE;
 }
 

@@ -1,5 +1,5 @@
-// shell_links.cpp: shell links through COM. The caller's thread is one apartment from InitializeShellLinks on, and every
-// link lives and dies in it.
+// shell_links.cpp: shell links through COM. The caller's thread is one apartment from InitializeShellLinks on, and
+// every link lives and dies in it.
 #include "platform/shell.h"
 #include "platform/windows/sdk.h"
 
@@ -31,8 +31,7 @@ static bool CreateLinkObjects(ShellLink *pObjects)
 bool InitializeShellLinks()
 {
     ShellLink trial;
-    if (FAILED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED)))
-        return false;
+    if (FAILED(::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED))) return false;
     if (!CreateLinkObjects(&trial)) {
         ::CoUninitialize();
         return false;
@@ -95,8 +94,7 @@ bool SaveShellLink(ShellLink *pLink, const char16_t *pszPath)
 
 void ReleaseShellLink(ShellLink *pLink)
 {
-    if (pLink == nullptr)
-        return;
+    if (pLink == nullptr) return;
     pLink->pFile->Release();
     pLink->pLink->Release();
     delete pLink;

@@ -1,21 +1,24 @@
 // sockets.cpp: Winsock, forwarded, and the gathering of held sends.
-// A hold belongs to one socket and the thread that made it. Only that thread touches the gathered bytes; the lock guards
-// the list, and a close from any thread marks the socket's holds so that what is gathered can never reach another
-// connection that gets the same socket number.
+// A hold belongs to one socket and the thread that made it. Only that thread touches the gathered bytes; the lock
+// guards the list, and a close from any thread marks the socket's holds so that what is gathered can never reach
+// another connection that gets the same socket number.
 // A call that is blocked while another thread closes its socket: Windows ends it with WSAEINTR or WSAECONNABORTED, by
-// release; Wine ends a receive with WSAEINVAL, an accept with ERROR_OPERATION_ABORTED and a send not at all. The interface
-// promises WSAENOTSOCK at once on each of them: closesocket cancels what is blocked first, and the cancelled call says so.
+// release; Wine ends a receive with WSAEINVAL, an accept with ERROR_OPERATION_ABORTED and a send not at all. The
+// interface promises WSAENOTSOCK at once on each of them: closesocket cancels what is blocked first, and the cancelled
+// call says so.
 #include "platform/sockets.h"
 #include "platform/windows/mirror.h"
 
 #define MIRRORED(X)                                                                                                    \
-    X(INVALID_SOCKET) X(SOCKET_ERROR) X(AF_INET) X(SOCK_STREAM) X(IPPROTO_TCP) X(AI_PASSIVE) X(SOL_SOCKET)             \
-    X(SOCK_DGRAM) X(IPPROTO_IP) X(IPPROTO_UDP) X(SO_REUSEADDR) X(IP_MULTICAST_IF) X(IP_MULTICAST_TTL)                  \
-    X(IP_ADD_MEMBERSHIP) X(IP_DROP_MEMBERSHIP) X(POLLIN) X(WSAEMSGSIZE)                                                \
-    X(SO_SNDTIMEO) X(SO_RCVTIMEO) X(SOMAXCONN) X(TCP_NODELAY) X(SD_BOTH) X(WSAEINTR) X(WSAEACCES) X(WSAEINVAL)         \
-    X(WSAEMFILE) X(WSAEWOULDBLOCK) X(WSAENOTSOCK) X(WSAEADDRINUSE) X(WSAEADDRNOTAVAIL) X(WSAENETUNREACH)               \
-    X(WSAECONNABORTED) X(WSAECONNRESET) X(WSAENOBUFS) X(WSAENOTCONN) X(WSAESHUTDOWN) X(WSAETIMEDOUT)                   \
-    X(WSAECONNREFUSED) X(WSAEHOSTUNREACH) X(WSANOTINITIALISED) X(WSAEDISCON) X(WSAHOST_NOT_FOUND) X(WSATYPE_NOT_FOUND)
+    X(INVALID_SOCKET)                                                                                                  \
+    X(SOCKET_ERROR)                                                                                                    \
+    X(AF_INET) X(SOCK_STREAM) X(IPPROTO_TCP) X(AI_PASSIVE) X(SOL_SOCKET) X(SOCK_DGRAM) X(IPPROTO_IP) X(IPPROTO_UDP)    \
+        X(SO_REUSEADDR) X(IP_MULTICAST_IF) X(IP_MULTICAST_TTL) X(IP_ADD_MEMBERSHIP) X(IP_DROP_MEMBERSHIP) X(POLLIN)    \
+            X(WSAEMSGSIZE) X(SO_SNDTIMEO) X(SO_RCVTIMEO) X(SOMAXCONN) X(TCP_NODELAY) X(SD_BOTH) X(WSAEINTR)            \
+                X(WSAEACCES) X(WSAEINVAL) X(WSAEMFILE) X(WSAEWOULDBLOCK) X(WSAENOTSOCK) X(WSAEADDRINUSE)               \
+                    X(WSAEADDRNOTAVAIL) X(WSAENETUNREACH) X(WSAECONNABORTED) X(WSAECONNRESET) X(WSAENOBUFS)            \
+                        X(WSAENOTCONN) X(WSAESHUTDOWN) X(WSAETIMEDOUT) X(WSAECONNREFUSED) X(WSAEHOSTUNREACH)           \
+                            X(WSANOTINITIALISED) X(WSAEDISCON) X(WSAHOST_NOT_FOUND) X(WSATYPE_NOT_FOUND)
 namespace mirror {
 MIRRORED(MIRROR_CAPTURE)
 }
@@ -118,9 +121,9 @@ void freeaddrinfo(addrinfo *pResult)
     ::freeaddrinfo(reinterpret_cast<::addrinfo *>(pResult));
 }
 
-// Windows breaks the connections of a process that is terminated with a reset. Wine leaves them to the host's system, which closes them in
-// good order, so that the peer would not learn of the death: there the reset is asked for when a socket is made and taken back by an
-// orderly closesocket. On Windows itself this changes nothing.
+// Windows breaks the connections of a process that is terminated with a reset. Wine leaves them to the host's system,
+// which closes them in good order, so that the peer would not learn of the death: there the reset is asked for when a
+// socket is made and taken back by an orderly closesocket. On Windows itself this changes nothing.
 static void ResetAtClose(SOCKET s, bool bReset)
 {
     const ::linger value = {static_cast<u_short>(bReset ? 1 : 0), 0};
@@ -146,25 +149,22 @@ int32_t listen(SOCKET s, int32_t nBacklog)
 
 SOCKET accept(SOCKET s, sockaddr *pAddr, int32_t *pcbAddr)
 {
-    SOCKET        hAccepted   = INVALID_SOCKET;
-    const int32_t cbAddr      = pcbAddr != nullptr ? *pcbAddr : 0;
+    SOCKET        hAccepted = INVALID_SOCKET;
+    const int32_t cbAddr    = pcbAddr != nullptr ? *pcbAddr : 0;
     do { // a peer that gave up while it waited in the queue is no failure of the listening socket
         if (pcbAddr != nullptr) *pcbAddr = cbAddr;
         hAccepted = ::accept(s, AsSdk(pAddr), pcbAddr);
     } while (hAccepted == INVALID_SOCKET &&
              (::WSAGetLastError() == WSAECONNRESET || ::WSAGetLastError() == WSAECONNABORTED));
-    if (hAccepted == INVALID_SOCKET)
-        NoteClosedSocket(s);
-    else
-        ResetAtClose(hAccepted, true);
+    if (hAccepted == INVALID_SOCKET) NoteClosedSocket(s);
+    else ResetAtClose(hAccepted, true);
     return hAccepted;
 }
 
 int32_t connect(SOCKET s, const sockaddr *pName, int32_t cbName)
 {
     const int32_t nResult = ::connect(s, AsSdk(pName), cbName);
-    if (nResult == SOCKET_ERROR)
-        NoteClosedSocket(s);
+    if (nResult == SOCKET_ERROR) NoteClosedSocket(s);
     return nResult;
 }
 
@@ -179,23 +179,23 @@ int32_t setsockopt(SOCKET s, int32_t nLevel, int32_t nOption, const char *pValue
 }
 
 // On Windows every receive after a reset says so. Wine's server takes the host's error for itself when it learns of the
-// reset first, and each receive after that looks like a peer's orderly close. A send of no bytes tells the two apart: it
-// changes nothing on a connection that can still send, and fails on one that was reset.
+// reset first, and each receive after that looks like a peer's orderly close. A send of no bytes tells the two apart:
+// it changes nothing on a connection that can still send, and fails on one that was reset.
 static bool IsReset(SOCKET s)
 {
     return ::send(s, "", 0, 0) == SOCKET_ERROR;
 }
 
 // Waits until a receive would not wait, for the socket's SO_RCVTIMEO. False: it ran out. A receive that itself runs out
-// of that time leaves the socket in an indeterminate state, by the documentation of SO_RCVTIMEO, and the product goes on
-// receiving after a time-out.
+// of that time leaves the socket in an indeterminate state, by the documentation of SO_RCVTIMEO, and the product goes
+// on receiving after a time-out.
 static bool AwaitReadable(SOCKET s)
 {
-    DWORD     dwTimeout = 0;
-    int       cb        = sizeof dwTimeout;
-    ::WSAPOLLFD fd      = {s, POLLIN, 0};
+    DWORD       dwTimeout = 0;
+    int         cb        = sizeof dwTimeout;
+    ::WSAPOLLFD fd        = {s, POLLIN, 0};
     if (::getsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&dwTimeout), &cb) != 0 || dwTimeout == 0)
-        return true; // no time-out, or no socket: the receive says so
+        return true;                                            // no time-out, or no socket: the receive says so
     return ::WSAPoll(&fd, 1, static_cast<INT>(dwTimeout)) != 0; // an error, too, is the receive's to tell
 }
 
@@ -222,8 +222,9 @@ int32_t shutdown(SOCKET s, int32_t nHow)
 
 // ---- held sends ----
 
-// What leaves in one call, and so under one time-out (SO_SNDTIMEO): Winsock's blocking send of more than the stack takes
-// at once waits for all of it, and on a slow line 64 KiB would not leave within the eight seconds of a link that works.
+// What leaves in one call, and so under one time-out (SO_SNDTIMEO): Winsock's blocking send of more than the stack
+// takes at once waits for all of it, and on a slow line 64 KiB would not leave within the eight seconds of a link that
+// works.
 constexpr int32_t CB_GATHERED = 16384;
 
 struct HeldSends {
@@ -247,8 +248,7 @@ static std::vector<std::shared_ptr<HeldSends>> &HeldList()
 
 static std::shared_ptr<HeldSends> FindHeld(SOCKET s)
 {
-    if (g_nHeld.load(std::memory_order_relaxed) == 0)
-        return nullptr; // the caller's own hold would be visible to it
+    if (g_nHeld.load(std::memory_order_relaxed) == 0) return nullptr; // the caller's own hold would be visible to it
     const DWORD                dwThreadId = ::GetCurrentThreadId();
     std::shared_ptr<HeldSends> pFound;
     ::AcquireSRWLockShared(&g_HeldLock);
@@ -323,12 +323,10 @@ int32_t send(SOCKET s, const char *pBuffer, int32_t cb, int32_t nFlags)
     const auto pHeld = FindHeld(s);
     if (pHeld == nullptr || nFlags != 0 || cb < 0) {
         const int32_t cbSent = ::send(s, pBuffer, cb, nFlags);
-        if (cbSent == SOCKET_ERROR)
-            NoteClosedSocket(s);
+        if (cbSent == SOCKET_ERROR) NoteClosedSocket(s);
         return cbSent;
     }
-    if (pHeld->nError == 0 && pHeld->bClosed.load())
-        pHeld->nError = WSAENOTSOCK;
+    if (pHeld->nError == 0 && pHeld->bClosed.load()) pHeld->nError = WSAENOTSOCK;
     if (pHeld->nError == 0 && Gather(pHeld.get(), pBuffer, cb)) return cb;
     ::WSASetLastError(pHeld->nError);
     return SOCKET_ERROR;
@@ -339,8 +337,7 @@ int32_t closesocket(SOCKET s)
     if (g_nHeld.load(std::memory_order_relaxed) != 0) {
         ::AcquireSRWLockShared(&g_HeldLock);
         for (const auto &pHeld : HeldList()) {
-            if (pHeld->s == s)
-                pHeld->bClosed.store(true);
+            if (pHeld->s == s) pHeld->bClosed.store(true);
         }
         ::ReleaseSRWLockShared(&g_HeldLock);
     }
@@ -353,13 +350,11 @@ void HoldSends(SOCKET s)
 {
     // A hold that was never flushed, of a socket that is closed or broken, must not answer for a new one of its number.
     if (const auto pStale = FindHeld(s)) {
-        if (pStale->nError == 0 && !pStale->bClosed.load())
-            return;
+        if (pStale->nError == 0 && !pStale->bClosed.load()) return;
         RemoveHeld(pStale);
     }
     const std::shared_ptr<HeldSends> pHeld(new (std::nothrow) HeldSends());
-    if (pHeld == nullptr)
-        return; // without memory to gather in, as in AddHeld
+    if (pHeld == nullptr) return; // without memory to gather in, as in AddHeld
     pHeld->s          = s;
     pHeld->dwThreadId = ::GetCurrentThreadId();
     AddHeld(pHeld);
@@ -368,11 +363,9 @@ void HoldSends(SOCKET s)
 int32_t FlushSends(SOCKET s)
 {
     const auto pHeld = FindHeld(s);
-    if (pHeld == nullptr)
-        return 0;
+    if (pHeld == nullptr) return 0;
     RemoveHeld(pHeld);
-    if (pHeld->nError == 0 && SendOn(pHeld.get()))
-        return 0;
+    if (pHeld->nError == 0 && SendOn(pHeld.get())) return 0;
     ::WSASetLastError(pHeld->nError);
     return SOCKET_ERROR;
 }

@@ -1,14 +1,16 @@
-// user_interface.cpp: nothing to forward: user32, shell32 and Wtsapi32 are bound at run time through modules.h. What the
-// bound functions are given is compared with the SDK here.
+// user_interface.cpp: nothing to forward: user32, shell32 and Wtsapi32 are bound at run time through modules.h. What
+// the bound functions are given is compared with the SDK here.
 #include "platform/user_interface.h"
 #include "platform/windows/mirror.h"
 
 #define MIRRORED(X)                                                                                                    \
-    X(WM_DESTROY) X(WM_CLOSE) X(WM_QUIT) X(WM_ENDSESSION) X(WM_POWERBROADCAST) X(WM_WTSSESSION_CHANGE) X(WM_USER)      \
-    X(PBT_APMQUERYSUSPENDFAILED) X(PBT_APMSUSPEND) X(PBT_APMRESUMEAUTOMATIC) X(WTS_CONSOLE_CONNECT)                    \
-    X(WTS_CONSOLE_DISCONNECT) X(WTS_SESSION_LOCK) X(WTS_SESSION_UNLOCK) X(NOTIFY_FOR_THIS_SESSION) X(CS_VREDRAW)       \
-    X(CS_HREDRAW) X(WS_OVERLAPPEDWINDOW) X(CW_USEDEFAULT) X(MSGFLT_ALLOW) X(DEVICE_NOTIFY_WINDOW_HANDLE) X(SW_HIDE)    \
-    X(FO_DELETE) X(FOF_SILENT) X(FOF_NOCONFIRMATION) X(FOF_NOERRORUI)
+    X(WM_DESTROY)                                                                                                      \
+    X(WM_CLOSE)                                                                                                        \
+    X(WM_QUIT) X(WM_ENDSESSION) X(WM_POWERBROADCAST) X(WM_WTSSESSION_CHANGE) X(WM_USER) X(PBT_APMQUERYSUSPENDFAILED)   \
+        X(PBT_APMSUSPEND) X(PBT_APMRESUMEAUTOMATIC) X(WTS_CONSOLE_CONNECT) X(WTS_CONSOLE_DISCONNECT)                   \
+            X(WTS_SESSION_LOCK) X(WTS_SESSION_UNLOCK) X(NOTIFY_FOR_THIS_SESSION) X(CS_VREDRAW) X(CS_HREDRAW)           \
+                X(WS_OVERLAPPEDWINDOW) X(CW_USEDEFAULT) X(MSGFLT_ALLOW) X(DEVICE_NOTIFY_WINDOW_HANDLE) X(SW_HIDE)      \
+                    X(FO_DELETE) X(FOF_SILENT) X(FOF_NOCONFIRMATION) X(FOF_NOERRORUI)
 namespace mirror {
 MIRRORED(MIRROR_CAPTURE)
 }

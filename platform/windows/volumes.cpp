@@ -35,15 +35,15 @@ bool GetHotPlugInfo(const char16_t *pszRoot, HotPlugInfo *pInfo)
 {
     // The volume's device has no trailing backslash, and asking it needs no right to its content.
     const wchar_t  szDevice[] = {L'\\', L'\\', L'.', L'\\', static_cast<wchar_t>(pszRoot[0]), L':', L'\0'};
-    const ::HANDLE hVolume = ::CreateFileW(szDevice, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
-    if (hVolume == INVALID_HANDLE_VALUE)
-        return false;
+    const ::HANDLE hVolume =
+        ::CreateFileW(szDevice, 0, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr);
+    if (hVolume == INVALID_HANDLE_VALUE) return false;
 
-    STORAGE_HOTPLUG_INFO info  = {};
-    DWORD                cb    = 0;
-    const bool           bDone = ::DeviceIoControl(hVolume, IOCTL_STORAGE_GET_HOTPLUG_INFO, nullptr, 0, &info, sizeof(info),
-                                                   &cb, nullptr) != FALSE;
-    const DWORD          dwErr = ::GetLastError();
+    STORAGE_HOTPLUG_INFO info = {};
+    DWORD                cb   = 0;
+    const bool  bDone = ::DeviceIoControl(hVolume, IOCTL_STORAGE_GET_HOTPLUG_INFO, nullptr, 0, &info, sizeof(info), &cb,
+                                          nullptr) != FALSE;
+    const DWORD dwErr = ::GetLastError();
     ::CloseHandle(hVolume);
     if (!bDone || cb < sizeof(info)) {
         ::SetLastError(bDone ? ERROR_GEN_FAILURE : dwErr);

@@ -21,8 +21,11 @@
 using namespace platform;
 
 class Lifecycle : public ServiceTest {
-protected:
-    void TearDown() override { EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; })); }
+  protected:
+    void TearDown() override
+    {
+        EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 0; }));
+    }
     // The agent on a thread of its own, with whatever the test does meanwhile.
     static void WhileAgentRuns(const std::function<void()> &Meanwhile)
     {
@@ -79,7 +82,8 @@ TEST_F(Lifecycle, ASecondStartHasTheFirstAnnounceItselfAgainAlsoFromLowerStandin
     static const struct {
         const char              *pszWay;
         std::vector<std::string> aEnvironment;
-    } aCases[] = {{"finds a living instance", {}}, {"loses the race for the event", {"VORN_FAULTS=OpenEventW:1:2"}},
+    } aCases[] = {{"finds a living instance", {}},
+                  {"loses the race for the event", {"VORN_FAULTS=OpenEventW:1:2"}},
                   {"is of lower standing", {"VORN_INTEGRITY=low"}}};
     FakeService service;
     WhileAgentRuns([&] {

@@ -36,8 +36,8 @@ TEST_F(AgentRun, AnnouncesItselfServesItsPipeToEveryoneAndEndsOnRequest)
     FormatTextW(szMutex, MAX_PATH, u"Global\\VornMigrationNet_NamedPipeMux_0x%x", GetOwnSessionId());
     FormatTextW(szPipe, MAX_PATH, u"\\\\.\\pipe\\VornMigrationNet_NamedPipeCommand_0x%x", GetOwnSessionId());
     const HANDLE hMutex = OpenMutexW(SYNCHRONIZE | READ_CONTROL, FALSE, szMutex);
-    const HANDLE hPipe  = CreateFileW(szPipe, GENERIC_WRITE | READ_CONTROL, 0, nullptr, OPEN_EXISTING,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr);
+    const HANDLE hPipe =
+        CreateFileW(szPipe, GENERIC_WRITE | READ_CONTROL, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
     EXPECT_NE(INVALID_HANDLE_VALUE, hPipe) << GetLastError(); // it was ready before the announcement
     uint32_t dwAccess = 0, nEntries = 0;
     EXPECT_TRUE(ReadEveryoneAccess(hMutex, SecuredObject::Kernel, &dwAccess, &nEntries)) << GetLastError();

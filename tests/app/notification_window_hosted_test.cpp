@@ -12,7 +12,7 @@
 using namespace platform;
 
 class NotificationWindow : public ServiceTest {
-protected:
+  protected:
     void TearDown() override { UnbindUser32Functions(); }
     // Also takes the WM_QUIT that this posts out of the queue.
     static void DestroyTheWindow()

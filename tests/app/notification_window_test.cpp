@@ -13,7 +13,7 @@
 using namespace platform;
 
 class RealWindow : public ServiceTest {
-protected:
+  protected:
     void SetUp() override
     {
         ServiceTest::SetUp();

@@ -9,7 +9,7 @@
 using namespace platform;
 
 class UserInterfaceTable : public MachineTest {
-protected:
+  protected:
     void TearDown() override
     {
         UnbindUser32Functions();

@@ -7,7 +7,7 @@
 namespace {
 
 constexpr uint32_t   HERE = 0x01004D0A, THERE = 0x02004D0A; // 10.77.0.1 and .2
-constexpr OwnAddress OWN  = {HERE, 0x00FFFFFF};
+constexpr OwnAddress OWN = {HERE, 0x00FFFFFF};
 
 DnsMessage Decoded(const std::string &sBytes)
 {
@@ -115,31 +115,44 @@ struct Announcer {
 
 bool Has(const std::vector<DnsRecord> &aRecords, uint16_t nType)
 {
-    return std::any_of(aRecords.begin(), aRecords.end(), [nType](const DnsRecord &record) { return record.nType == nType; });
+    return std::any_of(aRecords.begin(), aRecords.end(),
+                       [nType](const DnsRecord &record) { return record.nType == nType; });
 }
 
 } // namespace
 
 TEST(DnsMessages, BrokenAndHostileOnesAreRefused)
 {
-    const std::string sHead(6, '\0'), sQuestion = std::string("\0\x01\0\0\0\0\0\0", 8), sAnswer = std::string("\0\0\0\x01\0\0\0\0", 8);
-    const std::string sFlags("\0\0\x84\0", 4), sQuery("\0\0\0\0", 4), sAny("\0\xFF\0\x01", 4), sA("\0\x01\0\x01\0\0\0\x78", 8);
+    const std::string sHead(6, '\0'), sQuestion = std::string("\0\x01\0\0\0\0\0\0", 8),
+                                      sAnswer = std::string("\0\0\0\x01\0\0\0\0", 8);
+    const std::string sFlags("\0\0\x84\0", 4), sQuery("\0\0\0\0", 4), sAny("\0\xFF\0\x01", 4),
+        sA("\0\x01\0\x01\0\0\0\x78", 8);
     const std::string aBroken[] = {
         "",
         "short",
-        sQuery + sQuestion,                                                    // a question that is not there
-        sQuery + sQuestion + std::string("\xC0\x0C", 2) + sAny,                // a name that is itself
-        sQuery + sQuestion + std::string("\x01" "a\xC0\x0C", 4) + sAny,        // and one that ends in itself
-        sQuery + sQuestion + std::string("\xC0\x40", 2) + sAny,                // a pointer ahead
-        sQuery + sQuestion + std::string("\xC0\x01", 2) + sAny,                // into the header
-        sQuery + sQuestion + std::string("\x80", 1) + std::string(200, 'x'),   // no kind of label
-        sQuery + sQuestion + [] { std::string s; for (int n = 0; n < 5; n++) s += '\x3F' + std::string(63, 'x'); return s; }() +
-            std::string(1, '\0') + sAny,                                       // 320 bytes of name
-        sFlags + sAnswer + std::string(1, '\0') + sA + std::string("\0\x05\x0A\0\0\x01\0", 7), // an address of five bytes
-        sFlags + sAnswer + std::string(1, '\0') + sA + std::string("\0\x40\x0A\0\0\x01", 6),   // data beyond the end
-        sFlags + std::string("\0\0\xFF\xFF\0\0\0\0", 8),                       // records without number
-        std::string("\0\0\x84\x03", 4) + std::string(8, '\0'),                 // an error
-        std::string("\0\0\x28\0", 4) + std::string(8, '\0'),                   // not a standard query
+        sQuery + sQuestion,                                     // a question that is not there
+        sQuery + sQuestion + std::string("\xC0\x0C", 2) + sAny, // a name that is itself
+        sQuery + sQuestion +
+            std::string("\x01"
+                        "a\xC0\x0C",
+                        4) +
+            sAny,                                                            // and one that ends in itself
+        sQuery + sQuestion + std::string("\xC0\x40", 2) + sAny,              // a pointer ahead
+        sQuery + sQuestion + std::string("\xC0\x01", 2) + sAny,              // into the header
+        sQuery + sQuestion + std::string("\x80", 1) + std::string(200, 'x'), // no kind of label
+        sQuery + sQuestion +
+            [] {
+                std::string s;
+                for (int n = 0; n < 5; n++) s += '\x3F' + std::string(63, 'x');
+                return s;
+            }() +
+            std::string(1, '\0') + sAny, // 320 bytes of name
+        // an address of five bytes
+        sFlags + sAnswer + std::string(1, '\0') + sA + std::string("\0\x05\x0A\0\0\x01\0", 7),
+        sFlags + sAnswer + std::string(1, '\0') + sA + std::string("\0\x40\x0A\0\0\x01", 6), // data beyond the end
+        sFlags + std::string("\0\0\xFF\xFF\0\0\0\0", 8),                                     // records without number
+        std::string("\0\0\x84\x03", 4) + std::string(8, '\0'),                               // an error
+        std::string("\0\0\x28\0", 4) + std::string(8, '\0'),                                 // not a standard query
         std::string(DNS_MAX_PACKET + 1, '\0'),
     };
     for (const std::string &sBytes : aBroken) {
@@ -150,9 +163,9 @@ TEST(DnsMessages, BrokenAndHostileOnesAreRefused)
 
 TEST(DnsMessages, WhatIsWrittenIsReadAgainAndFitsWhereItShould)
 {
-    DnsMessage message = Response({Pointer("a"), Pointer("b"), Service("a", 80), Host(HERE)});
-    message.nId        = 0x1234;
-    message.aQuestions = {{Named("\xC3\xA4.b"), DNS_TYPE_SRV, DNS_CLASS_IN, true}};
+    DnsMessage message       = Response({Pointer("a"), Pointer("b"), Service("a", 80), Host(HERE)});
+    message.nId              = 0x1234;
+    message.aQuestions       = {{Named("\xC3\xA4.b"), DNS_TYPE_SRV, DNS_CLASS_IN, true}};
     const std::string sBytes = EncodeDnsMessage(message);
     const DnsMessage  again  = Decoded(sBytes);
     ASSERT_EQ(4u, again.aAnswers.size());
@@ -175,8 +188,8 @@ TEST(DnsMessages, WhatIsWrittenIsReadAgainAndFitsWhereItShould)
 
 TEST(Responders, AsksForItsNamesThenAnnouncesAndTakesBack)
 {
-    Announcer                announcer;
-    std::vector<Said>        aSaid;
+    Announcer         announcer;
+    std::vector<Said> aSaid;
     announcer.Pass(5000);
     aSaid = announcer.Take();
     ASSERT_EQ(5u, aSaid.size()) << "three probes, two announcements";
@@ -184,15 +197,21 @@ TEST(Responders, AsksForItsNamesThenAnnouncesAndTakesBack)
         EXPECT_FALSE(aSaid[n].message.bResponse);
         EXPECT_EQ(DNS_TYPE_ANY, aSaid[n].message.aQuestions.at(0).nType);
         EXPECT_TRUE(Has(aSaid[n].message.aAuthorities, DNS_TYPE_SRV) && Has(aSaid[n].message.aAuthorities, DNS_TYPE_A));
-        if (n > 0) { EXPECT_NEAR(250, static_cast<double>(aSaid[n].ullWhen - aSaid[n - 1].ullWhen), 10); }
+        if (n > 0) {
+            EXPECT_NEAR(250, static_cast<double>(aSaid[n].ullWhen - aSaid[n - 1].ullWhen), 10);
+        }
     }
     EXPECT_NEAR(1000, static_cast<double>(aSaid[4].ullWhen - aSaid[3].ullWhen), 10);
     const DnsMessage &announced = aSaid[3].message;
     EXPECT_TRUE(announced.bResponse && Has(announced.aAnswers, DNS_TYPE_TXT));
     for (const DnsRecord &record : announced.aAnswers) {
         EXPECT_EQ(record.nType != DNS_TYPE_PTR, record.bFlush) << record.nType;
-        if (record.nType == DNS_TYPE_SRV) { EXPECT_EQ(40000, record.nPort); }
-        if (record.nType == DNS_TYPE_A) { EXPECT_EQ(HERE, record.dwAddress); }
+        if (record.nType == DNS_TYPE_SRV) {
+            EXPECT_EQ(40000, record.nPort);
+        }
+        if (record.nType == DNS_TYPE_A) {
+            EXPECT_EQ(HERE, record.dwAddress);
+        }
         // nothing but the name for people tells whose machine it is
         EXPECT_EQ(std::string::npos, record.nType == DNS_TYPE_SRV ? record.target[0].find("OLD") : std::string::npos);
     }
@@ -235,7 +254,9 @@ TEST(Responders, AnswersWhoAsksAsHeAsks)
         EXPECT_EQ(c.dwTo, aSaid[0].packet.dwAddress) << sCase;
         EXPECT_EQ(c.nPort, aSaid[0].packet.nPort) << sCase;
         EXPECT_EQ(c.nAnswer, aSaid[0].message.aAnswers.at(0).nType) << sCase;
-        if (c.nExtra != 0) { EXPECT_TRUE(Has(aSaid[0].message.aAdditionals, c.nExtra)) << sCase; }
+        if (c.nExtra != 0) {
+            EXPECT_TRUE(Has(aSaid[0].message.aAdditionals, c.nExtra)) << sCase;
+        }
         if (c.nPort == MDNS_PORT) continue;
         EXPECT_EQ(1u, aSaid[0].message.aQuestions.size()) << "a plain asker gets its question back";
         EXPECT_LE(aSaid[0].message.aAnswers[0].dwTtl, 10u);
@@ -264,8 +285,8 @@ TEST(Responders, SaysNothingTwiceThatIsKnown)
         announcer.Pass(100);
         EXPECT_TRUE(announcer.Take().empty());
         if (bKnown) {
-            query            = DnsMessage();
-            query.aAnswers   = {Pointer("OLD-PC")};
+            query          = DnsMessage();
+            query.aAnswers = {Pointer("OLD-PC")};
             announcer.Hear(query);
         }
         announcer.Pass(600);
@@ -321,9 +342,9 @@ TEST(Responders, OfTwoThatAskAtOnceOneWaits)
         DnsMessage probe   = Query(Named("OLD-PC"), DNS_TYPE_ANY);
         probe.aAuthorities = {Service("OLD-PC", nTheirs)};
         DnsRecord txt;
-        txt.name           = Named("OLD-PC");
-        txt.nType          = DNS_TYPE_TXT;
-        txt.sData          = "\x09txtvers=1";
+        txt.name  = Named("OLD-PC");
+        txt.nType = DNS_TYPE_TXT;
+        txt.sData = "\x09txtvers=1";
         probe.aAuthorities.push_back(txt);
         announcer.Pass(500);
         announcer.Take();
@@ -331,7 +352,7 @@ TEST(Responders, OfTwoThatAskAtOnceOneWaits)
         announcer.Pass(700);
         EXPECT_EQ(nTheirs > 40000, announcer.Take().empty()) << "the later in byte order goes on";
     }
-    Announcer announcer;
+    Announcer  announcer;
     DnsMessage probe   = Query(Named("OLD-PC"), DNS_TYPE_ANY, true);
     probe.aAuthorities = {Service("OLD-PC", 1)};
     announcer.Settle();
@@ -371,13 +392,14 @@ TEST(Browsers, FindsServersAndForgetsThem)
 
 TEST(Browsers, OrdersWhatItFoundByLikelihood)
 {
-    const OwnAddress            host = {0x0138A8C0, 0x00FFFFFF}; // 192.168.56.1, of a virtual machine's network
+    const OwnAddress            host   = {0x0138A8C0, 0x00FFFFFF}; // 192.168.56.1, of a virtual machine's network
     const std::vector<LinkView> aLinks = {{1, false, {OWN}}, {2, true, {host}}};
     Browser                     browser;
     StartBrowser(&browser, 0, 1);
     BrowserHears(&browser,
                  Response({Pointer("A"), Service("A", 1), Host(HERE), Host(0x0908070A), Host(0x0238A8C0), Host(THERE),
-                           Host(0x0100007F), Host(0), Host(0xFB0000E0)}), 1, THERE, 0);
+                           Host(0x0100007F), Host(0), Host(0xFB0000E0)}),
+                 1, THERE, 0);
     std::string sOrder;
     for (const FoundServer &server : BrowserServers(browser, aLinks, 1)) sOrder += server.sAddress + " ";
     EXPECT_EQ("10.77.0.2 192.168.56.2 10.7.8.9 10.77.0.1 ", sOrder) << "loopback, none and multicast are nobody's";
@@ -403,7 +425,8 @@ TEST(Browsers, AsksLessAndLessAndForWhatIsMissing)
     const auto asked = [&](uint64_t ullNow) {
         std::string sTypes;
         for (const OutPacket &packet : BrowserTick(&browser, ullNow))
-            for (const DnsQuestion &question : Decoded(packet.sBytes).aQuestions) sTypes += std::to_string(question.nType) + " ";
+            for (const DnsQuestion &question : Decoded(packet.sBytes).aQuestions)
+                sTypes += std::to_string(question.nType) + " ";
         return sTypes;
     };
     EXPECT_EQ("33 ", asked(40000));

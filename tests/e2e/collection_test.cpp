@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <filesystem>
 
-namespace fs = std::filesystem;
+namespace fs     = std::filesystem;
 using Collection = TwoMachines;
 
 static fs::path Progress(const MachinePtr &machine, const char *pszName)
@@ -16,8 +16,7 @@ static void ExpectSame(const MachinePtr &old, const MachinePtr &next, const Prof
 {
     uint64_t   nSame = 0, cbSame = 0;
     const auto faults = CompareProfile(old, next, profile, &nSame, &cbSame);
-    for (const std::string &sFault : faults)
-        ADD_FAILURE() << sFault;
+    for (const std::string &sFault : faults) ADD_FAILURE() << sFault;
     EXPECT_EQ(profile.nFiles, nSame);
 }
 
@@ -38,8 +37,7 @@ TEST_F(Collection, WholeProfileArrivesByteForByteAndLeavesNoState)
         return fs::exists(Progress(old, "recordinfo.ini")) || fs::exists(Progress(old, "completeinfo.ini")) ||
                fs::exists(Progress(old, "collectioninfo.ini"));
     };
-    for (int i = 0; i < 500 && IsStateThere(); i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    for (int i = 0; i < 500 && IsStateThere(); i++) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_FALSE(IsStateThere());
     EXPECT_EQ(profile.cb, CollectedBytes(next));
 }
@@ -58,8 +56,7 @@ static uint64_t LongBytes(const MachinePtr &old)
 // Asks for one folder with a large file that takes a while, and waits until some of it has arrived.
 static void StartLongCollection(const MachinePtr &old, const MachinePtr &next, std::vector<std::string> *pItems)
 {
-    for (unsigned i = 0; i < 30; i++)
-        MakeFile(HostPathOf(old, "D:\\Long\\a" + std::to_string(i) + ".bin"), 100000, i);
+    for (unsigned i = 0; i < 30; i++) MakeFile(HostPathOf(old, "D:\\Long\\a" + std::to_string(i) + ".bin"), 100000, i);
     MakeFile(HostPathOf(old, "D:\\Long\\b-large.bin"), LargeBytes(old), 99);
     MakeFile(HostPathOf(old, "D:\\Long\\c-last.bin"), 1234, 98);
     *pItems = {"D:\\Long\\"};
@@ -70,8 +67,7 @@ static void StartLongCollection(const MachinePtr &old, const MachinePtr &next, s
         return std::any_of(lines.begin(), lines.end(),
                            [](const std::string &sLine) { return sLine.find("a9.bin") != std::string::npos; });
     };
-    for (int i = 0; i < 6000 && !IsRecorded(); i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    for (int i = 0; i < 6000 && !IsRecorded(); i++) std::this_thread::sleep_for(std::chrono::milliseconds(10));
     ASSERT_TRUE(IsRecorded());
 }
 

@@ -4,7 +4,7 @@
 #include <fstream>
 
 namespace fs = std::filesystem;
-using Link = TwoMachines;
+using Link   = TwoMachines;
 
 static std::string SocketDat(const MachinePtr &machine)
 {

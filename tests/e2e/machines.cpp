@@ -43,8 +43,7 @@ void TwoMachines::SetUpTestSuite()
 static void EmptyFolder(const std::string &sHostPath)
 {
     std::error_code error;
-    for (const auto &entry : fs::directory_iterator(sHostPath, error))
-        fs::remove_all(entry.path(), error);
+    for (const auto &entry : fs::directory_iterator(sHostPath, error)) fs::remove_all(entry.path(), error);
 }
 
 void TwoMachines::SetUp()
@@ -95,8 +94,7 @@ std::string TwoMachines::Happened()
     std::string sText;
     for (const MachinePtr &machine : {old, next}) {
         sText += machine->plan.sComputer + ": " + machine->sLastError + "\n  has received:\n";
-        for (const auto &record : ReceivedRecords(machine))
-            sText += "    " + record.dump() + "\n";
+        for (const auto &record : ReceivedRecords(machine)) sText += "    " + record.dump() + "\n";
     }
     return sText;
 }
@@ -130,8 +128,7 @@ void MakeFile(const std::string &sHostPath, uint64_t cb, unsigned nSeed)
 {
     fs::create_directories(fs::path(sHostPath).parent_path());
     std::string sPeriod(131072, '\0');
-    for (uint64_t i = 0; i < sPeriod.size(); i++)
-        sPeriod[i] = static_cast<char>((i * 31 + (i >> 9) + nSeed) & 0xFF);
+    for (uint64_t i = 0; i < sPeriod.size(); i++) sPeriod[i] = static_cast<char>((i * 31 + (i >> 9) + nSeed) & 0xFF);
     std::ofstream file(sHostPath, std::ios::binary);
     for (; cb > 0; cb -= std::min<uint64_t>(cb, sPeriod.size()))
         file.write(sPeriod.data(), static_cast<std::streamsize>(std::min<uint64_t>(cb, sPeriod.size())));
@@ -150,7 +147,7 @@ int main(int argc, char **argv)
 {
     ::testing::InitGoogleTest(&argc, argv);
     const char       *pszKind = std::getenv("VORN_E2E_KIND");
-    const std::string sKind = pszKind != nullptr ? pszKind : "hosted";
+    const std::string sKind   = pszKind != nullptr ? pszKind : "hosted";
     if (sKind == "wine" || sKind == "wine-hosted") g_eOld = MachineKind::Wine;
     if (sKind == "wine" || sKind == "hosted-wine") g_eNew = MachineKind::Wine;
     const bool bMixed = g_eOld != g_eNew, bKnown = bMixed || sKind == "wine" || sKind == "hosted";
@@ -163,7 +160,7 @@ int main(int argc, char **argv)
         return 2;
     }
     const char *pszFolder = std::getenv("TMPDIR");
-    g_sWork = std::string(pszFolder != nullptr ? pszFolder : "/tmp") + "/vorn-e2e-XXXXXX";
+    g_sWork               = std::string(pszFolder != nullptr ? pszFolder : "/tmp") + "/vorn-e2e-XXXXXX";
     if (mkdtemp(g_sWork.data()) == nullptr) {
         std::perror(g_sWork.c_str());
         return 1;

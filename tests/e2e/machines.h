@@ -6,8 +6,7 @@
 
 // Two machines with nothing running and no state of an earlier test: the old one with drives C and D and a Desktop on
 // D, the new one with C alone and another user.
-class TwoMachines : public ::testing::Test
-{
+class TwoMachines : public ::testing::Test {
   protected:
     static void SetUpTestSuite();
     void        SetUp() override;

@@ -11,8 +11,7 @@
 namespace fs = std::filesystem;
 using nlohmann::json;
 
-namespace
-{
+namespace {
 
 // One migrate with what it says, object by object.
 struct Migrate {
@@ -25,10 +24,13 @@ struct Migrate {
         std::vector<std::string> command = {machine->plan.sPrograms + "/tools/migrate"};
         command.insert(command.end(), arguments.begin(), arguments.end());
         command.push_back("--json");
-        child = StartChild(command, machine->environment, [this](const std::string &sLine) {
-            const std::lock_guard<std::mutex> guard(lock);
-            said.push_back(json::parse(sLine, nullptr, false));
-        }, machine->plan.sFolder + ".migrate.log");
+        child = StartChild(
+            command, machine->environment,
+            [this](const std::string &sLine) {
+                const std::lock_guard<std::mutex> guard(lock);
+                said.push_back(json::parse(sLine, nullptr, false));
+            },
+            machine->plan.sFolder + ".migrate.log");
     }
     // The first object of that kind from the nFrom-th on; null when none comes in time.
     json Await(const std::string &sEvent, size_t nFrom = 0)
@@ -57,8 +59,7 @@ struct Migrate {
     {
         const std::lock_guard<std::mutex> guard(lock);
         std::string                       sText;
-        for (const json &object : said)
-            sText += object.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+        for (const json &object : said) sText += object.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
         return sText;
     }
 };
@@ -69,7 +70,7 @@ TEST_F(TwoMachines, WrongPinPreviewCancelResume)
 {
     if (old->plan.eKind != MachineKind::Hosted || next->plan.eKind != MachineKind::Hosted)
         GTEST_SKIP() << "migrate of a Wine prefix is tried by the package's check";
-    constexpr unsigned FILES = 60;
+    constexpr unsigned FILES      = 60;
     const std::string  sDocuments = KnownFolder(old, "Documents");
     for (unsigned n = 0; n < FILES; n++)
         MakeFile(HostPathOf(old, sDocuments + "\\Briefe\\Brief " + std::to_string(n) + ".txt"), 1000 + n, n + 1);
@@ -114,8 +115,9 @@ TEST_F(TwoMachines, WrongPinPreviewCancelResume)
                             HostPathOf(next, KnownFolder(next, "Pictures") + "\\groß.jpg")));
     for (unsigned n = 0; n < FILES; n++) {
         const std::string sName = "\\Briefe\\Brief " + std::to_string(n);
-        EXPECT_TRUE(SameContent(HostPathOf(old, sDocuments + sName + ".txt"),
-                                HostPathOf(next, KnownFolder(next, "Documents") + sName + (n == 5 ? " (2).txt" : ".txt"))))
+        EXPECT_TRUE(
+            SameContent(HostPathOf(old, sDocuments + sName + ".txt"),
+                        HostPathOf(next, KnownFolder(next, "Documents") + sName + (n == 5 ? " (2).txt" : ".txt"))))
             << n;
     }
 }

@@ -34,7 +34,7 @@ static size_t CountFailed(const MachinePtr &next, const std::string &sItem)
 
 TEST_F(Migration, ServicesPlayItFromTheFirstQuestionToTheSecondAttempt)
 {
-    const bool bHosted = old->plan.eKind == MachineKind::Hosted;
+    const bool bHosted                     = old->plan.eKind == MachineKind::Hosted;
     agentEnvironment["VORN_LINK_DELAY_MS"] = "3"; // a slow line, so that there is something to cancel (hosted machines)
     Profile     profile;
     std::string sError;
@@ -43,7 +43,7 @@ TEST_F(Migration, ServicesPlayItFromTheFirstQuestionToTheSecondAttempt)
     if (HasFatalFailure()) return;
 
     ASSERT_TRUE(TellRoleAndOptions(next, old, 77)) << Happened();
-    auto all = UsualSpecialData();
+    auto all             = UsualSpecialData();
     all.back().bReserved = true;
     for (SpecialData &data : all)
         ASSERT_TRUE(PlaySpecialData(old, next, &data, &sError)) << data.sName << ": " << sError;
@@ -70,10 +70,8 @@ TEST_F(Migration, ServicesPlayItFromTheFirstQuestionToTheSecondAttempt)
     EXPECT_EQ(0U, CountRecords(next, 818));
 
     uint64_t nSame = 0, cbSame = 0;
-    for (const std::string &sFault : CompareProfile(old, next, profile, &nSame, &cbSame))
-        ADD_FAILURE() << sFault;
+    for (const std::string &sFault : CompareProfile(old, next, profile, &nSame, &cbSame)) ADD_FAILURE() << sFault;
     EXPECT_EQ(profile.nFiles, nSame);
-    for (const SpecialData &data : all)
-        EXPECT_EQ("", CompareSpecialData(old, next, data, data.sPlace));
+    for (const SpecialData &data : all) EXPECT_EQ("", CompareSpecialData(old, next, data, data.sPlace));
     EXPECT_EQ("", CompareSpecialData(old, old, all.back(), CacheFolder(old, all.back()))); // reserved: still there
 }

@@ -6,15 +6,13 @@
 
 namespace fs = std::filesystem;
 
-namespace
-{
+namespace {
 
 struct WindowPair {
     const char *pszName, *pszOld, *pszNext;
 };
 
-class SendWindows : public TwoMachines, public ::testing::WithParamInterface<WindowPair>
-{
+class SendWindows : public TwoMachines, public ::testing::WithParamInterface<WindowPair> {
   protected:
     static void SetWindow(const MachinePtr &machine, const char *pszNumber)
     {

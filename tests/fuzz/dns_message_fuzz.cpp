@@ -1,5 +1,5 @@
-// dns_message_fuzz.cpp: a packet of any bytes is read, and when it is whole: written and read again it says the same, and both
-// sides of discovery hear it, at every sender and time, without growing beyond their bounds.
+// dns_message_fuzz.cpp: a packet of any bytes is read, and when it is whole: written and read again it says the same,
+// and both sides of discovery hear it, at every sender and time, without growing beyond their bounds.
 #include "tools/discovery/browser.h"
 #include "tools/discovery/responder.h"
 #include <cstdlib>

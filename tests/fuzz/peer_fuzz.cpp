@@ -18,7 +18,7 @@ static void StartOnce()
 {
     static bool s_bStarted = false;
     if (s_bStarted) return;
-    s_bStarted = true;
+    s_bStarted          = true;
     const std::string s = "/tmp/vorn-peer-fuzz-" + std::to_string(getpid());
     WSADATA           data;
     if (!hosted::UseMachine(s.c_str()) || WSAStartup(0x0202, &data) != 0) std::abort();
@@ -27,13 +27,12 @@ static void StartOnce()
     MakeNetSocketLock();
 }
 
-// A file command whose stream is reached: the first byte's bits choose flag and size, the second is the type, the rest is
-// the stream as it stands.
+// A file command whose stream is reached: the first byte's bits choose flag and size, the second is the type, the rest
+// is the stream as it stands.
 static std::string FileCommand(const uint8_t *pData, size_t cb)
 {
     std::string sWire(FILE_PATH_BYTES, '\0');
-    for (size_t i = 0; i < 8; i++)
-        sWire[2 * i] = "C:\\f.bin"[i];
+    for (size_t i = 0; i < 8; i++) sWire[2 * i] = "C:\\f.bin"[i];
     const uint32_t dwType = pData[1], dwAttributes = 0x80;
     const int64_t  llSize = static_cast<int64_t>(pData[0] >> 2) * 2500;
     sWire.append(reinterpret_cast<const char *>(&dwType), sizeof dwType);
@@ -47,10 +46,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t cb)
 {
     StartOnce();
     sockaddr_in  address = {};
-    int32_t      cbName = sizeof address;
+    int32_t      cbName  = sizeof address;
     const SOCKET hListen = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    address.sin_family = AF_INET;
-    address.sin_addr = 0x0100007F;
+    address.sin_family   = AF_INET;
+    address.sin_addr     = 0x0100007F;
     if (bind(hListen, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || listen(hListen, 1) != 0 ||
         getsockname(hListen, reinterpret_cast<sockaddr *>(&address), &cbName) != 0)
         std::abort();

@@ -14,7 +14,7 @@
 using namespace platform;
 
 class CommandPipeFaults : public MachineTest {
-protected:
+  protected:
     void SetUp() override
     {
         MachineTest::SetUp();
@@ -140,8 +140,8 @@ TEST_F(CommandPipeFaults, EachReadIsTracedWithItsBytesAndItsWholeRecordsAreHandl
         for (IpcMessage &record : aRecords) record = MakeRecord(0x306, 1, 2, 3, u"a", u"b", u"c");
         for (int n = 0; n < c.nForeign; n++) aRecords[n].dwSessionId = 1;
         Write(hPipe, aRecords, c.nBytes);
-        std::vector<std::string> aExpected = {
-            "13 VornTramsaNet: NetLoopThread ReadFile, " + std::to_string(c.nBytes) + " bytes"};
+        std::vector<std::string> aExpected = {"13 VornTramsaNet: NetLoopThread ReadFile, " + std::to_string(c.nBytes) +
+                                              " bytes"};
         for (int n = c.nForeign; n < c.nRecords; n++) {
             aExpected.push_back("27 VornTramsaNet: NetHandleIPC, STOA_, 1, 2, 3, a, b, c");
             aExpected.push_back("10 VornTramsaNet: ## Unhandle IPC");
@@ -208,7 +208,7 @@ TEST_F(CommandPipeFaults, TheStopSignalEndsAReaderWhoseClientStays)
 {
     TraceSession session;
     Serve();
-    const HANDLE hSilent = Connect(), hSpeaker = Connect();
+    const HANDLE     hSilent = Connect(), hSpeaker = Connect();
     const IpcMessage record = MakeRecord(0x306, 1);
     Write(hSpeaker, &record, sizeof(record));
     EXPECT_EQ(1u, TakeLines(&session, 1, "27 ").size());

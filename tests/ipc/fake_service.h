@@ -8,7 +8,7 @@
 #include <vector>
 
 class FakeService {
-public:
+  public:
     FakeService()
     {
         m_hMutex = platform::CreateMutexW(nullptr, platform::FALSE, u"Global\\VornMigrationSrv_NamedPipeMux");
@@ -57,7 +57,7 @@ public:
         return aRecords;
     }
 
-private:
+  private:
     static platform::HANDLE NewInstance()
     {
         using namespace platform;
@@ -73,7 +73,7 @@ private:
 
 // A fixture: a fresh machine, and nothing queued for its service.
 class ServiceTest : public MachineTest {
-protected:
+  protected:
     void SetUp() override
     {
         MachineTest::SetUp();

@@ -17,10 +17,8 @@ TEST_F(ServicePipeFaults, OnlyABusyPipeIsWaitedFor)
         uint32_t    dwWaitError; // 0: the wait succeeds
         int         nWaits, nResult;
     } aCases[] = {
-        {"a pipe but no mutex", "OpenMutexW", 2, 0, 0, 0},
-        {"access denied", "CreateFileW", 5, 0, 0, 0},
-        {"not found", "CreateFileW", 2, 0, 0, 0},
-        {"busy, then free", "CreateFileW", 231, 0, 1, 1},
+        {"a pipe but no mutex", "OpenMutexW", 2, 0, 0, 0}, {"access denied", "CreateFileW", 5, 0, 0, 0},
+        {"not found", "CreateFileW", 2, 0, 0, 0},          {"busy, then free", "CreateFileW", 231, 0, 1, 1},
         {"busy for good", "CreateFileW", 231, 121, 1, 0},
     };
     for (const auto &c : aCases) {

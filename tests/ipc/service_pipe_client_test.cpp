@@ -9,7 +9,7 @@
 using namespace platform;
 
 class ServicePipeClient : public ServiceTest {
-protected:
+  protected:
     static void Queue(uint32_t dwCommand) { CallServiceNamedPipe(dwCommand, 0, 0, 0, nullptr, nullptr, nullptr); }
     static std::vector<uint32_t> Codes(const std::vector<IpcMessage> &aRecords)
     {

@@ -18,7 +18,7 @@
 using namespace platform;
 
 class ServiceRequests : public MachineTest {
-protected:
+  protected:
     void SetUp() override
     {
         MachineTest::SetUp();
@@ -36,27 +36,24 @@ TEST_F(ServiceRequests, AreAcceptedExactlyByCodeAndParameters)
         uint32_t dwCommand, p1, p2, p3;
         bool     bAccepted;
     } aCases[] = {
-        {836, 0, 0, 0, true},      {836, 100, 0, 0, true},    {836, 101, 0, 0, false},   {836, 127, 0, 0, false},
-        {836, 128, 0, 0, true},    {836, 129, 0, 0, false},   {836, FAILED, 0, 0, false},
-        {2080, 0, 0, 0, false},    {2080, 1, 0, 0, true},     {2080, 3, 1, 0, true},     {2080, 4, 0, 0, false},
-        {2336, 1, 0, 0, true},     {2336, 2, 0, 0, false},    {2337, 1, 5, 0, true},     {2337, 0, 5, 0, false},
-        {4384, 1, 9, 9, true},     {4384, 2, 0, 0, false},    {4385, 1, 9, 9, true},     {4385, 0, 0, 0, false},
-        {4896, 1, 9, 9, true},     {4896, 2, 0, 0, false},    {5152, 1, 9, 9, true},     {5152, FAILED, 0, 0, false},
-        {8224, 1, 9, 9, true},     {8224, 2, 0, 0, false},
-        {4400, 1, 0, 0, false},    {4400, 2, 0, 0, true},     {4400, 27, 0, 0, true},    {4400, 28, 0, 0, false},
-        {4401, 1, 0, 0, false},    {4401, 2, 0, 0, true},     {4912, 2, 0, 0, true},     {4912, 3, 0, 0, false},
-        {5168, 2, 0, 0, true},     {5168, FAILED, 0, 0, false},
-        {8480, 1, 0, 7, true},     {8480, 1, 1, 0, false},    {8480, 2, 0, 0, false},
-        {9248, 1, 7, 0, true},     {9248, 1, 7, 1, false},    {9248, 2, 7, 0, false},
-        {8992, 1, 0, 0, false},    {8992, 1, 1, 0, true},     {8992, 1, 11, 0, true},    {8992, 1, 12, 0, false},
-        {8992, 1, 5, 1, false},    {8992, 2, 5, 0, false},
-        {9008, 2, 1, 1, true},     {9008, FAILED, 11, 1, true}, {9008, 2, 0, 1, false},  {9008, 2, 12, 1, false},
-        {9008, 2, 5, 0, false},    {9008, 1, 5, 1, false},
-        {9264, 2, 99, 1, true},    {9264, FAILED, 0, 1, true}, {9264, 2, 0, 0, false},   {9264, 1, 0, 1, false},
-        {12321, 2, 0, 0, false},   {12321, 3, 0, 0, true},    {12321, 4, 0, 0, true},    {12321, 5, 0, 0, false},
-        {545, 2, 0, 0, false},     {4129, 1, 0, 0, false},
-        {816, 1, 0, 0, false},     {818, 102, 0, 0, false},   {8240, 1, 0, 0, false},    {12337, 3, 0, 0, false},
-        {0, 1, 0, 0, false},       {0xFFFFFFFF, 1, 1, 1, false},
+        {836, 0, 0, 0, true},         {836, 100, 0, 0, true},  {836, 101, 0, 0, false},     {836, 127, 0, 0, false},
+        {836, 128, 0, 0, true},       {836, 129, 0, 0, false}, {836, FAILED, 0, 0, false},  {2080, 0, 0, 0, false},
+        {2080, 1, 0, 0, true},        {2080, 3, 1, 0, true},   {2080, 4, 0, 0, false},      {2336, 1, 0, 0, true},
+        {2336, 2, 0, 0, false},       {2337, 1, 5, 0, true},   {2337, 0, 5, 0, false},      {4384, 1, 9, 9, true},
+        {4384, 2, 0, 0, false},       {4385, 1, 9, 9, true},   {4385, 0, 0, 0, false},      {4896, 1, 9, 9, true},
+        {4896, 2, 0, 0, false},       {5152, 1, 9, 9, true},   {5152, FAILED, 0, 0, false}, {8224, 1, 9, 9, true},
+        {8224, 2, 0, 0, false},       {4400, 1, 0, 0, false},  {4400, 2, 0, 0, true},       {4400, 27, 0, 0, true},
+        {4400, 28, 0, 0, false},      {4401, 1, 0, 0, false},  {4401, 2, 0, 0, true},       {4912, 2, 0, 0, true},
+        {4912, 3, 0, 0, false},       {5168, 2, 0, 0, true},   {5168, FAILED, 0, 0, false}, {8480, 1, 0, 7, true},
+        {8480, 1, 1, 0, false},       {8480, 2, 0, 0, false},  {9248, 1, 7, 0, true},       {9248, 1, 7, 1, false},
+        {9248, 2, 7, 0, false},       {8992, 1, 0, 0, false},  {8992, 1, 1, 0, true},       {8992, 1, 11, 0, true},
+        {8992, 1, 12, 0, false},      {8992, 1, 5, 1, false},  {8992, 2, 5, 0, false},      {9008, 2, 1, 1, true},
+        {9008, FAILED, 11, 1, true},  {9008, 2, 0, 1, false},  {9008, 2, 12, 1, false},     {9008, 2, 5, 0, false},
+        {9008, 1, 5, 1, false},       {9264, 2, 99, 1, true},  {9264, FAILED, 0, 1, true},  {9264, 2, 0, 0, false},
+        {9264, 1, 0, 1, false},       {12321, 2, 0, 0, false}, {12321, 3, 0, 0, true},      {12321, 4, 0, 0, true},
+        {12321, 5, 0, 0, false},      {545, 2, 0, 0, false},   {4129, 1, 0, 0, false},      {816, 1, 0, 0, false},
+        {818, 102, 0, 0, false},      {8240, 1, 0, 0, false},  {12337, 3, 0, 0, false},     {0, 1, 0, 0, false},
+        {0xFFFFFFFF, 1, 1, 1, false},
     };
     TraceSession session;
     for (const auto &c : aCases) {

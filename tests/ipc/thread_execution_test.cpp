@@ -8,7 +8,7 @@
 #include <vector>
 
 class ThreadExecution : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { InitThreadExecutionList(); }
     void TearDown() override { DeleteThreadExecutionList(); }
 };

@@ -1,15 +1,15 @@
 // collection_fixture.h: a walk over a collection, and the files round it.
 #pragma once
-#include "migration/collection.h"
 #include "ipc/stop_signal.h"
 #include "ipc/thread_execution.h"
+#include "migration/collection.h"
 #include "migration/record_store.h"
 #include "net/network_link.h"
 #include "platform/files.h"
 #include "tests/migration/fake_peer.h"
 
 class Collection : public MigrationTest {
-protected:
+  protected:
     void SetUp() override
     {
         MigrationTest::SetUp();

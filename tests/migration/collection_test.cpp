@@ -29,7 +29,8 @@ TEST_F(Collection, CancelledItResumesWhereItWasAndSendsNothingTwice)
 {
     MakeFolder(u"A");
     MakeFolder(u"B");
-    for (const char16_t *psz : {u"A\\a.txt", u"B\\1.txt", u"B\\2.txt", u"B\\3.txt", u"y.txt", u"z.txt"}) MakeFile(psz, 5);
+    for (const char16_t *psz : {u"A\\a.txt", u"B\\1.txt", u"B\\2.txt", u"B\\3.txt", u"y.txt", u"z.txt"})
+        MakeFile(psz, 5);
     List({u"A\\", u"B\\", u"y.txt", u"z.txt"});
     Lines aRuns[3];
     for (const char *pszCancelAt : {"B\\2.txt", "y.txt", ""}) {
@@ -125,7 +126,7 @@ TEST_F(Collection, NothingLeftToSendIsCompleteOnlyWithALinkAtTheEnd)
     Walk(); // nothing is left, and nobody is there
     EXPECT_FALSE(IsMarkedComplete());
     EXPECT_TRUE(PathExists(File(COMPLETE_INFO_FILE)));
-    FakePeer Peer;
+    FakePeer             Peer;
     const std::u16string aLists[] = {m_sList, At(u"none.txt"), u"\\\\server\\share\\list.txt", u"\\\\.\\pipe\\list"};
     for (const auto &sList : aLists) { // one that cannot be read leaves nothing to send either
         m_sList = sList;
@@ -144,9 +145,12 @@ TEST_F(Collection, WhatFailedIsAllThatAFurtherRequestSends)
     for (const char16_t *psz : {u"A\\1.txt", u"A\\sub\\bad.txt", u"bad.txt", u"good.txt"}) MakeFile(psz, 5);
     List({u"A\\", u"bad.txt", u"good.txt", u"gone.txt"});
     const std::string sBad   = At8("A\\sub\\bad.txt");
-    const Lines       aAgain = {"file 3 " + sBad + " 5", "record 333 1 1 0 " + sBad,
-                                "file 3 " + At8("bad.txt") + " 5", "record 333 1 1 0 " + At8("bad.txt"),
-                                "record 333 1 1 0 " + At8("gone.txt"), "record 2120 2 0 0 ||"};
+    const Lines       aAgain = {"file 3 " + sBad + " 5",
+                                "record 333 1 1 0 " + sBad,
+                                "file 3 " + At8("bad.txt") + " 5",
+                                "record 333 1 1 0 " + At8("bad.txt"),
+                                "record 333 1 1 0 " + At8("gone.txt"),
+                                "record 2120 2 0 0 ||"};
     size_t            nWhole = 0;
     {
         FakePeer Peer([](uint32_t, const std::string &sPath) {
@@ -202,7 +206,7 @@ TEST_F(Collection, RecordsBelongToThePeerTheyWereMadeWith)
     MakeFile(u"1.txt", 5);
     MakeFile(u"2.txt", 5);
     List({u"1.txt", u"2.txt"});
-    FakePeer Peer([&](uint32_t, const std::string &sPath) {
+    FakePeer   Peer([&](uint32_t, const std::string &sPath) {
         if (sPath == At8("1.txt")) CancelAllThreadExecutions();
         return "FileDone";
     });
@@ -223,8 +227,9 @@ TEST_F(Collection, SecondWalkWaitsForTheFirst)
     MakeFile(u"1.txt", 5);
     MakeFile(u"2.txt", 5);
     List({u"1.txt", u"2.txt"});
-    const HANDLE hAsked = CreateEventW(nullptr, FALSE, FALSE, nullptr), hGo = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    FakePeer     Peer([&](uint32_t, const std::string &) {
+    const HANDLE hAsked = CreateEventW(nullptr, FALSE, FALSE, nullptr),
+                 hGo    = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    FakePeer    Peer([&](uint32_t, const std::string &) {
         SetEvent(hAsked);
         WaitForSingleObject(hGo, 8000);
         return "FileDone";
@@ -244,9 +249,9 @@ TEST_F(Collection, SecondWalkWaitsForTheFirst)
     CloseHandle(hAsked);
     CloseHandle(hGo);
     // One collection after the other. A second that had not waited would have sent its files between the first's.
-    const Lines aOne = {"file 3 " + At8("1.txt") + " 5", "record 333 0 1 0 " + At8("1.txt"),
-                        "file 3 " + At8("2.txt") + " 5", "record 333 0 1 0 " + At8("2.txt"), "record 2120 2 0 0 ||"};
-    Lines aBoth = Taken(&Peer), aTwice = aOne;
+    const Lines aOne  = {"file 3 " + At8("1.txt") + " 5", "record 333 0 1 0 " + At8("1.txt"),
+                         "file 3 " + At8("2.txt") + " 5", "record 333 0 1 0 " + At8("2.txt"), "record 2120 2 0 0 ||"};
+    Lines       aBoth = Taken(&Peer), aTwice = aOne;
     if (aBoth.size() == aOne.size())
         for (const std::string &sLine : Taken(&Peer)) aBoth.push_back(sLine);
     aTwice.insert(aTwice.end(), aOne.begin(), aOne.end());

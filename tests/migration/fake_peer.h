@@ -22,7 +22,7 @@
 #include <utility>
 
 class FakePeer {
-public:
+  public:
     // The words that answer a file or folder: "" answers nothing, "<gone>" ends in order. Called on the peer's thread.
     using Answer = std::function<std::string(uint32_t dwType, const std::string &sPath)>;
     // pAnswer null: always "FileDone". sCutAt: dies when that file's header arrives, with its content unread.
@@ -41,7 +41,7 @@ public:
     // The role as it was before, torn down as a service's disconnect does it.
     void EndRole();
 
-private:
+  private:
     void              Run();
     bool              Receive(void *pBuffer, size_t cb, bool bKeep = true);
     bool              ReceiveSecret(std::vector<uint8_t> *paBytes, uint32_t cb, std::string *psKey);

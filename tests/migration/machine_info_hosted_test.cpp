@@ -22,9 +22,8 @@ using MachineInfoHosted = MigrationTest;
 TEST_F(MachineInfoHosted, OnlyDrivesThatStayAreVolumes)
 {
     hosted::MachinePlan Plan;
-    Plan.aDrives = {{'C', "fixed"}, {'D', "removable"}, {'E', "hotplug"},
-                    {'F', "cdrom"}, {'G', "remote"},    {'M', "fixed"},
-                    {'S', "subst"}, {'U', "usermode"}};
+    Plan.aDrives = {{'C', "fixed"},  {'D', "removable"}, {'E', "hotplug"}, {'F', "cdrom"},
+                    {'G', "remote"}, {'M', "fixed"},     {'S', "subst"},   {'U', "usermode"}};
     UseMachineOf(Plan, "drives");
     StringList List = {};
     GetFixedVolumes(&List);

@@ -36,7 +36,7 @@ inline Paths Texts(StringList *pList)
 }
 
 class MigrationTest : public MachineTest {
-protected:
+  protected:
     void SetUp() override
     {
         MachineTest::SetUp();

@@ -10,7 +10,7 @@ namespace {
 
 // The peer's machine info: another user, Desktop outside the profile, one folder where this machine has it too.
 class PathMapTest : public MigrationTest {
-protected:
+  protected:
     void SetUp() override
     {
         MigrationTest::SetUp();

@@ -8,8 +8,7 @@
 
 using namespace platform;
 
-namespace
-{
+namespace {
 
 constexpr char16_t BASE[] = u"C:\\Users\\old\\";
 
@@ -25,8 +24,7 @@ std::string AsFile(const std::u16string &sText)
 
 } // namespace
 
-class RecordStoreTest : public MigrationTest
-{
+class RecordStoreTest : public MigrationTest {
   protected:
     void SetUp() override
     {
@@ -98,8 +96,8 @@ TEST_F(RecordStoreTest, EveryNameIsFoundAgain)
 TEST_F(RecordStoreTest, ARecordCostsOneWriteHoweverManyThereAre)
 {
     ASSERT_EQ(1, BeginWorkingFolder(u"C:\\Users\\old"));
-    const int nHandles = hosted::OpenHandles();
-    const auto NameOf = [](int i) {
+    const int  nHandles = hosted::OpenHandles();
+    const auto NameOf   = [](int i) {
         const std::string s = std::to_string(i / 10) + "\\N" + std::to_string(i);
         return Item(std::u16string(s.begin(), s.end()));
     };
@@ -124,7 +122,8 @@ TEST_F(RecordStoreTest, ARecordCostsOneWriteHoweverManyThereAre)
     EXPECT_EQ(1, WriteRecordState(BASE, Item(u"499\\after").c_str(), 0));
     CloseRecordStore();
     EXPECT_EQ(nHandles - 1, hosted::OpenHandles());
-    for (const char16_t *psz : {u"7\\n70", u"7\\N70", u"499\\after"}) EXPECT_EQ(1, ReadRecordState(BASE, Item(psz).c_str()));
+    for (const char16_t *psz : {u"7\\n70", u"7\\N70", u"499\\after"})
+        EXPECT_EQ(1, ReadRecordState(BASE, Item(psz).c_str()));
     CloseRecordStore();
     EXPECT_EQ(2u, Profile(u"499\\", u"\"n4999\""));
 }
@@ -173,8 +172,7 @@ TEST_F(RecordStoreTest, DamagedAndForeignFilesKeepWhatTheySay)
 TEST_F(RecordStoreTest, AFullDiskLosesNothingThatWasRecorded)
 {
     ASSERT_EQ(1, BeginWorkingFolder(u"C:\\Users\\old"));
-    for (const char16_t *psz : {u"a\\1", u"b\\1", u"a\\2"})
-        ASSERT_EQ(1, WriteRecordState(BASE, Item(psz).c_str(), 0));
+    for (const char16_t *psz : {u"a\\1", u"b\\1", u"a\\2"}) ASSERT_EQ(1, WriteRecordState(BASE, Item(psz).c_str(), 0));
     hosted::SetDriveLimit('C', 9); // half a line, torn inside a unit
     EXPECT_EQ(0, WriteRecordState(BASE, Item(u"a\\3").c_str(), 0));
     EXPECT_EQ(0, WriteRecordState(BASE, Item(u"a\\4").c_str(), 0));

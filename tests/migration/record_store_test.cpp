@@ -26,7 +26,8 @@ TEST_F(RecordStore, ProfileFunctionsReadWhatWasRecordedInAnyOrderOfFolders)
         EXPECT_EQ(1, WriteRecordState(BASE, (std::u16string(BASE) + c.pszItem).c_str(), c.bFolder));
     CloseRecordStore();
     for (const auto &c : aCases)
-        EXPECT_EQ(c.bFolder ? 2u : 1u, GetPrivateProfileIntW(c.pszSection, c.pszKey, 0, sFile.c_str())) << Utf8(c.pszItem);
+        EXPECT_EQ(c.bFolder ? 2u : 1u, GetPrivateProfileIntW(c.pszSection, c.pszKey, 0, sFile.c_str()))
+            << Utf8(c.pszItem);
     char16_t szFolder[1024];
     GetPrivateProfileStringW(u"WorkingFolder", u"\"Path\"", u"", szFolder, 1024, sFile.c_str());
     EXPECT_EQ(u"C:\\Users\\old", std::u16string(szFolder));

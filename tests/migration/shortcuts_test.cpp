@@ -38,7 +38,7 @@ std::u16string ReadLink(const std::u16string &sFile)
 }
 
 class Shortcuts : public MigrationTest {
-protected:
+  protected:
     void SetUp() override
     {
         MigrationTest::SetUp();

@@ -9,7 +9,7 @@ using namespace platform;
 namespace {
 
 class SpecialFiles : public SpecialTest {
-protected:
+  protected:
     void SetUp() override
     {
         SpecialTest::SetUp();

@@ -12,7 +12,7 @@
 #include "tests/migration/fake_peer.h"
 
 class SpecialTest : public MigrationTest {
-protected:
+  protected:
     void SetUp() override
     {
         MigrationTest::SetUp();

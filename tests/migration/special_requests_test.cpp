@@ -68,7 +68,7 @@ TEST(SpecialThroughput, SmallAmountsCountUpToTenfold)
 }
 
 class SpecialRequests : public SpecialTest {
-protected:
+  protected:
     void SetUp() override
     {
         SpecialTest::SetUp();
@@ -212,7 +212,8 @@ TEST_F(SpecialRequests, CacheGoesUnlessReservedAndSettingsOfApplicationsAreCount
 TEST_F(SpecialRequests, OnlyAFolderBelowProgramDataIsEverRemovedAndNoWholeDriveListed)
 {
     FakePeer             Peer;
-    const std::u16string sElsewhere = TestFolder() + u"\\precious", sProgramData = m_sRoot.substr(0, m_sRoot.find(u"\\VORN"));
+    const std::u16string sElsewhere   = TestFolder() + u"\\precious",
+                         sProgramData = m_sRoot.substr(0, m_sRoot.find(u"\\VORN"));
     ASSERT_TRUE(CreateDirectoryW(sElsewhere.c_str(), nullptr));
     WriteTestFile(sElsewhere + u"\\one", "1");
     ASSERT_EQ(1, BindShell32Functions());

@@ -10,7 +10,7 @@ using namespace platform;
 namespace {
 
 class StateFiles : public MigrationTest {
-protected:
+  protected:
     void ExpectLines(const std::string &sContent, const Paths &aFolders, const Paths &aFiles, const char *pszCase)
     {
         const std::u16string sFile   = TestFolder() + u"\\lines.txt";
@@ -137,15 +137,9 @@ TEST_F(StateFiles, VersionsCompareByTheirParts)
         const char16_t *pszA, *pszB;
         int32_t         nExpected;
     } aCases[] = {
-        {u"1.0.4.0", u"1.0.4.0", 1},
-        {u"1.0.4", u"1.0.4.0", 1},
-        {u"1.0.3.65535", u"1.0.4.0", 0},
-        {u"1.0.10.0", u"1.0.9.9", 1},
-        {u"2", u"1.65535.65535.65535", 1},
-        {u"", u"0.0.0.1", 0},
-        {u"x.9.9.9", u"0.0.0.1", 0},
-        {u"1.0.4.0beta", u"1.0.4.0", 1},
-        {u"1.0.70000.0", u"1.0.5.0", 1},
+        {u"1.0.4.0", u"1.0.4.0", 1},  {u"1.0.4", u"1.0.4.0", 1},         {u"1.0.3.65535", u"1.0.4.0", 0},
+        {u"1.0.10.0", u"1.0.9.9", 1}, {u"2", u"1.65535.65535.65535", 1}, {u"", u"0.0.0.1", 0},
+        {u"x.9.9.9", u"0.0.0.1", 0},  {u"1.0.4.0beta", u"1.0.4.0", 1},   {u"1.0.70000.0", u"1.0.5.0", 1},
     };
     for (const auto &c : aCases) EXPECT_EQ(c.nExpected, CompareVersion(c.pszA, c.pszB)) << "case " << &c - aCases;
 }

@@ -1,6 +1,6 @@
 // Free names beside taken ones.
-#include "migration/unique_name.h"
 #include "migration/folders.h"
+#include "migration/unique_name.h"
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/text.h"

@@ -9,9 +9,8 @@ using namespace platform;
 namespace {
 
 // A server that reads a password from one connection and sends back what it is told to.
-class FakeServer
-{
-public:
+class FakeServer {
+  public:
     explicit FakeServer(const std::string &sAnswer) : m_hListen(ListenOnLoopback(&m_nPort))
     {
         m_thread = std::thread([this, sAnswer] {
@@ -28,7 +27,7 @@ public:
     std::string Port() const { return std::to_string(ntohs(m_nPort)); }
     std::string m_sPassword; // read after the attempt has ended
 
-private:
+  private:
     uint16_t    m_nPort = 0;
     SOCKET      m_hListen;
     Peer        m_peer;
@@ -81,9 +80,9 @@ TEST_F(ClientRole, OneAttemptHasAStatusForEachStep)
             EXPECT_EQ(c.nExpected, ClientInit("127.0.0.1", "secret", server.Port().c_str())) << c.nExpected;
             if (c.nExpected == 0) {
                 EXPECT_EQ(Field("secret"), server.m_sPassword);
-                EXPECT_EQ("127.0.0.1 " + server.Port() + " secret",
-                          Setting("LastClient", "ServerIP") + ' ' + Setting("LastClient", "Port") + ' ' +
-                              Setting("LastClient", "PW"));
+                EXPECT_EQ("127.0.0.1 " + server.Port() + " secret", Setting("LastClient", "ServerIP") + ' ' +
+                                                                        Setting("LastClient", "Port") + ' ' +
+                                                                        Setting("LastClient", "PW"));
             }
             EndLink();
         }

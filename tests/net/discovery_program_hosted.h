@@ -11,9 +11,8 @@
 #include <fstream>
 #include <sstream>
 
-class DiscoveryProgram
-{
-public:
+class DiscoveryProgram {
+  public:
     // sFound: the lines of the section ServerEnum that a run in client mode adds to Socket.dat. GetConfigPath has run.
     explicit DiscoveryProgram(const std::string &sFound = "")
     {
@@ -37,7 +36,7 @@ public:
         return n;
     }
 
-private:
+  private:
     static std::string HostFile(const char *pszPath)
     {
         char16_t szWide[260];

@@ -8,9 +8,8 @@ using namespace platform;
 
 namespace {
 
-class LinkWindow : public NetTest
-{
-protected:
+class LinkWindow : public NetTest {
+  protected:
     static void SetOwn(const char *pszNumber)
     {
         WritePrivateProfileStringA("Link", "SendWindow", pszNumber, g_szConfigPath);
@@ -43,10 +42,11 @@ TEST_F(LinkWindow, HoldsWhenBothInfosHaveCrossedForTheLowerNumber)
     static const struct {
         const char *pszOwn, *pszPeer;
         uint32_t    nWindow;
-    } aCases[] = {{"64", "\"64\"", 64},   {"8", "\"64\"", 8},   {"64", "\"3\"", 3},     {"1", "\"64\"", 1},
-                  {"64", "", 1},          {"64", "\"1\"", 1},   {"64", "\"0\"", 1},     {"64", "\"99999999\"", 64},
-                  {"99999", "\"64\"", 64}, {"-5", "\"64\"", 1}, {"64", "\"-2147483648\"", 1}, {"64", "\"x\"", 1},
-                  {"", "\"64\"", 64}};
+    } aCases[] = {
+        {"64", "\"64\"", 64},    {"8", "\"64\"", 8},  {"64", "\"3\"", 3},           {"1", "\"64\"", 1},
+        {"64", "", 1},           {"64", "\"1\"", 1},  {"64", "\"0\"", 1},           {"64", "\"99999999\"", 64},
+        {"99999", "\"64\"", 64}, {"-5", "\"64\"", 1}, {"64", "\"-2147483648\"", 1}, {"64", "\"x\"", 1},
+        {"", "\"64\"", 64}};
     for (const auto &c : aCases) {
         for (const bool bFirst : {true, false}) { // as the server, whose info goes second, and as the client
             Peer peer = OpenServedLink();
@@ -69,7 +69,8 @@ TEST_F(LinkWindow, HoldsWhenBothInfosHaveCrossedForTheLowerNumber)
     WriteLocalInfo(&g_Session);
     char16_t szFile[MAX_PATH], szValue[8];
     GetProgressFile(LOCAL_INFO_FILE, szFile);
-    EXPECT_EQ(0u, GetPrivateProfileStringW(u"Link", nullptr, u"", szValue, 8, szFile)) << "switched off: not a word of it";
+    EXPECT_EQ(0u, GetPrivateProfileStringW(u"Link", nullptr, u"", szValue, 8, szFile))
+        << "switched off: not a word of it";
 }
 
 TEST_F(LinkWindow, EveryFileIsClosedByOneWordAndWithoutAWindowAsEver)

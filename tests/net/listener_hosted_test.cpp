@@ -11,13 +11,12 @@ TEST_F(Listener, WordsSetTheirFlagsWhateverTheirCase)
         const char           *pszWord;
         std::atomic<uint8_t> *pFlag;
     } aCases[] = {
-        {"FileDone", &g_bRemoteFileDone},         {"filedone", &g_bRemoteFileDone},
-        {"FileError", &g_bRemoteFileError},       {"FileErrDF", &g_bRemoteFileFull},
-        {"FILEERRDF", &g_bRemoteFileFull},        {"TypeWrong", &g_bRemoteFileTypeUnknown},
+        {"FileDone", &g_bRemoteFileDone},  {"filedone", &g_bRemoteFileDone},  {"FileError", &g_bRemoteFileError},
+        {"FileErrDF", &g_bRemoteFileFull}, {"FILEERRDF", &g_bRemoteFileFull}, {"TypeWrong", &g_bRemoteFileTypeUnknown},
     };
     std::atomic<uint8_t> *const aFlags[] = {&g_bRemoteFileDone, &g_bRemoteFileError, &g_bRemoteFileFull,
                                             &g_bRemoteFileAllFull, &g_bRemoteFileTypeUnknown};
-    Peer peer = OpenServedLink();
+    Peer                        peer     = OpenServedLink();
     for (const auto &c : aCases) {
         for (auto *p : aFlags) *p = 0;
         WaitForSingleObject(GetFileOutcomeEvent(), 0);
@@ -37,7 +36,7 @@ TEST_F(Listener, ASilentLineIsTestedAfterFiveTimeOutsThenEveryFour)
     hosted::SetSocketTimeout(150);
     DebugLog log;
     Peer     peer = OpenServedLink();
-    peer.Send("half"); // lost with its time-out
+    peer.Send("half");                                       // lost with its time-out
     for (const char *pszAnswer : {"ACKALIVE", "FileDone"}) { // a command sent at the same moment counts as one
         EXPECT_EQ(Field("KeepAlive"), peer.Receive(10));
         peer.Send(Field(pszAnswer));
@@ -72,7 +71,11 @@ TEST_F(Listener, ABrokenLinkIsReportedOnceAndReleased)
         const char *pszHow;
         void (*pBreak)(Peer &peer);
     } aCases[] = {
-        {"reset", [](Peer &peer) { hosted::FailCall("recv", 1, WSAECONNRESET); peer.Send(Field("")); }},
+        {"reset",
+         [](Peer &peer) {
+             hosted::FailCall("recv", 1, WSAECONNRESET);
+             peer.Send(Field(""));
+         }},
         {"orderly close", [](Peer &peer) { peer.Close(); }},
         {"no answer to the probe", [](Peer &) { hosted::SetSocketTimeout(10); }},
     };

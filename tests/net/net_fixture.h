@@ -8,10 +8,10 @@
 #include "migration/state_files.h"
 #include "net/client_role.h"
 #include "net/command_channel.h"
-#include "net/listener.h"
 #include "net/file_afterwork.h"
-#include "net/role_end.h"
 #include "net/link_window.h"
+#include "net/listener.h"
+#include "net/role_end.h"
 #include "net/role_start.h"
 #include "net/server_role.h"
 #include "net/session_control.h"
@@ -58,9 +58,8 @@ inline std::string FileCommand(const std::u16string &sPath, uint32_t dwType, con
 }
 
 // The other end of a connection.
-class Peer
-{
-public:
+class Peer {
+  public:
     explicit Peer(platform::SOCKET h = platform::INVALID_SOCKET) : m_pSocket(new platform::SOCKET(h), CloseAndFree) {}
     static Peer Connect(uint16_t nPortHostOrder)
     {
@@ -97,7 +96,7 @@ public:
     void             Close() { LinkPair::Close(m_pSocket.get()); }
     platform::SOCKET Socket() const { return *m_pSocket; }
 
-private:
+  private:
     static void CloseAndFree(platform::SOCKET *ph)
     {
         LinkPair::Close(ph);
@@ -106,9 +105,8 @@ private:
     std::shared_ptr<platform::SOCKET> m_pSocket;
 };
 
-class NetTest : public ::testing::Test
-{
-protected:
+class NetTest : public ::testing::Test {
+  protected:
     void SetUp() override
     {
         FreshMachine();

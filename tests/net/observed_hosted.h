@@ -20,9 +20,8 @@ inline testing::AssertionResult IsOpenAsBefore(const Open &before)
 }
 
 // The debugger output from here on, switched on for the life of the object.
-class DebugLog
-{
-public:
+class DebugLog {
+  public:
     DebugLog()
     {
         hosted::KeepDebugOutput(true);
@@ -47,6 +46,6 @@ public:
     }
     bool Has(const std::string &s) { return Text().find(s) != m_sText.npos; }
 
-private:
+  private:
     std::string m_sText;
 };

@@ -1,11 +1,10 @@
-// Requests that overlap, as people make them when a link does not come up at once: what an older one still has under way
-// leaves the newer one's search, link, PIN and announcement alone.
+// Requests that overlap, as people make them when a link does not come up at once: what an older one still has under
+// way leaves the newer one's search, link, PIN and announcement alone.
 #include "net/client_discovery.h"
 #include "tests/net/session_fixture.h"
 
-class OverlappingRequests : public SessionControl
-{
-protected:
+class OverlappingRequests : public SessionControl {
+  protected:
     // A search that waits for a mute server's answer.
     static void BeginHangingSearch(AdmittingServer &mute)
     {
@@ -125,9 +124,9 @@ TEST_F(OverlappingRequests, PinsAreToldInTheOrderInWhichTheyCount)
 TEST_F(OverlappingRequests, AConnectThatHangsIsCancelledAtOnce)
 {
     // A queue of one that is full: what else connects hears nothing.
-    uint16_t              nPort   = 0;
-    const SOCKET          hListen = ListenOnLoopback(&nPort);
-    std::vector<SOCKET>   aFill;
+    uint16_t            nPort   = 0;
+    const SOCKET        hListen = ListenOnLoopback(&nPort);
+    std::vector<SOCKET> aFill;
     EXPECT_EQ(0, listen(hListen, 0));
     std::vector<std::thread> aThreads;
     for (int i = 0; i < 4; i++) {
@@ -187,7 +186,8 @@ TEST_F(OverlappingRequests, AStoredPortThatCannotBeBoundIsNoReasonToFail)
         if (nFailing == 1) {
             EXPECT_TRUE(Eventually([] { return hosted::CallCount("bind") == 2 || g_bServer == 0; }));
             EXPECT_TRUE(Eventually([&] {
-                return hosted::CallCount("accept") == 1 || status.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+                return hosted::CallCount("accept") == 1 ||
+                       status.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
             }));
             EXPECT_NE("50123", Setting("ServerMDNS", "Port"));
             ServerUninit();

@@ -7,9 +7,8 @@ using namespace platform;
 
 namespace {
 
-class ReceiveAgain : public NetTest
-{
-protected:
+class ReceiveAgain : public NetTest {
+  protected:
     void SetUp() override
     {
         NetTest::SetUp();
@@ -24,9 +23,9 @@ protected:
     void Link(const std::u16string &sComputer)
     {
         EndLink();
-        m_peer                     = OpenServedLink();
-        const std::u16string sInfo = u"\xFEFF[SourceMachine]\r\n\"ComputerName\"=\"" + sComputer +
-                                     u"\"\r\n\"CurrentUser\"=\"S-1-5-21-7\"\r\n";
+        m_peer = OpenServedLink();
+        const std::u16string sInfo =
+            u"\xFEFF[SourceMachine]\r\n\"ComputerName\"=\"" + sComputer + u"\"\r\n\"CurrentUser\"=\"S-1-5-21-7\"\r\n";
         const std::string sBytes(reinterpret_cast<const char *>(sInfo.data()), sInfo.size() * 2);
         EXPECT_EQ("FileDone", Answer(u"C:\\localinfo.ini", 10, sComputer.empty() ? "\xFF\xFE" : sBytes));
     }
@@ -94,13 +93,13 @@ TEST_F(ReceiveAgain, KnownAfterAnInterruptionAndNotOtherwise)
         {"", u"a.txt", "one", "a (2).txt=one|a.txt=one|"},
         {"", u"a.txt", "one", "a (2).txt=one|a (3).txt=one|a.txt=one|"}, // each of the two has come again already
         {"delete", u"b.txt", "two", "b.txt=two|"},
-        {"cut", u"b.txt", "TWO", "b (2).txt=TWO|b.txt=two|"},    // changed at its source, or another source
+        {"cut", u"b.txt", "TWO", "b (2).txt=TWO|b.txt=two|"},               // changed at its source, or another source
         {"cut", u"B.txt", "two", "b (2).txt=TWO|B (3).txt=two|b.txt=two|"}, // another file of a folder that knows case
         {"edit", u"b.txt", "two", "b (2).txt=TWO|B (3).txt=two|b (4).txt=two|b.txt=my|"},
         {"delete", u"c.txt", "", "c.txt=|"},
         {"cut", u"c.txt", "", "c.txt=|"},
-        {"failed", u"c.txt", "", "c.txt=|"},                 // a request of this link ended, this is its successor
-        {"peer", u"c.txt", "", "c (2).txt=|c.txt=|"},        // another machine's
+        {"failed", u"c.txt", "", "c.txt=|"},          // a request of this link ended, this is its successor
+        {"peer", u"c.txt", "", "c (2).txt=|c.txt=|"}, // another machine's
         {"delete", u"d.txt", "four", "d.txt=four|"},
         {"done", u"d.txt", "four", "d (2).txt=four|d.txt=four|"}, // asked for again by somebody who has all of it
         {"cut", u"d.txt", "four", "d (2).txt=four|d.txt=four|"},

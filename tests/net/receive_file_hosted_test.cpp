@@ -7,9 +7,8 @@ using namespace platform;
 
 namespace {
 
-class ReceiveFile : public NetTest
-{
-protected:
+class ReceiveFile : public NetTest {
+  protected:
     void SetUp() override
     {
         NetTest::SetUp();
@@ -29,7 +28,7 @@ protected:
         m_peer.Send(Field("KeepAlive"));
         EXPECT_EQ(Field("AckAlive"), m_peer.Receive(10));
     }
-    std::string Stored(const char16_t *pszName) { return ReadTestFile(m_sFolder + pszName); }
+    std::string           Stored(const char16_t *pszName) { return ReadTestFile(m_sFolder + pszName); }
     static std::u16string ProgressFile(const char16_t *pszName)
     {
         char16_t szFile[MAX_PATH];
@@ -114,11 +113,23 @@ TEST_F(ReceiveFile, UnknownTypesTouchNothingAndKeepTheStreamInStep)
 
 TEST_F(ReceiveFile, PathsThatAreNoPlaceHereAreAnsweredWithAnError)
 {
-    static const char16_t *const aPaths[] = {u"",       u"name",  u"..\\up\\name",    u"\\root",
-                                             u"C:name", u"1:\\x", u"Q:\\no drive\\x", u"\\\\?\\x",
-                                             u"C:\\NUL", u"C:\\Users\\nul.tar.gz", u"C:\\Users\\Com1 .txt",
-                                             u"C:\\Users\\aux\\f.txt", u"\\\\?\\C:\\lpt\u00B2", u"C:\\CONIN$",
-                                             u"C:\\Users\\f.txt:s", u"C:\\Users\\f.txt::$DATA", u"C:\\Users/PRN"};
+    static const char16_t *const aPaths[] = {u"",
+                                             u"name",
+                                             u"..\\up\\name",
+                                             u"\\root",
+                                             u"C:name",
+                                             u"1:\\x",
+                                             u"Q:\\no drive\\x",
+                                             u"\\\\?\\x",
+                                             u"C:\\NUL",
+                                             u"C:\\Users\\nul.tar.gz",
+                                             u"C:\\Users\\Com1 .txt",
+                                             u"C:\\Users\\aux\\f.txt",
+                                             u"\\\\?\\C:\\lpt\u00B2",
+                                             u"C:\\CONIN$",
+                                             u"C:\\Users\\f.txt:s",
+                                             u"C:\\Users\\f.txt::$DATA",
+                                             u"C:\\Users/PRN"};
     for (const char16_t *const &pszPath : aPaths)
         for (const uint32_t dwType : {0u, 3u}) {
             EXPECT_EQ("FileError", Answer(pszPath, dwType, "content")) << "path " << &pszPath - aPaths;

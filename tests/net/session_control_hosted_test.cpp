@@ -8,7 +8,7 @@ using namespace platform;
 TEST_F(SessionControl, APinStartsTheServerAndAPeerCompletesTheSession)
 {
     hosted::SetClockRate(5);
-    TraceSession trace;
+    TraceSession      trace;
     const std::string sPin = RequestPin();
     EXPECT_LE(sPin.size(), 6u);
     Peer peer = JoinAsClient(NextListeningPort(), sPin);
@@ -35,7 +35,7 @@ TEST_F(SessionControl, APinStartsTheServerAndAPeerCompletesTheSession)
 TEST_F(SessionControl, APinThatComesWhileAPeerConnectsDoesNotCountYet)
 {
     hosted::SetClockRate(5);
-    DebugLog log;
+    DebugLog          log;
     const std::string sFirst   = RequestPin();
     const uint16_t    nPort    = NextListeningPort();
     Peer              stranger = Peer::Connect(nPort);
@@ -87,7 +87,7 @@ TEST_F(SessionControl, APeerWithoutMachineInfoIsTurnedAway)
             char16_t szName[260];
             return SetNetworkServerClient(&g_Session, 1, 1, "12", szName, 260);
         });
-        Peer peer = JoinAsClient(NextListeningPort(), "12", false);
+        Peer                 peer     = JoinAsClient(NextListeningPort(), "12", false);
         if (bStop) SetEvent(g_hAppEvent);
         TakeMachineInfo(peer); // it follows the server's wait, however that ended
         EXPECT_EQ(-1, status.get());

@@ -4,7 +4,6 @@
 #include "tests/net/observed_hosted.h"
 #include "tests/trace/trace_session_hosted.h"
 
-
 using namespace platform;
 
 inline constexpr char16_t PEER_INFO[] =
@@ -39,9 +38,8 @@ inline Peer JoinAsClient(uint16_t nPort, const std::string &sPin, bool bInfo = t
     return peer;
 }
 
-class SessionControl : public NetTest
-{
-protected:
+class SessionControl : public NetTest {
+  protected:
     void SetUp() override
     {
         NetTest::SetUp();
@@ -73,9 +71,8 @@ protected:
 
 // A server that lets everybody in: it answers each password, and exchanges machine info with whom it admits. A mute one
 // reads the password and says nothing.
-class AdmittingServer
-{
-public:
+class AdmittingServer {
+  public:
     explicit AdmittingServer(bool bMute = false) : m_hListen(ListenOnLoopback(&m_nPort))
     {
         m_thread = std::thread([this, bMute] {
@@ -113,7 +110,7 @@ public:
         return m_aPeers.empty() ? Peer() : m_aPeers.back();
     }
 
-private:
+  private:
     uint16_t          m_nPort = 0;
     SOCKET            m_hListen;
     std::mutex        m_mutex;

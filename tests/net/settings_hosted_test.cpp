@@ -13,8 +13,7 @@ TEST_F(Settings, TheFirstStartMakesTheFolderAndAFileThatHoldsOnlyInit)
     EXPECT_FALSE(PathExists(u"C:\\Common"));
     GetConfigPath();
     EXPECT_STREQ("C:\\Common\\Data\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat", g_szConfigPath);
-    EXPECT_EQ("[Init]\r\nInit=\r\n",
-              ReadTestFile(u"C:\\Common\\Data\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat"));
+    EXPECT_EQ("[Init]\r\nInit=\r\n", ReadTestFile(u"C:\\Common\\Data\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat"));
     WriteSetting("LastServer", "Port", "12345678901");
     GetConfigPath(); // a file that is there stays
     char szPort[PORT_BYTES];

@@ -15,10 +15,17 @@ TEST_F(HostedCipher, OnlyAWholeBlobIsAKey)
         size_t               cb;
         bool                 bGood;
     } aCases[] = {
-        {{16, 0, 0, 0}, 20, true},  {{32, 0, 0, 0}, 36, false},         {{}, 0, false},
-        {{16, 0, 0}, 3, false},     {{0, 0, 0, 0}, 4, false},           {{16, 0, 0, 0}, 19, false},
-        {{16, 0, 0, 0}, 21, false}, {{15, 0, 0, 0}, 19, false},         {{0xFF, 0xFF, 0xFF, 0xFF}, 20, false},
-        {{64, 0, 0, 0}, 68, false}, {{0xFC, 0xFF, 0xFF, 0xFF}, 0, false},
+        {{16, 0, 0, 0}, 20, true},
+        {{32, 0, 0, 0}, 36, false},
+        {{}, 0, false},
+        {{16, 0, 0}, 3, false},
+        {{0, 0, 0, 0}, 4, false},
+        {{16, 0, 0, 0}, 19, false},
+        {{16, 0, 0, 0}, 21, false},
+        {{15, 0, 0, 0}, 19, false},
+        {{0xFF, 0xFF, 0xFF, 0xFF}, 20, false},
+        {{64, 0, 0, 0}, 68, false},
+        {{0xFC, 0xFF, 0xFF, 0xFF}, 0, false},
     };
     BCRYPT_ALG_HANDLE hAlgorithm = nullptr;
     ASSERT_EQ(STATUS_SUCCESS, BCryptOpenAlgorithmProvider(&hAlgorithm, BCRYPT_AES_ALGORITHM, nullptr, 0));

@@ -53,7 +53,7 @@ struct CipherKey {
 
     Bytes Blob() const
     {
-        uint32_t cb = 0;
+        uint32_t       cb    = 0;
         const NTSTATUS nSize = BCryptExportKey(hKey, nullptr, BCRYPT_OPAQUE_KEY_BLOB, nullptr, 0, &cb, 0);
         EXPECT_TRUE(nSize == STATUS_SUCCESS || nSize == STATUS_BUFFER_TOO_SMALL);
         Bytes aBlob(cb);
@@ -63,8 +63,8 @@ struct CipherKey {
     // The size query and the real call; the result is empty when the real call fails, and the status is kept.
     Bytes Run(decltype(&BCryptEncrypt) pfn, Bytes aInput, Bytes *paIV)
     {
-        uint32_t   cb      = 0;
-        const auto cbInput = static_cast<uint32_t>(aInput.size());
+        uint32_t    cb      = 0;
+        const auto  cbInput = static_cast<uint32_t>(aInput.size());
         const Bytes aBefore = *paIV;
         aInput.reserve(1); // a pointer also for no bytes
         EXPECT_EQ(STATUS_SUCCESS,
@@ -117,5 +117,6 @@ TEST_F(Cipher, ForeignOrDamagedTextFails)
     uint32_t cb = 0;
     aIV         = g_aIV;
     EXPECT_NE(STATUS_SUCCESS, BCryptDecrypt(key.hKey, aText.data(), 17, nullptr, aIV.data(), 16, aText.data(), 112, &cb,
-                                            BCRYPT_BLOCK_PADDING)) << "no whole blocks";
+                                            BCRYPT_BLOCK_PADDING))
+        << "no whole blocks";
 }

@@ -13,7 +13,7 @@ namespace {
 constexpr uint32_t LOOPBACK = 0x0100007F, GROUP = 0x4D0000EF; // 127.0.0.1, 239.0.0.77
 
 class Datagrams : public MachineTest {
-protected:
+  protected:
     WinsockStarted m_Winsock;
 };
 
@@ -36,7 +36,8 @@ SOCKET Bound(uint16_t *pnPort, bool bShared)
 int32_t SendTo(SOCKET s, uint32_t dwAddress, uint16_t nPort, const std::string &sBytes)
 {
     const sockaddr_in to = {AF_INET, nPort, dwAddress, {}};
-    return sendto(s, sBytes.data(), static_cast<int32_t>(sBytes.size()), 0, reinterpret_cast<const sockaddr *>(&to), sizeof to);
+    return sendto(s, sBytes.data(), static_cast<int32_t>(sBytes.size()), 0, reinterpret_cast<const sockaddr *>(&to),
+                  sizeof to);
 }
 
 // What arrives within a second; "" when nothing does.

@@ -14,9 +14,9 @@ namespace {
 uint32_t SystemText(uint32_t dwCode, std::u16string *psText)
 {
     char16_t      *pszText = nullptr;
-    const uint32_t cch     = FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS |
-                                                FORMAT_MESSAGE_FROM_SYSTEM,
-                                            nullptr, dwCode, 0x400, &pszText, 0, nullptr);
+    const uint32_t cch =
+        FormatMessageW(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_FROM_SYSTEM,
+                       nullptr, dwCode, 0x400, &pszText, 0, nullptr);
     if (cch != 0) psText->assign(pszText);
     LocalFree(pszText);
     return cch;

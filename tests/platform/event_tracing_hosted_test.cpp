@@ -65,7 +65,7 @@ std::vector<std::string> Lines(const std::string &sFile)
 }
 
 class EventTracing : public MachineTest {
-protected:
+  protected:
     void SetUp() override
     {
         MachineTest::SetUp();
@@ -73,7 +73,7 @@ protected:
         SetTraceMessageFormats(g_aFormats, std::size(g_aFormats));
     }
     std::vector<std::string> Log() const { return Lines(hosted::TraceLogFile(m_sMachine.c_str(), "test")); }
-    bool Start(uint8_t nLevel, uint32_t dwFlags) const
+    bool                     Start(uint8_t nLevel, uint32_t dwFlags) const
     {
         return hosted::StartTraceSession(m_sMachine.c_str(), "test", nLevel, dwFlags);
     }

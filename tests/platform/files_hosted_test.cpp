@@ -31,7 +31,10 @@ void Plant(const std::string &sHost, const std::string &sContent)
     std::ofstream(sHost, std::ios::binary) << sContent;
 }
 
-uint32_t ErrorOf(bool bFailed) { return bFailed ? GetLastError() : 0; }
+uint32_t ErrorOf(bool bFailed)
+{
+    return bFailed ? GetLastError() : 0;
+}
 
 constexpr int NAMES = 200;
 
@@ -122,7 +125,8 @@ TEST_F(HostedFiles, FoldersThatOthersPutInEachOthersPlaceAreNotMistaken)
         EXPECT_EQ("Third", ReadTestFile(sIn + u"\\third"));
         close(nFd);
         for (const char *psz : {"/gone/in/First", "/up/in/Third"}) unlink((sHost + psz).c_str());
-        for (const char *psz : {"/gone/in", "/gone", "/up/in", "/up"}) ASSERT_EQ(0, rmdir((sHost + psz).c_str())) << psz;
+        for (const char *psz : {"/gone/in", "/gone", "/up/in", "/up"})
+            ASSERT_EQ(0, rmdir((sHost + psz).c_str())) << psz;
         EXPECT_EQ(ERROR_PATH_NOT_FOUND, missing(u"\\third"));
     }
     make("/real", "Here");
@@ -181,7 +185,7 @@ TEST_F(HostedFiles, ReadOnlyHiddenAndSystemFilesRefuse)
 {
     const std::u16string sFile = TestFolder() + u"\\f";
     const auto           open  = [&](uint32_t dwAccess, uint32_t dwDisposition, uint32_t dwFlags) {
-        const HANDLE   hFile   = CreateFileW(sFile.c_str(), dwAccess, 7, nullptr, dwDisposition, dwFlags, nullptr);
+        const HANDLE   hFile = CreateFileW(sFile.c_str(), dwAccess, 7, nullptr, dwDisposition, dwFlags, nullptr);
         const uint32_t dwError = ErrorOf(hFile == INVALID_HANDLE_VALUE);
         if (dwError == 0) CloseHandle(hFile);
         return dwError;

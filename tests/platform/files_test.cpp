@@ -156,7 +156,7 @@ TEST_F(Files, PositionsSizesAndRightsOfAHandle)
     EXPECT_FALSE(ReadFile(hFile, sz, 1, &cb, nullptr));
     EXPECT_EQ(ERROR_INVALID_HANDLE, GetLastError());
 
-    hFile = Open(sFile, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
+    hFile         = Open(sFile, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
     HANDLE hOther = Open(sFile, FILE_APPEND_DATA, FILE_SHARE_READ | FILE_SHARE_WRITE, OPEN_EXISTING);
     for (const HANDLE h : {hFile, hOther, hFile}) EXPECT_TRUE(WriteFile(h, "+", 1, &cb, nullptr));
     CloseHandle(hFile);

@@ -1,5 +1,5 @@
-// hosted_machine_tool_hosted_test.cpp: the tool that makes and checks machine folders. (What a machine's drives, folders
-// and names become: machine_info_hosted_test.cpp; its registry: settings_hosted_test.cpp.)
+// hosted_machine_tool_hosted_test.cpp: the tool that makes and checks machine folders. (What a machine's drives,
+// folders and names become: machine_info_hosted_test.cpp; its registry: settings_hosted_test.cpp.)
 #include "platform/hosted/control.h"
 #include "tests/support/test_machine.h"
 #include <cstdlib>

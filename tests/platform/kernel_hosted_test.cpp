@@ -12,8 +12,7 @@ namespace {
 
 constexpr uint32_t LONG_WAIT_MS = 60000; // never reached when all is well
 
-class KernelHosted : public MachineTest {
-};
+class KernelHosted : public MachineTest {};
 
 // Holds a mutex, an event, a pipe and a signalled "ready" event until it is killed.
 const ChildRole g_HoldRole("hold names", [](const std::string &) {
@@ -31,8 +30,7 @@ const ChildRole g_TakeRole("take items", [](const std::string &) {
                                OpenEventW(SYNCHRONIZE, FALSE, u"VORN item")};
     const HANDLE hTaken     = OpenEventW(EVENT_MODIFY_STATE, FALSE, u"VORN taken");
     int          nTaken     = 0;
-    for (; WaitForMultipleObjects(2, ahWaits, FALSE, LONG_WAIT_MS) == WAIT_OBJECT_0 + 1; nTaken++)
-        SetEvent(hTaken);
+    for (; WaitForMultipleObjects(2, ahWaits, FALSE, LONG_WAIT_MS) == WAIT_OBJECT_0 + 1; nTaken++) SetEvent(hTaken);
     return nTaken;
 });
 

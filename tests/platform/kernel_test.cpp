@@ -1,6 +1,6 @@
 // kernel_test.cpp: what programs rely on of events, mutexes, threads, waits and critical sections.
-#include "platform/kernel.h"
 #include "platform/errors.h"
+#include "platform/kernel.h"
 #include "tests/support/test_machine.h"
 #include <atomic>
 #include <thread>
@@ -12,8 +12,7 @@ namespace {
 
 constexpr uint32_t LONG_WAIT_MS = 20000; // never reached when all is well
 
-class Kernel : public MachineTest {
-};
+class Kernel : public MachineTest {};
 
 } // namespace
 

@@ -54,8 +54,14 @@ TEST(PathText, NarrowRemoveFileSpecKeepsTheRoot)
         const char *pszPath, *pszExpected;
         BOOL        bExpected;
     } aCases[] = {
-        {"C:\\Program Files\\x.exe", "C:\\Program Files", TRUE}, {"C:\\x.exe", "C:\\", TRUE}, {"C:\\", "C:\\", FALSE},
-        {"x.exe", "", TRUE}, {"", "", FALSE}, {"\\\\s\\h", "\\\\s", TRUE}, {"\\\\", "\\\\", FALSE}, {"C:x", "C:", TRUE},
+        {"C:\\Program Files\\x.exe", "C:\\Program Files", TRUE},
+        {"C:\\x.exe", "C:\\", TRUE},
+        {"C:\\", "C:\\", FALSE},
+        {"x.exe", "", TRUE},
+        {"", "", FALSE},
+        {"\\\\s\\h", "\\\\s", TRUE},
+        {"\\\\", "\\\\", FALSE},
+        {"C:x", "C:", TRUE},
         {"a/b", "", TRUE},
     };
     for (const auto &c : aCases) {
@@ -84,10 +90,18 @@ TEST(PathText, FindsNamesAndExtensions)
     const struct {
         const char16_t *pszPath, *pszName, *pszExtension;
     } aCases[] = {
-        {u"C:\\a\\b.txt", u"b.txt", u".txt"}, {u"C:\\a\\", u"a\\", u""},         {u"a/b.c", u"b.c", u".c"},
-        {u"C:b.lnk", u"b.lnk", u".lnk"},      {u"b", u"b", u""},                 {u"C:\\a.b\\c", u"c", u""},
-        {u"C:\\a.tar.gz", u"a.tar.gz", u".gz"}, {u"C:\\a.b c", u"a.b c", u""},   {u".x", u".x", u".x"},
-        {u"C:\\", u"C:\\", u""},              {u"", u"", u""},                   {u"a.", u"a.", u"."},
+        {u"C:\\a\\b.txt", u"b.txt", u".txt"},
+        {u"C:\\a\\", u"a\\", u""},
+        {u"a/b.c", u"b.c", u".c"},
+        {u"C:b.lnk", u"b.lnk", u".lnk"},
+        {u"b", u"b", u""},
+        {u"C:\\a.b\\c", u"c", u""},
+        {u"C:\\a.tar.gz", u"a.tar.gz", u".gz"},
+        {u"C:\\a.b c", u"a.b c", u""},
+        {u".x", u".x", u".x"},
+        {u"C:\\", u"C:\\", u""},
+        {u"", u"", u""},
+        {u"a.", u"a.", u"."},
     };
     for (const auto &c : aCases) {
         EXPECT_EQ(std::u16string(c.pszName), PathFindFileNameW(c.pszPath));

@@ -1,7 +1,7 @@
 // pipes_test.cpp: what the two ends of a named pipe see of each other. (A full buffer: lifecycle_hosted_test.cpp; many
 // records at once: command_pipe_server_hosted_test.cpp.)
-#include "platform/pipes.h"
 #include "platform/errors.h"
+#include "platform/pipes.h"
 #include "tests/support/test_machine.h"
 
 using namespace platform;
@@ -23,8 +23,8 @@ HANDLE NewInstance()
 
 HANDLE OpenClient(const char16_t *pszName = PIPE_NAME, uint32_t dwAccess = GENERIC_WRITE)
 {
-    return CreateFileW(pszName, dwAccess, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
-                       nullptr);
+    return CreateFileW(pszName, dwAccess, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                       FILE_ATTRIBUTE_NORMAL, nullptr);
 }
 
 // An overlapped ConnectNamedPipe with its event.
@@ -161,9 +161,8 @@ TEST_F(Pipes, WaitEndsWhenAnInstanceBecomesFree)
     Connecting   connecting;
     EXPECT_EQ(535u, connecting.Start(hServer));
     const HANDLE hThread = CreateThread(
-        nullptr, 0,
-        [](void *) -> uint32_t { return WaitNamedPipeW(PIPE_NAME, LONG_WAIT_MS) ? 0 : GetLastError(); }, nullptr, 0,
-        nullptr);
+        nullptr, 0, [](void *) -> uint32_t { return WaitNamedPipeW(PIPE_NAME, LONG_WAIT_MS) ? 0 : GetLastError(); },
+        nullptr, 0, nullptr);
     EXPECT_EQ(static_cast<uint32_t>(WAIT_TIMEOUT), WaitForSingleObject(hThread, 50));
     EXPECT_TRUE(CloseHandle(hClient));
     EXPECT_TRUE(DisconnectNamedPipe(hServer));
@@ -180,12 +179,14 @@ TEST_F(Pipes, OverlappedReadsWaitForWhatIsWrittenAndEndWhenCancelled)
 {
     Connecting   connecting;
     OVERLAPPED   overlapped{};
-    uint32_t     cb = 0;
+    uint32_t     cb          = 0;
     char         aBuffer[16] = {};
     const HANDLE hServer = NewInstance(), hClient = OpenClient();
     ASSERT_EQ(535u, connecting.Start(hServer));
     overlapped.hEvent = CreateEventW(nullptr, TRUE, TRUE, nullptr);
-    const auto Read = [&] { return ReadFile(hServer, aBuffer, sizeof(aBuffer), &cb, &overlapped) ? 0 : GetLastError(); };
+    const auto Read   = [&] {
+        return ReadFile(hServer, aBuffer, sizeof(aBuffer), &cb, &overlapped) ? 0 : GetLastError();
+    };
     const auto Result = [&] { return GetOverlappedResult(hServer, &overlapped, &cb, FALSE) ? 0 : GetLastError(); };
 
     EXPECT_EQ(ERROR_IO_PENDING, Read());

@@ -18,7 +18,7 @@ using namespace platform;
 namespace {
 
 class HostedProfile : public MachineTest {
-protected:
+  protected:
     void SetUp() override
     {
         FreshMachine();
@@ -73,17 +73,17 @@ TEST_F(HostedProfile, OtherLinesStayAsTheyAre)
 
 TEST_F(HostedProfile, ManyChangesGiveWhatAFreshReaderSees)
 {
-    constexpr int                               SECTIONS = 12, KEYS = 60;
-    std::mt19937                                random(20240607);
-    std::map<std::u16string, std::u16string>    aExpected[SECTIONS];
-    const auto                                  Section = [](int n) { return u"Folder " + Number(n) + u" [x]\\"; };
-    const auto                                  Key     = [](int n) { return u"\"Datei " + Number(n) + u" ä.txt\""; };
+    constexpr int                            SECTIONS = 12, KEYS = 60;
+    std::mt19937                             random(20240607);
+    std::map<std::u16string, std::u16string> aExpected[SECTIONS];
+    const auto                               Section = [](int n) { return u"Folder " + Number(n) + u" [x]\\"; };
+    const auto                               Key     = [](int n) { return u"\"Datei " + Number(n) + u" ä.txt\""; };
     WriteTestFile(sFile, "\xFF\xFE");
     for (int i = 0; i < 1000; i++) {
         const auto           nSection = static_cast<int>(random() % SECTIONS);
         const std::u16string sSection = Section(nSection), sKey = Key(static_cast<int>(random() % KEYS));
-        const auto           nWhat    = random() % 20; // 0 removes the section, 1 the key
-        const std::u16string sValue   = Number(static_cast<int>(random() % (nWhat < 10 ? 10 : 100000)));
+        const auto           nWhat  = random() % 20; // 0 removes the section, 1 the key
+        const std::u16string sValue = Number(static_cast<int>(random() % (nWhat < 10 ? 10 : 100000)));
         ASSERT_TRUE(WritePrivateProfileStringW(sSection.c_str(), nWhat == 0 ? nullptr : sKey.c_str(),
                                                nWhat < 2 ? nullptr : sValue.c_str(), sFile.c_str()));
         if (nWhat == 0) aExpected[nSection].clear();
@@ -157,7 +157,7 @@ TEST_F(HostedProfile, MarksStayWithARewrittenFile)
     CloseHandle(hFile);
     ASSERT_TRUE(Put(u"A", u"a", u"1") && Put(u"B", u"b", u"1") && Put(u"A", u"c", u"1")); // the last is not at the end
     EXPECT_EQ(FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_ARCHIVE, GetFileAttributesW(sFile.c_str()));
-    hFile = CreateFileW(sFile.c_str(), READ_CONTROL, 7, nullptr, OPEN_EXISTING, 0, nullptr);
+    hFile           = CreateFileW(sFile.c_str(), READ_CONTROL, 7, nullptr, OPEN_EXISTING, 0, nullptr);
     uint32_t dwMask = 0, nEntries = 0;
     EXPECT_TRUE(ReadEveryoneAccess(hFile, SecuredObject::File, &dwMask, &nEntries));
     EXPECT_EQ(0x1F01FFu, dwMask);

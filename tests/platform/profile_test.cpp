@@ -9,7 +9,7 @@ using namespace platform;
 namespace {
 
 class Profile : public MachineTest {
-protected:
+  protected:
     void SetUp() override
     {
         FreshMachine();

@@ -10,7 +10,7 @@ using Security = MachineTest;
 TEST_F(Security, EveryonesRightsReadBackAsTheSystemStoresThem)
 {
     uint32_t             dwMask = 0, nEntries = 0;
-    SECURITY_ATTRIBUTES *pPipe  = CreateEveryoneSecurity(PIPE_EVERYONE_ACCESS);
+    SECURITY_ATTRIBUTES *pPipe = CreateEveryoneSecurity(PIPE_EVERYONE_ACCESS);
     ASSERT_NE(nullptr, pPipe);
     const HANDLE hEvent = CreateEventW(pPipe, TRUE, FALSE, u"Global\\VORN security test event");
     EXPECT_TRUE(ReadEveryoneAccess(hEvent, SecuredObject::Kernel, &dwMask, &nEntries));

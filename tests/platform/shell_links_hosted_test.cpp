@@ -82,7 +82,7 @@ TEST_F(HostedShellLinks, ANewTargetKeepsWhatDoesNotNameTheOldOne)
 {
     const std::string sConsole = Number(12, 4) + Number(0xA0000004, 4) + "codp",
                       sTracker = Number(12, 4) + Number(0xA0000003, 4) + "host";
-    std::string       sBytes   = Bytes(g_szForeign);
+    std::string sBytes         = Bytes(g_szForeign);
     sBytes.resize(sBytes.size() - 4);
     sBytes += sTracker + sConsole + Number(0, 4);
     const std::u16string sLink = TestFolder() + u"\\a.lnk";

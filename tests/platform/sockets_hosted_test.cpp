@@ -14,7 +14,7 @@ using namespace platform;
 namespace {
 
 class HostedSockets : public MachineTest {
-protected:
+  protected:
     WinsockStarted m_Winsock;
 };
 

@@ -15,7 +15,7 @@ using namespace platform;
 namespace {
 
 class Sockets : public MachineTest {
-protected:
+  protected:
     WinsockStarted m_Winsock;
 };
 
@@ -39,7 +39,8 @@ std::string ReceiveAll(SOCKET s)
 bool SendAll(SOCKET s, const std::string &sBytes)
 {
     for (size_t i = 0; i < sBytes.size();) {
-        const int32_t cb = send(s, sBytes.data() + i, static_cast<int32_t>(std::min<size_t>(4096, sBytes.size() - i)), 0);
+        const int32_t cb =
+            send(s, sBytes.data() + i, static_cast<int32_t>(std::min<size_t>(4096, sBytes.size() - i)), 0);
         if (cb <= 0) return false;
         i += static_cast<size_t>(cb);
     }
@@ -89,7 +90,7 @@ TEST_F(Sockets, APortIsTakenWhileBoundAndFreeAfterOldConnections)
     uint16_t    nPort   = 0;
     SOCKET      hListen = ListenOnLoopback(&nPort), hClient = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     SOCKET      hBound = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP), hOther = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    int32_t     cb = sizeof address;
+    int32_t     cb     = sizeof address;
     address.sin_family = AF_INET;
     address.sin_addr   = 0x0100007F;
     ASSERT_EQ(0, bind(hBound, reinterpret_cast<sockaddr *>(&address), sizeof address));
@@ -152,7 +153,7 @@ TEST_F(Sockets, ACloseFromAnotherThreadEndsABlockedCall)
         std::atomic<bool> bAbout{false};
         int32_t           nError = 0;
         if (std::string(pszCall).size() > 6) LinkPair::SetTimeout(hInUse, SO_RCVTIMEO, 60000);
-        std::thread       blocked([&] {
+        std::thread blocked([&] {
             char              aByte[1];
             const std::string sMuch(65536, 'x');
             bAbout = true;

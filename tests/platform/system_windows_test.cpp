@@ -1,5 +1,5 @@
-// system_windows_test.cpp: what only a real Windows system can confirm: that the folder ids and the registry root which the
-// seam states are the system's own.
+// system_windows_test.cpp: what only a real Windows system can confirm: that the folder ids and the registry root which
+// the seam states are the system's own.
 #include "platform/registry.h"
 #include "platform/shell.h"
 #include "platform/text.h"
@@ -15,9 +15,12 @@ TEST_F(WindowsSystem, FolderIdsNameTheFoldersOfTheEnvironment)
     const struct {
         const GUID *pId;
         const char *pszVariable;
-    } aCases[] = {{&FOLDERID_Windows, "SystemRoot"},        {&FOLDERID_ProgramFilesX86, "ProgramFiles(x86)"},
-                  {&FOLDERID_ProgramFilesX64, "ProgramW6432"}, {&FOLDERID_ProgramData, "ProgramData"},
-                  {&FOLDERID_Public, "PUBLIC"},             {&FOLDERID_Profile, "USERPROFILE"}};
+    } aCases[] = {{&FOLDERID_Windows, "SystemRoot"},
+                  {&FOLDERID_ProgramFilesX86, "ProgramFiles(x86)"},
+                  {&FOLDERID_ProgramFilesX64, "ProgramW6432"},
+                  {&FOLDERID_ProgramData, "ProgramData"},
+                  {&FOLDERID_Public, "PUBLIC"},
+                  {&FOLDERID_Profile, "USERPROFILE"}};
     for (const auto &c : aCases) {
         char16_t   *pszPath     = nullptr;
         char        szPath[260] = "";
@@ -32,9 +35,9 @@ TEST_F(WindowsSystem, FolderIdsNameTheFoldersOfTheEnvironment)
 
 TEST_F(WindowsSystem, RegistryRootIsTheMachines)
 {
-    HKEY     hKey    = nullptr;
+    HKEY     hKey = nullptr;
     uint8_t  aData[512];
-    uint32_t cbData  = sizeof(aData), dwType = 0;
+    uint32_t cbData = sizeof(aData), dwType = 0;
     ASSERT_EQ(0, RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", 0,
                                KEY_QUERY_VALUE | KEY_WOW64_64KEY, &hKey));
     EXPECT_EQ(0, RegQueryValueExW(hKey, u"SystemRoot", nullptr, &dwType, aData, &cbData));

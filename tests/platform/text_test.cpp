@@ -39,7 +39,7 @@ TEST(FormatText, PrintsEveryConversionAsTheWindowsRunTimeLibraryDoes)
     EXPECT_EQ("0x1f 0X1F 017 0", A("%#x %#X %#o %#x", 31, 31, 15, 0));
     EXPECT_EQ("   42|0042|42  |-042", A("%5d|%04d|%-4d|%04d", 42, 42, 42, -42));
     EXPECT_EQ("  003|", A("%05.3d|", 3)); // a precision switches zero filling off
-    EXPECT_EQ("||", A("|%.0d|", 0)); // a zero with precision 0 is nothing at all
+    EXPECT_EQ("||", A("|%.0d|", 0));      // a zero with precision 0 is nothing at all
     EXPECT_EQ("   ab|ab   |abc|  a", A("%5s|%-5s|%.3s|%3.1s", "ab", "ab", "abcdef", "abc"));
     EXPECT_EQ("ab  |  7|7  ", A("%-*s|%*d|%*d", 4, "ab", 3, 7, -3, 7));
     EXPECT_EQ("ab|abc", A("%.*s|%.*s", 2, "abc", -1, "abc")); // a negative precision is none

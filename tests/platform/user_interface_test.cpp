@@ -1,8 +1,8 @@
 // user_interface_test.cpp: windows and messages, reached as programs reach them: by LoadLibraryW and GetProcAddress.
-#include "platform/user_interface.h"
 #include "platform/errors.h"
 #include "platform/kernel.h"
 #include "platform/modules.h"
+#include "platform/user_interface.h"
 #include "tests/support/test_machine.h"
 #include "tests/support/user32_functions.h"
 #include <vector>
@@ -35,17 +35,19 @@ HWND NewWindow(const char16_t *pszTitle = u"VORN user interface test")
     SetLastError(0);
     EXPECT_TRUE(User32().RegisterClassExW(&windowClass) != 0 || GetLastError() == 1410) << "new, or there already";
     g_aSeen.clear();
-    return User32().CreateWindowExW(0, windowClass.lpszClassName, pszTitle, WS_OVERLAPPEDWINDOW, CW_USEDEFAULT, 0, CW_USEDEFAULT, 0,
-                                    nullptr, nullptr, nullptr, nullptr);
+    return User32().CreateWindowExW(0, windowClass.lpszClassName, pszTitle, WS_OVERLAPPEDWINDOW, CW_USEDEFAULT, 0,
+                                    CW_USEDEFAULT, 0, nullptr, nullptr, nullptr, nullptr);
 }
 
 class UserInterface : public MachineTest {
-protected:
+  protected:
     void SetUp() override
     {
         MachineTest::SetUp();
         MSG msg{};
-        while (User32().PeekMessageW(&msg, nullptr, 0, 0, 1)) {} // what the test before left to this thread, WM_QUIT too
+        // what the test before left to this thread, WM_QUIT too
+        while (User32().PeekMessageW(&msg, nullptr, 0, 0, 1)) {
+        }
     }
 };
 

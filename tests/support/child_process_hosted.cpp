@@ -19,7 +19,7 @@ std::map<std::string, int (*)(const std::string &)> &Roles()
 }
 
 class RoleEnvironment : public ::testing::Environment {
-public:
+  public:
     void SetUp() override
     {
         const char *pszRole = getenv("VORN_TEST_ROLE");

@@ -10,7 +10,7 @@ struct ChildRole {
 };
 
 class ChildProcess {
-public:
+  public:
     // aEnvironment: "NAME=value" beside the machine's. aCommandLine: the arguments behind the program's name.
     explicit ChildProcess(const char *pszRole, const std::string &sArgument = "",
                           const std::vector<std::string> &aEnvironment = {},
@@ -22,6 +22,6 @@ public:
     void          Kill(); // at once, without any clean-up of its own; returns when it has gone
     int           Pid() const { return m_nPid; }
 
-private:
+  private:
     int m_nPid;
 };

@@ -7,11 +7,11 @@
 inline platform::SOCKET ListenOnLoopback(uint16_t *pnPort)
 {
     using namespace platform;
-    sockaddr_in  address  = {};
-    int32_t      cb       = sizeof address;
-    const SOCKET hListen  = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    address.sin_family    = AF_INET;
-    address.sin_addr      = 0x0100007F; // 127.0.0.1
+    sockaddr_in  address = {};
+    int32_t      cb      = sizeof address;
+    const SOCKET hListen = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    address.sin_family   = AF_INET;
+    address.sin_addr     = 0x0100007F; // 127.0.0.1
     EXPECT_EQ(0, bind(hListen, reinterpret_cast<sockaddr *>(&address), sizeof address)) << WSAGetLastError();
     EXPECT_EQ(0, listen(hListen, SOMAXCONN)) << WSAGetLastError();
     EXPECT_EQ(0, getsockname(hListen, reinterpret_cast<sockaddr *>(&address), &cb));

@@ -14,7 +14,7 @@ bool UnderWine();
 
 // A fixture for tests that only need that.
 class MachineTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { FreshMachine(); }
 };
 

@@ -33,9 +33,10 @@ void FreshMachine()
     for (int n = 0; n < 2000 && hosted::LiveThreads() > 0; n++)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     if (s_nMachines == 0) atexit(RemoveCurrent);
-    g_nOwner                 = getpid();
-    const std::string sNew   = std::string(VORN_TEST_FOLDER) + "/" + std::to_string(g_nOwner) + "-" + std::to_string(++s_nMachines);
-    std::error_code   ignored;
+    g_nOwner = getpid();
+    const std::string sNew =
+        std::string(VORN_TEST_FOLDER) + "/" + std::to_string(g_nOwner) + "-" + std::to_string(++s_nMachines);
+    std::error_code ignored;
     std::filesystem::remove_all(sNew, ignored); // of an earlier process with the same number
     ASSERT_TRUE(hosted::UseMachine(sNew.c_str())) << "no machine at " << sNew << ", error " << platform::GetLastError();
     RemoveCurrent();

@@ -26,8 +26,7 @@ struct User32Functions {
     platform::WTSUnRegisterSessionNotificationProc   WTSUnRegisterSessionNotification;
 };
 
-template <class Procedure>
-void BindFunction(platform::HMODULE hModule, const char *pszName, Procedure *ppProcedure)
+template <class Procedure> void BindFunction(platform::HMODULE hModule, const char *pszName, Procedure *ppProcedure)
 {
     *ppProcedure = reinterpret_cast<Procedure>(platform::GetProcAddress(hModule, pszName));
     EXPECT_NE(nullptr, *ppProcedure) << pszName;

@@ -41,7 +41,8 @@ struct Pair {
     bool Start(const MachinePtr &machine, const Environment &extra = {});
     bool Link(int nTries = 4); // by what is stored, else by PIN
     bool Request(bool bAgain);
-    // 2 or -2 as the target's service is told; 0 when the link or an agent was lost instead; -100 when nothing came in time.
+    // 2 or -2 as the target's service is told; 0 when the link or an agent was lost instead; -100 when nothing came in
+    // time.
     int AwaitEnd(unsigned nMilliseconds = 90000);
     // Requests, with restarts and links as they are needed, until the target's service is told 2; then compares.
     void Complete(bool bRequested);

@@ -8,7 +8,7 @@
 using namespace platform;
 
 class DebugOutput : public MachineTest {
-protected:
+  protected:
     void SetUp() override
     {
         MachineTest::SetUp();

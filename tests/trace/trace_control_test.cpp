@@ -19,8 +19,8 @@ TEST(TraceControl, DisableClearsTheBlockThatTheOptionsNameAndOtherRequestsAreRef
         uint32_t dwExpected;
         uint64_t ullBlock, ullAlternate;
     } aCases[] = {
-        {5, 0, true, 0, 0, 753},   {5, 1, true, 0, 0, 753},   {5, 2, false, 0, 0, 753},
-        {5, 2, true, 0, 753, 0},   {5, 3, true, 0, 753, 0},   {0, 0, false, 87, 753, 753},
+        {5, 0, true, 0, 0, 753},    {5, 1, true, 0, 0, 753},     {5, 2, false, 0, 0, 753},
+        {5, 2, true, 0, 753, 0},    {5, 3, true, 0, 753, 0},     {0, 0, false, 87, 753, 753},
         {3, 2, true, 87, 753, 753}, {6, 0, false, 87, 753, 753}, {0xFFFFFFFF, 0, true, 87, 753, 753},
     };
     for (const auto &c : aCases) {

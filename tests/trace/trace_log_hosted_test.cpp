@@ -49,7 +49,7 @@ TEST_F(TraceLog, WideTextIsCutToWholeCharactersOf1023Bytes)
 {
     TraceSession   session;
     std::u16string sThrees(340, u'\u4e2d'), sFours = u"a"; // 1020 bytes, and 1021
-    std::string    sThreeBytes, sFourBytes = "a";
+    std::string    sThreeBytes, sFourBytes         = "a";
     for (int n = 0; n < 340; n++) sThreeBytes += "\u4e2d";
     for (int n = 0; n < 255; n++) sFours += u"\U0001F600", sFourBytes += "\U0001F600";
     TraceWideText((sThrees + u"ab\U0001F600").c_str(), 1024); // the last one does not fit
@@ -66,7 +66,7 @@ TEST_F(TraceLog, EachProviderHasItsOwnFlagBitAndFailuresReachBoth)
     } aCases[] = {{2, true, false}, {1, false, true}, {0xFFFFFFFC, false, false}, {3, true, true}};
     for (const auto &c : aCases) {
         FreshMachine();
-        TraceSession session(c.dwFlags);
+        TraceSession             session(c.dwFlags);
         std::vector<std::string> aExpected;
         if (c.bMain) aExpected = {"10 VornTramsaNet: main alone", "21 VornTramsaNet: !!SendNetworkFile, 1001, C:\\a"};
         if (c.bSecond) aExpected.push_back("22 VornTramsaNet: !!SendNetworkFile, 1001, C:\\a");
@@ -81,8 +81,8 @@ TEST_F(TraceLog, EachProviderHasItsOwnFlagBitAndFailuresReachBoth)
 TEST_F(TraceLog, NothingIsLookedAtBeforeRegistrationNorAfterTheSessionEnds)
 {
     // Addresses that nobody may read: a call that formats or measures its text ends the test.
-    const auto *pszBad  = reinterpret_cast<const char *>(uintptr_t{16});
-    const auto *pszWide = reinterpret_cast<const char16_t *>(uintptr_t{16});
+    const auto *pszBad   = reinterpret_cast<const char *>(uintptr_t{16});
+    const auto *pszWide  = reinterpret_cast<const char16_t *>(uintptr_t{16});
     const auto  WriteAll = [&] {
         TraceText(pszBad);
         TraceWideText(pszWide, 260);

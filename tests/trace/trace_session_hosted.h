@@ -10,7 +10,7 @@
 
 // Registers the program's providers with the session on; both end with the object. dwFlags 3 opens both gates.
 class TraceSession {
-public:
+  public:
     explicit TraceSession(uint32_t dwFlags = 3)
     {
         EXPECT_TRUE(hosted::StartTraceSession(hosted::MachineFolder(), "test", 5, dwFlags));
@@ -53,7 +53,7 @@ public:
         return false;
     }
 
-private:
+  private:
     std::streamoff           m_nRead = 0;
     std::vector<std::string> m_aSeen;
 };

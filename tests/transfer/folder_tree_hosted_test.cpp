@@ -14,8 +14,7 @@
 
 using namespace platform;
 
-class FolderTreeTest : public TransferTest
-{
+class FolderTreeTest : public TransferTest {
   protected:
     void SetUp() override
     {
@@ -27,7 +26,7 @@ class FolderTreeTest : public TransferTest
         m_Send.pbSpaceExhausted           = &m_bSpaceExhausted;
         m_Send.pbFatal                    = &m_bFatal;
         m_Send.pLimits                    = &m_Limits;
-        m_pPeer = std::make_unique<FakePeer>([this](uint32_t, const std::string &sPath) {
+        m_pPeer                           = std::make_unique<FakePeer>([this](uint32_t, const std::string &sPath) {
             const auto it = m_Answers.find(sPath.substr(sPath.rfind('\\') + 1));
             if (it == m_Answers.end()) return "FileDone";
             if (std::string(it->second) == "FILERRDF") g_bRemoteFileAllFull = 1; // no word of a peer sets it
@@ -109,8 +108,7 @@ TEST_F(FolderTreeTest, SendsWhatIsNotHiddenInOrder)
 TEST_F(FolderTreeTest, ExcludedAndRestrictedFoldersAreLeftOut)
 {
     StringList restricted = {}, included = {};
-    for (const char16_t *psz : {u"one", u"two", u"three", u"three\\deep"})
-        MakeFolder(psz);
+    for (const char16_t *psz : {u"one", u"two", u"three", u"three\\deep"}) MakeFolder(psz);
     MakeFile(u"three\\deep\\file");
     AppendString(&m_Excluded, (m_sFolder + u"\\ONE").c_str(), 0);
     AppendString(&restricted, m_sFolder.c_str(), 0);
@@ -130,8 +128,7 @@ TEST_F(FolderTreeTest, ASecondRunSendsOnlyWhatIsNotRecorded)
     const std::u16string sBase = m_sFolder + u"\\";
     m_Send.pszRecordBase       = sBase.c_str();
     MakeFolder(u"sub");
-    for (const char16_t *psz : {u"a=b", u"bad", u"sub\\x", u"z"})
-        MakeFile(psz);
+    for (const char16_t *psz : {u"a=b", u"bad", u"sub\\x", u"z"}) MakeFile(psz);
     m_Answers["bad"] = "FileError";
     ASSERT_EQ(1, BeginWorkingFolder(m_sFolder.c_str()));
     EXPECT_EQ(3u, Walk());

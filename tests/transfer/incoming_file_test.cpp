@@ -9,7 +9,7 @@ using namespace platform;
 namespace {
 
 class Incoming : public MachineTest {
-protected:
+  protected:
     void SetUp() override
     {
         MachineTest::SetUp();

@@ -5,8 +5,7 @@
 
 using namespace platform;
 
-class NetworkSendTest : public TransferTest
-{
+class NetworkSendTest : public TransferTest {
   protected:
     void SetUp() override
     {
@@ -74,18 +73,18 @@ TEST_F(NetworkSendTest, TheAnswerDecidesTheResult)
 TEST_F(NetworkSendTest, TheElapsedTimeIsThatOfTheStreamAlone)
 {
     WriteTestFile(m_sFile, std::string(16 << 20, 'x')); // more than the sockets hold
-    g_bServer          = 1;
-    g_ServerSendSocket = m_pLink->hServer;
-    g_bSendingFile     = 1; // of another sender
-    uint64_t           ullElapsed = 99999;
-    std::atomic<bool>  bLeft{false};
-    const WaitingWork  work = {[](void *p) { *static_cast<std::atomic<bool> *>(p) = true; }, &bLeft};
-    const NetworkFile  file = {m_sFile.c_str(), u"D:\\x.txt", 0, 0, 0, nullptr};
+    g_bServer                    = 1;
+    g_ServerSendSocket           = m_pLink->hServer;
+    g_bSendingFile               = 1; // of another sender
+    uint64_t          ullElapsed = 99999;
+    std::atomic<bool> bLeft{false};
+    const WaitingWork work = {[](void *p) { *static_cast<std::atomic<bool> *>(p) = true; }, &bLeft};
+    const NetworkFile file = {m_sFile.c_str(), u"D:\\x.txt", 0, 0, 0, nullptr};
     hosted::KeepDebugOutput(true);
     g_bSocketDebug = 1;
     std::string sLines;
-    auto        sent = std::async(std::launch::async, [&] { return SendPreparedNetworkFile(&file, &work, &ullElapsed); });
-    const auto  Says = [&](const char *psz) {
+    auto sent = std::async(std::launch::async, [&] { return SendPreparedNetworkFile(&file, &work, &ullElapsed); });
+    const auto Says = [&](const char *psz) {
         sLines += hosted::TakeDebugOutput();
         return sLines.find(psz) != std::string::npos;
     };
@@ -121,7 +120,8 @@ TEST_F(NetworkSendTest, OnlyABrokenLinkIsALinkError)
     for (const auto &c : aCases) {
         m_pPeer = std::make_unique<FakePeer>();
         hosted::ClearFaults();
-        hosted::FailCall("ReadFile", 1, ERROR_LOCK_VIOLATION); // what cannot be prepared shows what it is when it is sent
+        // what cannot be prepared shows what it is when it is sent
+        hosted::FailCall("ReadFile", 1, ERROR_LOCK_VIOLATION);
         hosted::FailCall(c.pszCall, c.nth, c.dwError);
         EXPECT_EQ(c.nExpected, Send()) << c.pszCall << c.dwError;
         EXPECT_EQ(0, g_bSendingFile);
@@ -171,7 +171,7 @@ TEST_F(NetworkSendTest, AThreadOfAFormerLinkSendsNothing)
 TEST_F(NetworkSendTest, ASenderThatWaitsForTheLineLeavesTheLockToOthers)
 {
     std::atomic<bool> bAnswer{false};
-    m_pPeer = std::make_unique<FakePeer>([&](uint32_t, const std::string &sPath) {
+    m_pPeer            = std::make_unique<FakePeer>([&](uint32_t, const std::string &sPath) {
         if (sPath == "D:\\first") Eventually([&] { return bAnswer.load(); });
         return "FileDone";
     });
@@ -214,7 +214,7 @@ TEST_F(NetworkSendTest, WaitsAreBoundedByFourHundredPolls)
 TEST_F(NetworkSendTest, ALateAnswerIsNotTakenForTheNextFiles)
 {
     std::atomic<bool> bLate{false};
-    m_pPeer = std::make_unique<FakePeer>([&](uint32_t, const std::string &sPath) {
+    m_pPeer             = std::make_unique<FakePeer>([&](uint32_t, const std::string &sPath) {
         if (sPath != "D:\\second") return "";
         Eventually([&] { return bLate.load(); }); // a sender that did not wait for it has the wrong answer by now
         return "FileError";

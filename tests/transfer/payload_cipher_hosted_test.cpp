@@ -3,15 +3,12 @@
 
 using namespace platform;
 
-class PayloadCipherTest : public TransferTest
-{
-};
+class PayloadCipherTest : public TransferTest {};
 
 TEST_F(PayloadCipherTest, KnownKeyAndPlainTextGiveTheKnownCipherText)
 {
     std::string sBlob("\x10\0\0\0", 4);
-    for (char ch = 0; ch < 16; ch++)
-        sBlob += ch;
+    for (char ch = 0; ch < 16; ch++) sBlob += ch;
     const TestKey     key(sBlob);
     const std::string sKnown("\xd6\x26\xe7\x7a\xb6\x8e\x2f\x8b\x5b\xf1\xa5\x19\xeb\x4f\x32\xee"
                              "\x86\x24\xf1\xb4\x88\x70\xca\x1f\x26\x95\xac\x5d\x2d\x3c\xa3\x27");
@@ -69,8 +66,8 @@ TEST_F(PayloadCipherTest, EachFailingStepHasItsLineAndLeavesNothing)
         EXPECT_EQ(0u, std::string(hosted::TakeDebugOutput()).find(c.pszLine)) << c.pszLine;
         ReleaseKeyHandle(own.hAlgorithm, own.hKey, own.pbObject);
         ReleaseKeyHandle(peer.hAlgorithm, peer.hKey, peer.pbObject);
-        EXPECT_EQ(peer.hKey == nullptr, strstr(hosted::TakeDebugOutput(),
-                                               "**** [ReleaseKeyHandle] BCryptDestroyKey failed!. \n") != nullptr);
+        EXPECT_EQ(peer.hKey == nullptr,
+                  strstr(hosted::TakeDebugOutput(), "**** [ReleaseKeyHandle] BCryptDestroyKey failed!. \n") != nullptr);
         delete[] pbBlob;
         delete[] pbCipher;
         delete[] pbPlain;

@@ -14,8 +14,7 @@ using RecordedExchange = TransferTest;
 static uint64_t Digest(const std::string &s)
 {
     uint64_t ull = 0xCBF29CE484222325;
-    for (const char ch : s)
-        ull = (ull ^ static_cast<uint8_t>(ch)) * 0x100000001B3;
+    for (const char ch : s) ull = (ull ^ static_cast<uint8_t>(ch)) * 0x100000001B3;
     return ull;
 }
 
@@ -27,14 +26,14 @@ TEST_F(RecordedExchange, ToAPeerWithoutAWindowEveryByteIsAsItWas)
         const char16_t *pszName;
         size_t          cb;
         const char     *pszAnswer;
-    } aFiles[] = {{u"a", 10, "FileDone"},     {u"b", 150000, "FileDone"}, {u"c", 70000, "FileErrDF"},
-                  {u"d", 80000, "FileDone"},  {u"e", 0, "FileError"},     {u"in\\f", 65536, "TypeWrong"},
+    } aFiles[] = {{u"a", 10, "FileDone"},        {u"b", 150000, "FileDone"}, {u"c", 70000, "FileErrDF"},
+                  {u"d", 80000, "FileDone"},     {u"e", 0, "FileError"},     {u"in\\f", 65536, "TypeWrong"},
                   {u"in\\g", 65537, "FileDone"}, {u"z", 5, "FileDone"}};
     std::map<std::string, const char *> answers;
     CreateDirectoryW((m_sFolder + u"\\in").c_str(), nullptr);
     for (const auto &file : aFiles) {
         WriteTestFile(m_sFolder + u"\\" + file.pszName, Content(file.cb));
-        const std::string sName = Utf8(file.pszName);
+        const std::string sName                      = Utf8(file.pszName);
         answers[sName.substr(sName.rfind('\\') + 1)] = file.pszAnswer;
     }
     m_pPeer = std::make_unique<FakePeer>([&](uint32_t, const std::string &sPath) -> std::string {

@@ -4,8 +4,7 @@
 
 using namespace platform;
 
-class RecvFileTest : public TransferTest
-{
+class RecvFileTest : public TransferTest {
   protected:
     void SetUp() override
     {
@@ -61,8 +60,7 @@ TEST_F(RecvFileTest, StoresWhatWasSent)
         EXPECT_EQ(static_cast<int64_t>(cb), Receive(Bytes(static_cast<int64_t>(cb)) + sContent, 0));
         EXPECT_EQ(sContent, ReadTestFile(m_sFile));
         std::string sStream = Bytes(static_cast<int64_t>(cb)) + KeyField();
-        for (size_t i = 0; i < cb; i += 65536)
-            sStream += CipherChunk(sContent.substr(i, 65536));
+        for (size_t i = 0; i < cb; i += 65536) sStream += CipherChunk(sContent.substr(i, 65536));
         m_sFile += u"x";
         EXPECT_EQ(static_cast<int64_t>(cb), Receive(sStream, 1));
         EXPECT_EQ(sContent, ReadTestFile(m_sFile));

@@ -6,8 +6,7 @@
 
 using namespace platform;
 
-class SendFileTest : public TransferTest
-{
+class SendFileTest : public TransferTest {
   protected:
     void SetUp() override
     {
@@ -18,8 +17,8 @@ class SendFileTest : public TransferTest
     int64_t Send(uint8_t bEncrypt, const char *pszCall = nullptr, int nth = 0, uint32_t dwError = 0)
     {
         LinkPair link;
-        auto     drain     = Drain(link.hServer);
-        m_bWhole           = false;
+        auto     drain = Drain(link.hServer);
+        m_bWhole       = false;
         EnterCriticalSection(&g_csNetSocket);
         HoldSends(link.hClient);
         hosted::ClearFaults();

@@ -1,5 +1,5 @@
-// Several files on the way: whose word is whose, what a walk makes of the outcomes, and that it all ends as it does with
-// one file at a time.
+// Several files on the way: whose word is whose, what a walk makes of the outcomes, and that it all ends as it does
+// with one file at a time.
 #include "migration/record_store.h"
 #include "migration/state_files.h"
 #include "tests/transfer/transfer_fixture.h"
@@ -25,8 +25,7 @@ void Agree(uint32_t nFiles)
     NotePeerWindow(64);
 }
 
-class SendWindowTest : public TransferTest, public ::testing::WithParamInterface<uint32_t>
-{
+class SendWindowTest : public TransferTest, public ::testing::WithParamInterface<uint32_t> {
   protected:
     void SetUp() override
     {
@@ -51,7 +50,7 @@ class SendWindowTest : public TransferTest, public ::testing::WithParamInterface
     {
         m_nHeld = nHeld;
         m_pPeer = std::make_unique<FakePeer>([this, nWindow](uint32_t, const std::string &sPath) -> std::string {
-            const auto it    = m_Answers.find(sPath.substr(sPath.rfind('\\') + 1));
+            const auto  it   = m_Answers.find(sPath.substr(sPath.rfind('\\') + 1));
             std::string sAll = it == m_Answers.end() ? "FileDone" : it->second;
             if (sAll == "<gone>") return sAll;
             if (!sAll.empty() && nWindow > 1 && sAll != "FileDone") sAll += " FileNone";
@@ -70,8 +69,7 @@ class SendWindowTest : public TransferTest, public ::testing::WithParamInterface
     }
     void MakeFiles(const std::vector<std::pair<const char16_t *, size_t>> &files)
     {
-        for (const auto &[pszName, cb] : files)
-            WriteTestFile(m_sFolder + u"\\" + pszName, Content(cb));
+        for (const auto &[pszName, cb] : files) WriteTestFile(m_sFolder + u"\\" + pszName, Content(cb));
     }
     // The names that are recorded, and what was reported, each in order.
     std::string Recorded(const std::vector<const char16_t *> &names)
@@ -116,10 +114,7 @@ struct Queue : TransferTest {
         EndStream(&ticket, true);
         return ticket;
     }
-    static void Say(AnswerWord eWord)
-    {
-        EXPECT_TRUE(NoteAnswer(eWord));
-    }
+    static void        Say(AnswerWord eWord) { EXPECT_TRUE(NoteAnswer(eWord)); }
     static AnswerState State(const FileTicket &ticket)
     {
         FileOutcome outcome;
@@ -132,7 +127,7 @@ struct Queue : TransferTest {
 TEST_F(Queue, AWordBelongsToTheOldestOpenFileAndOnlyItsOwnErrorAbortsAStream)
 {
     EXPECT_FALSE(NoteAnswer(AnswerWord::Done)) << "nothing is owed";
-    const FileTicket first = Sent();
+    const FileTicket first  = Sent();
     FileTicket       second = {};
     ASSERT_TRUE(OpenAnswer(&second)); // its stream goes on
     Say(AnswerWord::Error);
@@ -236,7 +231,7 @@ TEST_P(SendWindowTest, ASilentPeerCostsTenSecondsAndACancelledWalkDoesNotWaitFor
     m_Answers = {{"b", ""}, {"c", ""}, {"d", ""}};
     Link(GetParam());
     m_Send.ullExecution = AddThreadExecution();
-    auto walk           = std::async(std::launch::async, [&] { return Walk(); });
+    auto        walk    = std::async(std::launch::async, [&] { return Walk(); });
     std::string sSeen;
     EXPECT_TRUE(Eventually([&] {
         for (const std::string &sLine : m_pPeer->Take()) sSeen += sLine;
@@ -256,14 +251,14 @@ TEST_P(SendWindowTest, NothingFollowsAStreamThatDidNotLeaveWhole)
 {
     MakeFiles({{u"a", 10}, {u"b", 10}, {u"c", 10}, {u"d", 10}, {u"e", 10}, {u"f", 10}});
     Link(GetParam());
-    hosted::SetClockRate(50); // what is out is waited for ten seconds in all
+    hosted::SetClockRate(50);                        // what is out is waited for ten seconds in all
     hosted::FailCall("FlushSends", 2, WSAETIMEDOUT); // the folder leaves, what follows does not
     EXPECT_EQ(0u, Walk());
     EXPECT_EQ(1u, m_bFatal);
     EXPECT_EQ("", Recorded({u"a", u"b", u"c", u"d", u"e", u"f"}));
     hosted::SetClockRate(1);
-    const std::string sArrived = Arrived("file"); // with the marker's flush
-    const size_t nBatch = GetParam() < 64 ? 1 : std::max<size_t>(sArrived.size(), 1); // what was ready by then
+    const std::string sArrived = Arrived("file");                                            // with the marker's flush
+    const size_t      nBatch   = GetParam() < 64 ? 1 : std::max<size_t>(sArrived.size(), 1); // what was ready by then
     EXPECT_EQ(std::string("abcdef").substr(0, nBatch), sArrived) << "the one flush that failed, and no other";
 }
 
@@ -280,7 +275,8 @@ TEST_P(SendWindowTest, AFileSentBesideAWalkHasItsOwnAnswer)
     auto walk = std::async(std::launch::async, [&] { return Walk(); });
     for (int i = 0; i < 20; i++)
         for (const auto &[sName, nResult] : aside)
-            EXPECT_EQ(nResult, SendNetworkFile((u"C:\\aside" + sName).c_str(), (u"D:" + sName).c_str(), 0, 0, 1, nullptr));
+            EXPECT_EQ(nResult,
+                      SendNetworkFile((u"C:\\aside" + sName).c_str(), (u"D:" + sName).c_str(), 0, 0, 1, nullptr));
     EXPECT_EQ(200u, walk.get());
 }
 

@@ -3,9 +3,7 @@
 
 using namespace platform;
 
-class SocketIoTest : public TransferTest
-{
-};
+class SocketIoTest : public TransferTest {};
 
 TEST_F(SocketIoTest, NothingToMoveMakesNoCall)
 {

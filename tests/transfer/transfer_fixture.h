@@ -12,9 +12,9 @@
 #include "tests/support/link_pair.h"
 #include "tests/support/test_machine.h"
 #include "trace/debug_output.h"
+#include "transfer/answer_queue.h"
 #include "transfer/file_stream.h"
 #include "transfer/payload_cipher.h"
-#include "transfer/answer_queue.h"
 #include "transfer/socket_io.h"
 #include <future>
 #include <memory>
@@ -26,8 +26,7 @@
 inline std::string Content(size_t cb)
 {
     std::string s(cb, '\0');
-    for (size_t i = 0; i < cb; i++)
-        s[i] = static_cast<char>(i * 7 + i / 65536 * 3 + i / 251);
+    for (size_t i = 0; i < cb; i++) s[i] = static_cast<char>(i * 7 + i / 65536 * 3 + i / 251);
     return s;
 }
 
@@ -86,8 +85,7 @@ inline std::future<std::string> Drain(platform::SOCKET h)
     });
 }
 
-class TransferTest : public ::testing::Test
-{
+class TransferTest : public ::testing::Test {
   protected:
     void SetUp() override
     {

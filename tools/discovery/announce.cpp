@@ -25,7 +25,8 @@ std::string ComputerName()
     char     aUtf8[1024];
     uint32_t cch = 256;
     if (GetComputerNameW(aName, &cch) == 0) return "";
-    const int32_t cb = WideCharToMultiByte(CP_UTF8, 0, aName, static_cast<int32_t>(cch), aUtf8, sizeof aUtf8, nullptr, nullptr);
+    const int32_t cb =
+        WideCharToMultiByte(CP_UTF8, 0, aName, static_cast<int32_t>(cch), aUtf8, sizeof aUtf8, nullptr, nullptr);
     return std::string(aUtf8, static_cast<size_t>(std::max(cb, 0)));
 }
 
@@ -37,11 +38,13 @@ void FollowInterfaces(const Network &network, uint16_t nPort, Responders *pRespo
     for (const NetworkInterface &networkInterface : network.aInterfaces)
         for (const OwnAddress &own : networkInterface.link.aAddresses) aAll.push_back(own.dwAddress);
     for (const NetworkInterface &networkInterface : network.aInterfaces) {
-        const uint32_t nIndex = networkInterface.link.nIndex;
-        const auto     it     = pResponders->find(nIndex);
+        const uint32_t nIndex    = networkInterface.link.nIndex;
+        const auto     it        = pResponders->find(nIndex);
         Responder     &responder = kept[nIndex];
         if (it != pResponders->end()) responder = it->second;
-        else StartResponder(&responder, ComputerName(), nPort, ullNow, static_cast<uint32_t>(ullNow) ^ GetCurrentProcessId() ^ nIndex);
+        else
+            StartResponder(&responder, ComputerName(), nPort, ullNow,
+                           static_cast<uint32_t>(ullNow) ^ GetCurrentProcessId() ^ nIndex);
         SetResponderAddresses(&responder, networkInterface.link.aAddresses, aAll, ullNow);
     }
     pResponders->swap(kept);
@@ -56,8 +59,8 @@ void SendAll(const Network &network, uint32_t nIndex, const std::vector<OutPacke
 
 uint32_t TimeToNext(const Responders &responders)
 {
-    const uint64_t ullNow  = GetTickCount64();
-    uint64_t       ullDue  = ullNow + MAX_WAIT_MS;
+    const uint64_t ullNow = GetTickCount64();
+    uint64_t       ullDue = ullNow + MAX_WAIT_MS;
     for (const auto &entry : responders) ullDue = std::min(ullDue, ResponderDue(entry.second));
     return ullDue > ullNow ? static_cast<uint32_t>(ullDue - ullNow) : 0;
 }
@@ -91,7 +94,8 @@ int RunAnnouncement(const char *pszConfig, HANDLE hStop)
             if (it != responders.end())
                 ResponderHears(&it->second, packet.message, packet.dwFrom, packet.nFromPort, GetTickCount64());
         }
-        for (auto &[nIndex, responder] : responders) SendAll(network, nIndex, ResponderTick(&responder, GetTickCount64()));
+        for (auto &[nIndex, responder] : responders)
+            SendAll(network, nIndex, ResponderTick(&responder, GetTickCount64()));
     }
     for (auto &[nIndex, responder] : responders) SendAll(network, nIndex, ResponderGoodbye(&responder));
     CloseNetwork(&network);

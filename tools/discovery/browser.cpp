@@ -8,12 +8,12 @@ namespace {
 
 constexpr uint32_t FIRST_DELAY_MS = 20, FIRST_SPREAD_MS = 100; // 5.2
 constexpr uint32_t FIRST_GAP_MS = 1000, MAX_GAP_MS = 60000;
-constexpr uint32_t GOODBYE_MS  = 1000;  // 10.1, 10.2: what was taken back lives so long yet
-constexpr uint32_t MAX_TTL_S   = 75 * 60;
-constexpr size_t   MAX_KNOWN   = 16;    // answers told with a question: it stays one packet
-constexpr size_t   MAX_ASKED   = 16;    // questions of one packet
-constexpr uint32_t REFRESHES   = 4;     // at 80, 85, 90 and 95 % of a life (5.2)
-constexpr uint64_t NEVER       = UINT64_MAX;
+constexpr uint32_t GOODBYE_MS = 1000; // 10.1, 10.2: what was taken back lives so long yet
+constexpr uint32_t MAX_TTL_S  = 75 * 60;
+constexpr size_t   MAX_KNOWN  = 16; // answers told with a question: it stays one packet
+constexpr size_t   MAX_ASKED  = 16; // questions of one packet
+constexpr uint32_t REFRESHES  = 4;  // at 80, 85, 90 and 95 % of a life (5.2)
+constexpr uint64_t NEVER      = UINT64_MAX;
 
 uint64_t Life(const CachedRecord &cached)
 {
@@ -63,7 +63,7 @@ bool IsHostAddress(uint32_t dwAddress)
 
 void Keep(Browser *pBrowser, const DnsRecord &record, uint32_t nLink, uint32_t dwFrom, uint64_t ullNow)
 {
-    const uint64_t ullLife = record.dwTtl == 0 ? GOODBYE_MS : std::min(record.dwTtl, MAX_TTL_S) * uint64_t{1000};
+    const uint64_t ullLife   = record.dwTtl == 0 ? GOODBYE_MS : std::min(record.dwTtl, MAX_TTL_S) * uint64_t{1000};
     size_t         nOfSender = 0;
     bool           bKnown    = false;
     for (CachedRecord &cached : pBrowser->aCache) {
@@ -80,15 +80,16 @@ void Keep(Browser *pBrowser, const DnsRecord &record, uint32_t nLink, uint32_t d
             cached.ullExpires = std::min(cached.ullExpires, ullNow + GOODBYE_MS);
         }
     }
-    if (bKnown || record.dwTtl == 0 || nOfSender >= MAX_CACHED_OF_SENDER || pBrowser->aCache.size() >= MAX_CACHED) return;
+    if (bKnown || record.dwTtl == 0 || nOfSender >= MAX_CACHED_OF_SENDER || pBrowser->aCache.size() >= MAX_CACHED)
+        return;
     pBrowser->aCache.push_back({record, nLink, dwFrom, ullNow, ullNow + ullLife, 0});
 }
 
 std::string Key(const DnsName &name, uint16_t nType)
 {
     DnsRecord key;
-    key.nType  = DNS_TYPE_PTR;
-    key.target = name;
+    key.nType        = DNS_TYPE_PTR;
+    key.target       = name;
     std::string sKey = DnsRecordContent(key) + std::to_string(nType);
     for (char &ch : sKey)
         if (ch >= 'A' && ch <= 'Z') ch = static_cast<char>(ch + ('a' - 'A'));
@@ -225,7 +226,8 @@ uint64_t BrowserDue(const Browser &browser, uint64_t ullNow)
         const auto it = browser.details.find(Key(missing.first, missing.second));
         ullDue        = std::min(ullDue, it == browser.details.end() ? ullNow : it->second.ullNext);
     }
-    for (const CachedRecord &cached : browser.aCache) ullDue = std::min({ullDue, cached.ullExpires, RefreshDue(cached)});
+    for (const CachedRecord &cached : browser.aCache)
+        ullDue = std::min({ullDue, cached.ullExpires, RefreshDue(cached)});
     return ullDue;
 }
 

@@ -1,5 +1,5 @@
-// browser.h: the searching side (RFC 6762, 6763), as functions over packets and a clock: questions with back-off, a cache by
-// time to live, and the servers that it holds.
+// browser.h: the searching side (RFC 6762, 6763), as functions over packets and a clock: questions with back-off, a
+// cache by time to live, and the servers that it holds.
 // All that arrives is untrusted: the cache is bounded, for all and for each sender, and holds only what a search needs.
 // Times are milliseconds of any steady clock. One thread.
 #pragma once
@@ -29,15 +29,15 @@ struct Question {
 };
 
 struct Browser {
-    std::vector<CachedRecord>    aCache;
-    Question                     search; // for instances of the service type
+    std::vector<CachedRecord>       aCache;
+    Question                        search;  // for instances of the service type
     std::map<std::string, Question> details; // by name and type: what instances lack
-    std::minstd_rand             random;
+    std::minstd_rand                random;
 };
 
 struct FoundServer {
     std::string sAddress; // dotted decimal
-    uint16_t    nPort = 0;
+    uint16_t    nPort                                      = 0;
     bool        operator==(const FoundServer &other) const = default;
 };
 
@@ -50,6 +50,6 @@ void BrowserHears(Browser *pBrowser, const DnsMessage &message, uint32_t nLink, 
 // The questions to be sent now, on every interface.
 std::vector<OutPacket> BrowserTick(Browser *pBrowser, uint64_t ullNow);
 uint64_t               BrowserDue(const Browser &browser, uint64_t ullNow);
-// The servers known now, the most likely first: those on the subnet of an interface before others, those of real adapters
-// before those of virtual ones, this machine's own last; at most MAX_FOUND, none twice.
+// The servers known now, the most likely first: those on the subnet of an interface before others, those of real
+// adapters before those of virtual ones, this machine's own last; at most MAX_FOUND, none twice.
 std::vector<FoundServer> BrowserServers(const Browser &browser, const std::vector<LinkView> &aLinks, uint64_t ullNow);

@@ -5,17 +5,17 @@
 
 namespace {
 
-constexpr size_t   CB_HEADER       = 12;
-constexpr uint16_t FLAG_RESPONSE   = 0x8000, FLAG_AUTHORITY = 0x0400, FLAG_TRUNCATED = 0x0200;
-constexpr uint16_t MASK_OPCODE     = 0x7800, MASK_CODE = 0x000F;
-constexpr uint16_t MARK_TOP_BIT    = 0x8000; // of a class: unicast answer wanted, or cache flush
-constexpr uint8_t  POINTER         = 0xC0;
-constexpr size_t   MAX_POINTER     = 0x3FFF;
+constexpr size_t   CB_HEADER     = 12;
+constexpr uint16_t FLAG_RESPONSE = 0x8000, FLAG_AUTHORITY = 0x0400, FLAG_TRUNCATED = 0x0200;
+constexpr uint16_t MASK_OPCODE = 0x7800, MASK_CODE = 0x000F;
+constexpr uint16_t MARK_TOP_BIT = 0x8000; // of a class: unicast answer wanted, or cache flush
+constexpr uint8_t  POINTER      = 0xC0;
+constexpr size_t   MAX_POINTER  = 0x3FFF;
 
 struct Reader {
     const uint8_t *pBytes;
     size_t         cb; // end of what may be read
-    size_t         i  = 0;
+    size_t         i   = 0;
     bool           bOk = true;
 };
 
@@ -116,9 +116,9 @@ DnsRecord ReadRecord(Reader &reader)
 // ---- writing ----
 
 struct Writer {
-    std::string                sBytes;
-    std::map<DnsName, size_t>  places; // of names and their ends, in lower case
-    bool                       bCompress = true;
+    std::string               sBytes;
+    std::map<DnsName, size_t> places; // of names and their ends, in lower case
+    bool                      bCompress = true;
 };
 
 char LowerCase(char ch)
@@ -203,11 +203,11 @@ bool DecodeDnsMessage(const void *pBytes, size_t cb, DnsMessage *pMessage)
 {
     *pMessage = DnsMessage();
     if (cb < CB_HEADER || cb > DNS_MAX_PACKET) return false;
-    Reader reader          = {static_cast<const uint8_t *>(pBytes), cb};
-    pMessage->nId          = ReadWord(reader);
-    const uint16_t nFlags  = ReadWord(reader);
-    pMessage->bResponse    = (nFlags & FLAG_RESPONSE) != 0;
-    pMessage->bTruncated   = (nFlags & FLAG_TRUNCATED) != 0;
+    Reader reader           = {static_cast<const uint8_t *>(pBytes), cb};
+    pMessage->nId           = ReadWord(reader);
+    const uint16_t nFlags   = ReadWord(reader);
+    pMessage->bResponse     = (nFlags & FLAG_RESPONSE) != 0;
+    pMessage->bTruncated    = (nFlags & FLAG_TRUNCATED) != 0;
     const size_t nQuestions = ReadWord(reader), nAnswers = ReadWord(reader), nAuthorities = ReadWord(reader),
                  nAdditionals = ReadWord(reader);
     if ((nFlags & (MASK_OPCODE | MASK_CODE)) != 0 || nQuestions > DNS_MAX_QUESTIONS ||
@@ -265,8 +265,8 @@ bool IsSameDnsName(const DnsName &a, const DnsName &b)
 bool IsSameDnsRecord(const DnsRecord &a, const DnsRecord &b)
 {
     return a.nType == b.nType && a.nClass == b.nClass && a.nPriority == b.nPriority && a.nWeight == b.nWeight &&
-           a.nPort == b.nPort && a.dwAddress == b.dwAddress && a.sData == b.sData && IsSameDnsName(a.target, b.target) &&
-           IsSameDnsName(a.name, b.name);
+           a.nPort == b.nPort && a.dwAddress == b.dwAddress && a.sData == b.sData &&
+           IsSameDnsName(a.target, b.target) && IsSameDnsName(a.name, b.name);
 }
 
 std::string DnsRecordContent(const DnsRecord &record)

@@ -1,6 +1,6 @@
 // dns_message.h: DNS messages as multicast DNS carries them: bytes to records and back.
-// What arrives was written by anybody on the network: reading is bounded in every direction, and a message that breaks a
-// rule is refused whole. No I/O, no state; any thread.
+// What arrives was written by anybody on the network: reading is bounded in every direction, and a message that breaks
+// a rule is refused whole. No I/O, no state; any thread.
 #pragma once
 #include <cstddef>
 #include <cstdint>
@@ -29,12 +29,12 @@ struct DnsRecord {
     DnsName     name;
     uint16_t    nType  = 0;
     uint16_t    nClass = DNS_CLASS_IN;
-    bool        bFlush = false;  // unique: these are all records of this name and type
-    uint32_t    dwTtl  = 0;      // seconds
-    DnsName     target;          // PTR, SRV, NSEC (the next name)
+    bool        bFlush = false;                        // unique: these are all records of this name and type
+    uint32_t    dwTtl  = 0;                            // seconds
+    DnsName     target;                                // PTR, SRV, NSEC (the next name)
     uint16_t    nPriority = 0, nWeight = 0, nPort = 0; // SRV
-    uint32_t    dwAddress = 0;   // A: the bytes as they lie on the wire
-    std::string sData;           // NSEC: the type map; of every type not named above: all of it
+    uint32_t    dwAddress = 0;                         // A: the bytes as they lie on the wire
+    std::string sData;                                 // NSEC: the type map; of every type not named above: all of it
 };
 
 struct DnsMessage {
@@ -48,8 +48,8 @@ struct DnsMessage {
 // True with *pMessage filled. False: no whole message by the bounds above, a query or response of another kind than the
 // standard one, or one with an error code (multicast DNS ignores both).
 bool DecodeDnsMessage(const void *pBytes, size_t cb, DnsMessage *pMessage);
-// The bytes of a message, names compressed. What does not fit into cbMost is left out from its end on, with the truncated
-// mark when it was an answer of a query (known answers) or the records of a response.
+// The bytes of a message, names compressed. What does not fit into cbMost is left out from its end on, with the
+// truncated mark when it was an answer of a query (known answers) or the records of a response.
 std::string EncodeDnsMessage(const DnsMessage &message, size_t cbMost = DNS_SENT_PACKET);
 
 // Names compare without regard to the case of ASCII letters.

@@ -33,8 +33,7 @@ int main(int argc, char **argv)
     int               nResult;
     if (!sFolder.empty())
         nResult = bServer ? RunRendezvousServer(sFolder, argv[2], hStop) : RunRendezvousClient(sFolder, argv[2], hStop);
-    else
-        nResult = bServer ? RunAnnouncement(argv[2], hStop) : RunSearch(argv[2], hStop);
+    else nResult = bServer ? RunAnnouncement(argv[2], hStop) : RunSearch(argv[2], hStop);
     CloseHandle(hStop);
     return nResult;
 }

@@ -2,9 +2,9 @@
 #pragma once
 #include "tools/discovery/dns_message.h"
 
-constexpr uint16_t MDNS_PORT        = 5353;
-constexpr uint32_t MDNS_GROUP       = 0xFB0000E0; // 224.0.0.251, as it lies on the wire
-constexpr size_t   MAX_INTERFACES   = 16;
+constexpr uint16_t MDNS_PORT         = 5353;
+constexpr uint32_t MDNS_GROUP        = 0xFB0000E0; // 224.0.0.251, as it lies on the wire
+constexpr size_t   MAX_INTERFACES    = 16;
 constexpr size_t   MAX_OWN_ADDRESSES = 16; // of one interface
 
 const DnsName SERVICE_TYPE = {"_vorn-tramsa", "_tcp", "local"};

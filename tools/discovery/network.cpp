@@ -1,6 +1,6 @@
 // network.cpp: see the header.
-// Port 5353 is shared with other responders of the machine (Windows' own resolver, avahi, browsers): with SO_REUSEADDR on all
-// of them each gets every multicast. A unicast reaches only one of them, which is why nothing here asks for one.
+// Port 5353 is shared with other responders of the machine (Windows' own resolver, avahi, browsers): with SO_REUSEADDR
+// on all of them each gets every multicast. A unicast reaches only one of them, which is why nothing here asks for one.
 #include "tools/discovery/network.h"
 #include "platform/adapters.h"
 #include "platform/errors.h"
@@ -55,10 +55,11 @@ std::vector<MIB_IPADDRROW> ReadAddresses()
     if (dwError != ERROR_SUCCESS || aBytes.size() < sizeof(MIB_IPADDRTABLE)) return {};
     MIB_IPADDRTABLE head;
     std::memcpy(&head, aBytes.data(), sizeof head);
-    const size_t nRoom = (aBytes.size() - offsetof(MIB_IPADDRTABLE, table)) / sizeof(MIB_IPADDRROW);
+    const size_t               nRoom = (aBytes.size() - offsetof(MIB_IPADDRTABLE, table)) / sizeof(MIB_IPADDRROW);
     std::vector<MIB_IPADDRROW> aRows(std::min<size_t>(head.dwNumEntries, nRoom));
     if (!aRows.empty())
-        std::memcpy(aRows.data(), aBytes.data() + offsetof(MIB_IPADDRTABLE, table), aRows.size() * sizeof(MIB_IPADDRROW));
+        std::memcpy(aRows.data(), aBytes.data() + offsetof(MIB_IPADDRTABLE, table),
+                    aRows.size() * sizeof(MIB_IPADDRROW));
     return aRows;
 }
 
@@ -175,14 +176,16 @@ std::vector<InPacket> ReceivePackets(const Network &network, uint32_t nWaitMs)
         return aPackets;
     }
     for (uint32_t nTaken = 0; nTaken < MAX_PACKETS;) {
-        const int32_t n = WSAPoll(aWaits.data(), static_cast<uint32_t>(aWaits.size()), static_cast<int32_t>(nTaken == 0 ? nWaitMs : 0));
+        const int32_t n = WSAPoll(aWaits.data(), static_cast<uint32_t>(aWaits.size()),
+                                  static_cast<int32_t>(nTaken == 0 ? nWaitMs : 0));
         if (n <= 0) break;
         for (size_t i = 0; i < aWaits.size(); i++) {
             if (aWaits[i].revents == 0) continue;
-            static char aBytes[DNS_MAX_PACKET];
-            sockaddr_in from   = {};
-            int32_t     cbFrom = sizeof from;
-            const int32_t cb = recvfrom(aWaits[i].fd, aBytes, sizeof aBytes, 0, reinterpret_cast<sockaddr *>(&from), &cbFrom);
+            static char   aBytes[DNS_MAX_PACKET];
+            sockaddr_in   from   = {};
+            int32_t       cbFrom = sizeof from;
+            const int32_t cb =
+                recvfrom(aWaits[i].fd, aBytes, sizeof aBytes, 0, reinterpret_cast<sockaddr *>(&from), &cbFrom);
             const LinkView &link = network.aInterfaces[i].link;
             InPacket        packet;
             nTaken++;

@@ -48,8 +48,8 @@ int RunRendezvousServer(const std::string &sFolder, const char *pszConfig, HANDL
     if (nPort == 0) return 1;
     // A predecessor that lingers announces the same port: each has a file of its own, so that its end takes nothing of
     // the other away.
-    const fs::path file = fs::path(sFolder) / ("127.0.0.1_" + std::to_string(nPort) + MARK + "." +
-                                               std::to_string(GetCurrentProcessId()));
+    const fs::path file =
+        fs::path(sFolder) / ("127.0.0.1_" + std::to_string(nPort) + MARK + "." + std::to_string(GetCurrentProcessId()));
     std::ofstream(file).flush();
     const uint64_t ullBegin = GetTickCount64();
     for (;;) {
@@ -63,10 +63,10 @@ int RunRendezvousServer(const std::string &sFolder, const char *pszConfig, HANDL
 
 int RunRendezvousClient(const std::string &sFolder, const char *pszConfig, HANDLE hStop)
 {
-    const uint64_t ullBegin      = GetTickCount64();
-    uint64_t       ullEnd        = ullBegin + MAX_SEARCH_MS;
-    uint32_t       nRoundsAmiss  = 1; // the first list is written at once
-    StopKind       stop          = STOP_NONE;
+    const uint64_t ullBegin     = GetTickCount64();
+    uint64_t       ullEnd       = ullBegin + MAX_SEARCH_MS;
+    uint32_t       nRoundsAmiss = 1; // the first list is written at once
+    StopKind       stop         = STOP_NONE;
     MarkNewest(pszConfig, "client");
     do {
         KeepServerList(pszConfig, ListServers(sFolder), &nRoundsAmiss);

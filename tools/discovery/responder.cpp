@@ -8,12 +8,12 @@ constexpr uint32_t TTL_HOST_S = 120, TTL_OTHER_S = 4500, TTL_LEGACY_S = 10; // 1
 constexpr uint32_t PROBES = 3, PROBE_GAP_MS = 250, PROBE_LOST_MS = 1000;    // 8.1, 8.2
 constexpr uint32_t ANNOUNCEMENTS = 2, ANNOUNCE_GAP_MS = 1000;               // 8.3
 constexpr uint32_t MANY_CONFLICTS = 15, CONFLICT_SPAN_MS = 10000, CONFLICT_WAIT_MS = 5000;
-constexpr uint32_t RATE_MS = 1000, RATE_DEFENCE_MS = 250;                   // 6: of one record by multicast
-constexpr uint32_t SHARED_DELAY_MS = 20, SHARED_SPREAD_MS = 100;            // 6
-constexpr uint32_t TRUNCATED_DELAY_MS = 400, TRUNCATED_SPREAD_MS = 100;     // 7.2
+constexpr uint32_t RATE_MS = 1000, RATE_DEFENCE_MS = 250;               // 6: of one record by multicast
+constexpr uint32_t SHARED_DELAY_MS = 20, SHARED_SPREAD_MS = 100;        // 6
+constexpr uint32_t TRUNCATED_DELAY_MS = 400, TRUNCATED_SPREAD_MS = 100; // 7.2
 constexpr size_t   MAX_TRUNCATED = 16, MAX_KNOWN = 256;
 constexpr uint32_t MAX_REPLIES = 20; // to single askers, a second: a sender's address is easily forged
-constexpr uint64_t NEVER = UINT64_MAX;
+constexpr uint64_t NEVER       = UINT64_MAX;
 constexpr uint32_t NOT_FLUSHED = 1u << RECORD_META | 1u << RECORD_PTR; // shared with other machines
 
 uint32_t Bit(int nRecord)
@@ -56,19 +56,28 @@ void AddRecords(const Responder &responder, uint32_t nSet, std::vector<DnsRecord
         DnsRecord record;
         record.bFlush = (NOT_FLUSHED & Bit(n)) == 0;
         record.dwTtl  = n == RECORD_SRV || n == RECORD_ADDRESS || n == RECORD_NSEC_HOST ? TTL_HOST_S : TTL_OTHER_S;
-        record.name   = n == RECORD_META                                    ? SERVICE_META
-                        : n == RECORD_PTR                                   ? SERVICE_TYPE
-                        : n == RECORD_ADDRESS || n == RECORD_NSEC_HOST      ? host
-                                                                            : instance;
+        record.name   = n == RECORD_META                               ? SERVICE_META
+                        : n == RECORD_PTR                              ? SERVICE_TYPE
+                        : n == RECORD_ADDRESS || n == RECORD_NSEC_HOST ? host
+                                                                       : instance;
         switch (n) {
-        case RECORD_META: record.nType = DNS_TYPE_PTR; record.target = SERVICE_TYPE; break;
-        case RECORD_PTR: record.nType = DNS_TYPE_PTR; record.target = instance; break;
+        case RECORD_META:
+            record.nType  = DNS_TYPE_PTR;
+            record.target = SERVICE_TYPE;
+            break;
+        case RECORD_PTR:
+            record.nType  = DNS_TYPE_PTR;
+            record.target = instance;
+            break;
         case RECORD_SRV:
             record.nType  = DNS_TYPE_SRV;
             record.target = host;
             record.nPort  = responder.nPort;
             break;
-        case RECORD_TXT: record.nType = DNS_TYPE_TXT; record.sData = std::string("\x09txtvers=1", 10); break;
+        case RECORD_TXT:
+            record.nType = DNS_TYPE_TXT;
+            record.sData = std::string("\x09txtvers=1", 10);
+            break;
         case RECORD_NSEC_INSTANCE:
             record.nType  = DNS_TYPE_NSEC;
             record.target = instance;
@@ -210,8 +219,8 @@ void Match(const Responder &responder, const DnsQuestion &question, uint32_t *pn
 void LeaveOutKnown(const Responder &responder, const std::vector<DnsRecord> &aKnown, PendingAnswer *pAnswer)
 {
     for (int n = 0; n < RECORD_KINDS; n++) {
-        const std::vector<DnsRecord> aOwn = Records(responder, pAnswer->nWanted & Bit(n));
-        const auto isKnown = [&](const DnsRecord &own) {
+        const std::vector<DnsRecord> aOwn    = Records(responder, pAnswer->nWanted & Bit(n));
+        const auto                   isKnown = [&](const DnsRecord &own) {
             return std::any_of(aKnown.begin(), aKnown.end(), [&](const DnsRecord &known) {
                 return known.dwTtl >= own.dwTtl / 2 && IsSameDnsRecord(known, own);
             });
@@ -228,7 +237,8 @@ void ReplyTo(Responder *pResponder, const DnsMessage &reply, uint32_t dwTo, uint
     if (pResponder->nReplies++ < MAX_REPLIES) pResponder->aReplies.push_back({dwTo, nPort, EncodeDnsMessage(reply)});
 }
 
-// An asker that is no multicast DNS program: it gets a plain answer with its question and number, kept only briefly (6.7).
+// An asker that is no multicast DNS program: it gets a plain answer with its question and number, kept only briefly
+// (6.7).
 void AnswerLegacy(Responder *pResponder, const DnsMessage &query, const PendingAnswer &answer, uint32_t dwFrom,
                   uint16_t nFromPort, uint64_t ullNow)
 {
@@ -280,7 +290,8 @@ void HearQuery(Responder *pResponder, const DnsMessage &message, uint32_t dwFrom
         aKnown.insert(aKnown.end(), message.aAnswers.begin(), message.aAnswers.end());
         return;
     }
-    if (!message.aAuthorities.empty() && pResponder->state == RESPONDER_PROBING) CompareClaims(pResponder, message, ullNow);
+    if (!message.aAuthorities.empty() && pResponder->state == RESPONDER_PROBING)
+        CompareClaims(pResponder, message, ullNow);
     if (pResponder->state == RESPONDER_PROBING) return; // nothing is ours yet
     for (const DnsQuestion &question : message.aQuestions) {
         const uint32_t nBefore = answer.nWanted;
@@ -295,8 +306,8 @@ void HearQuery(Responder *pResponder, const DnsMessage &message, uint32_t dwFrom
         return;
     }
     if (message.bTruncated && pResponder->truncated.size() < MAX_TRUNCATED) {
-        answer.aKnown = message.aAnswers;
-        answer.ullDue = ullNow + TRUNCATED_DELAY_MS + Random(pResponder, TRUNCATED_SPREAD_MS);
+        answer.aKnown                    = message.aAnswers;
+        answer.ullDue                    = ullNow + TRUNCATED_DELAY_MS + Random(pResponder, TRUNCATED_SPREAD_MS);
         pResponder->truncated[ullSender] = std::move(answer);
         return;
     }
@@ -325,8 +336,7 @@ void SendToAll(Responder *pResponder, uint32_t nWanted, uint32_t nExtra, uint32_
         for (int n = 0; n < RECORD_KINDS; n++) {
             uint64_t &ullLast = pResponder->aLastSent[static_cast<size_t>(n)];
             if ((nSet & Bit(n)) == 0) continue;
-            if (ullLast != 0 && ullNow - ullLast < nRateMs)
-                nSet &= ~Bit(n);
+            if (ullLast != 0 && ullNow - ullLast < nRateMs) nSet &= ~Bit(n);
         }
     }
     if (aSets[0] == 0) return;
@@ -375,17 +385,19 @@ std::string ResponderInstance(const Responder &responder)
     return responder.sName.substr(0, cb) + sNumber;
 }
 
-void StartResponder(Responder *pResponder, const std::string &sComputer, uint16_t nPort, uint64_t ullNow, uint32_t nSeed)
+void StartResponder(Responder *pResponder, const std::string &sComputer, uint16_t nPort, uint64_t ullNow,
+                    uint32_t nSeed)
 {
     size_t cb = std::min(sComputer.size(), DNS_MAX_LABEL);
     while (cb > 0 && cb < sComputer.size() && (sComputer[cb] & 0xC0) == 0x80) cb--;
     pResponder->sName = sComputer.empty() ? "PC" : sComputer.substr(0, cb);
     pResponder->nPort = nPort;
     pResponder->random.seed(nSeed);
-    // The same for every run on one machine and port, so that a predecessor that lingers there is no rival. Machines of one
-    // name get different names by their conflict.
+    // The same for every run on one machine and port, so that a predecessor that lingers there is no rival. Machines of
+    // one name get different names by their conflict.
     uint32_t nHash = 2166136261u;
-    for (const char ch : sComputer + ":" + std::to_string(nPort)) nHash = (nHash ^ static_cast<uint8_t>(ch)) * 16777619u;
+    for (const char ch : sComputer + ":" + std::to_string(nPort))
+        nHash = (nHash ^ static_cast<uint8_t>(ch)) * 16777619u;
     pResponder->sHost = "vorn-tramsa-" + std::to_string(nHash);
     BeginProbing(pResponder, ullNow + Random(pResponder, PROBE_GAP_MS));
 }
@@ -399,7 +411,8 @@ void SetResponderAddresses(Responder *pResponder, const std::vector<OwnAddress> 
     BeginProbing(pResponder, ullNow + Random(pResponder, PROBE_GAP_MS));
 }
 
-void ResponderHears(Responder *pResponder, const DnsMessage &message, uint32_t dwFrom, uint16_t nFromPort, uint64_t ullNow)
+void ResponderHears(Responder *pResponder, const DnsMessage &message, uint32_t dwFrom, uint16_t nFromPort,
+                    uint64_t ullNow)
 {
     if (!message.bResponse) HearQuery(pResponder, message, dwFrom, nFromPort, ullNow);
     else if (nFromPort == MDNS_PORT) HearResponse(pResponder, message, ullNow);

@@ -10,10 +10,10 @@ using namespace platform;
 
 namespace {
 
-constexpr uint32_t MAX_WAIT_MS   = 100;
-constexpr uint32_t LOOK_MS       = 2000;
-constexpr uint32_t WRITE_MS      = 200; // between two looks at the file
-constexpr uint32_t MAX_SEARCH_MS = 10 * 60 * 1000;
+constexpr uint32_t MAX_WAIT_MS    = 100;
+constexpr uint32_t LOOK_MS        = 2000;
+constexpr uint32_t WRITE_MS       = 200; // between two looks at the file
+constexpr uint32_t MAX_SEARCH_MS  = 10 * 60 * 1000;
 constexpr uint16_t FROM_RESPONDER = MDNS_PORT; // a response from elsewhere is none of multicast DNS
 
 // Drops what came by interfaces that went, or came back with other addresses, and asks again.

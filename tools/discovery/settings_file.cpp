@@ -97,7 +97,7 @@ void KeepServerList(const char *pszFile, const std::vector<FoundServer> &aServer
 {
     bool                           bCounted = false;
     const std::vector<FoundServer> aWritten = ReadServers(pszFile, &bCounted);
-    *pnRoundsAmiss = bCounted && aWritten == aServers ? 0 : *pnRoundsAmiss + 1;
+    *pnRoundsAmiss                          = bCounted && aWritten == aServers ? 0 : *pnRoundsAmiss + 1;
     if (*pnRoundsAmiss >= AMISS_ROUNDS) WriteServers(pszFile, aWritten, aServers);
 }
 

@@ -12,12 +12,12 @@ std::string ReadLastAdmission(const char *pszFile);
 // nothing would keep the server from its peer. Winsock must be started.
 bool IsPortTaken(uint16_t nPort);
 // Brings [ServerEnum] to the list. A list that is there already is not written; another one is changed so that a reader
-// finds whole entries only: what it counts is complete. pnRoundsAmiss (1 at first) is the caller's: a list that is amiss in
-// one round may be the agent's own write under way, one that is so in two is new, or was torn.
+// finds whole entries only: what it counts is complete. pnRoundsAmiss (1 at first) is the caller's: a list that is
+// amiss in one round may be the agent's own write under way, one that is so in two is new, or was torn.
 void KeepServerList(const char *pszFile, const std::vector<FoundServer> &aServers, uint32_t *pnRoundsAmiss);
 
-// The newest program of each kind ("client", "server") writes its number beside the settings file; an older one that lingers sees
-// that and ends: two that write the same file at once tear it where the system does not lock profile files (Wine), and of
-// two announcements the older one names a port of before.
+// The newest program of each kind ("client", "server") writes its number beside the settings file; an older one that
+// lingers sees that and ends: two that write the same file at once tear it where the system does not lock profile files
+// (Wine), and of two announcements the older one names a port of before.
 void MarkNewest(const char *pszFile, const char *pszKind);
 bool IsNewest(const char *pszFile, const char *pszKind);

@@ -8,7 +8,7 @@ namespace {
 
 constexpr char16_t STOP_EVENT[] = u"Global\\VORN discovery stop";
 constexpr uint32_t SEEN_MS      = 250; // longer than the other program's waits
-constexpr uint32_t TRIES        = 1000, TRY_MS = 10;
+constexpr uint32_t TRIES = 1000, TRY_MS = 10;
 
 } // namespace
 
@@ -22,8 +22,8 @@ void SendStopRequest()
 
 HANDLE OpenStopRequest()
 {
-    // Manual-reset: a stop ends every program that runs now. One that starts while the last is ending waits for it to let go
-    // of the signalled event, so that a stop never reaches a later start.
+    // Manual-reset: a stop ends every program that runs now. One that starts while the last is ending waits for it to
+    // let go of the signalled event, so that a stop never reaches a later start.
     for (uint32_t nTry = 0; nTry < TRIES; nTry++) {
         const HANDLE hStop = CreateEventW(nullptr, TRUE, FALSE, STOP_EVENT);
         if (hStop == nullptr || WaitForSingleObject(hStop, 0) != WAIT_OBJECT_0) return hStop;

@@ -1,8 +1,9 @@
 // stop_request.h: how "stop" reaches the discovery programs that run on this machine.
 // The agent starts "stop" and then "server" or "client" without waiting in between, so a "stop" that was slow to start
-// may arrive at the program that it was sent before. A stop in the first moments of a life therefore ends nothing at once:
-// a search goes on for a while, and an announcement until its peer is admitted or the agent's port is free. An announcement that stays a
-// little longer harms nobody, one that vanishes while its server waits leaves two people waiting.
+// may arrive at the program that it was sent before. A stop in the first moments of a life therefore ends nothing at
+// once: a search goes on for a while, and an announcement until its peer is admitted or the agent's port is free. An
+// announcement that stays a little longer harms nobody, one that vanishes while its server waits leaves two people
+// waiting.
 #pragma once
 #include "platform/types.h"
 

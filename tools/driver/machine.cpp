@@ -28,7 +28,7 @@ static std::vector<std::string> ProgramCommand(const Machine &machine, const std
 
 static bool CreateHosted(const MachinePtr &machine, std::string *psError)
 {
-    const MachinePlan       &plan = machine->plan;
+    const MachinePlan       &plan      = machine->plan;
     std::vector<std::string> arguments = {ProgramFile(*machine, "hosted-machine"),
                                           "create",
                                           plan.sFolder,
@@ -40,8 +40,7 @@ static bool CreateHosted(const MachinePtr &machine, std::string *psError)
                                           ProgramFile(*machine, "VornTramsaNet"),
                                           "--discovery",
                                           ProgramFile(*machine, "VornTramsaNetMDNS")};
-    for (const char ch : plan.drives)
-        arguments.insert(arguments.end(), {"--drive", std::string(1, ch) + ":fixed"});
+    for (const char ch : plan.drives) arguments.insert(arguments.end(), {"--drive", std::string(1, ch) + ":fixed"});
     for (const auto &[sName, sPath] : plan.folders)
         arguments.insert(arguments.end(), {"--folder", sName + "=" + sPath});
     if (RunProgram(arguments, {}, psError) != 0) return false;
@@ -52,22 +51,21 @@ static bool CreateHosted(const MachinePtr &machine, std::string *psError)
 // The prefix script makes the prefix, its drives, its user and its moved folders; here come only the programs.
 static bool CreateWine(const MachinePtr &machine, std::string *psError)
 {
-    const MachinePlan       &plan = machine->plan;
+    const MachinePlan       &plan      = machine->plan;
     std::vector<std::string> arguments = {"scripts/wine-prefix.sh", plan.sFolder, "--user", plan.sUser};
-    for (const char ch : plan.drives)
-        arguments.insert(arguments.end(), {"--drive", std::string(1, ch)});
+    for (const char ch : plan.drives) arguments.insert(arguments.end(), {"--drive", std::string(1, ch)});
     for (const auto &[sName, sPath] : plan.folders)
         arguments.insert(arguments.end(), {"--folder", sName + "=" + sPath});
     if (RunProgram(arguments, {}, psError) != 0) return false;
     std::string sRendezvous = "Z:" + plan.sRendezvous;
     std::replace(sRendezvous.begin(), sRendezvous.end(), '/', '\\');
-    machine->environment = {{"WINEPREFIX", plan.sFolder},
-                            {"WINEDEBUG", "-all"},
-                            // no runtimes to install, no menu entries to make of a person's shell links
-                            {"WINEDLLOVERRIDES", "mscoree=;mshtml=;winemenubuilder.exe="},
-                            {"VORN_RENDEZVOUS", sRendezvous},
-                            {"USER", plan.sUser},
-                            {"LOGNAME", plan.sUser}};
+    machine->environment   = {{"WINEPREFIX", plan.sFolder},
+                              {"WINEDEBUG", "-all"},
+                              // no runtimes to install, no menu entries to make of a person's shell links
+                              {"WINEDLLOVERRIDES", "mscoree=;mshtml=;winemenubuilder.exe="},
+                              {"VORN_RENDEZVOUS", sRendezvous},
+                              {"USER", plan.sUser},
+                              {"LOGNAME", plan.sUser}};
     const fs::path  folder = HostPathOf(machine, PROGRAM_FOLDER);
     std::error_code error;
     fs::create_directories(folder, error);
@@ -88,14 +86,14 @@ static bool CreateWine(const MachinePtr &machine, std::string *psError)
         *psError = "the prefix does not tell its computer name: " + sAnswer;
         return false;
     }
-    const size_t nName = sAnswer.find_first_not_of(" \t", nType + 6);
+    const size_t nName      = sAnswer.find_first_not_of(" \t", nType + 6);
     machine->plan.sComputer = sAnswer.substr(nName, sAnswer.find_first_of("\r\n", nName) - nName);
     return true;
 }
 
 MachinePtr CreateMachine(const MachinePlan &plan, std::string *psError)
 {
-    auto machine = std::make_shared<Machine>();
+    auto machine  = std::make_shared<Machine>();
     machine->plan = plan;
     std::error_code error;
     fs::remove_all(plan.sFolder, error);
@@ -108,14 +106,14 @@ MachinePtr CreateMachine(const MachinePlan &plan, std::string *psError)
 std::string HostPathOf(const MachinePtr &machine, const std::string &sWindowsPath)
 {
     const char chDrive = static_cast<char>(std::tolower(sWindowsPath[0]));
-    fs::path   path = machine->plan.eKind == MachineKind::Hosted
-                          ? fs::path(machine->plan.sFolder) / (std::string("drive_") + chDrive)
-                          : fs::path(machine->plan.sFolder) / "dosdevices" / (std::string(1, chDrive) + ":");
-    size_t     nStart = 3;
+    fs::path   path    = machine->plan.eKind == MachineKind::Hosted
+                             ? fs::path(machine->plan.sFolder) / (std::string("drive_") + chDrive)
+                             : fs::path(machine->plan.sFolder) / "dosdevices" / (std::string(1, chDrive) + ":");
+    size_t     nStart  = 3;
     while (nStart < sWindowsPath.size()) {
-        size_t            nEnd = std::min(sWindowsPath.find('\\', nStart), sWindowsPath.size());
+        size_t            nEnd  = std::min(sWindowsPath.find('\\', nStart), sWindowsPath.size());
         const std::string sPart = sWindowsPath.substr(nStart, nEnd - nStart);
-        nStart = nEnd + 1;
+        nStart                  = nEnd + 1;
         std::error_code error;
         fs::path        found = path / sPart;
         if (!sPart.empty() && !fs::exists(found, error)) {
@@ -202,7 +200,7 @@ void KillAgent(const MachinePtr &machine)
 bool StopAgent(const MachinePtr &machine)
 {
     if (!machine->agent) return true;
-    int        nExit = -1;
+    int        nExit  = -1;
     const bool bAsked = Command(machine, "send STON_FORCEEXIT 1");
     const bool bEnded = bAsked && WaitForChild(machine->agent, std::chrono::seconds(30), &nExit);
     if (!bEnded) KillChild(machine->agent);
@@ -250,7 +248,6 @@ std::vector<json> ReceivedRecords(const MachinePtr &machine)
 size_t CountRecords(const MachinePtr &machine, uint32_t dwCode)
 {
     size_t nCount = 0;
-    for (const json &record : ReceivedRecords(machine))
-        nCount += record.value("code", 0U) == dwCode;
+    for (const json &record : ReceivedRecords(machine)) nCount += record.value("code", 0U) == dwCode;
     return nCount;
 }

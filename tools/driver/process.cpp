@@ -17,14 +17,14 @@
 extern char **environ;
 
 struct ChildProcess {
-    pid_t                                    nPid = -1;
+    pid_t                                    nPid    = -1;
     int                                      fdInput = -1;
     std::thread                              reader, waiter;
     std::function<void(const std::string &)> onLine;
     std::mutex                               lock;
     std::condition_variable                  ended;
     bool                                     bEnded = false;
-    int                                      nExit = 0;
+    int                                      nExit  = 0;
 
     ~ChildProcess()
     {
@@ -42,16 +42,14 @@ static std::vector<std::string> MergedEnvironment(const std::map<std::string, st
         const std::string sEntry = *ppsz;
         if (environment.count(sEntry.substr(0, sEntry.find('='))) == 0) merged.push_back(sEntry);
     }
-    for (const auto &[sName, sValue] : environment)
-        merged.push_back(sName + "=" + sValue);
+    for (const auto &[sName, sValue] : environment) merged.push_back(sName + "=" + sValue);
     return merged;
 }
 
 static std::vector<char *> Pointers(std::vector<std::string> &texts)
 {
     std::vector<char *> pointers;
-    for (std::string &sText : texts)
-        pointers.push_back(sText.data());
+    for (std::string &sText : texts) pointers.push_back(sText.data());
     pointers.push_back(nullptr);
     return pointers;
 }
@@ -110,10 +108,10 @@ Child StartChild(const std::vector<std::string> &arguments, const std::map<std::
         close(aOut[0]);
         return nullptr;
     }
-    auto child = std::make_shared<ChildProcess>();
-    child->nPid = nPid;
+    auto child     = std::make_shared<ChildProcess>();
+    child->nPid    = nPid;
     child->fdInput = aIn[1];
-    child->onLine = std::move(onLine);
+    child->onLine  = std::move(onLine);
     if (child->onLine) child->reader = std::thread([raw = child.get(), fd = aOut[0]] { ReadLines(fd, raw->onLine); });
     else close(aOut[0]);
     child->waiter = std::thread([raw = child.get()] {
@@ -121,7 +119,7 @@ Child StartChild(const std::vector<std::string> &arguments, const std::map<std::
         while (waitpid(raw->nPid, &nStatus, 0) < 0 && errno == EINTR) {
         }
         const std::lock_guard<std::mutex> guard(raw->lock);
-        raw->nExit = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -WTERMSIG(nStatus);
+        raw->nExit  = WIFEXITED(nStatus) ? WEXITSTATUS(nStatus) : -WTERMSIG(nStatus);
         raw->bEnded = true;
         raw->ended.notify_all();
     });
@@ -183,7 +181,7 @@ int RunProgram(const std::vector<std::string> &arguments, const std::map<std::st
                std::string *psOutput)
 {
     char      szLog[] = "/tmp/vorn-output-XXXXXX";
-    const int fdLog = psOutput != nullptr ? mkstemp(szLog) : -1;
+    const int fdLog   = psOutput != nullptr ? mkstemp(szLog) : -1;
     if (fdLog >= 0) close(fdLog);
     const std::string sLog = fdLog >= 0 ? szLog : "";
     std::string       sOut;

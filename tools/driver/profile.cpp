@@ -12,8 +12,7 @@
 
 namespace fs = std::filesystem;
 
-namespace
-{
+namespace {
 
 // Windows paths that the generator gave a mark, which the walk leaves out with all that is below them.
 using LeftOut = std::map<std::string, std::string>;
@@ -35,9 +34,9 @@ void AddEntry(const MachinePtr &old, const MachinePtr &next, const LeftOut &left
 {
     ProfileEntry    entry;
     std::error_code error;
-    entry.sSource = sSource;
-    entry.bFolder = fs::is_directory(host, error);
-    entry.cb = entry.bFolder ? 0 : fs::file_size(host, error);
+    entry.sSource  = sSource;
+    entry.bFolder  = fs::is_directory(host, error);
+    entry.cb       = entry.bFolder ? 0 : fs::file_size(host, error);
     entry.sLeftOut = LeftOutReason(leftOut, sSource);
     if (entry.sLeftOut.empty()) {
         entry.sExpected = ExpectedPath(old, next, sSource);
@@ -56,9 +55,9 @@ void AddItem(const MachinePtr &old, const MachinePtr &next, const LeftOut &leftO
 {
     ProfileItem       item;
     const bool        bFolder = sRequest.back() == '\\';
-    const std::string sRoot = bFolder ? sRequest.substr(0, sRequest.size() - 1) : sRequest;
-    const fs::path    host = HostPathOf(old, sRoot);
-    item.sRequest = sRequest;
+    const std::string sRoot   = bFolder ? sRequest.substr(0, sRequest.size() - 1) : sRequest;
+    const fs::path    host    = HostPathOf(old, sRoot);
+    item.sRequest             = sRequest;
     AddEntry(old, next, leftOut, sRoot, host, &item);
     if (bFolder) {
         for (const auto &found : fs::recursive_directory_iterator(host)) {
@@ -78,8 +77,7 @@ std::u32string WithoutCase(const fs::path &path)
     static const locale_t s_Locale = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     try {
         std::u32string sPath = path.u32string();
-        for (char32_t &ch : sPath)
-            ch = static_cast<char32_t>(towupper_l(static_cast<wint_t>(ch), s_Locale));
+        for (char32_t &ch : sPath) ch = static_cast<char32_t>(towupper_l(static_cast<wint_t>(ch), s_Locale));
         return sPath;
     } catch (const std::system_error &) {
         return {};
@@ -111,8 +109,7 @@ bool WriteHostFile(const fs::path &path, uint64_t cb, unsigned nSeed)
     std::mt19937_64       random(nSeed);
     std::vector<uint64_t> block(8192);
     for (uint64_t nDone = 0; nDone < cb;) {
-        for (uint64_t &ull : block)
-            ull = random();
+        for (uint64_t &ull : block) ull = random();
         const uint64_t cbPart = std::min<uint64_t>(cb - nDone, block.size() * sizeof(uint64_t));
         file.write(reinterpret_cast<const char *>(block.data()), static_cast<std::streamsize>(cbPart));
         nDone += cbPart;
@@ -142,7 +139,8 @@ std::string ExpectedPath(const MachinePtr &old, const MachinePtr &next, const st
         pairs.emplace_back(KnownFolder(old, pszName), KnownFolder(next, pszName));
     pairs.emplace_back(ProfileFolder(old), ProfileFolder(next));
     for (const auto &[sFrom, sTo] : pairs) {
-        const bool bBelow = sPath.size() == sFrom.size() || (sPath.size() > sFrom.size() && sPath[sFrom.size()] == '\\');
+        const bool bBelow =
+            sPath.size() == sFrom.size() || (sPath.size() > sFrom.size() && sPath[sFrom.size()] == '\\');
         if (bBelow && strncasecmp(sPath.c_str(), sFrom.c_str(), sFrom.size()) == 0) {
             return sTo + sPath.substr(sFrom.size());
         }
@@ -153,8 +151,7 @@ std::string ExpectedPath(const MachinePtr &old, const MachinePtr &next, const st
     return "C:\\" + old->plan.sComputer + "_" + std::string(1, sPath[0]) + sBelow;
 }
 
-namespace
-{
+namespace {
 
 // Makes the old machine's files, each with a content of its own.
 struct ProfileMaker {
@@ -232,15 +229,15 @@ LeftOut MakeLeftOut(const ProfileFolders &at, ProfileMaker *pMaker)
 bool GenerateProfile(const MachinePtr &old, const MachinePtr &next, const ProfileSize &size, Profile *pProfile,
                      std::string *psError)
 {
-    const ProfileFolders at      = {KnownFolder(old, "Desktop"), KnownFolder(old, "Documents"),
-                                    KnownFolder(old, "Pictures"), "D:\\Projekte"};
-    const std::string    sSingle = ProfileFolder(old) + "\\Notizen.txt";
+    const ProfileFolders at = {KnownFolder(old, "Desktop"), KnownFolder(old, "Documents"), KnownFolder(old, "Pictures"),
+                               "D:\\Projekte"};
+    const std::string    sSingle       = ProfileFolder(old) + "\\Notizen.txt";
     const std::string    sNewDocuments = KnownFolder(next, "Documents");
-    ProfileMaker         maker   = {old};
+    ProfileMaker         maker         = {old};
     MakeContents(at, size, &maker);
     MakeOddities(at, sSingle, &maker);
     // A name that is taken on the new machine: what lies there stays, the newcomer gets another name.
-    maker.bOk = WriteHostFile(HostPathOf(next, sNewDocuments + "\\Bericht.txt"), 777, 424242) && maker.bOk;
+    maker.bOk             = WriteHostFile(HostPathOf(next, sNewDocuments + "\\Bericht.txt"), 777, 424242) && maker.bOk;
     const LeftOut leftOut = MakeLeftOut(at, &maker);
     maker.Tool({"make-link", at.sDesktop + "\\Projekte.lnk", at.sData + "\\Plan.docx", at.sData});
     if (!maker.bOk) {
@@ -252,8 +249,7 @@ bool GenerateProfile(const MachinePtr &old, const MachinePtr &next, const Profil
         AddItem(old, next, leftOut, sRequest, pProfile);
     for (ProfileItem &item : pProfile->items) {
         for (ProfileEntry &entry : item.entries) {
-            if (entry.sSource == at.sDocuments + "\\Bericht.txt")
-                entry.sExpected = sNewDocuments + "\\Bericht (2).txt";
+            if (entry.sSource == at.sDocuments + "\\Bericht.txt") entry.sExpected = sNewDocuments + "\\Bericht (2).txt";
         }
     }
     return true;
@@ -270,13 +266,13 @@ bool ProfileFromFolder(const MachinePtr &old, const MachinePtr &next, const std:
     }
     const std::string sTarget =
         KnownFolder(old, "Documents") + "\\" + (source.has_filename() ? source.filename().string() : "Ordner");
-    const fs::path target = HostPathOf(old, sTarget);
+    const fs::path           target = HostPathOf(old, sTarget);
     std::set<std::u32string> taken;
     fs::create_directories(target, error);
     for (auto it = fs::recursive_directory_iterator(source, fs::directory_options::skip_permission_denied);
          it != fs::end(it); ++it) {
         const fs::path    relative = it->path().lexically_relative(source);
-        const char *const pszWhy = WhyNotOnWindows(*it, relative, &taken);
+        const char *const pszWhy   = WhyNotOnWindows(*it, relative, &taken);
         if (pszWhy != nullptr) {
             pSkipped->push_back(relative.string() + ": " + pszWhy);
             if (it->is_directory(error)) it.disable_recursion_pending();
@@ -296,8 +292,7 @@ bool ProfileFromFolder(const MachinePtr &old, const MachinePtr &next, const std:
 std::vector<std::string> RequestLines(const Profile &profile)
 {
     std::vector<std::string> lines;
-    for (const ProfileItem &item : profile.items)
-        lines.push_back(item.sRequest);
+    for (const ProfileItem &item : profile.items) lines.push_back(item.sRequest);
     return lines;
 }
 

@@ -9,7 +9,7 @@ struct ProfileEntry {
     std::string sExpected; // Windows path on the new one; empty when it is left out
     std::string sLeftOut;  // why it is left out
     bool        bFolder = false;
-    uint64_t    cb = 0;
+    uint64_t    cb      = 0;
 };
 struct ProfileItem {
     std::string               sRequest; // as it stands in the item list: folders end in a backslash
@@ -24,7 +24,7 @@ struct Profile {
 // How much the generated profile holds.
 struct ProfileSize {
     unsigned nDocuments = 2000;
-    uint64_t cbLarge = 256ULL << 20;
+    uint64_t cbLarge    = 256ULL << 20;
 };
 // Fills the old machine and takes one name on the new one. False with *psError.
 bool GenerateProfile(const MachinePtr &old, const MachinePtr &next, const ProfileSize &size, Profile *pProfile,

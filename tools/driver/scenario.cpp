@@ -72,8 +72,7 @@ bool RequestCollection(const MachinePtr &target, const std::vector<std::string> 
     }
     const std::string sList = KnownFolder(target, "ProgramData") + "\\VORN\\VORN Qelvane\\VornTramsa\\collection.txt";
     std::string       sText;
-    for (const std::string &sItem : items)
-        sText += sItem + "\r\n";
+    for (const std::string &sItem : items) sText += sItem + "\r\n";
     return WriteWideText(HostPathOf(target, sList), sText) && TellRole(target) &&
            Command(target, "send STON_MIGRATIONCOLLECTION 1 0 0 \"" + sList + "\"");
 }

@@ -8,15 +8,14 @@
 
 namespace fs = std::filesystem;
 
-namespace
-{
+namespace {
 
-constexpr uint32_t    QUESTION_MARK = 7; // a question's third parameter, which comes back with the answer
+constexpr uint32_t    QUESTION_MARK    = 7; // a question's third parameter, which comes back with the answer
 constexpr uint32_t    GATHERED_PERCENT = 10, MOVED_PERCENT = 90;
 const char *const     CACHE_RESERVED = "\"Global\\VORN VornMigrationService Cache Reserved Event\"";
-const char *const     WITHIN = " within=120";
-constexpr const char *apszWords[] = {"SYSTEMSETTINGSUPPORTED", "APPLICATIONSUPPORTED", "MIGRATIONSYSTEMSETTING",
-                                     "MIGRATIONAPPLICATION"};
+const char *const     WITHIN         = " within=120";
+constexpr const char *apszWords[]    = {"SYSTEMSETTINGSUPPORTED", "APPLICATIONSUPPORTED", "MIGRATIONSYSTEMSETTING",
+                                        "MIGRATIONAPPLICATION"};
 
 std::string Word(const SpecialData &data)
 {
@@ -57,26 +56,29 @@ bool Gather(const MachinePtr &old, const SpecialData &data, const std::string &s
 bool AskAndAnswer(const MachinePtr &old, const MachinePtr &next, const SpecialData &data)
 {
     // Which applications are supported is asked for all at once, and the agents say so in the parameters.
-    const bool        bAll = data.eKind == SpecialKind::ApplicationsSupported;
+    const bool        bAll   = data.eKind == SpecialKind::ApplicationsSupported;
     const uint32_t    dwItem = bAll ? 0 : data.dwItem, dwMark = bAll ? 1 : QUESTION_MARK;
     const std::string sBelow = "\\" + data.sName + "\\" + data.files[0].first;
     const std::string sAsked = ApplicationDataRoot(next) + sBelow, sGathered = MappingFolder(old) + sBelow;
     const std::string sValues = " " + std::to_string(dwItem) + " " + std::to_string(dwMark);
     return Command(next, "send STON_" + Word(data) + " 1" + sValues + Quoted(sAsked)) &&
-           Command(old, "expect NTOS_" + Word(data) + Parameters("1", dwItem, dwMark) + Quoted("t1=" + sGathered) + WITHIN) &&
+           Command(old, "expect NTOS_" + Word(data) + Parameters("1", dwItem, dwMark) + Quoted("t1=" + sGathered) +
+                            WITHIN) &&
            Gather(old, data, MappingFolder(old) + "\\" + data.sName) &&
            Command(old, "send NTOS_" + Word(data) + " 2" + sValues + Quoted(sGathered)) &&
-           Command(next, "expect STON_" + Word(data) + Parameters("2", dwItem, dwMark) + Quoted("t1=" + sAsked) + WITHIN);
+           Command(next,
+                   "expect STON_" + Word(data) + Parameters("2", dwItem, dwMark) + Quoted("t1=" + sAsked) + WITHIN);
 }
 
-// Tells the total, so that the new machine's agent can report progress. The percentage behind it shows, when it has come,
-// that the total has come too.
+// Tells the total, so that the new machine's agent can report progress. The percentage behind it shows, when it has
+// come, that the total has come too.
 bool AnnounceTotal(const MachinePtr &old, const MachinePtr &next, const SpecialData &data)
 {
     const std::string sItem = std::to_string(data.dwItem), sPercent = std::to_string(GATHERED_PERCENT);
     return Command(old, "send ATOS_UPDATEPERCENTAGE 128 " + sItem + " 0 " + std::to_string(data.cb)) &&
            Command(old, "send ATOS_UPDATEPERCENTAGE " + sPercent + " " + sItem + " 0" + Quoted(data.sName)) &&
-           Command(next, "expect ATOS_UPDATEPERCENTAGE p1=" + sPercent + " p2=" + sItem + Quoted("t1=" + data.sName) + WITHIN);
+           Command(next, "expect ATOS_UPDATEPERCENTAGE p1=" + sPercent + " p2=" + sItem + Quoted("t1=" + data.sName) +
+                             WITHIN);
 }
 
 bool MoveData(const MachinePtr &old, const MachinePtr &next, const SpecialData &data)
@@ -84,14 +86,16 @@ bool MoveData(const MachinePtr &old, const MachinePtr &next, const SpecialData &
     const std::string sItem = " " + std::to_string(data.dwItem), sCache = CacheFolder(old, data);
     const bool        bApplication = data.eKind == SpecialKind::Application;
     return Command(next, "send STON_" + Word(data) + " 1" + sItem + " 0" + Quoted(data.sName)) &&
-           Command(old, "expect NTOS_" + Word(data) + Parameters("1", data.dwItem, 1) + Quoted("t1=" + data.sName) + WITHIN) &&
+           Command(old, "expect NTOS_" + Word(data) + Parameters("1", data.dwItem, 1) + Quoted("t1=" + data.sName) +
+                            WITHIN) &&
            Gather(old, data, sCache) && Command(old, std::string("event create ") + CACHE_RESERVED) &&
            Command(old, std::string(data.bReserved ? "event set " : "event reset ") + CACHE_RESERVED) &&
            (!bApplication || AnnounceTotal(old, next, data)) &&
            Command(old, "send NTOS_" + Word(data) + " 2" + sItem + " 1" + Quoted(sCache)) &&
-           (!bApplication || Command(next, "expect NTOS_UPDATEPERCENTAGE p1=" + std::to_string(MOVED_PERCENT) + " p2=" +
-                                               std::to_string(data.dwItem) + WITHIN)) &&
-           Command(next, "expect STON_" + Word(data) + Parameters("2", data.dwItem, 0) + Quoted("t1=" + sCache) + WITHIN);
+           (!bApplication || Command(next, "expect NTOS_UPDATEPERCENTAGE p1=" + std::to_string(MOVED_PERCENT) +
+                                               " p2=" + std::to_string(data.dwItem) + WITHIN)) &&
+           Command(next,
+                   "expect STON_" + Word(data) + Parameters("2", data.dwItem, 0) + Quoted("t1=" + sCache) + WITHIN);
 }
 
 // The reports about one tag, which may only rise. False when one does not.

@@ -13,7 +13,7 @@ struct SpecialData {
     bool                                          bReserved = false; // the old machine's service keeps the cache
     // what became of it
     std::string sPlace{}; // the folder on the new machine
-    uint64_t    cb = 0;
+    uint64_t    cb       = 0;
     size_t      nReports = 0; // of progress
 };
 // One of each kind, and a second setting.

@@ -10,9 +10,9 @@ static std::u16string DecodeUtf8(const std::string &sText)
 {
     std::u16string sWide;
     for (size_t i = 0; i < sText.size();) {
-        const unsigned char by = static_cast<unsigned char>(sText[i]);
+        const unsigned char by    = static_cast<unsigned char>(sText[i]);
         const int           nMore = by < 0x80 ? 0 : by < 0xE0 ? 1 : by < 0xF0 ? 2 : 3;
-        uint32_t            dw = nMore == 0 ? by : by & (0x3F >> nMore);
+        uint32_t            dw    = nMore == 0 ? by : by & (0x3F >> nMore);
         for (int n = 1; n <= nMore && i + static_cast<size_t>(n) < sText.size(); n++) {
             dw = dw << 6 | (static_cast<unsigned char>(sText[i + static_cast<size_t>(n)]) & 0x3F);
         }
@@ -77,7 +77,7 @@ std::vector<std::string> ReadWideLines(const std::string &sHostPath)
     std::string              sText;
     if (!ReadAny(sHostPath, &sText)) return lines;
     for (size_t nStart = 0; nStart < sText.size();) {
-        const size_t nEnd = std::min(sText.find('\n', nStart), sText.size());
+        const size_t nEnd  = std::min(sText.find('\n', nStart), sText.size());
         std::string  sLine = sText.substr(nStart, nEnd - nStart);
         if (!sLine.empty() && sLine.back() == '\r') sLine.pop_back();
         lines.push_back(sLine);

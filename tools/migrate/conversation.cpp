@@ -17,20 +17,19 @@
 
 using namespace platform;
 
-namespace
-{
+namespace {
 
-constexpr char     AGENT_NAME[] = "VornTramsaNet.exe";
+constexpr char     AGENT_NAME[]   = "VornTramsaNet.exe";
 constexpr uint32_t AGENT_START_MS = 30000;
-constexpr uint32_t AGENT_END_MS = 15000;
-constexpr uint32_t PIPE_MS = 5000;
-constexpr auto     STOP_POLL = std::chrono::milliseconds(100); // a signal handler wakes nobody
-constexpr intptr_t SHELL_ERROR = 32;
+constexpr uint32_t AGENT_END_MS   = 15000;
+constexpr uint32_t PIPE_MS        = 5000;
+constexpr auto     STOP_POLL      = std::chrono::milliseconds(100); // a signal handler wakes nobody
+constexpr intptr_t SHELL_ERROR    = 32;
 
 std::mutex              g_Lock; // guards g_Records
 std::condition_variable g_Arrived;
 std::deque<IpcMessage>  g_Records;
-uint32_t                g_dwSession = 0;
+uint32_t                g_dwSession     = 0;
 bool                    g_bStartedAgent = false;
 
 volatile std::sig_atomic_t g_bStopAsked = 0;
@@ -46,9 +45,9 @@ bool StartAgent(const std::string &sAgent)
     const HMODULE hShell = LoadSystemLibrary(u"Shell32.dll");
     if (hShell == nullptr) return false;
     const auto pShellExecute = reinterpret_cast<ShellExecuteAProc>(GetProcAddress(hShell, "ShellExecuteA"));
-    const bool bStarted = pShellExecute != nullptr &&
-                          reinterpret_cast<intptr_t>(pShellExecute(nullptr, "open", sAgent.c_str(), nullptr, nullptr,
-                                                                   SW_HIDE)) > SHELL_ERROR;
+    const bool bStarted =
+        pShellExecute != nullptr && reinterpret_cast<intptr_t>(pShellExecute(nullptr, "open", sAgent.c_str(), nullptr,
+                                                                             nullptr, SW_HIDE)) > SHELL_ERROR;
     FreeLibrary(hShell);
     return bStarted;
 }
@@ -73,7 +72,8 @@ bool OpenConversation(Trouble *pTrouble)
         g_Records.push_back(record);
         g_Arrived.notify_all();
     };
-    if (!StartServicePipe(onRecord, [](const std::string &) {}, &sError)) {
+    if (!StartServicePipe(
+            onRecord, [](const std::string &) {}, &sError)) {
         *pTrouble = {"On this PC another migration is under way already (" + sError + ").",
                      "Let it end, or close it, and start again."};
         return false;
@@ -88,7 +88,8 @@ bool OpenConversation(Trouble *pTrouble)
     }
     g_bStartedAgent = true;
     IpcMessage ready;
-    if (AwaitRecord(AGENT_START_MS, [](const IpcMessage &record) { return record.dwCommand == NTOS_IPCREADY; }, &ready))
+    if (AwaitRecord(
+            AGENT_START_MS, [](const IpcMessage &record) { return record.dwCommand == NTOS_IPCREADY; }, &ready))
         return true;
     *pTrouble = {"The agent was started but does not answer.", "Start again; if it stays so, restart this PC."};
     return false;
@@ -115,8 +116,8 @@ bool SendRecord(uint32_t dwCode, uint32_t dwParam1, uint32_t dwParam2, const std
     IpcMessage  record = {};
     std::string sError;
     record.dwCommand = dwCode;
-    record.dwParam1 = dwParam1;
-    record.dwParam2 = dwParam2;
+    record.dwParam1  = dwParam1;
+    record.dwParam2  = dwParam2;
     PutText(record.szText1, sText1);
     PutText(record.szText2, sText2);
     return SendToAgent(g_dwSession, record, PIPE_MS, &sError);
@@ -129,7 +130,7 @@ bool SendNote(PeerNote eNote)
 
 bool NextRecord(uint32_t dwMilliseconds, IpcMessage *pRecord, bool bStoppable)
 {
-    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(dwMilliseconds);
+    const auto                   until = std::chrono::steady_clock::now() + std::chrono::milliseconds(dwMilliseconds);
     std::unique_lock<std::mutex> lock(g_Lock);
     while (g_Records.empty()) {
         const auto now = std::chrono::steady_clock::now();

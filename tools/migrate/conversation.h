@@ -29,7 +29,7 @@ bool AwaitRecord(uint32_t dwMilliseconds, const std::function<bool(const IpcMess
                  bool bStoppable = true);
 bool IsLinkLost(const IpcMessage &record); // 818 with 102, or 821
 
-void WatchForStop(); // Ctrl-C from now on only sets the flag
-bool StopAsked();
-void ForgetStop();
+void        WatchForStop(); // Ctrl-C from now on only sets the flag
+bool        StopAsked();
+void        ForgetStop();
 std::string Text1Of(const IpcMessage &record);

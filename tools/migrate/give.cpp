@@ -9,17 +9,16 @@
 #include "tools/migrate/show.h"
 #include "tools/record_text.h"
 
-namespace
-{
+namespace {
 
-constexpr uint32_t LOOK_MS = 500;
-constexpr uint32_t LEAVE_MS = 2000; // a link whose end was told is not waited for longer
-constexpr uint32_t OFFER_KIND = 3; // of an answer 4400: one file, in text 1
+constexpr uint32_t LOOK_MS    = 500;
+constexpr uint32_t LEAVE_MS   = 2000; // a link whose end was told is not waited for longer
+constexpr uint32_t OFFER_KIND = 3;    // of an answer 4400: one file, in text 1
 
 struct GiveState {
     bool     bLinked = false, bMoving = false, bOver = false;
     uint64_t ullLeft = 0; // when the new PC said that it goes; 0: it has not
-    int      nExit = EXIT_NOT_LINKED;
+    int      nExit   = EXIT_NOT_LINKED;
 };
 
 void ShowPin(uint32_t dwPin)
@@ -34,7 +33,7 @@ void ShowPin(uint32_t dwPin)
 void OnLinked(GiveState *pState)
 {
     const std::string sPeer = Harmless(PeerName());
-    pState->bLinked = true;
+    pState->bLinked         = true;
     Tell({{"event", "linked"}, {"peer", sPeer}});
     Say("Linked with " + sPeer + ".");
 }
@@ -70,7 +69,7 @@ void OnNote(GiveState *pState, PeerNote eNote)
     case PeerNote::Hello: break;
     case PeerNote::Moving:
         pState->bMoving = true;
-        pState->nExit = EXIT_BROKEN_OFF;
+        pState->nExit   = EXIT_BROKEN_OFF;
         Say("The new PC takes them now.");
         break;
     case PeerNote::AllThere:
@@ -80,12 +79,12 @@ void OnNote(GiveState *pState, PeerNote eNote)
         break;
     case PeerNote::SomeFailed:
         pState->bMoving = false;
-        pState->nExit = EXIT_SOME_FAILED;
+        pState->nExit   = EXIT_SOME_FAILED;
         Say("Some items did not arrive; the new PC lists them. It can ask again with: migrate take --resume");
         break;
     case PeerNote::BrokenOff:
         pState->bMoving = false;
-        pState->nExit = EXIT_BROKEN_OFF;
+        pState->nExit   = EXIT_BROKEN_OFF;
         Say("Broken off by the new PC. It goes on with: migrate take --resume");
         break;
     case PeerNote::OnlyLooked:

@@ -17,12 +17,11 @@
 using namespace platform;
 using nlohmann::json;
 
-namespace
-{
+namespace {
 
-constexpr size_t LONGEST_PATH = 1024;  // units; the agent's own limit
-constexpr size_t MOST_ITEMS = 10000;   // of an offer that is believed
-constexpr size_t MOST_NAMES = 20 << 20; // of a list that is believed
+constexpr size_t LONGEST_PATH = 1024;     // units; the agent's own limit
+constexpr size_t MOST_ITEMS   = 10000;    // of an offer that is believed
+constexpr size_t MOST_NAMES   = 20 << 20; // of a list that is believed
 
 struct KnownFolderName {
     const char *pszName;
@@ -61,7 +60,7 @@ struct Areas {
         FreeStringList(&UserProfiles);
         FreeStringList(&Profiles);
     }
-    Areas(const Areas &) = delete;
+    Areas(const Areas &)            = delete;
     Areas &operator=(const Areas &) = delete;
     bool   LeavesOut(const std::string &sParent, const std::string &sFolder) const
     {
@@ -106,7 +105,7 @@ void ListEntry(ContentsWalk *pWalk, const std::string &sFolder, const WIN32_FIND
     if (!bFolder) {
         if (IsPartName(entry.cFileName)) return LeaveOut(pWalk, sPath, "part of an interrupted transfer");
         ListedFolder  &listed = pWalk->pContents->folders[nFolder];
-        const uint64_t cb = static_cast<uint64_t>(entry.nFileSizeHigh) << 32 | entry.nFileSizeLow;
+        const uint64_t cb     = static_cast<uint64_t>(entry.nFileSizeHigh) << 32 | entry.nFileSizeLow;
         if (listed.sTo.empty() || ToWide(JoinPath(listed.sTo, sName)).size() >= LONGEST_PATH)
             return LeaveOut(pWalk, sPath, "its path is too long for the new PC");
         listed.files.emplace_back(sName, cb);
@@ -117,7 +116,8 @@ void ListEntry(ContentsWalk *pWalk, const std::string &sFolder, const WIN32_FIND
     if (pWalk->pAreas->LeavesOut(sFolder, sPath)) return LeaveOut(pWalk, sPath + "\\", "of Windows, or another user's");
     if (!IsFolderLink(&entry)) return ListFolder(pWalk, sPath, pWay);
     EnteredLink *const pInside = EnterLink(pWay, ToWide(sFolder).c_str(), ToWide(sPath).c_str());
-    if (pInside == nullptr) return LeaveOut(pWalk, sPath + "\\", "a link that leads back to its own folder, or nowhere");
+    if (pInside == nullptr)
+        return LeaveOut(pWalk, sPath + "\\", "a link that leads back to its own folder, or nowhere");
     ListFolder(pWalk, sPath, pInside);
     LeaveLink(pInside);
 }
@@ -133,8 +133,7 @@ void ListFolder(ContentsWalk *pWalk, const std::string &sFolder, EnteredLink *pW
         if (!bEmpty) LeaveOut(pWalk, sFolder + "\\", "cannot be read");
         return;
     }
-    do
-        ListEntry(pWalk, sFolder, entry, nFolder, pWay);
+    do ListEntry(pWalk, sFolder, entry, nFolder, pWay);
     while (FindNextFileW(hFind, &entry));
     FindClose(hFind);
 }
@@ -144,14 +143,14 @@ void ListSingleFile(ContentsWalk *pWalk, const std::string &sPath)
     WIN32_FILE_ATTRIBUTE_DATA data = {};
     char16_t                  szPath[MAP_PATH_UNITS];
     GetFileAttributesExW(OpenForm(sPath).c_str(), GetFileExInfoStandard, &data);
-    const uint64_t cb = static_cast<uint64_t>(data.nFileSizeHigh) << 32 | data.nFileSizeLow;
+    const uint64_t cb    = static_cast<uint64_t>(data.nFileSizeHigh) << 32 | data.nFileSizeLow;
     const bool     bFits = CopyTextW(szPath, MAP_PATH_UNITS, ToWide(sPath).c_str()) &&
                        TranslateForTarget(pWalk->pMap, szPath, MAP_PATH_UNITS) >= 0;
     if (!bFits) return LeaveOut(pWalk, sPath, "its path is too long for the new PC");
     const std::string sTo = ToUtf8(szPath, MAP_PATH_UNITS);
     pWalk->pContents->folders.push_back({ParentOf(sPath), ParentOf(sTo), {{BaseName(sTo), cb}}});
     pWalk->pContents->nFiles = 1;
-    pWalk->pContents->cb = cb;
+    pWalk->pContents->cb     = cb;
 }
 
 // A member of an object from outside, when it is of that kind.
@@ -163,7 +162,7 @@ std::string TextOf(const json &object, const char *pszKey)
 const json &ListOf(const json &object, const char *pszKey)
 {
     static const json s_empty = json::array();
-    const auto        it = object.find(pszKey);
+    const auto        it      = object.find(pszKey);
     return it != object.end() && it->is_array() ? *it : s_empty;
 }
 bool FlagOf(const json &object, const char *pszKey)
@@ -187,7 +186,7 @@ std::vector<OfferedItem> ListOfferedItems()
     std::vector<OfferedItem> items;
     const std::string        sProfile = FolderById(FOLDERID_Profile), sWindows = FolderById(FOLDERID_Windows);
     for (const KnownFolderName &known : KNOWN_FOLDERS) {
-        std::string sPath = FolderById(known.id);
+        std::string sPath   = FolderById(known.id);
         bool        bFolder = false;
         if (sPath.empty()) sPath = JoinPath(sProfile, known.pszTail);
         if (PathExists(sPath, &bFolder) && bFolder) items.push_back({known.pszName, sPath, true});
@@ -222,8 +221,8 @@ ItemContents ListContents(const std::string &sPath, const PathMap *pMap)
     ItemContents contents;
     const Areas  areas;
     ContentsWalk walk = {&contents, pMap, &areas};
-    contents.sPath = WithoutBackslash(sPath);
-    contents.bFound = IsPlainPath(JoinPath(sPath, "")) && PathExists(sPath, &contents.bFolder);
+    contents.sPath    = WithoutBackslash(sPath);
+    contents.bFound   = IsPlainPath(JoinPath(sPath, "")) && PathExists(sPath, &contents.bFolder);
     if (!contents.bFound) return contents;
     if (contents.bFolder) ListFolder(&walk, contents.sPath, nullptr);
     else ListSingleFile(&walk, contents.sPath);
@@ -256,12 +255,10 @@ std::string ContentsToJson(const ItemContents &contents)
     json folders = json::array(), leftOut = json::array();
     for (const ListedFolder &folder : contents.folders) {
         json files = json::array();
-        for (const auto &[sName, cb] : folder.files)
-            files.push_back({sName, cb});
+        for (const auto &[sName, cb] : folder.files) files.push_back({sName, cb});
         folders.push_back({{"from", folder.sFrom}, {"to", folder.sTo}, {"files", files}});
     }
-    for (const LeftOut &out : contents.leftOut)
-        leftOut.push_back({{"path", out.sPath}, {"why", out.sWhy}});
+    for (const LeftOut &out : contents.leftOut) leftOut.push_back({{"path", out.sPath}, {"why", out.sWhy}});
     return Dump({{"path", contents.sPath},
                  {"found", contents.bFound},
                  {"folder", contents.bFolder},
@@ -274,15 +271,16 @@ std::optional<ItemContents> ContentsFromJson(const std::string &sText)
     const json value = json::parse(sText, nullptr, false);
     if (!value.is_object()) return std::nullopt;
     ItemContents contents;
-    contents.sPath = TextOf(value, "path");
-    contents.bFound = FlagOf(value, "found");
+    contents.sPath   = TextOf(value, "path");
+    contents.bFound  = FlagOf(value, "found");
     contents.bFolder = FlagOf(value, "folder");
     for (const json &folder : ListOf(value, "folders")) {
         if (!folder.is_object()) return std::nullopt;
         ListedFolder listed = {TextOf(folder, "from"), TextOf(folder, "to"), {}};
         if (!listed.sTo.empty() && !IsPlainPath(listed.sTo + (listed.sTo.size() == 2 ? "\\" : ""))) return std::nullopt;
         for (const json &file : ListOf(folder, "files")) {
-            const bool bPair = file.is_array() && file.size() == 2 && file[0].is_string() && file[1].is_number_unsigned();
+            const bool bPair =
+                file.is_array() && file.size() == 2 && file[0].is_string() && file[1].is_number_unsigned();
             if (!bPair || !IsPlainName(file[0].get<std::string>())) return std::nullopt;
             listed.files.emplace_back(file[0].get<std::string>(), file[1].get<uint64_t>());
             contents.cb += listed.files.back().second;

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-constexpr char ITEMS_FILE[] = "items.json";
+constexpr char ITEMS_FILE[]    = "items.json";
 constexpr char CONTENTS_FILE[] = "contents.json";
 
 struct OfferedItem {

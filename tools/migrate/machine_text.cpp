@@ -24,8 +24,7 @@ std::u16string OpenForm(const std::string &sPath)
 std::string FoldName(const std::string &sText)
 {
     std::u16string sWide = ToWide(sText);
-    for (char16_t &ch : sWide)
-        ch = FoldCaseW(ch);
+    for (char16_t &ch : sWide) ch = FoldCaseW(ch);
     return ToUtf8(sWide.c_str(), sWide.size());
 }
 
@@ -52,8 +51,7 @@ std::string BaseName(const std::string &sPath)
 
 std::string WithoutBackslash(std::string sPath)
 {
-    while (!sPath.empty() && sPath.back() == '\\')
-        sPath.pop_back();
+    while (!sPath.empty() && sPath.back() == '\\') sPath.pop_back();
     return sPath;
 }
 
@@ -63,7 +61,7 @@ bool IsPlainPath(const std::string &sPath)
     const char chDrive = static_cast<char>(sPath[0] | 0x20);
     if (chDrive < 'a' || chDrive > 'z') return false;
     for (size_t nStart = 3; nStart < sPath.size();) {
-        const size_t      nEnd = std::min(sPath.find('\\', nStart), sPath.size());
+        const size_t      nEnd  = std::min(sPath.find('\\', nStart), sPath.size());
         const std::string sPart = sPath.substr(nStart, nEnd - nStart);
         if (sPart.empty() || sPart == "." || sPart == "..") return false;
         for (const char ch : sPart)
@@ -79,9 +77,9 @@ bool ReadSmallFile(const std::string &sPath, uint64_t cbMost, std::string *psCon
     const HANDLE hFile = CreateFileW(OpenForm(sPath).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                      FILE_ATTRIBUTE_NORMAL, nullptr);
     if (hFile == INVALID_HANDLE_VALUE) return false;
-    int64_t  cb = 0;
+    int64_t  cb     = 0;
     uint32_t cbRead = 0;
-    bool     bDone = GetFileSizeEx(hFile, &cb) && static_cast<uint64_t>(cb) <= cbMost;
+    bool     bDone  = GetFileSizeEx(hFile, &cb) && static_cast<uint64_t>(cb) <= cbMost;
     if (bDone) {
         psContent->resize(static_cast<size_t>(cb));
         bDone = cb == 0 || (ReadFile(hFile, psContent->data(), static_cast<uint32_t>(cb), &cbRead, nullptr) &&
@@ -94,12 +92,12 @@ bool ReadSmallFile(const std::string &sPath, uint64_t cbMost, std::string *psCon
 bool WriteSmallFile(const std::string &sPath, const std::string &sContent)
 {
     CreateDirectoryWithParents(ToWide(ParentOf(sPath)).c_str());
-    const HANDLE hFile = CreateFileW(OpenForm(sPath).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                     FILE_ATTRIBUTE_NORMAL, nullptr);
+    const HANDLE hFile =
+        CreateFileW(OpenForm(sPath).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (hFile == INVALID_HANDLE_VALUE) return false;
     uint32_t   cbWritten = 0;
-    const auto cb = static_cast<uint32_t>(sContent.size());
-    const bool bDone = cb == 0 || (WriteFile(hFile, sContent.data(), cb, &cbWritten, nullptr) && cbWritten == cb);
+    const auto cb        = static_cast<uint32_t>(sContent.size());
+    const bool bDone     = cb == 0 || (WriteFile(hFile, sContent.data(), cb, &cbWritten, nullptr) && cbWritten == cb);
     CloseHandle(hFile);
     return bDone;
 }
@@ -112,8 +110,7 @@ void DeleteSmallFile(const std::string &sPath)
 bool WriteLines(const std::string &sPath, const std::vector<std::string> &lines)
 {
     std::u16string sText = u"\xFEFF";
-    for (const std::string &sLine : lines)
-        sText += ToWide(sLine) + u"\r\n";
+    for (const std::string &sLine : lines) sText += ToWide(sLine) + u"\r\n";
     std::string sBytes;
     for (const char16_t ch : sText) {
         sBytes += static_cast<char>(ch & 0xFF);

@@ -1,4 +1,5 @@
-// machine_text.h: texts, small files and folders of this machine, as migrate uses them: UTF-8 within, UTF-16 at the seam.
+// machine_text.h: texts, small files and folders of this machine, as migrate uses them: UTF-8 within, UTF-16 at the
+// seam.
 #pragma once
 #include <cstdint>
 #include <string>

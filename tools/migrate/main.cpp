@@ -11,24 +11,24 @@
 
 static int Usage(const std::string &sWhy)
 {
-    std::fprintf(stderr,
-                 "migrate: %s\n"
-                 "usage: migrate give [--resume] [--json]            on the old PC: shows a PIN and waits\n"
-                 "       migrate take PIN [ITEM...] [OPTIONS]        on the new PC: ITEM is Documents, D:\\Photos, ...\n"
-                 "       migrate take --resume [OPTIONS]             goes on with what was broken off\n"
-                 "  --preview   only shows what would come, and where\n"
-                 "  --yes       does not ask\n"
-                 "  --json      one JSON object a line\n"
-                 "ends with 0 all there, 1 some items failed, 2 wrong usage, 3 not linked, 4 broken off and resumable\n",
-                 sWhy.c_str());
+    std::fprintf(
+        stderr,
+        "migrate: %s\n"
+        "usage: migrate give [--resume] [--json]            on the old PC: shows a PIN and waits\n"
+        "       migrate take PIN [ITEM...] [OPTIONS]        on the new PC: ITEM is Documents, D:\\Photos, ...\n"
+        "       migrate take --resume [OPTIONS]             goes on with what was broken off\n"
+        "  --preview   only shows what would come, and where\n"
+        "  --yes       does not ask\n"
+        "  --json      one JSON object a line\n"
+        "ends with 0 all there, 1 some items failed, 2 wrong usage, 3 not linked, 4 broken off and resumable\n",
+        sWhy.c_str());
     return EXIT_USAGE;
 }
 
 static bool IsPin(const std::string &sWord)
 {
-    return !sWord.empty() && sWord.size() <= 6 && std::all_of(sWord.begin(), sWord.end(), [](char ch) {
-        return ch >= '0' && ch <= '9';
-    });
+    return !sWord.empty() && sWord.size() <= 6 &&
+           std::all_of(sWord.begin(), sWord.end(), [](char ch) { return ch >= '0' && ch <= '9'; });
 }
 
 static int RunCommandLine(int argc, char **argv)

@@ -42,8 +42,8 @@ std::vector<OfferedItem> ChooseItems(const std::vector<OfferedItem> &offered, co
     for (size_t i = 0; i < chosen.size(); i++) {
         bool bCovered = false;
         for (size_t k = 0; k < chosen.size(); k++)
-            bCovered |= LiesWithin(chosen[i].sPath, chosen[k].sPath) ||
-                        (k < i && SameName(chosen[i].sPath, chosen[k].sPath));
+            bCovered |=
+                LiesWithin(chosen[i].sPath, chosen[k].sPath) || (k < i && SameName(chosen[i].sPath, chosen[k].sPath));
         if (!bCovered) result.push_back(chosen[i]);
     }
     return result;
@@ -83,8 +83,7 @@ void ShowPlan(const Plan &plan)
     char szLine[512];
     for (const PlannedItem &item : plan.items) {
         json leftOut = json::array();
-        for (const LeftOut &out : item.contents.leftOut)
-            leftOut.push_back({{"path", out.sPath}, {"why", out.sWhy}});
+        for (const LeftOut &out : item.contents.leftOut) leftOut.push_back({{"path", out.sPath}, {"why", out.sWhy}});
         Tell({{"event", "item"},
               {"name", item.sName},
               {"source", item.contents.sPath},
@@ -96,8 +95,8 @@ void ShowPlan(const Plan &plan)
               {"existing", item.existing}});
     }
     Tell({{"event", "plan"}, {"peer", plan.sPeer}, {"files", plan.nFiles}, {"bytes", plan.cb}});
-    std::snprintf(szLine, sizeof(szLine), "%-36s %7s %10s  %s", ("on " + Harmless(plan.sPeer)).c_str(), "files", "bytes",
-                  "on this PC");
+    std::snprintf(szLine, sizeof(szLine), "%-36s %7s %10s  %s", ("on " + Harmless(plan.sPeer)).c_str(), "files",
+                  "bytes", "on this PC");
     Say(szLine);
     for (const PlannedItem &item : plan.items) {
         const std::string sFrom = Harmless(item.contents.sPath);
@@ -110,8 +109,7 @@ void ShowPlan(const Plan &plan)
                       Harmless(item.Place()).c_str());
         Say(szLine);
         std::vector<std::string> leftOut;
-        for (const LeftOut &out : item.contents.leftOut)
-            leftOut.push_back(out.sPath + " (" + out.sWhy + ")");
+        for (const LeftOut &out : item.contents.leftOut) leftOut.push_back(out.sPath + " (" + out.sWhy + ")");
         ShowNames("left out: ", leftOut);
         ShowNames("is there already, so a second one with a number comes beside it: ", item.existing);
     }

@@ -8,7 +8,7 @@
 struct PlannedItem {
     std::string              sName; // as it was offered or asked for
     ItemContents             contents;
-    std::vector<std::string> existing; // names on this PC; what comes goes beside them
+    std::vector<std::string> existing;      // names on this PC; what comes goes beside them
     std::string              Place() const; // of the item itself; "" when there is none
 };
 struct Plan {

@@ -8,9 +8,9 @@
 
 using nlohmann::json;
 
-static bool g_bJson = false;
+static bool g_bJson      = false;
 static int  g_nLastTenth = -1;
-static bool g_bBarShown = false;
+static bool g_bBarShown  = false;
 
 void UseJson()
 {
@@ -24,10 +24,11 @@ bool IsJson()
 
 void PrepareConsole()
 {
-    using SetConsoleOutputCPProc = int32_t (*)(uint32_t);
-    constexpr uint32_t        UTF8 = 65001;
-    const platform::HMODULE   hKernel = platform::LoadLibraryW(u"kernel32.dll"); // a hosted machine has no console
-    const platform::FARPROC   pfn = hKernel != nullptr ? platform::GetProcAddress(hKernel, "SetConsoleOutputCP") : nullptr;
+    using SetConsoleOutputCPProc    = int32_t (*)(uint32_t);
+    constexpr uint32_t      UTF8    = 65001;
+    const platform::HMODULE hKernel = platform::LoadLibraryW(u"kernel32.dll"); // a hosted machine has no console
+    const platform::FARPROC pfn =
+        hKernel != nullptr ? platform::GetProcAddress(hKernel, "SetConsoleOutputCP") : nullptr;
     if (pfn != nullptr) reinterpret_cast<SetConsoleOutputCPProc>(pfn)(UTF8);
 }
 
@@ -60,9 +61,8 @@ std::string BytesText(uint64_t cb)
     char                     szText[32];
     if (cb < 1000) return std::to_string(cb) + " B";
     double dValue = static_cast<double>(cb) / 1000;
-    size_t nUnit = 0;
-    for (; dValue >= 999.95 && nUnit < 3; nUnit++)
-        dValue /= 1000;
+    size_t nUnit  = 0;
+    for (; dValue >= 999.95 && nUnit < 3; nUnit++) dValue /= 1000;
     std::snprintf(szText, sizeof(szText), "%.1f %s", dValue, s_apszUnits[nUnit]);
     return szText;
 }
@@ -85,8 +85,7 @@ std::string LargePin(const std::string &sPin)
         sText += "   ";
         for (const char ch : sPin)
             if (ch >= '0' && ch <= '9') sText += std::string(s_aapszDigits[ch - '0'][nRow]) + "  ";
-        while (sText.back() == ' ')
-            sText.pop_back();
+        while (sText.back() == ' ') sText.pop_back();
         sText += "\n";
     }
     return sText;
@@ -126,12 +125,11 @@ void ShowProgress(const ProgressView &view)
     constexpr size_t BAR = 24, FOLDER = 30;
     if (g_bJson) return;
     if (isatty(1)) {
-        const auto  nFull = static_cast<size_t>(PartOf(view) * BAR);
+        const auto  nFull   = static_cast<size_t>(PartOf(view) * BAR);
         std::string sFolder = view.sFolder;
         if (sFolder.size() > FOLDER) {
             size_t nFrom = sFolder.size() - FOLDER;
-            while (nFrom < sFolder.size() && (sFolder[nFrom] & 0xC0) == 0x80)
-                nFrom++; // no character is cut
+            while (nFrom < sFolder.size() && (sFolder[nFrom] & 0xC0) == 0x80) nFrom++; // no character is cut
             sFolder = "..." + sFolder.substr(nFrom);
         }
         std::printf("\r[%s%s] %s  %s    ", std::string(nFull, '#').c_str(), std::string(BAR - nFull, '.').c_str(),

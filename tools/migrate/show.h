@@ -9,7 +9,7 @@ void UseJson();
 bool IsJson();
 void PrepareConsole(); // UTF-8 where the console has to be told
 
-void Say(const std::string &sLine); // nothing with --json
+void Say(const std::string &sLine);      // nothing with --json
 void Tell(const nlohmann::json &object); // nothing without
 void SayTrouble(const Trouble &trouble); // either way; plain lines go to standard error
 

@@ -15,19 +15,18 @@
 
 using nlohmann::json;
 
-namespace
-{
+namespace {
 
 constexpr uint32_t LINK_MS = 180000;
 constexpr int      LINKED = 2, WRONG_PIN = -3; // the agent's answers
-constexpr uint32_t HELLO_MS = 30000;
-constexpr uint32_t OFFER_MS = 60000;
-constexpr uint32_t CONTENTS_MS = 1800000; // a large folder is counted file by file
-constexpr uint32_t LAST_WORD_MS = 10000;
-constexpr int      RESUME_TRIES = 6; // the agent tries each for ten seconds
-constexpr uint64_t OFFER_BYTES = 8 << 20;
-constexpr uint64_t CONTENTS_BYTES = 1 << 30;
-constexpr char     STATE_FILE[] = "migrate.json"; // which items an interrupted transfer was of
+constexpr uint32_t HELLO_MS         = 30000;
+constexpr uint32_t OFFER_MS         = 60000;
+constexpr uint32_t CONTENTS_MS      = 1800000; // a large folder is counted file by file
+constexpr uint32_t LAST_WORD_MS     = 10000;
+constexpr int      RESUME_TRIES     = 6; // the agent tries each for ten seconds
+constexpr uint64_t OFFER_BYTES      = 8 << 20;
+constexpr uint64_t CONTENTS_BYTES   = 1 << 30;
+constexpr char     STATE_FILE[]     = "migrate.json"; // which items an interrupted transfer was of
 constexpr char     REQUEST_FOLDER[] = "\\migrate\\";
 
 std::string StateFile()
@@ -51,8 +50,7 @@ std::string AddressesLookedAt()
 
 Trouble NoLinkTrouble(int nAnswer)
 {
-    if (nAnswer == WRONG_PIN)
-        return {"The PIN is wrong.", "Type the one that the old PC shows now: migrate take PIN"};
+    if (nAnswer == WRONG_PIN) return {"The PIN is wrong.", "Type the one that the old PC shows now: migrate take PIN"};
     const std::string sAddresses = AddressesLookedAt();
     return {sAddresses.empty() ? "No PC that waits was found on this network."
                                : "No link came about with the addresses found: " + sAddresses + ".",
@@ -106,8 +104,8 @@ bool Exchange(PeerNote eNote, uint32_t dwMilliseconds)
 {
     IpcMessage record;
     const auto Echoes = [eNote](const IpcMessage &heard) {
-        return IsLinkLost(heard) || (heard.dwCommand == NTOS_MIGRATIONOPTIONS &&
-                                     heard.dwParam2 == static_cast<uint32_t>(eNote));
+        return IsLinkLost(heard) ||
+               (heard.dwCommand == NTOS_MIGRATIONOPTIONS && heard.dwParam2 == static_cast<uint32_t>(eNote));
     };
     return SendNote(eNote) && AwaitRecord(dwMilliseconds, Echoes, &record, false) && !IsLinkLost(record);
 }
@@ -124,8 +122,7 @@ bool Ask(uint32_t dwCode, const std::string &sItem, const char *pszFile, uint32_
 {
     IpcMessage        record;
     const std::string sWanted = ApplicationDataRoot() + REQUEST_FOLDER + pszFile;
-    for (const std::string &sPlace : AnswerPlaces(pszFile))
-        DeleteSmallFile(sPlace);
+    for (const std::string &sPlace : AnswerPlaces(pszFile)) DeleteSmallFile(sPlace);
     const auto Answers = [dwCode](const IpcMessage &heard) {
         return IsLinkLost(heard) || (heard.dwCommand == dwCode && heard.dwParam1 > 1);
     };
@@ -157,8 +154,7 @@ std::vector<std::string> WantedItems(const TakeOptions &options)
 void KeepItems(const Plan &plan)
 {
     json items = json::array();
-    for (const PlannedItem &item : plan.items)
-        items.push_back(item.contents.sPath);
+    for (const PlannedItem &item : plan.items) items.push_back(item.contents.sPath);
     WriteSmallFile(StateFile(), items.dump(-1, ' ', false, json::error_handler_t::replace));
 }
 
@@ -196,8 +192,7 @@ int MakePlan(const TakeOptions &options, Plan *pPlan)
     }
     for (const OfferedItem &item : *offered) {
         bool bChosen = false;
-        for (const OfferedItem &other : chosen)
-            bChosen |= SameName(item.sPath, other.sPath);
+        for (const OfferedItem &other : chosen) bChosen |= SameName(item.sPath, other.sPath);
         if (!bChosen) pPlan->others.push_back(item);
     }
     return 0;
@@ -229,11 +224,9 @@ int ShowOutcome(const Plan &plan, const TransferRun &run)
         Tell({{"event", "failed"}, {"path", sPath}, {"cause", sCause}});
         Say("not moved: " + Harmless(sPath) + " (" + sCause + ")");
     }
-    if (run.bFull)
-        SayTrouble({"This PC's disk is full.", "Make room, then go on with: migrate take --resume"});
+    if (run.bFull) SayTrouble({"This PC's disk is full.", "Make room, then go on with: migrate take --resume"});
     if (run.nOutcome != 2) {
-        if (run.bStopped)
-            Say("Stopped. What has come stays. To go on: migrate take --resume");
+        if (run.bStopped) Say("Stopped. What has come stays. To go on: migrate take --resume");
         else if (!run.bFull)
             SayTrouble({"The transfer was broken off before its end: the link or the other PC went away.",
                         "What has come stays; go on with: migrate take --resume (the old PC waits, or: migrate give "
@@ -243,7 +236,8 @@ int ShowOutcome(const Plan &plan, const TransferRun &run)
     const uint64_t nThere = plan.nFiles - std::min<uint64_t>(plan.nFiles, run.failed.size());
     std::string    sSpeed;
     if (run.dSeconds > 0.05 && run.cbAfter > run.cbBefore)
-        sSpeed = ", " + BytesText(static_cast<uint64_t>(static_cast<double>(run.cbAfter - run.cbBefore) / run.dSeconds)) +
+        sSpeed = ", " +
+                 BytesText(static_cast<uint64_t>(static_cast<double>(run.cbAfter - run.cbBefore) / run.dSeconds)) +
                  "/s";
     Say(std::to_string(nThere) + " of " + CountText(plan.nFiles, "file", "files") + " are on this PC" + sSpeed + ".");
     if (run.failed.empty()) return EXIT_ALL_THERE;
@@ -272,7 +266,7 @@ int TakeLinked(const TakeOptions &options, const std::string &sPeer)
     }
     KeepItems(plan);
     Exchange(PeerNote::Moving, HELLO_MS);
-    const TransferRun run = RunTransfer(plan, options.bResume);
+    const TransferRun run   = RunTransfer(plan, options.bResume);
     const int         nExit = ShowOutcome(plan, run);
     const PeerNote    eNote = nExit == EXIT_ALL_THERE     ? PeerNote::AllThere
                               : nExit == EXIT_SOME_FAILED ? PeerNote::SomeFailed

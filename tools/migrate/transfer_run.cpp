@@ -10,17 +10,16 @@
 #include <algorithm>
 #include <chrono>
 
-namespace
-{
+namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr char     LIST_FILE[] = "collection.txt";
-constexpr uint32_t LOOK_MS = 200;
-constexpr uint32_t CANCEL_MS = 20000;
-constexpr double   TELL_SECONDS = 0.5;
-constexpr double   RATE_SECONDS = 10; // over which the shown rate is taken
-constexpr char     CAUSE_FULL[] = "no room on this PC";
+constexpr char     LIST_FILE[]    = "collection.txt";
+constexpr uint32_t LOOK_MS        = 200;
+constexpr uint32_t CANCEL_MS      = 20000;
+constexpr double   TELL_SECONDS   = 0.5;
+constexpr double   RATE_SECONDS   = 10; // over which the shown rate is taken
+constexpr char     CAUSE_FULL[]   = "no room on this PC";
 constexpr char     CAUSE_FAILED[] = "could not be read on the other PC, or not be stored on this one";
 
 bool WriteProgressInfo(uint64_t cbTotal, uint64_t cbDone)
@@ -36,18 +35,17 @@ double RateOf(const TransferRun &run)
 {
     if (run.samples.size() < 2) return 0;
     const auto &last = run.samples.back();
-    auto        it = run.samples.end() - 2;
-    while (it != run.samples.begin() && last.first - it->first < RATE_SECONDS)
-        --it;
+    auto        it   = run.samples.end() - 2;
+    while (it != run.samples.begin() && last.first - it->first < RATE_SECONDS) --it;
     return last.first - it->first > 0.01 ? static_cast<double>(last.second - it->second) / (last.first - it->first) : 0;
 }
 
 void Look(const Plan &plan, TransferRun *pRun, Clock::time_point begin, double *pdTold)
 {
-    const double   dNow = std::chrono::duration<double>(Clock::now() - begin).count();
+    const double   dNow   = std::chrono::duration<double>(Clock::now() - begin).count();
     const uint64_t cbRead = GetProgressSize(0); // 0 while the file is being replaced
-    pRun->cbAfter = std::max(pRun->cbAfter, std::min(cbRead, std::max(plan.cb, pRun->cbBefore)));
-    pRun->dSeconds = dNow;
+    pRun->cbAfter         = std::max(pRun->cbAfter, std::min(cbRead, std::max(plan.cb, pRun->cbBefore)));
+    pRun->dSeconds        = dNow;
     if (dNow - *pdTold < TELL_SECONDS) return;
     *pdTold = dNow;
     pRun->samples.emplace_back(dNow, pRun->cbAfter - pRun->cbBefore);
@@ -86,7 +84,8 @@ void Cancel(TransferRun *pRun)
     pRun->bStopped = true;
     Say("Stopping after the file under way ...");
     SendRecord(STON_SETPROGRESS, 3);
-    AwaitRecord(CANCEL_MS, [pRun](const IpcMessage &heard) { return Take(heard, pRun); }, &record, false);
+    AwaitRecord(
+        CANCEL_MS, [pRun](const IpcMessage &heard) { return Take(heard, pRun); }, &record, false);
 }
 
 } // namespace
@@ -113,10 +112,8 @@ TransferRun RunTransfer(const Plan &plan, bool bResume)
     Look(plan, &run, begin, &dTold);
     EndProgress();
     if (run.nOutcome == 2)
-        for (const std::string &sMissing : MissingFiles(plan))
-            run.failed.emplace(sMissing, CAUSE_FAILED);
+        for (const std::string &sMissing : MissingFiles(plan)) run.failed.emplace(sMissing, CAUSE_FAILED);
     if (run.bFull)
-        for (auto &[sPath, sCause] : run.failed)
-            sCause = CAUSE_FULL;
+        for (auto &[sPath, sCause] : run.failed) sCause = CAUSE_FULL;
     return run;
 }

@@ -8,7 +8,7 @@
 struct TransferRun {
     int                                      nOutcome = 0; // 8480: 2 or -2; 0: the link was lost, or nothing more came
     bool                                     bFull = false, bStopped = false;
-    std::map<std::string, std::string>       failed; // path on the old PC and why
+    std::map<std::string, std::string>       failed;  // path on the old PC and why
     std::vector<std::pair<double, uint64_t>> samples; // seconds and bytes since the start
     double                                   dSeconds = 0;
     uint64_t                                 cbBefore = 0, cbAfter = 0;

@@ -1,8 +1,8 @@
 // messages.cpp: sending and taking messages.
 // Posted messages come in their order, and WM_QUIT when none is left.
-// Differences from Windows: a message is sent (and waited for) within a thread only, to another thread's window it fails
-// with ERROR_NOT_SUPPORTED; of another process's lower standing only the sender's side knows, so that the filter is
-// applied there.
+// Differences from Windows: a message is sent (and waited for) within a thread only, to another thread's window it
+// fails with ERROR_NOT_SUPPORTED; of another process's lower standing only the sender's side knows, so that the filter
+// is applied there.
 #include "platform/errors.h"
 #include "platform/hosted/control.h"
 #include "platform/hosted/desktop/user_interface_functions.h"

@@ -35,8 +35,8 @@ namespace fs = std::filesystem;
 
 constexpr uintptr_t SHELL_STARTED = 42, SE_ERR_FNF = 2, SE_ERR_PNF = 3, SE_ERR_ACCESSDENIED = 5, SE_ERR_OOM = 8,
                     SE_ERR_NOASSOC = 31;
-constexpr unsigned ALLOW_ALL    = hosted::SHARE_READ | hosted::SHARE_WRITE | hosted::SHARE_DELETE;
-constexpr uint16_t DELETE_FLAGS = FOF_SILENT | FOF_NOCONFIRMATION | FOF_NOERRORUI;
+constexpr unsigned ALLOW_ALL       = hosted::SHARE_READ | hosted::SHARE_WRITE | hosted::SHARE_DELETE;
+constexpr uint16_t DELETE_FLAGS    = FOF_SILENT | FOF_NOCONFIRMATION | FOF_NOERRORUI;
 
 // Arguments as a Windows program takes its command line apart: blanks outside quotes separate; backslashes are plain
 // unless a quote follows them, where two make one and an odd one makes the quote plain; "" inside quotes is one quote.
@@ -75,8 +75,9 @@ std::vector<std::string> SplitParameters(const char *pszParameters)
 // This process's environment, on its machine, less what pretends trouble in this process.
 std::vector<std::string> ChildEnvironment()
 {
-    static const char *const s_aOwn[] = {"VORN_MACHINE=", "VORN_FAULTS=", "VORN_SOCKET_TIMEOUT_MS=", "VORN_DRIVE_FULL=",
-                                         "VORN_LINK_DELAY_MS=", "VORN_LINK_CUT_AFTER=", "VORN_MISSING="};
+    static const char *const s_aOwn[] = {
+        "VORN_MACHINE=",        "VORN_FAULTS=", "VORN_SOCKET_TIMEOUT_MS=", "VORN_DRIVE_FULL=", "VORN_LINK_DELAY_MS=",
+        "VORN_LINK_CUT_AFTER=", "VORN_MISSING="};
     std::vector<std::string> aVariables;
     for (char **pp = environ; *pp != nullptr; pp++) {
         bool bOwn = false;

@@ -25,11 +25,16 @@ struct NamedFolder {
     const char *pszName;
 };
 const NamedFolder g_aFolders[] = {
-    {&FOLDERID_Windows, "Windows"},         {&FOLDERID_ProgramFilesX86, "ProgramFilesX86"},
-    {&FOLDERID_ProgramFilesX64, "ProgramFilesX64"}, {&FOLDERID_ProgramData, "ProgramData"},
-    {&FOLDERID_Public, "Public"},           {&FOLDERID_Profile, "Profile"},
-    {&FOLDERID_UserProfiles, "UserProfiles"}, {&FOLDERID_Desktop, "Desktop"},
-    {&FOLDERID_Documents, "Documents"},     {&FOLDERID_Pictures, "Pictures"},
+    {&FOLDERID_Windows, "Windows"},
+    {&FOLDERID_ProgramFilesX86, "ProgramFilesX86"},
+    {&FOLDERID_ProgramFilesX64, "ProgramFilesX64"},
+    {&FOLDERID_ProgramData, "ProgramData"},
+    {&FOLDERID_Public, "Public"},
+    {&FOLDERID_Profile, "Profile"},
+    {&FOLDERID_UserProfiles, "UserProfiles"},
+    {&FOLDERID_Desktop, "Desktop"},
+    {&FOLDERID_Documents, "Documents"},
+    {&FOLDERID_Pictures, "Pictures"},
 };
 
 HRESULT ResultFromError(uint32_t dwError)
@@ -85,7 +90,10 @@ platform::HRESULT platform::SHGetKnownFolderPath(const GUID &rfid, uint32_t dwFl
     return RESULT_INVALID_ARGUMENT;
 }
 
-void platform::CoTaskMemFree(void *pMem) { hosted::FreeBlock(pMem); }
+void platform::CoTaskMemFree(void *pMem)
+{
+    hosted::FreeBlock(pMem);
+}
 
 platform::BOOL platform::PathMakeSystemFolderW(const char16_t *pszPath)
 {

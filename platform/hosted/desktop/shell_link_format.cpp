@@ -1,8 +1,8 @@
 // shell_link_format.cpp: the parts of a .lnk file.
 // Links of other writers are read with and without an id list, with ANSI or Unicode texts, and keep what is not
 // understood. What is written has an id list and link information in both widths, as the system's shell resolves a link
-// by the list. ANSI text of other writers is UTF-8 where it is valid UTF-8, else code page 1252; the narrow form that is
-// written is ASCII with '?' for the rest. No path has a '?', so a reader that meets one takes the other form.
+// by the list. ANSI text of other writers is UTF-8 where it is valid UTF-8, else code page 1252; the narrow form that
+// is written is ASCII with '?' for the rest. No path has a '?', so a reader that meets one takes the other form.
 #include "platform/hosted/desktop/shell_link_format.h"
 #include "platform/unicode.h"
 #include <algorithm>
@@ -10,11 +10,11 @@
 namespace hosted {
 namespace {
 
-constexpr size_t   CB_HEADER = 76;
-constexpr char     CLASS_ID[] = "\x01\x14\x02\x00\x00\x00\x00\x00\xC0\x00\x00\x00\x00\x00\x00\x46";
+constexpr size_t   CB_HEADER   = 76;
+constexpr char     CLASS_ID[]  = "\x01\x14\x02\x00\x00\x00\x00\x00\xC0\x00\x00\x00\x00\x00\x00\x46";
 constexpr uint32_t HAS_ID_LIST = 0x01, HAS_LINK_INFO = 0x02, HAS_TEXT = 0x04, IS_UNICODE = 0x80, NO_LINK_INFO = 0x100;
 constexpr uint32_t HAS_EXPANDABLE = 0x200, PREFERS_ENVIRONMENT = 0x2000000;
-constexpr uint32_t PART_FLAGS = HAS_ID_LIST | HAS_LINK_INFO | 0x7C | IS_UNICODE;
+constexpr uint32_t PART_FLAGS       = HAS_ID_LIST | HAS_LINK_INFO | 0x7C | IS_UNICODE;
 constexpr uint32_t VOLUME_AND_LOCAL = 1, NETWORK_AND_SUFFIX = 2;
 constexpr size_t   CB_LINK_INFO_WIDE = 0x24; // header with the offsets of the Unicode forms
 
@@ -105,9 +105,9 @@ std::string ToAnsi(std::u16string_view sText)
 
 std::u16string TargetOfLinkInfo(std::string_view sInfo)
 {
-    Reader         info    = {sInfo};
-    const uint32_t cbHead  = info.U32(4), dwFlags = info.U32(8);
-    const bool     bWide   = cbHead >= CB_LINK_INFO_WIDE;
+    Reader         info   = {sInfo};
+    const uint32_t cbHead = info.U32(4), dwFlags = info.U32(8);
+    const bool     bWide = cbHead >= CB_LINK_INFO_WIDE;
     std::u16string sBase;
     if ((dwFlags & VOLUME_AND_LOCAL) != 0) {
         sBase = bWide && info.U32(28) != 0 ? info.WideText(info.U32(28)) : FromAnsi(info.Text(info.U32(16)));
@@ -126,12 +126,12 @@ std::u16string TargetOfLinkInfo(std::string_view sInfo)
 // The name of one file-system item: the long one of its extension block, else the short one.
 std::u16string NameOfItem(std::string_view sItem)
 {
-    Reader         item       = {sItem};
-    const uint8_t  nType      = static_cast<uint8_t>(item.Field(2, 1));
-    const uint16_t nExtension = item.U16(sItem.size() - 2);
-    const std::u16string sShort = (nType & 4) != 0 ? item.WideText(14) : FromAnsi(item.Text(14));
+    Reader               item       = {sItem};
+    const uint8_t        nType      = static_cast<uint8_t>(item.Field(2, 1));
+    const uint16_t       nExtension = item.U16(sItem.size() - 2);
+    const std::u16string sShort     = (nType & 4) != 0 ? item.WideText(14) : FromAnsi(item.Text(14));
     if (item.bBad) return u"";
-    Reader extension = {sItem};
+    Reader         extension  = {sItem};
     const uint32_t nSignature = extension.U32(nExtension + 4u); // some writers leave it out
     if (nExtension < 14 || (nSignature != 0xBEEF0004 && nSignature != 0)) return sShort;
     const uint16_t nVersion = extension.U16(nExtension + 2u);
@@ -333,7 +333,7 @@ void SetLinkTarget(LinkParts *pParts, std::u16string_view sPath, bool bFolder)
         if (bKeep) sKept += extra.Piece(nAt, cb);
         nAt += cb;
     }
-    pParts->sExtra  = sKept;
+    pParts->sExtra = sKept;
     pParts->dwFlags &= ~(HAS_EXPANDABLE | PREFERS_ENVIRONMENT | NO_LINK_INFO);
     pParts->sIdList   = IdListFor(sPath, bFolder);
     pParts->sLinkInfo = LinkInfoFor(sPath);

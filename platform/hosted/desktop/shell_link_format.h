@@ -8,16 +8,16 @@
 namespace hosted {
 
 struct LinkParts {
-    uint32_t       dwFlags      = 0; // of the header, without those that say which parts are there
-    uint32_t       dwAttributes = 0; // of the target
+    uint32_t       dwFlags      = 0;  // of the header, without those that say which parts are there
+    uint32_t       dwAttributes = 0;  // of the target
     uint64_t       aTimes[3]    = {}; // FILETIMEs of the target: created, read, written
     uint32_t       cbTarget     = 0;
     uint32_t       nIcon        = 0;
     uint32_t       nShow        = 1; // SW_SHOWNORMAL
     uint16_t       nHotKey      = 0;
-    std::string    sIdList;          // as it stands, without its size; empty: none
-    std::string    sLinkInfo;        // as it stands, with its size; empty: none
-    std::u16string aTexts[5];        // name, relative path, working folder, arguments, icon's place
+    std::string    sIdList;   // as it stands, without its size; empty: none
+    std::string    sLinkInfo; // as it stands, with its size; empty: none
+    std::u16string aTexts[5]; // name, relative path, working folder, arguments, icon's place
     bool           aHasText[5] = {};
     std::string    sExtra; // blocks, without the one that ends them
 };

@@ -27,10 +27,10 @@ namespace {
 
 using namespace platform;
 
-constexpr off_t    CB_LINK_MAX       = 1 << 20;
-constexpr uint32_t ERROR_NOT_A_LINK  = 13; // ERROR_INVALID_DATA
-constexpr uint32_t ERROR_NO_COM      = 0x800401F0; // CO_E_NOTINITIALIZED
-thread_local int   t_nInitialized    = 0;
+constexpr off_t    CB_LINK_MAX      = 1 << 20;
+constexpr uint32_t ERROR_NOT_A_LINK = 13;         // ERROR_INVALID_DATA
+constexpr uint32_t ERROR_NO_COM     = 0x800401F0; // CO_E_NOTINITIALIZED
+thread_local int   t_nInitialized   = 0;
 
 bool Fail(uint32_t dwError)
 {
@@ -77,7 +77,7 @@ uint32_t WriteLink(const hosted::DiskPath &path, const hosted::Located &found, c
     const std::string sLeaf = hosted::ToUtf8(std::u16string_view(path.sFull).substr(path.LeafAt()));
     if (bOk && !found.bExists && hosted::HostName(hosted::ToUtf16(sLeaf)) != sLeaf)
         bOk = hosted::WriteMark({"", nFd}, hosted::MARK_NAME, sLeaf); // a long name
-    bOk = bOk && rename(sTemporary.c_str(), found.sHost.c_str()) == 0;
+    bOk              = bOk && rename(sTemporary.c_str(), found.sHost.c_str()) == 0;
     const int nErrno = errno;
     close(nFd);
     if (bOk) return 0;

@@ -156,8 +156,7 @@ BOOL WTSUnRegisterSessionNotification(HWND hWnd)
 }
 
 // The seam's type of a function checks the one that stands behind the name.
-template <class Procedure>
-NamedProcedure Export(const char *pszName, Procedure pProcedure)
+template <class Procedure> NamedProcedure Export(const char *pszName, Procedure pProcedure)
 {
     return {pszName, reinterpret_cast<FARPROC>(pProcedure)};
 }

@@ -124,8 +124,18 @@ HWND CreateWindowExW(uint32_t dwExStyle, const char16_t *pszClass, const char16_
     if (nFd < 0) return nullptr;
     pWindow->pSocket = std::make_shared<Descriptor>(nFd);
     KeepWindow(pWindow);
-    CreateStruct create{pParam, hInstance, hMenu,   hParent,  cy, cx, y, x, static_cast<int32_t>(dwStyle),
-                        pWindow->record.sTitle.c_str(), windowClass.sName.c_str(), dwExStyle};
+    CreateStruct create{pParam,
+                        hInstance,
+                        hMenu,
+                        hParent,
+                        cy,
+                        cx,
+                        y,
+                        x,
+                        static_cast<int32_t>(dwStyle),
+                        pWindow->record.sTitle.c_str(),
+                        windowClass.sName.c_str(),
+                        dwExStyle};
     const auto   lParam = static_cast<LPARAM>(reinterpret_cast<uintptr_t>(&create));
     if (CallWindow(*pWindow, WM_NCCREATE, 0, lParam) == 0) {
         DropWindow(pWindow->record.nWindow);
@@ -163,11 +173,11 @@ LRESULT DefWindowProcW(HWND hWnd, uint32_t uMsg, WPARAM, LPARAM)
 {
     if (FailsNow("DefWindowProcW")) return 0;
     switch (uMsg) {
-    case WM_CLOSE:           DestroyWindow(hWnd); return 0;
+    case WM_CLOSE: DestroyWindow(hWnd); return 0;
     case WM_NCCREATE:
     case WM_QUERYENDSESSION:
-    case WM_POWERBROADCAST:  return TRUE;
-    default:                 return 0;
+    case WM_POWERBROADCAST: return TRUE;
+    default: return 0;
     }
 }
 

@@ -23,12 +23,12 @@ struct MessageQueue {
 std::shared_ptr<MessageQueue> OwnQueue(); // of the calling thread
 
 struct Window {
-    platform::WNDPROC                   pProcedure;
-    std::shared_ptr<MessageQueue>       pQueue;
-    std::shared_ptr<Descriptor>         pSocket;
-    WatchId                             nWatch = 0;
-    WindowRecord record; // changed by the owning thread and by registrations, under the map's mutex
-    bool                                bDestroying = false;
+    platform::WNDPROC             pProcedure;
+    std::shared_ptr<MessageQueue> pQueue;
+    std::shared_ptr<Descriptor>   pSocket;
+    WatchId                       nWatch = 0;
+    WindowRecord                  record; // changed by the owning thread and by registrations, under the map's mutex
+    bool                          bDestroying = false;
 };
 // By the value of the HWND; null when this process has no such window.
 std::shared_ptr<Window> WindowOf(uint32_t nWindow);

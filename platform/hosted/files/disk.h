@@ -17,8 +17,8 @@ constexpr std::string_view LONG_NAME_PREFIX = ".vorn~";
 
 // ---- parsing (disk_paths.cpp) ----
 struct DiskPath {
-    std::u16string sFull;                // "C:\a\b": one backslash between names, none at the end except a root's
-    bool           bVerbatim  = false;   // "\\?\": no limit of 260, dots and blanks at the end of names count
+    std::u16string sFull;                    // "C:\a\b": one backslash between names, none at the end except a root's
+    bool           bVerbatim        = false; // "\\?\": no limit of 260, dots and blanks at the end of names count
     bool           bEndsInBackslash = false;
     bool           IsRoot() const { return sFull.size() == 3; }
     char           Drive() const { return static_cast<char>(sFull[0]); } // upper case
@@ -44,13 +44,13 @@ std::string DriveFolder(char chDrive);
 
 // ---- look-up (disk_lookup.cpp) ----
 struct Located {
-    std::string sHost;           // with the stored case; for a missing name, as it would be made
-    std::string sFolder;         // the host folder it is in
-    bool        bExists = false;
-    bool        bLink   = false; // a symbolic link; st is the target's, or the link's own when the target is missing
-    struct stat st      = {};    // kind, identity, size and times; the rest is 0
+    std::string     sHost;   // with the stored case; for a missing name, as it would be made
+    std::string     sFolder; // the host folder it is in
+    bool            bExists = false;
+    bool            bLink = false; // a symbolic link; st is the target's, or the link's own when the target is missing
+    struct stat     st    = {};    // kind, identity, size and times; the rest is 0
     struct timespec tCreated = {}; // of the last write where the host keeps none
-    bool        IsFolder() const { return bExists && S_ISDIR(st.st_mode); }
+    bool            IsFolder() const { return bExists && S_ISDIR(st.st_mode); }
 };
 // Looks at what sHost names and fills in the rest but sFolder. False: errno.
 bool Look(Located *pFound);
@@ -81,13 +81,13 @@ uint64_t               HashFolded(std::u16string_view sText); // the same for te
 // ---- marks of a file (file_marks.cpp) ----
 // Kept with the file as extended attributes; on a file system without them, in run/marks by device and inode.
 struct MarkedFile {
-    const char *pszPath;     // used when nFd is negative
+    const char *pszPath; // used when nFd is negative
     int         nFd = -1;
 };
 inline constexpr const char *MARK_ATTRIBUTES = "user.vorn.attributes"; // hexadecimal
 inline constexpr const char *MARK_EVERYONE   = "user.vorn.everyone";   // hexadecimal
 inline constexpr const char *MARK_NAME       = "user.vorn.name";
-bool ReadMark(const MarkedFile &file, const char *pszMark, std::string *psValue); // false: none
+bool                         ReadMark(const MarkedFile &file, const char *pszMark, std::string *psValue); // false: none
 bool WriteMark(const MarkedFile &file, const char *pszMark, const std::string &sValue); // false: errno
 bool RemoveMark(const MarkedFile &file, const char *pszMark);
 void CopyMarks(const MarkedFile &from, const MarkedFile &to);

@@ -19,9 +19,9 @@ namespace {
 
 constexpr size_t MAX_FOLDERS = 1024;
 
-std::mutex                                         &g_Mutex = *new std::mutex;
-std::unordered_map<std::u16string, std::string>    &g_aFolders = *new std::unordered_map<std::u16string, std::string>;
-std::atomic<uint32_t>                               g_nForgotten{0}; // how often
+std::mutex                                      &g_Mutex    = *new std::mutex;
+std::unordered_map<std::u16string, std::string> &g_aFolders = *new std::unordered_map<std::u16string, std::string>;
+std::atomic<uint32_t>                            g_nForgotten{0}; // how often
 
 bool Remembered(const std::u16string &sFull, std::string *psHost)
 {
@@ -81,15 +81,15 @@ bool LookAt(const std::string &sHost, int nFlags, Located *pFound)
 {
     struct statx sx;
     if (statx(AT_FDCWD, sHost.c_str(), nFlags, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0) return false;
-    pFound->st          = {};
-    pFound->st.st_mode  = sx.stx_mode;
-    pFound->st.st_dev   = makedev(sx.stx_dev_major, sx.stx_dev_minor);
-    pFound->st.st_ino   = sx.stx_ino;
-    pFound->st.st_size  = static_cast<off_t>(sx.stx_size);
-    pFound->st.st_atim  = TimeOf(sx.stx_atime);
-    pFound->st.st_mtim  = TimeOf(sx.stx_mtime);
-    pFound->st.st_ctim  = TimeOf(sx.stx_ctime);
-    pFound->tCreated    = (sx.stx_mask & STATX_BTIME) != 0 ? TimeOf(sx.stx_btime) : pFound->st.st_mtim;
+    pFound->st         = {};
+    pFound->st.st_mode = sx.stx_mode;
+    pFound->st.st_dev  = makedev(sx.stx_dev_major, sx.stx_dev_minor);
+    pFound->st.st_ino  = sx.stx_ino;
+    pFound->st.st_size = static_cast<off_t>(sx.stx_size);
+    pFound->st.st_atim = TimeOf(sx.stx_atime);
+    pFound->st.st_mtim = TimeOf(sx.stx_mtime);
+    pFound->st.st_ctim = TimeOf(sx.stx_ctime);
+    pFound->tCreated   = (sx.stx_mask & STATX_BTIME) != 0 ? TimeOf(sx.stx_btime) : pFound->st.st_mtim;
     return true;
 }
 
@@ -104,9 +104,9 @@ uint32_t FindPlace(const std::u16string &sFull, size_t nLeaf, Located *pFound, b
         uint32_t       nForgotten = 0;
         std::string    sFolder, sHost;
     };
-    constexpr size_t          KEPT = 4;
-    static thread_local Place t_aPlaces[KEPT];
-    static thread_local size_t t_nNext = 0;
+    constexpr size_t           KEPT = 4;
+    static thread_local Place  t_aPlaces[KEPT];
+    static thread_local size_t t_nNext    = 0;
     const uint32_t             nForgotten = g_nForgotten.load();
     for (const Place &place : t_aPlaces) {
         if (place.nForgotten != nForgotten || !SameUnits(place.sFull, sFull)) continue;
@@ -148,8 +148,8 @@ uint32_t LocateOnce(const DiskPath &path, Located *pFound, bool *pbRemembered)
     std::string sStored;
     switch (FindInFolder(pFound->sFolder, sName, &sStored)) {
     case IndexAnswer::NoFolder: return platform::ERROR_PATH_NOT_FOUND;
-    case IndexAnswer::Absent:   return 0;
-    case IndexAnswer::Present:  break;
+    case IndexAnswer::Absent: return 0;
+    case IndexAnswer::Present: break;
     }
     std::string sWanted = std::move(pFound->sHost);
     pFound->sHost       = pFound->sFolder + '/' + sStored;

@@ -21,9 +21,15 @@ constexpr size_t NAME_LIMIT      = 255; // UTF-16 units, as NTFS
 constexpr size_t HOST_NAME_LIMIT = 255; // bytes
 constexpr size_t LONGEST_PATH    = 32767;
 
-bool IsSeparator(char16_t ch, bool bVerbatim) { return ch == u'\\' || (ch == u'/' && !bVerbatim); }
+bool IsSeparator(char16_t ch, bool bVerbatim)
+{
+    return ch == u'\\' || (ch == u'/' && !bVerbatim);
+}
 
-bool IsDriveLetter(char16_t ch) { return (ch | 32) >= u'a' && (ch | 32) <= u'z'; }
+bool IsDriveLetter(char16_t ch)
+{
+    return (ch | 32) >= u'a' && (ch | 32) <= u'z';
+}
 
 bool HasInvalidUnit(std::u16string_view sName)
 {
@@ -31,7 +37,14 @@ bool HasInvalidUnit(std::u16string_view sName)
         if (ch < 32) return true;
         if (ch > u'|' || (ch > u'?' && ch < u'|')) continue; // nearly all
         switch (ch) {
-        case u'<': case u'>': case u':': case u'"': case u'/': case u'|': case u'?': case u'*': return true;
+        case u'<':
+        case u'>':
+        case u':':
+        case u'"':
+        case u'/':
+        case u'|':
+        case u'?':
+        case u'*': return true;
         default: break;
         }
     }
@@ -80,8 +93,8 @@ uint32_t AddNames(std::u16string_view sRest, DiskPath *pPath)
 
 uint32_t Parse(std::u16string_view sPath, DiskPath *pPath, size_t cchLimit)
 {
-    const size_t cchGiven = sPath.size();
-    pPath->bVerbatim      = sPath.substr(0, 4) == u"\\\\?\\";
+    const size_t cchGiven   = sPath.size();
+    pPath->bVerbatim        = sPath.substr(0, 4) == u"\\\\?\\";
     pPath->bEndsInBackslash = false;
     if (pPath->bVerbatim) sPath.remove_prefix(4);
 

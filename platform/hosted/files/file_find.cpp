@@ -52,12 +52,12 @@ bool FillEntry(const std::string &sFolder, const char *pszHostName, WIN32_FIND_D
 // A unit for ordering: NTFS compares 16-bit units of folded names, which for most names is the order of these values.
 bool ComesBefore(const char *pszLeft, const char *pszRight)
 {
-    const auto *pLeft = reinterpret_cast<const unsigned char *>(pszLeft),
+    const auto *pLeft  = reinterpret_cast<const unsigned char *>(pszLeft),
                *pRight = reinterpret_cast<const unsigned char *>(pszRight);
     for (;; pLeft++, pRight++) {
         const unsigned chLeft = *pLeft, chRight = *pRight;
         if (chLeft >= 0x80 || chRight >= 0x80) break;
-        const unsigned nLeft = FoldCaseW(static_cast<char16_t>(chLeft)),
+        const unsigned nLeft  = FoldCaseW(static_cast<char16_t>(chLeft)),
                        nRight = FoldCaseW(static_cast<char16_t>(chRight));
         if (nLeft != nRight) return nLeft < nRight;
         if (chLeft == 0) return strcmp(pszLeft, pszRight) < 0; // two that differ in case only: planted from outside
@@ -137,12 +137,12 @@ uint32_t FindOne(const DiskPath &path, WIN32_FIND_DATAW *pData)
 uint32_t StartFind(const char16_t *pszFileName, FindObject *pFind, WIN32_FIND_DATAW *pData)
 {
     if (pszFileName == nullptr) return ERROR_PATH_NOT_FOUND;
-    std::u16string   sPath = pszFileName;
-    const size_t     nLast = sPath.find_last_of(u"\\/:");
-    const size_t     nLeaf = nLast == std::u16string::npos ? 0 : nLast + 1;
-    const auto       sLeaf = std::u16string_view(sPath).substr(nLeaf);
-    const bool       bAll  = sLeaf == u"*" || sLeaf == u"*.*";
-    DiskPath         path;
+    std::u16string sPath = pszFileName;
+    const size_t   nLast = sPath.find_last_of(u"\\/:");
+    const size_t   nLeaf = nLast == std::u16string::npos ? 0 : nLast + 1;
+    const auto     sLeaf = std::u16string_view(sPath).substr(nLeaf);
+    const bool     bAll  = sLeaf == u"*" || sLeaf == u"*.*";
+    DiskPath       path;
     if (!bAll && sLeaf.find_first_of(u"*?") != std::u16string::npos) return ERROR_NOT_SUPPORTED;
     if (bAll && sPath.size() >= PATH_LIMIT && sPath.compare(0, 4, u"\\\\?\\") != 0) return ERROR_PATH_NOT_FOUND;
     if (bAll) {

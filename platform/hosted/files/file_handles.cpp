@@ -25,8 +25,8 @@ using namespace platform;
 constexpr uint32_t READ_ATTRIBUTES = 0x00000080;
 constexpr uint32_t KNOWN_ACCESS =
     GENERIC_READ | GENERIC_WRITE | FILE_APPEND_DATA | READ_CONTROL | SYNCHRONIZE | READ_ATTRIBUTES;
-constexpr uint32_t KNOWN_FLAGS     = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_SEQUENTIAL_SCAN;
-constexpr uint32_t ATTRIBUTE_BITS  = 0x0000FFFF;
+constexpr uint32_t KNOWN_FLAGS    = FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_SEQUENTIAL_SCAN;
+constexpr uint32_t ATTRIBUTE_BITS = 0x0000FFFF;
 
 struct Request {
     uint32_t             dwAccess, dwShare, dwDisposition, dwFlags;
@@ -53,7 +53,7 @@ uint32_t MarkNewFile(const DiskPath &path, const Located &found, const Request &
     const MarkedFile    file         = {found.sHost.c_str(), nFd};
     const uint32_t      dwAttributes = (request.dwFlags & ATTRIBUTE_BITS) | FILE_ATTRIBUTE_ARCHIVE;
     std::u16string_view sName        = std::u16string_view(path.sFull).substr(path.LeafAt());
-    bool                bOk = dwAttributes == FILE_ATTRIBUTE_ARCHIVE ||
+    bool                bOk          = dwAttributes == FILE_ATTRIBUTE_ARCHIVE ||
                dwAttributes == (FILE_ATTRIBUTE_ARCHIVE | FILE_ATTRIBUTE_NORMAL) ||
                WriteHexMark(file, MARK_ATTRIBUTES, dwAttributes);
     bOk =
@@ -150,8 +150,7 @@ uint32_t OpenOrMake(const char16_t *pszFileName, const Request &request, bool bA
     if (!path.bVerbatim && IsDeviceName(std::u16string_view(path.sFull).substr(path.LeafAt())))
         return ERROR_FILE_NOT_FOUND;
     const bool bReads = request.dwDisposition == OPEN_EXISTING && SharingAccess(request.dwAccess) == SHARE_READ;
-    if (!bReads || bAgain || !OpenSeenFile(path, &found, pFile))
-        dwError = Locate(path, &found);
+    if (!bReads || bAgain || !OpenSeenFile(path, &found, pFile)) dwError = Locate(path, &found);
     if (dwError != 0) return dwError;
     pFile->chDrive  = path.Drive();
     pFile->nFileKey = HashFolded(path.sFull);
@@ -188,8 +187,8 @@ platform::HANDLE platform::CreateFileW(const char16_t *pszFileName, uint32_t dwD
         hosted::SetError(ERROR_NOT_SUPPORTED);
         return INVALID_HANDLE_VALUE;
     }
-    const hosted::Request request = {dwDesiredAccess, dwShareMode, dwCreationDisposition, dwFlagsAndAttributes,
-                                     pSecurity};
+    const hosted::Request request  = {dwDesiredAccess, dwShareMode, dwCreationDisposition, dwFlagsAndAttributes,
+                                      pSecurity};
     auto                  pFile    = std::make_shared<hosted::FileObject>();
     bool                  bExisted = false;
     uint32_t              dwError  = 0;

@@ -21,11 +21,14 @@ using namespace platform;
 constexpr uint32_t ATTRIBUTE_TEMPORARY   = 0x00000100;
 constexpr uint32_t ATTRIBUTE_OFFLINE     = 0x00001000;
 constexpr uint32_t ATTRIBUTE_NOT_INDEXED = 0x00002000;
-constexpr uint32_t SETTABLE = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
+constexpr uint32_t SETTABLE              = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM |
                               FILE_ATTRIBUTE_ARCHIVE | ATTRIBUTE_TEMPORARY | ATTRIBUTE_OFFLINE | ATTRIBUTE_NOT_INDEXED;
 constexpr size_t CB_VALUE_MAX = 1024; // a name of 255 units takes at most 765 bytes
 
-bool LacksAttributes(int nErrno) { return nErrno == ENOTSUP || nErrno == EPERM || nErrno == ENOSYS; }
+bool LacksAttributes(int nErrno)
+{
+    return nErrno == ENOTSUP || nErrno == EPERM || nErrno == ENOSYS;
+}
 
 // ---- the substitute in run/marks ----
 bool StatxOf(const MarkedFile &file, struct statx *pSx)
@@ -101,8 +104,7 @@ bool WriteMark(const MarkedFile &file, const char *pszMark, const std::string &s
 
 bool RemoveMark(const MarkedFile &file, const char *pszMark)
 {
-    const int nResult =
-        file.nFd >= 0 ? fremovexattr(file.nFd, pszMark) : removexattr(file.pszPath, pszMark);
+    const int nResult = file.nFd >= 0 ? fremovexattr(file.nFd, pszMark) : removexattr(file.pszPath, pszMark);
     if (nResult == 0 || errno == ENODATA) return true;
     if (!LacksAttributes(errno)) return false;
     std::string sPath, sTie;
@@ -144,9 +146,9 @@ static bool AttributesMark(const MarkedFile &file, const struct stat &st, uint32
         bool            bMark   = false;
         uint32_t        dwMark  = 0;
     };
-    constexpr time_t          YOUNG_S = 2;
-    constexpr size_t          KEPT    = 4;
-    static thread_local Known t_aKnown[KEPT];
+    constexpr time_t           YOUNG_S = 2;
+    constexpr size_t           KEPT    = 4;
+    static thread_local Known  t_aKnown[KEPT];
     static thread_local size_t t_nNext = 0;
     for (const Known &known : t_aKnown) {
         if (known.nInode != st.st_ino || known.nDevice != st.st_dev || known.tChange.tv_sec != st.st_ctim.tv_sec ||

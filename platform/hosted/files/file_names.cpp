@@ -30,7 +30,10 @@ BOOL Fail(uint32_t dwError)
     return FALSE;
 }
 
-BOOL FailFromErrno() { return Fail(hosted::ErrorFromErrno(errno)); }
+BOOL FailFromErrno()
+{
+    return Fail(hosted::ErrorFromErrno(errno));
+}
 
 // Parses and finds a name that must exist. 0 or an error.
 uint32_t Find(const char16_t *pszPath, DiskPath *pPath, Located *pFound)

@@ -89,6 +89,9 @@ uint32_t TestSharing(const char *pszHost, int nFd, const struct stat &st, unsign
     return bConflict ? platform::ERROR_SHARING_VIOLATION : 0;
 }
 
-bool IsOpenAnywhere(int nFd, const struct stat &st) { return OpenCount(st).load() != 0 && SomebodyAt(nFd, 0, PLACES); }
+bool IsOpenAnywhere(int nFd, const struct stat &st)
+{
+    return OpenCount(st).load() != 0 && SomebodyAt(nFd, 0, PLACES);
+}
 
 } // namespace hosted

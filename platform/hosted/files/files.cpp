@@ -152,7 +152,7 @@ platform::BOOL platform::SetFilePointerEx(HANDLE hFile, int64_t cbDistance, int6
     if (pFile == nullptr) return FALSE;
     int64_t nBase = 0;
     switch (dwMoveMethod) {
-    case FILE_BEGIN:   break;
+    case FILE_BEGIN: break;
     case FILE_CURRENT: nBase = pFile->nPosition; break;
     case FILE_END: {
         struct stat st;

@@ -1,5 +1,5 @@
-// final_path.cpp: where a path leads once every symbolic link on the host is followed; they stand for a machine's junctions.
-// What lies outside the machine's drives keeps its host path behind "\\?\HOST": no drive has it.
+// final_path.cpp: where a path leads once every symbolic link on the host is followed; they stand for a machine's
+// junctions. What lies outside the machine's drives keeps its host path behind "\\?\HOST": no drive has it.
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/hosted/files/disk.h"

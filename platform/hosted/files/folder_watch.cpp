@@ -91,7 +91,7 @@ bool WatchFolder(const std::string &sFolder)
 
 void TakeFolderNews(const FolderNewsUse &use)
 {
-    constexpr size_t LARGEST = sizeof(inotify_event) + NAME_MAX + 1;
+    constexpr size_t            LARGEST = sizeof(inotify_event) + NAME_MAX + 1;
     alignas(inotify_event) char aEvents[8 * LARGEST];
     const auto                  startAnew = [&] {
         UnwatchFolders();

@@ -27,7 +27,7 @@ std::atomic<std::atomic<uint32_t> *> g_pCounters{nullptr};
 std::atomic<uint32_t> *MapCounters()
 {
     const std::string sFolder = RunFolder("");
-    const int nFd = sFolder.empty() ? -1 : open((sFolder + "generations").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    const int nFd  = sFolder.empty() ? -1 : open((sFolder + "generations").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     void     *pMem = MAP_FAILED;
     if (nFd >= 0) {
         if (ftruncate(nFd, CB_FILE) == 0) pMem = mmap(nullptr, CB_FILE, PROT_READ | PROT_WRITE, MAP_SHARED, nFd, 0);

@@ -17,10 +17,10 @@ struct Kind {
     const char *pszName;
     uint32_t    dwType;
     HotPlugInfo info;
-    bool        bAnswers; // the storage query works on it
+    bool        bAnswers;  // the storage query works on it
     const char *pszDevice; // what the drive's name stands for
 };
-constexpr char VOLUME[] = "\\Device\\HarddiskVolume1";
+constexpr char VOLUME[]   = "\\Device\\HarddiskVolume1";
 constexpr Kind g_aKinds[] = {
     {"fixed", DRIVE_FIXED, {FALSE, FALSE}, true, VOLUME},
     {"removable", DRIVE_REMOVABLE, {TRUE, TRUE}, true, VOLUME},

@@ -1,8 +1,8 @@
 // clock.cpp: the process's clock, which may run faster than real time and be moved forward.
 // Tick counts start from the host's uptime, as GetTickCount64 does from the machine's, so processes agree on them while
 // no rate is set.
-#include "platform/hosted/control.h"
 #include "platform/hosted/kernel/clock.h"
+#include "platform/hosted/control.h"
 #include "platform/hosted/machine/current_machine.h"
 #include "platform/hosted/machine/errors.h"
 #include "platform/hosted/machine/faults.h"

@@ -12,10 +12,10 @@ namespace {
 constexpr uint32_t INITIALISED = 0x53435256;
 
 struct Section {
-    pthread_mutex_t          mutex;
+    pthread_mutex_t           mutex;
     std::atomic<const void *> pOwner; // the owner's t_chSelf
-    uint32_t                 nDepth; // of the owner
-    uint32_t                 dwState;
+    uint32_t                  nDepth; // of the owner
+    uint32_t                  dwState;
 };
 static_assert(sizeof(Section) <= sizeof(platform::CRITICAL_SECTION) &&
               alignof(Section) <= alignof(platform::CRITICAL_SECTION));
@@ -24,8 +24,8 @@ thread_local char t_chSelf; // its address tells threads apart without a system 
 
 Section *SectionOf(const platform::CRITICAL_SECTION *pSection, const char *pszCall)
 {
-    auto *pInside = std::launder(
-        reinterpret_cast<Section *>(const_cast<platform::CRITICAL_SECTION *>(pSection)->aStorage));
+    auto *pInside =
+        std::launder(reinterpret_cast<Section *>(const_cast<platform::CRITICAL_SECTION *>(pSection)->aStorage));
     if (pInside->dwState != INITIALISED) hosted::Fatal("%s: the section is not initialised", pszCall);
     return pInside;
 }

@@ -1,9 +1,9 @@
 // handles.cpp: the handle table.
 // A slot's generation is part of the handle's value: a program that uses a handle after its close is told so every
 // time, where Windows might hand it somebody else's new object.
+#include "platform/hosted/kernel/handles.h"
 #include "platform/errors.h"
 #include "platform/hosted/control.h"
-#include "platform/hosted/kernel/handles.h"
 #include "platform/hosted/machine/errors.h"
 #include "platform/hosted/machine/faults.h"
 #include "platform/kernel.h"

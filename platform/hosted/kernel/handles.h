@@ -13,8 +13,8 @@ namespace hosted {
 enum class HandleKind : uint8_t { Event, Mutex, Thread, PipeServer, PipeClient, File, Find };
 struct KernelObject {
     explicit KernelObject(HandleKind eKindOfObject) : eKind(eKindOfObject) {}
-    virtual ~KernelObject()                       = default;
-    KernelObject(const KernelObject &)            = delete;
+    virtual ~KernelObject()                          = default;
+    KernelObject(const KernelObject &)               = delete;
     KernelObject    &operator=(const KernelObject &) = delete;
     const HandleKind eKind;
     bool             bSecured         = false; // made with an access list, or opened where one was made

@@ -16,8 +16,8 @@
 namespace hosted {
 namespace {
 
-constexpr uint32_t MAGIC         = 0x4A424F56; // "VOBJ"
-constexpr size_t   LONGEST_NAME  = 180;        // a host's file name has at most 255 bytes
+constexpr uint32_t MAGIC        = 0x4A424F56; // "VOBJ"
+constexpr size_t   LONGEST_NAME = 180;        // a host's file name has at most 255 bytes
 
 constexpr std::u16string_view GLOBAL_PREFIX = u"Global\\", LOCAL_PREFIX = u"Local\\";
 
@@ -40,8 +40,8 @@ std::string EscapedName(const std::string &sName)
     std::string sOut;
     uint64_t    ullHash = 14695981039346656037u;
     for (const char ch : sName) {
-        const auto by = static_cast<unsigned char>(ch);
-        ullHash       = (ullHash ^ by) * 1099511628211u;
+        const auto by     = static_cast<unsigned char>(ch);
+        ullHash           = (ullHash ^ by) * 1099511628211u;
         const bool bPlain = (by >= '0' && by <= '9') || (by >= 'A' && by <= 'Z') || (by >= 'a' && by <= 'z') ||
                             strchr("-_ {}()", ch) != nullptr || by >= 0x80;
         char szEscaped[4];

@@ -21,18 +21,18 @@ struct NamedState {
 static_assert(std::atomic<uint32_t>::is_always_lock_free, "shared by processes");
 
 class NamedObject {
-public:
-  // Opens the object of that name; makes it when bCreate (pState says as what, *pbExisted whether it was there before).
-  // Null: ERROR_FILE_NOT_FOUND, ERROR_INVALID_HANDLE for a name of another kind, ERROR_PATH_NOT_FOUND for a name with
-  // a backslash, ERROR_FILENAME_EXCED_RANGE.
-  static std::unique_ptr<NamedObject> Open(const char16_t *pszName, HandleKind eKind, bool bCreate,
-                                           const NamedState *pState, bool *pbExisted);
-  ~NamedObject();
-  NamedObject(const NamedObject &) = delete;
-  NamedObject &operator=(const NamedObject &) = delete;
-  NamedState  &State() { return *m_pState; }
+  public:
+    // Opens the object of that name; makes it when bCreate (pState says as what, *pbExisted whether it was there
+    // before). Null: ERROR_FILE_NOT_FOUND, ERROR_INVALID_HANDLE for a name of another kind, ERROR_PATH_NOT_FOUND for a
+    // name with a backslash, ERROR_FILENAME_EXCED_RANGE.
+    static std::unique_ptr<NamedObject> Open(const char16_t *pszName, HandleKind eKind, bool bCreate,
+                                             const NamedState *pState, bool *pbExisted);
+    ~NamedObject();
+    NamedObject(const NamedObject &)            = delete;
+    NamedObject &operator=(const NamedObject &) = delete;
+    NamedState  &State() { return *m_pState; }
 
-private:
+  private:
     NamedObject(std::string sFile, int nFd, NamedState *pState)
         : m_sFile(std::move(sFile)), m_nFd(nFd), m_pState(pState)
     {

@@ -20,9 +20,9 @@ namespace {
 
 using namespace platform;
 
-constexpr uint32_t ERROR_INVALID_SID = 1337;
+constexpr uint32_t ERROR_INVALID_SID     = 1337;
 constexpr auto     SidTypeWellKnownGroup = static_cast<SID_NAME_USE>(5);
-constexpr size_t   CB_SID_MAX = 68;
+constexpr size_t   CB_SID_MAX            = 68;
 
 // What generic rights stand for on each kind of object, and the rights that an entry keeps: a file its own, any other
 // object all specific and standard ones.
@@ -123,7 +123,10 @@ platform::SECURITY_ATTRIBUTES *platform::CreateEveryoneSecurity(uint32_t dwAcces
     return pSecurity;
 }
 
-void platform::FreeSecurity(SECURITY_ATTRIBUTES *pSecurity) { hosted::FreeBlock(pSecurity); }
+void platform::FreeSecurity(SECURITY_ATTRIBUTES *pSecurity)
+{
+    hosted::FreeBlock(pSecurity);
+}
 
 bool platform::ReadEveryoneAccess(HANDLE hObject, SecuredObject eKind, uint32_t *pdwAccessMask, uint32_t *pnEntries)
 {
@@ -148,7 +151,7 @@ bool platform::ReadEveryoneAccess(HANDLE hObject, SecuredObject eKind, uint32_t 
     switch (pObject->eKind) {
     case hosted::HandleKind::Event: *pdwAccessMask = AsStored(dwMask, g_EventRights); break;
     case hosted::HandleKind::Mutex: *pdwAccessMask = AsStored(dwMask, g_MutexRights); break;
-    default:                        *pdwAccessMask = AsStored(dwMask, g_FileRights); break;
+    default: *pdwAccessMask = AsStored(dwMask, g_FileRights); break;
     }
     *pnEntries = 1;
     return true;
@@ -181,7 +184,7 @@ platform::BOOL platform::LookupAccountNameW(const char16_t *pszSystemName, const
     }
     const bool bFits = pSid != nullptr && *pcbSid >= account.sSid.size() && pszDomain != nullptr &&
                        *pcchDomain > account.sDomain.size();
-    *pcbSid          = static_cast<uint32_t>(account.sSid.size());
+    *pcbSid = static_cast<uint32_t>(account.sSid.size());
     if (!bFits) {
         *pcchDomain = static_cast<uint32_t>(account.sDomain.size() + 1);
         hosted::SetError(ERROR_INSUFFICIENT_BUFFER);

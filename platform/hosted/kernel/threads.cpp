@@ -15,7 +15,7 @@ namespace {
 
 struct Thread : Waitable {
     Thread() : Waitable(HandleKind::Thread) {}
-    bool TakeSignal() override { return bEnded; }
+    bool     TakeSignal() override { return bEnded; }
     bool     bEnded     = false; // this and the rest under Waits::mutex
     uint32_t dwExitCode = platform::STILL_ACTIVE;
     uint32_t dwId       = 0; // 0 until the thread runs
@@ -73,8 +73,8 @@ platform::HANDLE platform::CreateThread(void *pSecurity, size_t dwStackSize, Thr
     }
     auto pThread = std::make_shared<hosted::Thread>();
     hosted::g_nLiveThreads++;
-    const int nError = hosted::StartDetached(
-        std::unique_ptr<hosted::StartBlock>(new hosted::StartBlock{pThread, pStart, pParameter}));
+    const int nError =
+        hosted::StartDetached(std::unique_ptr<hosted::StartBlock>(new hosted::StartBlock{pThread, pStart, pParameter}));
     if (nError != 0) {
         hosted::g_nLiveThreads--;
         hosted::SetError(hosted::ErrorFromErrno(nError));

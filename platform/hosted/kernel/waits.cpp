@@ -82,9 +82,9 @@ std::shared_ptr<Waitable> WaitableOf(platform::HANDLE hObject)
 bool SleepUntil(std::unique_lock<std::mutex> &lock, Waiter &waiter, const Deadline &deadline)
 {
     constexpr int64_t NS_PER_S = 1000000000;
-    const auto        nNs  = std::chrono::nanoseconds(deadline.time_since_epoch()).count();
-    const timespec    tEnd = {static_cast<time_t>(nNs / NS_PER_S), static_cast<long>(nNs % NS_PER_S)};
-    int               nErrno = 0;
+    const auto        nNs      = std::chrono::nanoseconds(deadline.time_since_epoch()).count();
+    const timespec    tEnd     = {static_cast<time_t>(nNs / NS_PER_S), static_cast<long>(nNs % NS_PER_S)};
+    int               nErrno   = 0;
     waiter.nWoken.store(0);
     lock.unlock();
     if (syscall(SYS_futex, &waiter.nWoken, FUTEX_WAIT_BITSET_PRIVATE, 0, deadline == Deadline::max() ? nullptr : &tEnd,

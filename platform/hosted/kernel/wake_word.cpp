@@ -24,8 +24,8 @@ using Word = std::atomic<uint32_t>;
 static_assert(Word::is_always_lock_free && sizeof(Word) == 4, "shared by processes and waited for by the kernel");
 
 struct Wakes {
-    std::mutex        mutex;             // guards what follows
-    Word             *pWord = nullptr;   // of the current machine
+    std::mutex        mutex;           // guards what follows
+    Word             *pWord = nullptr; // of the current machine
     std::thread       watcher;
     std::atomic<bool> bStop{false};
 };

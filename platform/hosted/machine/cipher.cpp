@@ -1,11 +1,12 @@
 // cipher.cpp: AES in CBC mode with block padding, on libcrypto.
 // Blob     the opaque key blob is the secret's length as four little-endian bytes and the secret: 20 bytes for AES-128.
-//          Wine's is the same, so that a hosted agent and a Windows agent under Wine read each other's files. Windows' own
-//          is Windows' secret, and differs between its versions.
+//          Wine's is the same, so that a hosted agent and a Windows agent under Wine read each other's files. Windows'
+//          own is Windows' secret, and differs between its versions.
 // Object   the secret lies in the caller's key object, as on Windows: the block must outlive the key.
 // Contexts each key has one for each direction, made at its first use; a chunk only sets the start vector anew.
-// Differences from Windows: only 128-bit keys, only CBC, only block padding, an explicit key object and start vector; everything else is
-// refused. The size of a decryption is told as the input's length, an upper bound, as Windows does for padded data.
+// Differences from Windows: only 128-bit keys, only CBC, only block padding, an explicit key object and start vector;
+// everything else is refused. The size of a decryption is told as the input's length, an upper bound, as Windows does
+// for padded data.
 #include "platform/cipher.h"
 #include "platform/hosted/machine/counts.h"
 #include "platform/hosted/machine/faults.h"
@@ -184,10 +185,10 @@ NTSTATUS BCryptCloseAlgorithmProvider(BCRYPT_ALG_HANDLE hAlgorithm, uint32_t dwF
 NTSTATUS BCryptGetProperty(void *hObject, const char16_t *pszProperty, uint8_t *pbOutput, uint32_t cbOutput,
                            uint32_t *pcbResult, uint32_t dwFlags)
 {
-    NTSTATUS       nStatus = STATUS_SUCCESS;
-    uint32_t       dwValue = 0;
-    const void    *pValue  = &dwValue;
-    uint32_t       cbValue = sizeof dwValue;
+    NTSTATUS    nStatus = STATUS_SUCCESS;
+    uint32_t    dwValue = 0;
+    const void *pValue  = &dwValue;
+    uint32_t    cbValue = sizeof dwValue;
     if (Fails("BCryptGetProperty", &nStatus)) return nStatus;
     if (AlgorithmOf(hObject) == nullptr && KeyOf(hObject) == nullptr) return STATUS_INVALID_HANDLE;
     if (pszProperty == nullptr || pcbResult == nullptr || dwFlags != 0) return STATUS_INVALID_PARAMETER;

@@ -13,7 +13,10 @@
 
 namespace {
 
-bool IsBlank(char16_t ch) { return ch == u' ' || ch == u'\t'; }
+bool IsBlank(char16_t ch)
+{
+    return ch == u' ' || ch == u'\t';
+}
 
 // Reads the program's name and what parts it from the arguments.
 const char16_t *ReadProgram(const char16_t *psz, std::u16string *psProgram)
@@ -61,7 +64,10 @@ const char16_t *ReadArgument(const char16_t *psz, std::u16string *psArgument)
 
 } // namespace
 
-const char16_t *platform::GetCommandLineW() { return hosted::ProgramCommandLine().c_str(); }
+const char16_t *platform::GetCommandLineW()
+{
+    return hosted::ProgramCommandLine().c_str();
+}
 
 char16_t **platform::CommandLineToArgvW(const char16_t *pszCommandLine, int32_t *pnArgs)
 {

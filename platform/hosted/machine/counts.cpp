@@ -27,10 +27,25 @@ void FreeBlock(void *pMem)
     g_nBlocks--;
 }
 
-int OpenSockets() { return g_nSockets.load(); }
-int LiveThreads() { return g_nLiveThreads.load(); }
-int OpenCiphers() { return g_nCiphers.load(); }
-int LiveBlocks() { return g_nBlocks.load(); }
-int WinsockStarts() { return g_nWinsockStarts.load(); }
+int OpenSockets()
+{
+    return g_nSockets.load();
+}
+int LiveThreads()
+{
+    return g_nLiveThreads.load();
+}
+int OpenCiphers()
+{
+    return g_nCiphers.load();
+}
+int LiveBlocks()
+{
+    return g_nBlocks.load();
+}
+int WinsockStarts()
+{
+    return g_nWinsockStarts.load();
+}
 
 } // namespace hosted

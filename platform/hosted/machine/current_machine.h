@@ -15,14 +15,14 @@ struct OnUseMachine {
 void DropWhatBelongsToAMachine(); // calls them
 // Exclusive among all processes and threads of the machine; short sections only, never held while waiting.
 class MachineLock {
-public:
+  public:
     MachineLock();
     ~MachineLock();
     MachineLock(const MachineLock &)            = delete;
     MachineLock &operator=(const MachineLock &) = delete;
     bool         IsHeld() const { return m_nFd >= 0; }
 
-private:
+  private:
     int m_nFd;
 };
 

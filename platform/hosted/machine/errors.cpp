@@ -11,8 +11,8 @@ namespace {
 thread_local uint32_t t_dwLastError = 0;
 
 // Codes that errors.h does not name since only errno leads to them.
-constexpr uint32_t ERROR_NOT_SAME_DEVICE = 17;
-constexpr uint32_t ERROR_IO_DEVICE       = 1117;
+constexpr uint32_t ERROR_NOT_SAME_DEVICE       = 17;
+constexpr uint32_t ERROR_IO_DEVICE             = 1117;
 constexpr uint32_t ERROR_CANT_RESOLVE_FILENAME = 1921;
 
 } // namespace
@@ -41,33 +41,33 @@ uint32_t hosted::ErrorFromErrno(int nErrno)
 {
     using namespace platform;
     switch (nErrno) {
-    case 0:            return ERROR_SUCCESS;
-    case ENOENT:       return ERROR_FILE_NOT_FOUND;
-    case ENOTDIR:      return ERROR_PATH_NOT_FOUND;
+    case 0: return ERROR_SUCCESS;
+    case ENOENT: return ERROR_FILE_NOT_FOUND;
+    case ENOTDIR: return ERROR_PATH_NOT_FOUND;
     case EACCES:
     case EPERM:
-    case EISDIR:       return ERROR_ACCESS_DENIED;
-    case EEXIST:       return ERROR_FILE_EXISTS;
-    case ENOTEMPTY:    return ERROR_DIR_NOT_EMPTY;
+    case EISDIR: return ERROR_ACCESS_DENIED;
+    case EEXIST: return ERROR_FILE_EXISTS;
+    case ENOTEMPTY: return ERROR_DIR_NOT_EMPTY;
     case ENOSPC:
     case EDQUOT:
-    case EFBIG:        return ERROR_DISK_FULL;
+    case EFBIG: return ERROR_DISK_FULL;
     case EMFILE:
-    case ENFILE:       return ERROR_TOO_MANY_OPEN_FILES;
+    case ENFILE: return ERROR_TOO_MANY_OPEN_FILES;
     case ENOMEM:
-    case EAGAIN:       return ERROR_NOT_ENOUGH_MEMORY; // of pthread_create: no room for one more thread
-    case EROFS:        return ERROR_WRITE_PROTECT;
-    case EBUSY:        return ERROR_BUSY;
-    case ETXTBSY:      return ERROR_SHARING_VIOLATION;
+    case EAGAIN: return ERROR_NOT_ENOUGH_MEMORY; // of pthread_create: no room for one more thread
+    case EROFS: return ERROR_WRITE_PROTECT;
+    case EBUSY: return ERROR_BUSY;
+    case ETXTBSY: return ERROR_SHARING_VIOLATION;
     case ENAMETOOLONG: return ERROR_INVALID_NAME;
-    case EINVAL:       return ERROR_INVALID_PARAMETER;
-    case EBADF:        return ERROR_INVALID_HANDLE;
-    case EPIPE:        return ERROR_BROKEN_PIPE;
-    case EXDEV:        return ERROR_NOT_SAME_DEVICE;
-    case EIO:          return ERROR_IO_DEVICE;
-    case ELOOP:        return ERROR_CANT_RESOLVE_FILENAME;
-    case EOPNOTSUPP:   return ERROR_NOT_SUPPORTED;
-    default:           return ERROR_GEN_FAILURE;
+    case EINVAL: return ERROR_INVALID_PARAMETER;
+    case EBADF: return ERROR_INVALID_HANDLE;
+    case EPIPE: return ERROR_BROKEN_PIPE;
+    case EXDEV: return ERROR_NOT_SAME_DEVICE;
+    case EIO: return ERROR_IO_DEVICE;
+    case ELOOP: return ERROR_CANT_RESOLVE_FILENAME;
+    case EOPNOTSUPP: return ERROR_NOT_SUPPORTED;
+    default: return ERROR_GEN_FAILURE;
     }
 }
 

@@ -1,10 +1,10 @@
 // faults.cpp: which call fails, and how often each was made.
 // Every public function of the backend comes through FailsNow, so a call without faults costs a look-up and one atomic
 // addition: names live in a table that only grows and is read without a lock.
+#include "platform/hosted/machine/faults.h"
 #include "platform/hosted/control.h"
 #include "platform/hosted/machine/current_machine.h"
 #include "platform/hosted/machine/errors.h"
-#include "platform/hosted/machine/faults.h"
 #include <atomic>
 #include <cstring>
 #include <mutex>
@@ -97,7 +97,7 @@ static Slot *SlotOfLiteral(const char *pszCall)
         std::atomic<const char *> pszName{nullptr};
         std::atomic<Slot *>       pSlot{nullptr};
     };
-    constexpr size_t KNOWN = 256;
+    constexpr size_t KNOWN    = 256;
     static Known    *s_pKnown = new Known[KNOWN];
     Known           &known    = s_pKnown[(reinterpret_cast<uintptr_t>(pszCall) >> 2) % KNOWN];
     // A slot never moves, so whoever is first at a place keeps it.

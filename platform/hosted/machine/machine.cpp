@@ -36,9 +36,9 @@ std::string Trimmed(const std::string &sText)
 bool g_bLookOnly = false; // set while LookAt runs, which only a tool of one thread calls
 
 struct Cached {
-    struct timespec tChanged = {};
-    off_t           cb       = -1;
-    std::string     sFile;
+    struct timespec                              tChanged = {};
+    off_t                                        cb       = -1;
+    std::string                                  sFile;
     std::vector<std::pair<std::string, Entries>> aSections;
 };
 

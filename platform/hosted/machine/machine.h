@@ -14,17 +14,17 @@
 namespace hosted {
 
 inline constexpr const char *DRIVE_KINDS[] = {"fixed", "removable", "hotplug", "cdrom", "remote"};
-bool IsDriveKind(const std::string &sKind);
+bool                         IsDriveKind(const std::string &sKind);
 
 // The known folders of a machine in the order they are made, parents first.
 struct KnownFolder {
-    const char *pszName;   // the key in [folders]
-    const char *pszTail;   // below the user's profile when it starts with a backslash, else a whole path
+    const char *pszName; // the key in [folders]
+    const char *pszTail; // below the user's profile when it starts with a backslash, else a whole path
 };
 const std::vector<KnownFolder> &KnownFolders();
-inline constexpr const char *PROGRAM_FOLDER    = "C:\\Program Files\\VORN\\VORN Qelvane";
-inline constexpr const char *PROGRAM_NAME      = "VornTramsaNet.exe";
-inline constexpr const char *DISCOVERY_NAME    = "VornTramsaNetMDNS.exe";
+inline constexpr const char    *PROGRAM_FOLDER = "C:\\Program Files\\VORN\\VORN Qelvane";
+inline constexpr const char    *PROGRAM_NAME   = "VornTramsaNet.exe";
+inline constexpr const char    *DISCOVERY_NAME = "VornTramsaNetMDNS.exe";
 
 struct MachinePlan {
     std::string sComputer = "HOSTED-PC";

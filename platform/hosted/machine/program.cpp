@@ -15,7 +15,7 @@ namespace {
 std::string Quoted(const std::string &sArgument)
 {
     if (!sArgument.empty() && sArgument.find_first_of(" \t\n\v\"") == std::string::npos) return sArgument;
-    std::string sOut = "\"";
+    std::string sOut         = "\"";
     size_t      nBackslashes = 0;
     for (const char ch : sArgument) {
         if (ch == '"') sOut.append(nBackslashes + 1, '\\');

@@ -51,12 +51,12 @@ int32_t platform::strcpy_s(char *pszDest, size_t cbDest, const char *pszSource)
 {
     if (pszDest == nullptr || cbDest == 0) return errno = EINVAL;
     if (pszSource == nullptr) {
-        pszDest[0] = '\0';
+        pszDest[0]   = '\0';
         return errno = EINVAL;
     }
     const size_t cb = strnlen(pszSource, cbDest);
     if (cb == cbDest) {
-        pszDest[0] = '\0';
+        pszDest[0]   = '\0';
         return errno = ERANGE;
     }
     memcpy(pszDest, pszSource, cb + 1);

@@ -8,7 +8,10 @@ namespace {
 
 constexpr uint32_t BYTE_ESCAPE = 0xDC00; // U+DC80..U+DCFF stand for the bytes 80..FF that are no UTF-8
 
-bool IsEscape(uint32_t nPoint) { return nPoint >= BYTE_ESCAPE + 0x80 && nPoint <= BYTE_ESCAPE + 0xFF; }
+bool IsEscape(uint32_t nPoint)
+{
+    return nPoint >= BYTE_ESCAPE + 0x80 && nPoint <= BYTE_ESCAPE + 0xFF;
+}
 
 } // namespace
 

@@ -114,8 +114,8 @@ platform::HANDLE OpenPipeClient(const char16_t *pszName, uint32_t dwDesiredAcces
         return AddHandle(std::move(pClient), dwDesiredAccess);
     }
     case Opening::AllBusy: SetError(platform::ERROR_PIPE_BUSY); break;
-    case Opening::NoPipe:  SetError(platform::ERROR_FILE_NOT_FOUND); break;
-    case Opening::Failed:  break;
+    case Opening::NoPipe: SetError(platform::ERROR_FILE_NOT_FOUND); break;
+    case Opening::Failed: break;
     }
     return platform::INVALID_HANDLE_VALUE;
 }
@@ -171,7 +171,7 @@ platform::BOOL platform::WaitNamedPipeW(const char16_t *pszName, uint32_t nTimeO
         }
         InstanceRecord record{};
         switch (FindInstance(sFolder, nullptr, &record)) {
-        case Opening::Found:  return TRUE;
+        case Opening::Found: return TRUE;
         case Opening::Failed: return FALSE;
         case Opening::NoPipe: SetError(ERROR_FILE_NOT_FOUND); return FALSE;
         case Opening::AllBusy:

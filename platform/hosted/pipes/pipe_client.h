@@ -1,5 +1,6 @@
 // pipe_client.h: the client's end of a named pipe behind the file functions.
-// CreateFileW calls OpenPipeClient for a pipe's name, WriteFile by the object's kind WritePipe; both set the last error.
+// CreateFileW calls OpenPipeClient for a pipe's name, WriteFile by the object's kind WritePipe; both set the last
+// error.
 #pragma once
 #include "platform/hosted/kernel/handles.h"
 

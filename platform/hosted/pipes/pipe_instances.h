@@ -33,7 +33,7 @@ std::string InstanceSocket(uint32_t nNumber);
 // Those whose owner lives, oldest first; what dead ones left is removed.
 std::vector<Instance> LiveInstances(const std::string &sFolder);
 // Makes the file of a new instance and locks it: the descriptor that holds the lock, or -1 (last error).
-int AddInstance(const std::string &sFolder, const InstanceRecord &record, uint32_t *pnNumber);
+int  AddInstance(const std::string &sFolder, const InstanceRecord &record, uint32_t *pnNumber);
 void RemoveInstance(const std::string &sFolder, uint32_t nNumber);
 
 } // namespace hosted

@@ -26,10 +26,10 @@
 namespace hosted {
 namespace {
 
-constexpr uint64_t STATUS_PENDING   = 0x00000103; // what OVERLAPPED::Internal tells of a call
-constexpr uint64_t STATUS_CANCELLED = 0xC0000120;
-constexpr uint64_t STATUS_UNSUCCESSFUL = 0xC0000001;
-constexpr uint64_t STATUS_PIPE_BROKEN  = 0xC000014B;
+constexpr uint64_t STATUS_PENDING           = 0x00000103; // what OVERLAPPED::Internal tells of a call
+constexpr uint64_t STATUS_CANCELLED         = 0xC0000120;
+constexpr uint64_t STATUS_UNSUCCESSFUL      = 0xC0000001;
+constexpr uint64_t STATUS_PIPE_BROKEN       = 0xC000014B;
 constexpr uint64_t STATUS_PIPE_DISCONNECTED = 0xC00000B0;
 
 struct PipeServer : KernelObject {
@@ -50,7 +50,7 @@ struct PipeServer : KernelObject {
     platform::OVERLAPPED         *pPending = nullptr; // of the ConnectNamedPipe under way
     std::shared_ptr<KernelObject> pPendingEvent;
     WatchId                       nWatch   = 0;
-    uint32_t                      cbUnsaid = 0; // read, and not yet told to the client
+    uint32_t                      cbUnsaid = 0;       // read, and not yet told to the client
     platform::OVERLAPPED         *pReading = nullptr; // of the overlapped ReadFile under way, with what it needs
     std::shared_ptr<KernelObject> pReadingEvent;
     void                         *pReadingBuffer = nullptr;
@@ -330,8 +330,8 @@ platform::HANDLE platform::CreateNamedPipeW(const char16_t *pszName, uint32_t dw
     if (pServer->sFolder.empty()) return INVALID_HANDLE_VALUE;
     pServer->bSecured         = pSecurity != nullptr;
     pServer->dwEveryoneAccess = pSecurity != nullptr ? pSecurity->dwEveryoneAccess : 0;
-    const InstanceRecord record{nMaxInstances,     nInBufferSize, dwDefaultTimeOut, GetCurrentProcessId(),
-                                pServer->bSecured, pServer->dwEveryoneAccess};
+    const InstanceRecord record{nMaxInstances,         nInBufferSize,     dwDefaultTimeOut,
+                                GetCurrentProcessId(), pServer->bSecured, pServer->dwEveryoneAccess};
     uint32_t             dwError = 0;
     {
         const MachineLock lock;
@@ -387,8 +387,9 @@ platform::BOOL platform::CancelIoEx(HANDLE hFile, OVERLAPPED *pOverlapped)
     const std::shared_ptr<hosted::PipeServer> pServer = hosted::ServerOf(hFile);
     if (pServer == nullptr) return FALSE;
     const std::lock_guard<std::mutex> guard(pServer->mutex);
-    const bool bConnecting = pServer->pPending != nullptr && (pOverlapped == nullptr || pOverlapped == pServer->pPending);
-    const bool bReading    = pServer->pReading != nullptr && (pOverlapped == nullptr || pOverlapped == pServer->pReading);
+    const bool                        bConnecting =
+        pServer->pPending != nullptr && (pOverlapped == nullptr || pOverlapped == pServer->pPending);
+    const bool bReading = pServer->pReading != nullptr && (pOverlapped == nullptr || pOverlapped == pServer->pReading);
     if (bConnecting) hosted::Complete(*pServer, hosted::STATUS_CANCELLED, pServer->pListener);
     if (bReading) hosted::CompleteRead(*pServer, hosted::STATUS_CANCELLED, 0);
     if (bConnecting || bReading) return TRUE;
@@ -398,7 +399,8 @@ platform::BOOL platform::CancelIoEx(HANDLE hFile, OVERLAPPED *pOverlapped)
 
 // Looks for itself whether there is something for a pending read: what a client has written counts from its write on,
 // not from when the watcher's thread comes round to it.
-platform::BOOL platform::GetOverlappedResult(HANDLE hFile, OVERLAPPED *pOverlapped, uint32_t *pcbTransferred, BOOL bWait)
+platform::BOOL platform::GetOverlappedResult(HANDLE hFile, OVERLAPPED *pOverlapped, uint32_t *pcbTransferred,
+                                             BOOL bWait)
 {
     if (hosted::FailsNow("GetOverlappedResult")) return FALSE;
     const std::shared_ptr<hosted::PipeServer> pServer = hosted::ServerOf(hFile);
@@ -407,12 +409,12 @@ platform::BOOL platform::GetOverlappedResult(HANDLE hFile, OVERLAPPED *pOverlapp
     if (pOverlapped == pServer->pReading) hosted::GoOnReading(*pServer);
     *pcbTransferred = static_cast<uint32_t>(pOverlapped->InternalHigh);
     switch (pOverlapped->Internal) {
-    case 0:                                return TRUE;
-    case hosted::STATUS_PENDING:           hosted::SetError(bWait ? ERROR_NOT_SUPPORTED : ERROR_IO_INCOMPLETE); break;
-    case hosted::STATUS_CANCELLED:         hosted::SetError(ERROR_OPERATION_ABORTED); break;
-    case hosted::STATUS_PIPE_BROKEN:       hosted::SetError(ERROR_BROKEN_PIPE); break;
+    case 0: return TRUE;
+    case hosted::STATUS_PENDING: hosted::SetError(bWait ? ERROR_NOT_SUPPORTED : ERROR_IO_INCOMPLETE); break;
+    case hosted::STATUS_CANCELLED: hosted::SetError(ERROR_OPERATION_ABORTED); break;
+    case hosted::STATUS_PIPE_BROKEN: hosted::SetError(ERROR_BROKEN_PIPE); break;
     case hosted::STATUS_PIPE_DISCONNECTED: hosted::SetError(ERROR_PIPE_NOT_CONNECTED); break;
-    default:                               hosted::SetError(ERROR_GEN_FAILURE); break;
+    default: hosted::SetError(ERROR_GEN_FAILURE); break;
     }
     return FALSE;
 }

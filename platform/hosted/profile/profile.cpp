@@ -44,8 +44,7 @@ bool Query(const char16_t *pszSection, const char16_t *pszKey, const char16_t *p
 }
 
 // Copies a value (one terminator) or a list (one more at its end); what does not fit is cut.
-template <class Char>
-uint32_t Give(const std::basic_string<Char> &sResult, bool bList, Char *pszBuffer, uint32_t cch)
+template <class Char> uint32_t Give(const std::basic_string<Char> &sResult, bool bList, Char *pszBuffer, uint32_t cch)
 {
     const uint32_t nTerminators = bList ? 2 : 1;
     if (pszBuffer == nullptr || cch == 0) return 0;

@@ -33,7 +33,8 @@ SharedMutex *MapShared()
     SharedMutex *pShared = nullptr;
     struct stat  st;
     int          nLocked = -1;
-    while ((nLocked = flock(nFd, LOCK_EX)) != 0 && errno == EINTR) {}
+    while ((nLocked = flock(nFd, LOCK_EX)) != 0 && errno == EINTR) {
+    }
     const bool bNew = nLocked == 0 && fstat(nFd, &st) == 0 && st.st_size < static_cast<off_t>(sizeof(SharedMutex)) + 1;
     if (nLocked == 0 && (!bNew || ftruncate(nFd, sizeof(SharedMutex)) == 0)) {
         void *pMem = mmap(nullptr, sizeof(SharedMutex), PROT_READ | PROT_WRITE, MAP_SHARED, nFd, 0);
@@ -48,7 +49,8 @@ SharedMutex *MapShared()
         pthread_mutexattr_destroy(&attributes);
         if (ftruncate(nFd, sizeof(SharedMutex) + 1) != 0) pShared = nullptr; // the size says that it is whole
     }
-    if (nLocked == 0) flock(nFd, LOCK_UN); // said aloud: the mapping keeps the open file, and so the lock, beyond the close
+    // said aloud: the mapping keeps the open file, and so the lock, beyond the close
+    if (nLocked == 0) flock(nFd, LOCK_UN);
     close(nFd);
     return pShared;
 }

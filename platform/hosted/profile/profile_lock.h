@@ -5,14 +5,14 @@ namespace hosted {
 
 // Held from construction to destruction; short sections only. A holder that dies releases it.
 class ProfileLock {
-public:
+  public:
     ProfileLock();
     ~ProfileLock();
     ProfileLock(const ProfileLock &)            = delete;
     ProfileLock &operator=(const ProfileLock &) = delete;
     bool         IsHeld() const { return m_pMutex != nullptr; }
 
-private:
+  private:
     void *m_pMutex;
 };
 

@@ -163,10 +163,10 @@ bool WriteReplacement(Kept *pKept, const Located &found, const std::string &sByt
     struct stat       st;
     const int         nFd = open(sNew.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (nFd < 0) return false;
-    bool bOk       = fstat(pKept->nFd, &st) == 0 && WriteText(nFd, sBytes) && fchmod(nFd, st.st_mode & 07777) == 0;
+    bool bOk = fstat(pKept->nFd, &st) == 0 && WriteText(nFd, sBytes) && fchmod(nFd, st.st_mode & 07777) == 0;
     if (bOk) {
         CopyMarks({"", pKept->nFd}, {"", nFd});
-        bOk       = rename(sNew.c_str(), found.sHost.c_str()) == 0;
+        bOk = rename(sNew.c_str(), found.sHost.c_str()) == 0;
     }
     if (!bOk) {
         const int nErrno = errno;
@@ -194,8 +194,7 @@ uint32_t Store(Kept *pKept, const Located &found, const std::string &sBytes)
     const uint32_t dwError = bOk ? 0 : ErrorFromErrno(errno);
     const uint32_t nBefore = Generation(Generations::Files, pKept->nKey).fetch_add(1);
     struct stat    st;
-    if (!bOk || nBefore != pKept->nGeneration || fstat(pKept->nFd, &st) != 0 ||
-        pKept->text.MemoryUsed() > MAX_MEMORY) {
+    if (!bOk || nBefore != pKept->nGeneration || fstat(pKept->nFd, &st) != 0 || pKept->text.MemoryUsed() > MAX_MEMORY) {
         Forget(pKept);
         return dwError;
     }

@@ -8,8 +8,8 @@ namespace hosted {
 
 // Hands the text of a file to use(). 0, or the error that kept the file from being read.
 uint32_t ReadProfile(const char16_t *pszFile, const std::function<void(const ProfileText &)> &use);
-// Lets change() alter the text and writes it when it says so. bMake: a missing file is made; without it, there is nothing
-// to do.
+// Lets change() alter the text and writes it when it says so. bMake: a missing file is made; without it, there is
+// nothing to do.
 uint32_t ChangeProfile(const char16_t *pszFile, bool bMake, const std::function<bool(ProfileText *)> &change);
 
 } // namespace hosted

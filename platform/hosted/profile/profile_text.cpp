@@ -16,8 +16,14 @@ namespace {
 constexpr std::u16string_view LINE_BREAK = u"\r\n";
 constexpr std::string_view    UTF16_MARK = "\xFF\xFE";
 
-bool IsBlank(char16_t ch) { return ch == u' ' || ch == u'\t'; }
-bool IsBreak(char16_t ch) { return ch == u'\r' || ch == u'\n'; }
+bool IsBlank(char16_t ch)
+{
+    return ch == u' ' || ch == u'\t';
+}
+bool IsBreak(char16_t ch)
+{
+    return ch == u'\r' || ch == u'\n';
+}
 
 std::u16string_view Trimmed(std::u16string_view s)
 {
@@ -61,13 +67,16 @@ std::string ProfileText::Bytes() const
     return sBytes.append(reinterpret_cast<const char *>(m_sText.data()), m_sText.size() * sizeof(char16_t));
 }
 
-size_t ProfileText::Start() const { return !m_sText.empty() && m_sText[0] == 0xFEFF ? 1 : 0; } // a UTF-8 file's mark
+size_t ProfileText::Start() const
+{
+    return !m_sText.empty() && m_sText[0] == 0xFEFF ? 1 : 0;
+} // a UTF-8 file's mark
 
 ProfileText::Line ProfileText::LineAt(size_t nAt) const
 {
-    const size_t nEnd    = std::min(m_sText.find_first_of(LINE_BREAK, nAt), m_sText.size());
-    const bool   bTwo    = m_sText.compare(nEnd, LINE_BREAK.size(), LINE_BREAK) == 0;
-    const size_t nNext   = std::min(nEnd + (bTwo ? 2 : 1), m_sText.size());
+    const size_t nEnd  = std::min(m_sText.find_first_of(LINE_BREAK, nAt), m_sText.size());
+    const bool   bTwo  = m_sText.compare(nEnd, LINE_BREAK.size(), LINE_BREAK) == 0;
+    const size_t nNext = std::min(nEnd + (bTwo ? 2 : 1), m_sText.size());
     return {nAt, nEnd, nNext, Trimmed(std::u16string_view(m_sText).substr(nAt, nEnd - nAt))};
 }
 

@@ -7,7 +7,7 @@
 namespace hosted {
 
 class ProfileText {
-public:
+  public:
     // From the bytes of a file: FF FE makes it UTF-16LE, else it is in the ANSI code page.
     void        Load(std::string_view sBytes);
     std::string Bytes() const; // as the file has them
@@ -24,8 +24,8 @@ public:
     bool RemoveKey(std::u16string_view sSection, std::u16string_view sKey);
     bool RemoveSection(std::u16string_view sSection);
 
-private:
-    struct Line { // places in the text
+  private:
+    struct Line {                             // places in the text
         size_t              nAt, nEnd, nNext; // without and with its break
         std::u16string_view sTrimmed;
     };

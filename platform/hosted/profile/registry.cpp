@@ -52,7 +52,10 @@ bool NameOf(HKEY hKey, std::string *psName)
     return true;
 }
 
-std::string RegistryFile() { return std::string(hosted::MachineFolder()) + "/registry.ini"; }
+std::string RegistryFile()
+{
+    return std::string(hosted::MachineFolder()) + "/registry.ini";
+}
 
 bool KeyExists(const std::string &sName)
 {

@@ -103,8 +103,8 @@ uint32_t WlanEnumInterfaces(HANDLE hClient, void *pReserved, WLAN_INTERFACE_INFO
     if (!IsWlanClient(hClient)) return ERROR_INVALID_HANDLE;
     if (pReserved != nullptr || ppList == nullptr) return ERROR_INVALID_PARAMETER;
     const std::vector<Adapter> aAdapters = MachineAdapters();
-    auto *pList = static_cast<WLAN_INTERFACE_INFO_LIST *>(hosted::AllocBlock(
-        sizeof(WLAN_INTERFACE_INFO_LIST) + aAdapters.size() * sizeof(WLAN_INTERFACE_INFO)));
+    auto                      *pList     = static_cast<WLAN_INTERFACE_INFO_LIST *>(
+        hosted::AllocBlock(sizeof(WLAN_INTERFACE_INFO_LIST) + aAdapters.size() * sizeof(WLAN_INTERFACE_INFO)));
     if (pList == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     WLAN_INTERFACE_INFO *pInfo = pList->InterfaceInfo;
     for (const Adapter &adapter : aAdapters) {
@@ -174,7 +174,7 @@ uint32_t GetIfTable2(MIB_IF_TABLE2 **ppTable)
     if (hosted::FailsNow("GetIfTable2", &dwError)) return dwError;
     if (ppTable == nullptr) return ERROR_INVALID_PARAMETER;
     const std::vector<Adapter> aAdapters = MachineAdapters();
-    auto *pTable = static_cast<MIB_IF_TABLE2 *>(
+    auto                      *pTable    = static_cast<MIB_IF_TABLE2 *>(
         hosted::AllocBlock(sizeof(MIB_IF_TABLE2) + aAdapters.size() * sizeof(MIB_IF_ROW2)));
     if (pTable == nullptr) return ERROR_NOT_ENOUGH_MEMORY;
     for (const Adapter &adapter : aAdapters) {

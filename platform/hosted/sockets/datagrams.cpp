@@ -22,10 +22,11 @@ using hosted::Connection;
 using hosted::FailWith;
 using hosted::WinsockErrorFromErrno;
 
-constexpr uint32_t MAX_POLLED   = 64;
-constexpr int16_t  HOST_POLLIN  = 1;
+constexpr uint32_t MAX_POLLED        = 64;
+constexpr int16_t  HOST_POLLIN       = 1;
 constexpr uint32_t REASSEMBLED_BYTES = 65535;
-// The numbers of the host's interfaces begin here: those of the adapters that a machine says it has are small, and name others.
+// The numbers of the host's interfaces begin here: those of the adapters that a machine says it has are small, and name
+// others.
 constexpr uint32_t REAL_INTERFACES = 0x10000;
 static_assert(sizeof(::sockaddr_in) == sizeof(platform::sockaddr_in) && sizeof(::ip_mreq) == sizeof(platform::ip_mreq));
 
@@ -52,14 +53,14 @@ std::vector<platform::MIB_IPADDRROW> HostAddresses()
     for (const ::ifaddrs *p = pFirst; p != nullptr; p = p->ifa_next) {
         if (p->ifa_addr == nullptr || p->ifa_netmask == nullptr || p->ifa_addr->sa_family != AF_INET) continue;
         platform::MIB_IPADDRROW row = {};
-        row.dwAddr        = reinterpret_cast<const ::sockaddr_in *>(p->ifa_addr)->sin_addr.s_addr;
-        row.dwMask        = reinterpret_cast<const ::sockaddr_in *>(p->ifa_netmask)->sin_addr.s_addr;
-        row.dwIndex       = ::if_nametoindex(p->ifa_name);
+        row.dwAddr                  = reinterpret_cast<const ::sockaddr_in *>(p->ifa_addr)->sin_addr.s_addr;
+        row.dwMask                  = reinterpret_cast<const ::sockaddr_in *>(p->ifa_netmask)->sin_addr.s_addr;
+        row.dwIndex                 = ::if_nametoindex(p->ifa_name);
         if (row.dwIndex != 0) row.dwIndex += REAL_INTERFACES;
-        row.dwBCastAddr   = 1; // as on Windows: the host part is all ones
-        row.dwReasmSize   = REASSEMBLED_BYTES;
-        const bool bUp    = (p->ifa_flags & (IFF_UP | IFF_RUNNING)) == (IFF_UP | IFF_RUNNING);
-        row.wType         = bUp ? 0 : platform::MIB_IPADDR_DISCONNECTED;
+        row.dwBCastAddr = 1; // as on Windows: the host part is all ones
+        row.dwReasmSize = REASSEMBLED_BYTES;
+        const bool bUp  = (p->ifa_flags & (IFF_UP | IFF_RUNNING)) == (IFF_UP | IFF_RUNNING);
+        row.wType       = bUp ? 0 : platform::MIB_IPADDR_DISCONNECTED;
         if (row.dwIndex != 0) aRows.push_back(row);
     }
     ::freeifaddrs(pFirst);
@@ -147,7 +148,8 @@ int32_t recvfrom(SOCKET s, char *pBuffer, int32_t cb, int32_t nFlags, sockaddr *
     const std::shared_ptr<Connection> pConnection = EnterDatagramCall("recvfrom", s);
     if (pConnection == nullptr) return SOCKET_ERROR;
     if (nFlags != 0) return FailWith(hosted::WSAEOPNOTSUPP);
-    const bool bRoom = pFrom == nullptr || (pcbFrom != nullptr && *pcbFrom >= static_cast<int32_t>(sizeof(sockaddr_in)));
+    const bool bRoom =
+        pFrom == nullptr || (pcbFrom != nullptr && *pcbFrom >= static_cast<int32_t>(sizeof(sockaddr_in)));
     if (cb < 0 || (pBuffer == nullptr && cb > 0) || !bRoom) return FailWith(hosted::WSAEFAULT);
     if (!pConnection->bNamed) return FailWith(WSAEINVAL);
     std::lock_guard<std::mutex> lock(pConnection->csRecv);
@@ -160,8 +162,9 @@ int32_t recvfrom(SOCKET s, char *pBuffer, int32_t cb, int32_t nFlags, sockaddr *
     ::sockaddr_in from   = {};
     socklen_t     cbFrom = sizeof from;
     ssize_t       n;
-    do n = ::recvfrom(pConnection->fd, pBuffer, static_cast<size_t>(cb), MSG_TRUNC,
-                      reinterpret_cast<::sockaddr *>(&from), &cbFrom);
+    do
+        n = ::recvfrom(pConnection->fd, pBuffer, static_cast<size_t>(cb), MSG_TRUNC,
+                       reinterpret_cast<::sockaddr *>(&from), &cbFrom);
     while (n < 0 && errno == EINTR && !pConnection->bClosed);
     if (pConnection->bClosed) return FailWith(WSAENOTSOCK);
     if (n < 0) return FailWith(errno == ECONNREFUSED ? WSAECONNRESET : WinsockErrorFromErrno(errno));

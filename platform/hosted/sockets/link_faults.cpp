@@ -18,7 +18,7 @@ constexpr uint32_t PROTOCOL_TIMEOUT_MS = 8000; // the one time-out that SetSocke
 std::atomic<uint32_t> g_dwSocketTimeout{0};
 std::atomic<uint32_t> g_dwLinkDelay{0};
 std::atomic<bool>     g_bCutArmed{false};
-std::mutex            g_csCut;       // guards the next; only taken while a cut is armed
+std::mutex            g_csCut; // guards the next; only taken while a cut is armed
 int64_t               g_cbUntilCut = 0;
 
 const hosted::OnUseMachine g_Reset([] {
@@ -107,7 +107,7 @@ void BreakConnection(Connection &connection)
 {
     // Undoing the connection makes the system send a reset. It may refuse while a thread waits on the descriptor; that
     // thread is woken by the shutdown and tries again on its way out, and the linger setting makes the close reset too.
-    const linger   noLinger    = {1, 0};
+    const linger     noLinger    = {1, 0};
     const ::sockaddr unspecified = {AF_UNSPEC, {}};
     ::setsockopt(connection.fd, SOL_SOCKET, SO_LINGER, &noLinger, sizeof noLinger);
     if (::connect(connection.fd, &unspecified, sizeof unspecified) != 0) ::shutdown(connection.fd, SHUT_RD);

@@ -33,8 +33,8 @@ bool ReadService(const char *pszService, uint16_t *pnPort)
         *pnPort = platform::htons(static_cast<uint16_t>(nPort));
         return true;
     }
-    ::servent  service  = {};
-    ::servent *pFound   = nullptr;
+    ::servent  service = {};
+    ::servent *pFound  = nullptr;
     char       aBuffer[1024];
     if (::getservbyname_r(pszService, "tcp", &service, aBuffer, sizeof aBuffer, &pFound) != 0 || pFound == nullptr)
         return false;

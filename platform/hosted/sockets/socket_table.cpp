@@ -122,8 +122,8 @@ platform::SOCKET AddConnection(std::shared_ptr<Connection> pConnection)
     table.aFree.pop_back();
     table.aSlots[iSlot].pConnection = std::move(pConnection);
     ++g_nSockets;
-    return static_cast<uint64_t>(table.aSlots[iSlot].nGeneration) << GENERATION_SHIFT |
-           static_cast<uint64_t>(iSlot + 1) << SLOT_SHIFT;
+    return static_cast<uint64_t>(table.aSlots[iSlot].nGeneration) << GENERATION_SHIFT | static_cast<uint64_t>(iSlot + 1)
+                                                                                            << SLOT_SHIFT;
 }
 
 std::vector<std::shared_ptr<Connection>> AllConnections()
@@ -229,7 +229,7 @@ int32_t shutdown(SOCKET s, int32_t nHow)
     if (nHow < SHUT_RD || nHow > SHUT_RDWR) return hosted::FailWith(WSAEINVAL);
     if (!pConnection->bConnected) return hosted::FailWith(WSAENOTCONN);
     if (nHow != SHUT_RD) hosted::PushHeldBytes(*pConnection);
-    pConnection->nShut |= nHow == SHUT_RD ? hosted::SHUT_FOR_RECV
+    pConnection->nShut |= nHow == SHUT_RD   ? hosted::SHUT_FOR_RECV
                           : nHow == SHUT_WR ? hosted::SHUT_FOR_SEND
                                             : hosted::SHUT_FOR_RECV | hosted::SHUT_FOR_SEND;
     if (::shutdown(pConnection->fd, nHow) != 0 && errno != ENOTCONN)

@@ -36,8 +36,8 @@ int32_t Obstacle(const hosted::Connection &connection, int nDirection)
     return (connection.nShut & nDirection) != 0 ? platform::WSAESHUTDOWN : 0;
 }
 
-// After a peer's orderly close has been received, the system goes on saying so even when a reset has followed; on Windows
-// a receive then says that the connection was reset.
+// After a peer's orderly close has been received, the system goes on saying so even when a reset has followed; on
+// Windows a receive then says that the connection was reset.
 bool IsReset(int fd)
 {
     tcp_info  info = {};
@@ -62,9 +62,9 @@ int64_t SendSome(hosted::Connection &connection, const char *pBuffer, size_t cb)
 // piece with one time-out, as it is for Winsock's blocking send, however many of its bytes have left meanwhile.
 int32_t SendHeld(hosted::Connection &connection)
 {
-    using Clock         = std::chrono::steady_clock;
-    const auto tBegin   = Clock::now();
-    size_t     cbDone   = 0;
+    using Clock       = std::chrono::steady_clock;
+    const auto tBegin = Clock::now();
+    size_t     cbDone = 0;
     while (cbDone < connection.cbHeld) {
         int64_t nSent = SendSome(connection, connection.pHeld.get() + cbDone, connection.cbHeld - cbDone);
         if (nSent > 0 && cbDone + static_cast<size_t>(nSent) < connection.cbHeld) {
@@ -159,14 +159,14 @@ int32_t FlushSends(SOCKET s)
     return nError != 0 ? hosted::FailWith(nError) : 0;
 }
 
-// What the host's recv gives and leaves in errno. To wake a thread on a virtual machine whose processors are halted takes
-// longer than a peer's answer, and two agents that send small files wait for each other all the time: who waits looks
-// again for a moment, letting everybody else run in between, before it sleeps.
+// What the host's recv gives and leaves in errno. To wake a thread on a virtual machine whose processors are halted
+// takes longer than a peer's answer, and two agents that send small files wait for each other all the time: who waits
+// looks again for a moment, letting everybody else run in between, before it sleeps.
 static ssize_t ReceiveBriefly(const hosted::Connection &connection)
 {
     constexpr std::chrono::microseconds LOOK_AGAIN(400);
-    const auto tEnd   = std::chrono::steady_clock::now() + LOOK_AGAIN;
-    int        nFlags = MSG_DONTWAIT;
+    const auto                          tEnd   = std::chrono::steady_clock::now() + LOOK_AGAIN;
+    int                                 nFlags = MSG_DONTWAIT;
     for (;;) {
         const ssize_t n = ::recv(connection.fd, connection.pAhead.get(), hosted::RECV_AHEAD_BYTES, nFlags);
         if (n >= 0 || (errno != EINTR && (errno != EAGAIN || nFlags == 0))) return n;

@@ -1,6 +1,7 @@
 // sockets.cpp: making, naming, connecting and setting up sockets.
-// Two defaults of Linux are turned into Windows': a listening port may be taken again while old connections of it wait out
-// their time, but never while another socket is bound to it; and send/receive time-outs act on neither connect nor accept.
+// Two defaults of Linux are turned into Windows': a listening port may be taken again while old connections of it wait
+// out their time, but never while another socket is bound to it; and send/receive time-outs act on neither connect nor
+// accept.
 #include "platform/hosted/sockets/socket_table.h"
 #include <arpa/inet.h>
 #include <cerrno>
@@ -36,7 +37,7 @@ bool HasRoom(const platform::sockaddr *pName, const int32_t *pcbName)
 // A connect that a signal interrupted goes on by itself; 0 or an errno when it has ended.
 int FinishConnect(int fd)
 {
-    pollfd    wait = {fd, POLLOUT, 0};
+    pollfd    wait   = {fd, POLLOUT, 0};
     int       nErrno = 0;
     socklen_t cb     = sizeof nErrno;
     while (::poll(&wait, 1, -1) < 0) {
@@ -105,8 +106,8 @@ int32_t bind(SOCKET s, const sockaddr *pName, int32_t cbName)
     const auto *pAddress = reinterpret_cast<const ::sockaddr *>(&address);
     if (::bind(pConnection->fd, pAddress, sizeof address) != 0) {
         if (errno != EADDRINUSE || pConnection->bDatagram) return FailWith(WinsockErrorFromErrno(errno));
-        // Only sockets that have the mark themselves (old connections, see listen and accept) make way for a second try;
-        // one that is merely bound has none, and one that listens never makes way.
+        // Only sockets that have the mark themselves (old connections, see listen and accept) make way for a second
+        // try; one that is merely bound has none, and one that listens never makes way.
         AllowAddressReuse(pConnection->fd);
         if (::bind(pConnection->fd, pAddress, sizeof address) != 0) return FailWith(WinsockErrorFromErrno(errno));
     }
@@ -162,7 +163,8 @@ int32_t connect(SOCKET s, const sockaddr *pName, int32_t cbName)
     if (pConnection->bDatagram) return FailWith(hosted::WSAEOPNOTSUPP); // nothing here connects one
     if (address.sin_addr == 0 || address.sin_port == 0) return FailWith(WSAEADDRNOTAVAIL);
     AllowAddressReuse(pConnection->fd); // a port that this connection used is free for a listener when it has ended
-    int nErrno = ::connect(pConnection->fd, reinterpret_cast<const ::sockaddr *>(&address), sizeof address) == 0 ? 0 : errno;
+    int nErrno =
+        ::connect(pConnection->fd, reinterpret_cast<const ::sockaddr *>(&address), sizeof address) == 0 ? 0 : errno;
     if (nErrno == EINTR) nErrno = FinishConnect(pConnection->fd);
     if (pConnection->bClosed) return FailWith(WSAENOTSOCK);
     if (nErrno != 0) return FailWith(WinsockErrorFromErrno(nErrno));

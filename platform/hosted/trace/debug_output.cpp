@@ -21,7 +21,7 @@ namespace {
 constexpr size_t MAX_DEBUG_BYTES = 16 * 1024; // of one text, in the log
 
 std::mutex           g_csDebug; // guards the next four
-int                  g_fdLog = -1;
+int                  g_fdLog  = -1;
 std::string         *g_psKept = nullptr, *g_psTaken = nullptr;
 std::atomic<bool>    g_bKeep{false};
 std::atomic<int64_t> g_nNextLook{0}; // seconds; when debug.on is looked for again

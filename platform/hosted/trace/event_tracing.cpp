@@ -197,7 +197,7 @@ void WatchTraceFolder(int fdChanges, int fdStop, std::string sFolder)
         const ssize_t cb        = ::read(fdChanges, aEvents, sizeof aEvents);
         for (ssize_t i = 0; i < cb;) {
             const auto *pEvent = reinterpret_cast<const inotify_event *>(aEvents + i);
-            bSessions = bSessions || (pEvent->mask & IN_Q_OVERFLOW) != 0 ||
+            bSessions          = bSessions || (pEvent->mask & IN_Q_OVERFLOW) != 0 ||
                         (pEvent->len > 0 && std::string_view(pEvent->name).ends_with(hosted::SESSION_SUFFIX));
             i += static_cast<ssize_t>(sizeof *pEvent + pEvent->len);
         }
@@ -332,8 +332,8 @@ uint32_t UnregisterTraceGuids(TRACEHANDLE hRegistration)
     if (hosted::FailsNow("UnregisterTraceGuids", &dwError)) return dwError;
     {
         std::lock_guard<std::mutex> lock(g_csProviders);
-        const auto it = std::find_if(Providers().begin(), Providers().end(),
-                                     [&](const Provider &p) { return p.hRegistration == hRegistration; });
+        const auto                  IsIt = [&](const Provider &p) { return p.hRegistration == hRegistration; };
+        const auto                  it   = std::find_if(Providers().begin(), Providers().end(), IsIt);
         if (it == Providers().end()) return ERROR_INVALID_PARAMETER;
         ControlProvider(*it, {}, ""); // an enabled one is disabled first
         Providers().erase(it);

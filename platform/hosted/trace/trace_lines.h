@@ -12,7 +12,7 @@ void AppendOneLine(std::string &sLine, std::string_view sText, size_t cbMax);
 // Adds the line break and writes all in one call; false with errno set.
 bool WriteLine(int fd, std::string sLine);
 // The trace folder of a machine.
-std::string TraceFolder(const char *pszMachine);
+std::string    TraceFolder(const char *pszMachine);
 constexpr char SESSION_SUFFIX[] = ".session";
 constexpr char LOG_SUFFIX[]     = ".log";
 

@@ -6,11 +6,11 @@
 #include "platform/cipher.h"
 #include "platform/windows/mirror.h"
 
+// clang-format off
 #define MIRRORED(X)                                                                                                    \
-    X(STATUS_SUCCESS)                                                                                                  \
-    X(STATUS_BUFFER_TOO_SMALL)                                                                                         \
-    X(STATUS_INVALID_PARAMETER) X(STATUS_INVALID_HANDLE) X(STATUS_NOT_SUPPORTED) X(STATUS_DATA_ERROR)                  \
-        X(STATUS_NO_MEMORY) X(BCRYPT_BLOCK_PADDING)
+    X(STATUS_SUCCESS) X(STATUS_BUFFER_TOO_SMALL) X(STATUS_INVALID_PARAMETER) X(STATUS_INVALID_HANDLE)                  \
+    X(STATUS_NOT_SUPPORTED) X(STATUS_DATA_ERROR) X(STATUS_NO_MEMORY) X(BCRYPT_BLOCK_PADDING)
+// clang-format on
 #define MIRRORED_TEXTS(X)                                                                                              \
     X(BCRYPT_AES_ALGORITHM)                                                                                            \
     X(BCRYPT_OBJECT_LENGTH)                                                                                            \

@@ -3,8 +3,10 @@
 #include "platform/event_tracing.h"
 #include "platform/windows/mirror.h"
 
+// clang-format off
 #define MIRRORED(X)                                                                                                    \
     X(TRACE_MESSAGE_SEQUENCE) X(TRACE_MESSAGE_GUID) X(TRACE_MESSAGE_TIMESTAMP) X(TRACE_MESSAGE_SYSTEMINFO)
+// clang-format on
 namespace mirror {
 MIRRORED(MIRROR_CAPTURE)
 }

@@ -8,16 +8,16 @@
 #include "platform/files.h"
 #include "platform/windows/mirror.h"
 
+// clang-format off
 #define MIRRORED(X)                                                                                                    \
-    X(GENERIC_READ)                                                                                                    \
-    X(GENERIC_WRITE)                                                                                                   \
-    X(FILE_APPEND_DATA) X(READ_CONTROL) X(FILE_SHARE_READ) X(FILE_SHARE_WRITE) X(FILE_SHARE_DELETE) X(CREATE_NEW)      \
-        X(CREATE_ALWAYS) X(OPEN_EXISTING) X(OPEN_ALWAYS) X(TRUNCATE_EXISTING) X(FILE_ATTRIBUTE_READONLY)               \
-            X(FILE_ATTRIBUTE_HIDDEN) X(FILE_ATTRIBUTE_SYSTEM) X(FILE_ATTRIBUTE_DIRECTORY) X(FILE_ATTRIBUTE_ARCHIVE)    \
-                X(FILE_ATTRIBUTE_NORMAL) X(FILE_ATTRIBUTE_REPARSE_POINT) X(FILE_ATTRIBUTE_NOT_CONTENT_INDEXED)         \
-                    X(INVALID_FILE_ATTRIBUTES) X(FILE_FLAG_OVERLAPPED) X(FILE_FLAG_BACKUP_SEMANTICS)                   \
-                        X(FILE_FLAG_SEQUENTIAL_SCAN) X(FILE_BEGIN) X(FILE_CURRENT) X(FILE_END)                         \
-                            X(MOVEFILE_REPLACE_EXISTING) X(IO_REPARSE_TAG_SYMLINK)
+    X(GENERIC_READ) X(GENERIC_WRITE) X(FILE_APPEND_DATA) X(READ_CONTROL) X(FILE_SHARE_READ) X(FILE_SHARE_WRITE)        \
+    X(FILE_SHARE_DELETE) X(CREATE_NEW) X(CREATE_ALWAYS) X(OPEN_EXISTING) X(OPEN_ALWAYS) X(TRUNCATE_EXISTING)           \
+    X(FILE_ATTRIBUTE_READONLY) X(FILE_ATTRIBUTE_HIDDEN) X(FILE_ATTRIBUTE_SYSTEM) X(FILE_ATTRIBUTE_DIRECTORY)           \
+    X(FILE_ATTRIBUTE_ARCHIVE) X(FILE_ATTRIBUTE_NORMAL) X(FILE_ATTRIBUTE_REPARSE_POINT)                                 \
+    X(FILE_ATTRIBUTE_NOT_CONTENT_INDEXED) X(INVALID_FILE_ATTRIBUTES)                                                   \
+    X(FILE_FLAG_OVERLAPPED) X(FILE_FLAG_BACKUP_SEMANTICS) X(FILE_FLAG_SEQUENTIAL_SCAN) X(FILE_BEGIN) X(FILE_CURRENT)   \
+    X(FILE_END) X(MOVEFILE_REPLACE_EXISTING) X(IO_REPARSE_TAG_SYMLINK)
+// clang-format on
 namespace mirror {
 MIRRORED(MIRROR_CAPTURE)
 }

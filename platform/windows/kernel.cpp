@@ -5,11 +5,11 @@
 #include "platform/kernel.h"
 #include "platform/windows/mirror.h"
 
+// clang-format off
 #define MIRRORED(X)                                                                                                    \
-    X(SYNCHRONIZE)                                                                                                     \
-    X(EVENT_MODIFY_STATE)                                                                                              \
-    X(INFINITE) X(WAIT_OBJECT_0) X(WAIT_FAILED) X(STILL_ACTIVE) X(DUPLICATE_SAME_ACCESS) X(MAXIMUM_WAIT_OBJECTS)       \
-        X(FALSE) X(TRUE) X(MAX_PATH)
+    X(SYNCHRONIZE) X(EVENT_MODIFY_STATE) X(INFINITE) X(WAIT_OBJECT_0) X(WAIT_FAILED) X(STILL_ACTIVE)                   \
+    X(DUPLICATE_SAME_ACCESS) X(MAXIMUM_WAIT_OBJECTS) X(FALSE) X(TRUE) X(MAX_PATH)
+// clang-format on
 namespace mirror {
 MIRRORED(MIRROR_CAPTURE)
 }

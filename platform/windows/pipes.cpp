@@ -2,8 +2,10 @@
 #include "platform/pipes.h"
 #include "platform/windows/mirror.h"
 
+// clang-format off
 #define MIRRORED(X)                                                                                                    \
     X(PIPE_ACCESS_INBOUND) X(PIPE_TYPE_MESSAGE) X(PIPE_READMODE_BYTE) X(PIPE_WAIT) X(PIPE_UNLIMITED_INSTANCES)
+// clang-format on
 namespace mirror {
 MIRRORED(MIRROR_CAPTURE)
 }

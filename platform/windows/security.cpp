@@ -2,7 +2,10 @@
 #include "platform/security.h"
 #include "platform/windows/mirror.h"
 
-#define MIRRORED(X) X(SidTypeUser) X(SidTypeGroup) X(SidTypeDomain) X(SidTypeUnknown) X(SidTypeComputer)
+// clang-format off
+#define MIRRORED(X)                                                                                                    \
+    X(SidTypeUser) X(SidTypeGroup) X(SidTypeDomain) X(SidTypeUnknown) X(SidTypeComputer)
+// clang-format on
 namespace mirror {
 MIRRORED(MIRROR_CAPTURE)
 constexpr auto captured_PIPE_EVERYONE_ACCESS = platform::PIPE_EVERYONE_ACCESS;

@@ -3,14 +3,14 @@
 #include "platform/user_interface.h"
 #include "platform/windows/mirror.h"
 
+// clang-format off
 #define MIRRORED(X)                                                                                                    \
-    X(WM_DESTROY)                                                                                                      \
-    X(WM_CLOSE)                                                                                                        \
-    X(WM_QUIT) X(WM_ENDSESSION) X(WM_POWERBROADCAST) X(WM_WTSSESSION_CHANGE) X(WM_USER) X(PBT_APMQUERYSUSPENDFAILED)   \
-        X(PBT_APMSUSPEND) X(PBT_APMRESUMEAUTOMATIC) X(WTS_CONSOLE_CONNECT) X(WTS_CONSOLE_DISCONNECT)                   \
-            X(WTS_SESSION_LOCK) X(WTS_SESSION_UNLOCK) X(NOTIFY_FOR_THIS_SESSION) X(CS_VREDRAW) X(CS_HREDRAW)           \
-                X(WS_OVERLAPPEDWINDOW) X(CW_USEDEFAULT) X(MSGFLT_ALLOW) X(DEVICE_NOTIFY_WINDOW_HANDLE) X(SW_HIDE)      \
-                    X(FO_DELETE) X(FOF_SILENT) X(FOF_NOCONFIRMATION) X(FOF_NOERRORUI)
+    X(WM_DESTROY) X(WM_CLOSE) X(WM_QUIT) X(WM_ENDSESSION) X(WM_POWERBROADCAST) X(WM_WTSSESSION_CHANGE) X(WM_USER)      \
+    X(PBT_APMQUERYSUSPENDFAILED) X(PBT_APMSUSPEND) X(PBT_APMRESUMEAUTOMATIC) X(WTS_CONSOLE_CONNECT)                    \
+    X(WTS_CONSOLE_DISCONNECT) X(WTS_SESSION_LOCK) X(WTS_SESSION_UNLOCK) X(NOTIFY_FOR_THIS_SESSION) X(CS_VREDRAW)       \
+    X(CS_HREDRAW) X(WS_OVERLAPPEDWINDOW) X(CW_USEDEFAULT) X(MSGFLT_ALLOW) X(DEVICE_NOTIFY_WINDOW_HANDLE) X(SW_HIDE)    \
+    X(FO_DELETE) X(FOF_SILENT) X(FOF_NOCONFIRMATION) X(FOF_NOERRORUI)
+// clang-format on
 namespace mirror {
 MIRRORED(MIRROR_CAPTURE)
 }

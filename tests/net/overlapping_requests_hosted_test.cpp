@@ -90,8 +90,8 @@ TEST_F(OverlappingRequests, ARequestBeforeTheRoleIsTakenIsNotMissed)
     hosted::FailCall("bind", 1, WSAEADDRINUSE); // the PIN's server fails and waits for its next try
     RequestPin();
     EXPECT_TRUE(Reported(2336, -4));
-    EXPECT_EQ(1, StartNetworkConnect(1, 0)); // meanwhile the service links by the stored password
     WriteSetting("ServerMDNS", "Port", "");
+    EXPECT_EQ(1, StartNetworkConnect(1, 0)); // meanwhile the service links by the stored password
     Peer peer = JoinAsClient(NextListeningPort(), "stored");
     EXPECT_TRUE(Reported(2080, 2));
     EXPECT_TRUE(Eventually([] { return g_hNetInitTimerEvent == nullptr; })) << "a link that stands ends the tries";

@@ -207,6 +207,7 @@ TEST_F(Sockets, AResetIsSaidByEveryReceiveThatFollows)
                 bAbout  = true;
                 if (recv(link.hClient, &ch, 1, 0) != SOCKET_ERROR) sSaid += "closed ";
                 else sSaid += WSAGetLastError() == WSAECONNRESET ? "reset " : std::to_string(WSAGetLastError());
+                while (!bClosed) std::this_thread::yield(); // the reset comes with the end of the close
             }
         });
         while (bWaiting && !bAbout) std::this_thread::yield();

@@ -193,7 +193,7 @@ int32_t OnReceiveFailed(const ListenerRole &role, SOCKET hSocket, int32_t nRecvE
 int32_t Listen(const ListenerRole &role, const ListenerStart &start)
 {
     Silence silence = {};
-    for (;;) {
+    while (!HasEnded(role, start)) { // a command may have taken its time
         CommandWord szWord = "";
         TraceDebugA("[%s] == wait %s cmd begin ==", role.pszThread, role.pszPeer);
         bool bCommand =
@@ -209,12 +209,13 @@ int32_t Listen(const ListenerRole &role, const ListenerStart &start)
         }
         if (bCommand) Dispatch(role, start.hSocket, szWord);
     }
+    return 0;
 }
 
 uint32_t RunListener(const ListenerRole &role, ListenerStart *pStart)
 {
     BindThreadToLink(pStart->link.dwLink);
-    int32_t nErr = HasEnded(role, *pStart) ? 0 : Listen(role, *pStart);
+    int32_t nErr = Listen(role, *pStart);
     EndReceivingFiles();
     if (nErr != 0) {
         // From here on the break is this thread's to report; a teardown that came first has nothing left to report.

@@ -197,6 +197,13 @@ bool IsExitSignalled()
     return bSignalled;
 }
 
+// What a send gives whose socket is no longer this start's.
+int32_t LinkHasEnded()
+{
+    WSASetLastError(WSAENOTSOCK);
+    return SOCKET_ERROR;
+}
+
 constexpr int32_t NEXT_PEER = 1; // of ShakeHands: listen on
 
 // One connected peer: password in, acknowledgement out. 0 admitted, NEXT_PEER, or a status of ServerInit.
@@ -224,7 +231,9 @@ int32_t ShakeHands(const ServerStart *pStart, SOCKET hPeer)
     FormatTextA(szAnswer, sizeof szAnswer, "PWACK=%d", bAdmitted ? 1 : 0);
     TraceDebugA("[ServerInit] Connected, send PWACK [%s] ...", szAnswer);
     EnterCriticalSection(&g_csNetSocket); // nobody's command may come before the acknowledgement
-    const int32_t nSent  = SendBuffer(hPeer, szAnswer, HANDSHAKE_FIELD_BYTES);
+    // While this thread waited for the lock the role may have ended, and the socket's value may be a later one's.
+    const int32_t nSent =
+        IsOwnLink(pStart->dwLink) ? SendBuffer(hPeer, szAnswer, HANDSHAKE_FIELD_BYTES) : LinkHasEnded();
     const int32_t nError = WSAGetLastError();
     LeaveCriticalSection(&g_csNetSocket);
     if (nSent == HANDSHAKE_FIELD_BYTES) {

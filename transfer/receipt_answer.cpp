@@ -45,7 +45,10 @@ static void SendAnswer(SOCKET hSocket, const char *pszWord, const AnswerLines &l
     TraceDebugW(lines.pszBefore, pszPath);
     EnterCriticalSection(&g_csNetSocket);
     TraceDebugW(lines.pszEntered, pszPath);
-    if (!SendCommandWord(hSocket, pszWord)) ReportWSAError(lines.pszOperation, lines.pszFailed);
+    // Nothing is said on a link that has ended.
+    if (!IsThreadLinkCurrent()) WSASetLastError(WSAENOTSOCK);
+    if (!IsThreadLinkCurrent() || !SendCommandWord(hSocket, pszWord))
+        ReportWSAError(lines.pszOperation, lines.pszFailed);
     if (lines.pszSent != nullptr) TraceDebugW(lines.pszSent, pszPath);
     else TraceDebugA("[SendFileError] send file error cmd done [%s]", pszWord);
     if (nPeerWindow != 0) NotePeerWindow(nPeerWindow);

@@ -9,6 +9,7 @@
 //   VORN_DRIVE_FULL=D:BYTES,...         SetDriveLimit
 //   VORN_LINK_DELAY_MS=N                SetLinkDelay
 //   VORN_LINK_CUT_AFTER=BYTES           CutLinkAfter
+//   VORN_REUSE_SOCKETS=1                ReuseSocketValues
 //   VORN_INTEGRITY=low                  SetLowStanding
 //   VORN_MISSING=user32.dll,user32.dll!GetMessageW,...   RemoveLibrary / RemoveFunction
 // Threads  settings may be changed from any thread; they hold from the next call of the operation on.
@@ -54,6 +55,9 @@ void SetDriveLimit(char chDrive, int64_t cbFree);
 void SetLinkDelay(uint32_t dwMilliseconds); // each real send waits so long first
 // after so many sent bytes every connected socket breaks (WSAECONNRESET). Negative: never
 void CutLinkAfter(int64_t cbSent);
+// The value of a closed socket is the next one's, as it may be on Windows. Without this it never comes again, so that a
+// use after the close shows as WSAENOTSOCK.
+void ReuseSocketValues(bool bReuse);
 
 void RemoveLibrary(const char *pszLibrary);                           // LoadLibraryW fails: ERROR_MOD_NOT_FOUND
 void RemoveFunction(const char *pszLibrary, const char *pszFunction); // GetProcAddress fails: ERROR_PROC_NOT_FOUND

@@ -211,3 +211,41 @@ TEST_F(OverlappingRequests, AnEmptyPasswordAdmitsNobody)
         status.wait();
     }
 }
+
+// What a thread of the former link has still to say waits for its turn while the link ends, and the next sockets have
+// the values of those that were closed.
+TEST_F(OverlappingRequests, ALateWordNeverReachesALaterSocket)
+{
+    const struct {
+        const char *pszSaid;    // when the server is still being started, as the first word of its peer
+        std::string sCommand;   // otherwise, on a link
+        const char *pszWaiting; // logged before the lock
+    } aCases[] = {{"34", "", "Connected, send PWACK ["},
+                  {"12", "", "Connected, send PWACK ["},
+                  {"", Field("KeepAlive"), "Be4 CS (ack alive)"},
+                  {"", FileCommand(u"C:\\late.bin", 0, "content"), "Be4 CS (done)"}};
+    hosted::ReuseSocketValues(true);
+    for (const auto &c : aCases) {
+        DebugLog             log;
+        std::future<int32_t> status;
+        if (c.sCommand.empty()) status = std::async(std::launch::async, [] { return ServerInit("12"); });
+        Peer peer = c.sCommand.empty() ? Peer::Connect(NextListeningPort()) : OpenServedLink();
+        EnterCriticalSection(&g_csNetSocket);
+        peer.Send(c.sCommand.empty() ? Field(c.pszSaid) : c.sCommand);
+        EXPECT_TRUE(Eventually([&] { return log.Has(c.pszWaiting); })) << log.Text();
+        ServerUninit();
+        LinkPair aLater[3];
+        LeaveCriticalSection(&g_csNetSocket);
+        EXPECT_TRUE(Eventually([] { return g_nListeners == 0 && g_nAttempts == 0; })) << c.pszWaiting;
+        for (const LinkPair &pair : aLater)
+            for (const bool bBack : {false, true}) {
+                const SOCKET hFrom = bBack ? pair.hServer : pair.hClient, hTo = bBack ? pair.hClient : pair.hServer;
+                char         szGot[20] = "";
+                EXPECT_EQ(4, send(hFrom, "mine", 4, 0));
+                LinkPair::SetTimeout(hTo, SO_RCVTIMEO, 20000);
+                EXPECT_EQ(4, recv(hTo, szGot, sizeof szGot, 0)) << c.pszWaiting;
+                EXPECT_STREQ("mine", szGot) << c.pszWaiting;
+            }
+        EXPECT_TRUE(!status.valid() || status.get() != 0) << c.pszWaiting;
+    }
+}

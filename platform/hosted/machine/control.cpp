@@ -158,6 +158,7 @@ void ReadEnvironment()
         SetClockRate(static_cast<uint32_t>(nValue));
     }
     if (NumberSetting("VORN_SOCKET_TIMEOUT_MS", &nValue)) SetSocketTimeout(static_cast<uint32_t>(nValue));
+    if (NumberSetting("VORN_REUSE_SOCKETS", &nValue)) ReuseSocketValues(nValue != 0);
     if (NumberSetting("VORN_LINK_DELAY_MS", &nValue)) SetLinkDelay(static_cast<uint32_t>(nValue));
     if (NumberSetting("VORN_LINK_CUT_AFTER", &nValue)) CutLinkAfter(nValue);
 }

@@ -1,10 +1,13 @@
 // socket_table.cpp: the table of sockets, Winsock's start and errors, and the two ways a socket ends.
-// A SOCKET names a slot and the slot's generation, so that a value kept after closesocket never reaches a later socket.
+// A SOCKET names a slot and the slot's generation, so that a value kept after closesocket never reaches a later socket,
+// unless ReuseSocketValues asks for that.
 // Differences from Windows: a receive or send that another thread's closesocket ends gives WSAENOTSOCK at once, where
 // Windows gives that or WSAEINTR or WSAECONNABORTED by the moment; a blocked accept gives WSAEINTR, as there.
 #include "platform/hosted/sockets/socket_table.h"
 #include "platform/errors.h"
+#include "platform/hosted/control.h"
 #include "platform/hosted/machine/counts.h"
+#include "platform/hosted/machine/current_machine.h"
 #include "platform/hosted/machine/errors.h"
 #include "platform/hosted/machine/faults.h"
 #include <cerrno>
@@ -17,6 +20,9 @@ namespace {
 constexpr size_t   MAX_SOCKETS      = 16384;
 constexpr unsigned SLOT_SHIFT       = 2; // socket values are multiples of 4, as on Windows
 constexpr unsigned GENERATION_SHIFT = 32;
+
+std::atomic<bool>          g_bReuseValues{false};
+const hosted::OnUseMachine g_Reset([] { g_bReuseValues = false; });
 
 struct Slot {
     uint32_t                            nGeneration = 1;
@@ -49,7 +55,7 @@ std::shared_ptr<hosted::Connection> Take(SocketTable &table, Slot &slot)
 {
     std::shared_ptr<hosted::Connection> pConnection = std::move(slot.pConnection);
     slot.pConnection                                = nullptr;
-    if (++slot.nGeneration == 0) slot.nGeneration = 1;
+    if (!g_bReuseValues && ++slot.nGeneration == 0) slot.nGeneration = 1;
     table.aFree.push_back(static_cast<size_t>(&slot - table.aSlots.data()));
     --hosted::g_nSockets;
     return pConnection;
@@ -67,6 +73,11 @@ void EndConnection(hosted::Connection &connection)
 } // namespace
 
 namespace hosted {
+
+void ReuseSocketValues(bool bReuse)
+{
+    g_bReuseValues = bReuse;
+}
 
 Connection::~Connection()
 {

@@ -173,15 +173,17 @@ void ServeClientPin(uint32_t dwStart, const char *pszPin)
                          nullptr, nullptr);
 }
 
-// The requests have settled. True when the thread ends.
-bool ServePin()
+// The requests have settled. True when the thread ends. *pdwFailed: the request whose server failed last, 0 for none.
+bool ServePin(uint32_t *pdwFailed)
 {
     char szServerPin[PIN_BYTES], szClientPin[PIN_BYTES];
     TraceText("NetInitializationThread timeout");
-    const uint32_t dwServed      = ReadPins(szServerPin, szClientPin);
-    bool           bServerFailed = false;
+    const uint32_t dwServed = ReadPins(szServerPin, szClientPin);
+    if (*pdwFailed == dwServed && EndIfServed(dwServed, true)) return true; // it is not to be tried again any more
+    bool bServerFailed = false;
     if (szServerPin[0] != '\0') bServerFailed = ServeServerPin(dwServed, szServerPin);
     else if (szClientPin[0] != '\0') ServeClientPin(dwServed, szClientPin);
+    *pdwFailed = bServerFailed ? dwServed : 0;
     return EndIfServed(dwServed, bServerFailed);
 }
 
@@ -319,12 +321,13 @@ uint32_t NetInitializationThread(void *)
         CloseHandle(hTimer);
         return 0;
     }
+    uint32_t dwFailed = 0;
     for (;;) {
         const HANDLE   aHandles[] = {g_hAppEvent, hTimer};
         const uint32_t dwWait     = WaitForMultipleObjects(2, aHandles, FALSE, SETTLE_MS);
         if (dwWait == WAIT_OBJECT_0) break;
         if (dwWait == WAIT_OBJECT_0 + 1) TraceText("NetInitializationThread reset timer");
-        if (dwWait == WAIT_TIMEOUT && ServePin()) return 0; // it has closed the event
+        if (dwWait == WAIT_TIMEOUT && ServePin(&dwFailed)) return 0; // it has closed the event
         if (dwWait == WAIT_FAILED && WaitForStop(SETTLE_MS)) break;
     }
     EnterSession();

@@ -33,6 +33,9 @@ constexpr char     DISCOVERY_TAIL[]    = "\\VornTramsaNetMDNS.exe";
 constexpr char16_t DEBUG_KEY[]         = u"Software\\VORN\\VORN Tramsa";
 constexpr char16_t DEBUG_VALUE[]       = u"SocketDebug";
 constexpr intptr_t SHELL_EXECUTE_ERROR = 32; // ShellExecuteA's results up to this one are failures
+// What the product writes is a few kilobytes. Each value costs the profile functions a walk through the whole file,
+// and everybody may write it: tens of megabytes would keep a role from starting for a minute.
+constexpr uint64_t SETTINGS_LIMIT_BYTES = 256 * 1024;
 
 CRITICAL_SECTION g_csPaths; // guards the first store into the two paths
 
@@ -61,6 +64,16 @@ void MakeDataFolder(char (&szFolder)[260])
     if (MultiByteToWideChar(CP_ACP, 0, szFolder, -1, szWide, MAX_PATH) > 0) CreateDirectoryWithParents(szWide);
 }
 
+bool IsUsable(const char *pszPath)
+{
+    WIN32_FILE_ATTRIBUTE_DATA data;
+    char16_t                  szWide[MAX_PATH] = u"";
+    if (platform::_access(pszPath, 0) == -1) return false;
+    MultiByteToWideChar(CP_ACP, 0, pszPath, -1, szWide, MAX_PATH);
+    return !GetFileAttributesExW(szWide, GetFileExInfoStandard, &data) ||
+           (static_cast<uint64_t>(data.nFileSizeHigh) << 32 | data.nFileSizeLow) <= SETTINGS_LIMIT_BYTES;
+}
+
 int32_t RunDiscoveryWithConfig(const char *pszFormat)
 {
     char szParameters[260];
@@ -77,7 +90,7 @@ void GetConfigPath()
     AppendTextA(szPath, sizeof szPath, CONFIG_FILE_TAIL);
     StorePath(g_szConfigPath, szPath);
     TraceDebugA("[GetConfigPath] g_szConfigPath path is [%s]", szPath);
-    if (platform::_access(szPath, 0) == -1) {
+    if (!IsUsable(szPath)) {
         // An ANSI path taken as UTF-8, which is the same as long as it is ASCII; where it is not, the write below makes
         // the file at its place, with default security.
         char16_t szWide[MAX_PATH] = u"";

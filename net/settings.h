@@ -31,7 +31,8 @@ constexpr char KEY_PASSWORD[]        = "PW";
 constexpr char KEY_SERVER_IP[]       = "ServerIP";
 constexpr char KEY_COUNT[]           = "Count";
 
-// Computes both paths, and creates the folder and the file when they are missing. Failures are logged at most: without
+// Computes both paths, and creates the folder and the file when they are missing, the file also when it is far too
+// large to be one. Failures are logged at most: without
 // the file the profile functions make one with default security at their first write.
 void GetConfigPath();
 // Runs the discovery program hidden, without waiting: a "stop" only asks. 1 when it was started, else 0.

@@ -98,6 +98,29 @@ TEST_F(OverlappingRequests, ARequestBeforeTheRoleIsTakenIsNotMissed)
     EXPECT_TRUE(IsAlive(peer));
 }
 
+TEST_F(OverlappingRequests, ALinkThatStandsEndsTheTriesOfAPin)
+{
+    uint16_t          nPort   = 0;
+    const SOCKET      hListen = ListenOnLoopback(&nPort);
+    std::future<Peer> server  = std::async(std::launch::async, [hListen] {
+        Peer peer(accept(hListen, nullptr, nullptr));
+        peer.Receive(10);
+        peer.Send(Field("PWACK=1"));
+        return peer;
+    });
+    hosted::SetClockRate(2);
+    hosted::FailCall("bind", 1, WSAEADDRINUSE, true);
+    RequestPin();
+    EXPECT_TRUE(Reported(2336, -4));
+    m_aSeen.clear(); // and before its next try
+    EXPECT_EQ(0, ClientInit("127.0.0.1", "7", std::to_string(ntohs(nPort)).c_str()));
+    EXPECT_TRUE(Eventually([] { return g_hNetInitTimerEvent == nullptr; }));
+    for (const IpcMessage &record : Queued()) m_aSeen.push_back(record);
+    EXPECT_EQ(0, CountSeen(2336, -4)) << "no further try has been made";
+    EXPECT_TRUE(IsAlive(server.get()));
+    closesocket(hListen);
+}
+
 TEST_F(OverlappingRequests, PinsAreToldInTheOrderInWhichTheyCount)
 {
     hosted::SetClockRate(5);

@@ -19,6 +19,9 @@ TEST_F(Settings, TheFirstStartMakesTheFolderAndAFileThatHoldsOnlyInit)
     char szPort[PORT_BYTES];
     ReadSetting("LastServer", "Port", szPort, sizeof szPort);
     EXPECT_STREQ("123456789", szPort) << "cut to the field";
+    WriteTestFile(u"C:\\Common\\Data\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat", std::string(300000, '\n'));
+    GetConfigPath(); // one that would keep each start busy does not
+    EXPECT_EQ("[Init]\r\nInit=\r\n", ReadTestFile(u"C:\\Common\\Data\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat"));
 }
 
 TEST_F(Settings, TheIniSettingCountsOnlyBesideTheRegistryValue)

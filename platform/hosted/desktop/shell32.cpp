@@ -76,8 +76,8 @@ std::vector<std::string> SplitParameters(const char *pszParameters)
 std::vector<std::string> ChildEnvironment()
 {
     static const char *const s_aOwn[] = {
-        "VORN_MACHINE=",        "VORN_FAULTS=", "VORN_SOCKET_TIMEOUT_MS=", "VORN_DRIVE_FULL=", "VORN_LINK_DELAY_MS=",
-        "VORN_LINK_CUT_AFTER=", "VORN_MISSING="};
+        "VORN_MACHINE=",       "VORN_FAULTS=",         "VORN_SOCKET_TIMEOUT_MS=", "VORN_DRIVE_FULL=",
+        "VORN_LINK_DELAY_MS=", "VORN_LINK_CUT_AFTER=", "VORN_REUSE_SOCKETS=",     "VORN_MISSING="};
     std::vector<std::string> aVariables;
     for (char **pp = environ; *pp != nullptr; pp++) {
         bool bOwn = false;

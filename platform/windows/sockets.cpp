@@ -72,7 +72,7 @@ static void NoteClosedSocket(SOCKET s)
     int       nType  = 0;
     int       cbType = sizeof(nType);
     if (nError == WSA_OPERATION_ABORTED || nError == WSAEINTR)
-        ::WSASetLastError(WSAENOTSOCK); // nothing but closesocket cancels
+        ::WSASetLastError(WSAENOTSOCK); // nothing but closesocket and shutdown cancels
     else if (nError == WSAEINVAL || nError == WSAECONNABORTED) {
         const bool bClosed = ::getsockopt(s, SOL_SOCKET, SO_TYPE, reinterpret_cast<char *>(&nType), &cbType) != 0 &&
                              ::WSAGetLastError() == WSAENOTSOCK;
@@ -217,7 +217,12 @@ int32_t recv(SOCKET s, char *pBuffer, int32_t cb, int32_t nFlags)
 
 int32_t shutdown(SOCKET s, int32_t nHow)
 {
-    return ::shutdown(s, nHow);
+    const int32_t nResult = ::shutdown(s, nHow);
+    const int     nError  = ::WSAGetLastError();
+    // A receive that waits for readability does not look up by itself, and the peer may be silent.
+    if (nHow == SD_BOTH) ::CancelIoEx(reinterpret_cast<::HANDLE>(s), nullptr);
+    ::WSASetLastError(nError);
+    return nResult;
 }
 
 // ---- held sends ----

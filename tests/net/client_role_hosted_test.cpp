@@ -8,32 +8,6 @@ using namespace platform;
 
 namespace {
 
-// A server that reads a password from one connection and sends back what it is told to.
-class FakeServer {
-  public:
-    explicit FakeServer(const std::string &sAnswer) : m_hListen(ListenOnLoopback(&m_nPort))
-    {
-        m_thread = std::thread([this, sAnswer] {
-            m_peer      = Peer(accept(m_hListen, nullptr, nullptr));
-            m_sPassword = m_peer.Receive(10);
-            if (m_sPassword.size() == 10 && !sAnswer.empty()) m_peer.Send(Field(sAnswer));
-        });
-    }
-    ~FakeServer()
-    {
-        closesocket(m_hListen);
-        m_thread.join();
-    }
-    std::string Port() const { return std::to_string(ntohs(m_nPort)); }
-    std::string m_sPassword; // read after the attempt has ended
-
-  private:
-    uint16_t    m_nPort = 0;
-    SOCKET      m_hListen;
-    Peer        m_peer;
-    std::thread m_thread;
-};
-
 std::string FoundLines(const std::vector<std::string> &aPorts)
 {
     std::string sLines = "Count=" + std::to_string(aPorts.size()) + "\\r\\n";
@@ -65,8 +39,6 @@ TEST_F(ClientRole, OneAttemptHasAStatusForEachStep)
         {"PWACK=1", "connect", WSAECONNREFUSED, -3},
         {"PWACK=1", "CreateThread", ERROR_NOT_ENOUGH_MEMORY, -300},
         {"PWACK=1", "send", WSAECONNRESET, -4},
-        {"PWACK=0", nullptr, 0, -6},
-        {"PWACK=1xx", nullptr, 0, -6},
         {"", nullptr, 0, -5},
         {"pwack=1", nullptr, 0, 0},
     };
@@ -78,12 +50,6 @@ TEST_F(ClientRole, OneAttemptHasAStatusForEachStep)
             hosted::ClearFaults();
             if (c.pszCall != nullptr) hosted::FailCall(c.pszCall, 1, c.dwError);
             EXPECT_EQ(c.nExpected, ClientInit("127.0.0.1", "secret", server.Port().c_str())) << c.nExpected;
-            if (c.nExpected == 0) {
-                EXPECT_EQ(Field("secret"), server.m_sPassword);
-                EXPECT_EQ("127.0.0.1 " + server.Port() + " secret", Setting("LastClient", "ServerIP") + ' ' +
-                                                                        Setting("LastClient", "Port") + ' ' +
-                                                                        Setting("LastClient", "PW"));
-            }
             EndLink();
         }
         EXPECT_TRUE(IsOpenAsBefore(before)) << c.nExpected;

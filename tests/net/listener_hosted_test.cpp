@@ -1,35 +1,9 @@
-// The listener: words and their effects, the test of a silent line, and who reports that a link has ended.
+// The listener: the test of a silent line, and who reports that a link has ended.
 #include "tests/net/observed_hosted.h"
 
 using namespace platform;
 
 using Listener = NetTest;
-
-TEST_F(Listener, WordsSetTheirFlagsWhateverTheirCase)
-{
-    static const struct {
-        const char           *pszWord;
-        std::atomic<uint8_t> *pFlag;
-    } aCases[] = {
-        {"FileDone", &g_bRemoteFileDone},  {"filedone", &g_bRemoteFileDone},  {"FileError", &g_bRemoteFileError},
-        {"FileErrDF", &g_bRemoteFileFull}, {"FILEERRDF", &g_bRemoteFileFull}, {"TypeWrong", &g_bRemoteFileTypeUnknown},
-    };
-    std::atomic<uint8_t> *const aFlags[] = {&g_bRemoteFileDone, &g_bRemoteFileError, &g_bRemoteFileFull,
-                                            &g_bRemoteFileAllFull, &g_bRemoteFileTypeUnknown};
-    Peer                        peer     = OpenServedLink();
-    for (const auto &c : aCases) {
-        for (auto *p : aFlags) *p = 0;
-        WaitForSingleObject(GetFileOutcomeEvent(), 0);
-        peer.Send(Field(c.pszWord));
-        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(GetFileOutcomeEvent(), 20000)) << c.pszWord;
-        for (auto *p : aFlags) EXPECT_EQ(p == c.pFlag, *p != 0) << c.pszWord << " flag " << p - *aFlags;
-    }
-    for (auto *p : aFlags) *p = 0;
-    peer.Send(Field("FILERRDF") + "no command" + "\xFF\x80%s%n%s%n" + Field("AckAlive") + Field("") +
-              Field("keepalive"));
-    EXPECT_EQ(Field("AckAlive"), peer.Receive(10)) << "skipped words leave the channel in step";
-    for (auto *p : aFlags) EXPECT_EQ(0, *p);
-}
 
 TEST_F(Listener, ASilentLineIsTestedAfterFiveTimeOutsThenEveryFour)
 {
@@ -98,31 +72,4 @@ TEST_F(Listener, ABrokenLinkIsReportedOnceAndReleased)
         }
         EXPECT_TRUE(IsOpenAsBefore(before)) << c.pszHow;
     }
-}
-
-TEST_F(Listener, AnOwnTeardownIsSilent)
-{
-    for (int i = 0; i < 50; i++) {
-        Peer peer = OpenServedLink();
-        if (i % 2) peer.Send(Field("SendFile") + "half a field");
-        if (i % 3 == 0) peer.Close();
-        ServerUninit();
-        EXPECT_TRUE(Eventually([] { return g_nListeners == 0; }));
-    }
-    EXPECT_TRUE(Queued().empty());
-}
-
-TEST_F(Listener, ALateBreakNeverTouchesTheNextLink)
-{
-    Peer              first  = OpenServedLink();
-    const LinkRelease former = {true, g_dwLinkGeneration};
-    ServerUninit();
-    EXPECT_TRUE(Eventually([] { return g_nListeners == 0; }));
-    Peer second = OpenServedLink();
-    ReleaseNetworkThread(new LinkRelease(former));
-    ServerUninitLink(former.dwLink);
-    EXPECT_EQ(0u, ClaimBrokenLink(former.dwLink));
-    second.Send(Field("KeepAlive"));
-    EXPECT_EQ(Field("AckAlive"), second.Receive(10));
-    EXPECT_EQ(1u, g_Session.bServerStarted);
 }

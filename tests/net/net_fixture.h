@@ -105,6 +105,37 @@ class Peer {
     std::shared_ptr<platform::SOCKET> m_pSocket;
 };
 
+// A server that reads a password from one connection and sends back what it is told to.
+class FakeServer {
+  public:
+    explicit FakeServer(const std::string &sAnswer) : m_hListen(ListenOnLoopback(&m_nPort))
+    {
+        m_thread = std::thread([this, sAnswer] {
+            m_peer      = Peer(platform::accept(m_hListen, nullptr, nullptr));
+            m_sPassword = m_peer.Receive(10);
+            if (m_sPassword.size() == 10 && !sAnswer.empty()) m_peer.Send(Field(sAnswer));
+        });
+    }
+    ~FakeServer()
+    {
+        platform::closesocket(m_hListen);
+        m_thread.join();
+    }
+    std::string Port() const { return std::to_string(platform::ntohs(m_nPort)); }
+    std::string m_sPassword; // read after the attempt has ended
+
+  private:
+    uint16_t         m_nPort = 0;
+    platform::SOCKET m_hListen;
+    Peer             m_peer;
+    std::thread      m_thread;
+};
+
+inline std::future<int32_t> StartServer(const char *pszPassword)
+{
+    return std::async(std::launch::async, [pszPassword] { return ServerInit(pszPassword); });
+}
+
 class NetTest : public ::testing::Test {
   protected:
     void SetUp() override

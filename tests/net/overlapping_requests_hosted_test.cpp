@@ -173,31 +173,6 @@ TEST_F(OverlappingRequests, AConnectThatHangsIsCancelledAtOnce)
     for (std::thread &thread : aThreads) thread.join();
 }
 
-TEST_F(OverlappingRequests, APeerThatClosesInGoodOrderIsNoticedAtOnce)
-{
-    for (const char *pszState : {"idle", "inside a file", "while a file is sent", "half closed"}) {
-        m_aSeen.clear();
-        Peer peer      = OpenServedLink();
-        g_bSendingFile = pszState == std::string("while a file is sent");
-        if (pszState == std::string("inside a file")) {
-            const std::string sCommand = FileCommand(u"C:\\half.bin", 0, std::string(100000, 'x'));
-            peer.Send(sCommand.substr(0, sCommand.size() - 50000));
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        const uint64_t ullBegin = GetTickCount64();
-        if (pszState == std::string("half closed")) {
-            EXPECT_EQ(0, shutdown(peer.Socket(), 1));
-            EXPECT_EQ(Field("KeepAlive"), peer.Receive(10)) << "it is asked once";
-        } else {
-            peer.Close();
-        }
-        EXPECT_TRUE(Reported(818, 102)) << pszState;
-        EXPECT_LT(GetTickCount64() - ullBegin, 8000u) << pszState;
-        g_bSendingFile = 0;
-        EXPECT_TRUE(Eventually([] { return g_nListeners == 0 && g_bServer == 0; })) << pszState;
-    }
-}
-
 TEST_F(OverlappingRequests, AStoredPortThatCannotBeBoundIsNoReasonToFail)
 {
     for (const int nFailing : {1, 2}) { // the second time the free port fails, too
@@ -217,21 +192,6 @@ TEST_F(OverlappingRequests, AStoredPortThatCannotBeBoundIsNoReasonToFail)
         }
         EXPECT_EQ(nFailing == 1 ? -1001 : -3, status.get());
         EXPECT_EQ(2, hosted::CallCount("bind"));
-    }
-}
-
-TEST_F(OverlappingRequests, AnEmptyPasswordAdmitsNobody)
-{
-    for (const char *pszPassword : {"", "0123456789"}) { // none was ever stored; one that does not fit
-        WriteSetting("ServerMDNS", "Port", "");
-        std::future<int32_t> status = std::async(std::launch::async, [pszPassword] { return ServerInit(pszPassword); });
-        Peer                 peer   = Peer::Connect(NextListeningPort());
-        peer.Send(Field(""));
-        EXPECT_EQ(Field("PWACK=0"), peer.Receive(10)) << pszPassword;
-        EXPECT_EQ(0, g_nListeners);
-        EndLink();
-        EXPECT_EQ(peer.Receive(10).size(), 0u);
-        status.wait();
     }
 }
 

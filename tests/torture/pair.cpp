@@ -35,6 +35,24 @@ size_t Heard(const MachinePtr &machine, unsigned nCode, int nParameter)
     return n;
 }
 
+long OfProcess(const MachinePtr &machine, const std::string &sWhat)
+{
+    const std::string sFolder = "/proc/" + std::to_string(ChildPid(machine->agent));
+    long              n       = 0;
+    std::error_code   error;
+    if (sWhat == "fd" || sWhat == "socket:") {
+        for (fs::directory_iterator it(sFolder + "/fd", error), end; !error && it != end; it.increment(error)) {
+            std::error_code gone;
+            n += sWhat == "fd" || fs::read_symlink(it->path(), gone).string().rfind(sWhat, 0) == 0;
+        }
+        return n;
+    }
+    std::ifstream file(sFolder + "/status");
+    for (std::string sLine; std::getline(file, sLine);)
+        if (sLine.rfind(sWhat, 0) == 0) return std::strtol(sLine.c_str() + sWhat.size() + 1, nullptr, 10);
+    return 0;
+}
+
 std::vector<std::string> Words(const std::string &sText, char chEnd)
 {
     std::vector<std::string> words;
@@ -88,13 +106,14 @@ static void MakeProfile(const MachinePtr &old)
     fs::create_directories(HostPathOf(old, ROOT + "\\leerer Ordner"));
 }
 
-Pair::Pair(std::string sWorkFolder, const std::string &sPrograms) : sWork(std::move(sWorkFolder))
+Pair::Pair(std::string sWorkFolder, const std::string &sPrograms, bool bDirect) : sWork(std::move(sWorkFolder))
 {
-    std::string sError;
-    old = CreateMachine(
-        {MachineKind::Hosted, sWork + "/old", sPrograms, "OLDPC", "anna", {'D'}, {}, sWork + "/meet-old"}, &sError);
-    next = CreateMachine(
-        {MachineKind::Hosted, sWork + "/new", sPrograms, "NEWPC", "bernd", {}, {}, sWork + "/meet-new"}, &sError);
+    std::string       sError;
+    const std::string sOldMeet = sWork + (bDirect ? "/meet" : "/meet-old"),
+                      sNewMeet = sWork + (bDirect ? "/meet" : "/meet-new");
+    old =
+        CreateMachine({MachineKind::Hosted, sWork + "/old", sPrograms, "OLDPC", "anna", {'D'}, {}, sOldMeet}, &sError);
+    next = CreateMachine({MachineKind::Hosted, sWork + "/new", sPrograms, "NEWPC", "bernd", {}, {}, sNewMeet}, &sError);
     if (!old || !next) {
         std::fprintf(stderr, "torture: the machines cannot be made: %s\n", sError.c_str());
         std::exit(2);

@@ -20,7 +20,8 @@ struct Tally {
 };
 
 struct Pair {
-    Pair(std::string sWork, const std::string &sPrograms);
+    // bDirect: both meet in one folder, in either role, with no line of ours between them.
+    Pair(std::string sWork, const std::string &sPrograms, bool bDirect);
     ~Pair();
     Pair(const Pair &)            = delete;
     Pair &operator=(const Pair &) = delete;
@@ -67,9 +68,14 @@ struct Pair {
 };
 
 // Waits until it holds; false after so many milliseconds.
-bool                     Await(const std::function<bool()> &holds, unsigned nMilliseconds);
-size_t                   Heard(const MachinePtr &machine, unsigned nCode, int nParameter);
+bool   Await(const std::function<bool()> &holds, unsigned nMilliseconds);
+size_t Heard(const MachinePtr &machine, unsigned nCode, int nParameter);
+// Of the machine's agent: open descriptors ("fd"), those of sockets ("socket:"), or a number of its status file.
+long                     OfProcess(const MachinePtr &machine, const std::string &sWhat);
 std::vector<std::string> Words(const std::string &sText, char chEnd);
 // Random bytes.
 std::string Junk(std::mt19937_64 &random, size_t cb);
 void        WriteBytes(const std::string &sHostPath, const std::string &sBytes);
+
+// One run of the experiment of overlapping requests (pressure.cpp).
+void Pressure(Pair *pPair, std::mt19937_64 *pRandom);

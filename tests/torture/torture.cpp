@@ -316,20 +316,6 @@ static void JunkFromAPeer(Pair *pPair, RunPlace *p)
     pPair->Complete(false);
 }
 
-static long OfProcess(const MachinePtr &machine, const char *pszWhat)
-{
-    const long nPid = ChildPid(machine->agent);
-    if (std::strcmp(pszWhat, "fd") == 0) {
-        long n = 0;
-        for ([[maybe_unused]] const auto &entry : fs::directory_iterator("/proc/" + std::to_string(nPid) + "/fd")) n++;
-        return n;
-    }
-    std::ifstream file("/proc/" + std::to_string(nPid) + "/status");
-    for (std::string sLine; std::getline(file, sLine);)
-        if (sLine.rfind(pszWhat, 0) == 0) return std::strtol(sLine.c_str() + std::strlen(pszWhat) + 1, nullptr, 10);
-    return 0;
-}
-
 // One process for all runs: what it holds is level after the tenth.
 static void Session(Pair *pPair, RunPlace *p)
 {
@@ -393,6 +379,7 @@ static const Experiment EXPERIMENTS[] = {
     {"peer-junk", 60, 2, "junk from a peer with and without the PIN", JunkFromAPeer},
     {"sessions", 200, 12, "sessions in one process", Session},
     {"cancel", 100, 6, "cancelled or disconnected", CancelOrDisconnect},
+    {"pressure", 200, 8, "requests that overlap, then one link", [](Pair *a, RunPlace *p) { Pressure(a, &p->random); }},
 };
 
 static void PrintTable(const std::vector<std::pair<const Experiment *, Tally>> &tallies)
@@ -442,7 +429,7 @@ int main(int argc, char **argv)
         const int nOf  = nRuns > 0 && nFirst == 0 ? nRuns : bShort ? e.nShort : e.nRuns;
         const int nEnd = nFirst + (nRuns > 0 ? nRuns : nOf);
         {
-            Pair pair(sWork + "/" + e.pszName, pszPrograms);
+            Pair pair(sWork + "/" + e.pszName, pszPrograms, e.pszName == std::string("pressure"));
             pair.pTally = &tally;
             for (int i = nFirst; i < nEnd; i++) {
                 std::seed_seq  seed{nSeed, static_cast<uint64_t>(&e - EXPERIMENTS), static_cast<uint64_t>(i)};

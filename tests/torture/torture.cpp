@@ -379,7 +379,7 @@ static const Experiment EXPERIMENTS[] = {
     {"peer-junk", 60, 2, "junk from a peer with and without the PIN", JunkFromAPeer},
     {"sessions", 200, 12, "sessions in one process", Session},
     {"cancel", 100, 6, "cancelled or disconnected", CancelOrDisconnect},
-    {"pressure", 200, 8, "requests that overlap, then one link", [](Pair *a, RunPlace *p) { Pressure(a, &p->random); }},
+    {"pressure", 200, 5, "requests that overlap, then one link", [](Pair *a, RunPlace *p) { Pressure(a, &p->random); }},
 };
 
 static void PrintTable(const std::vector<std::pair<const Experiment *, Tally>> &tallies)

@@ -16,11 +16,9 @@ constexpr uint32_t FILE_SHARE_READ   = 0x00000001;
 constexpr uint32_t FILE_SHARE_WRITE  = 0x00000002;
 constexpr uint32_t FILE_SHARE_DELETE = 0x00000004;
 
-constexpr uint32_t CREATE_NEW        = 1;
-constexpr uint32_t CREATE_ALWAYS     = 2;
-constexpr uint32_t OPEN_EXISTING     = 3;
-constexpr uint32_t OPEN_ALWAYS       = 4;
-constexpr uint32_t TRUNCATE_EXISTING = 5;
+constexpr uint32_t CREATE_NEW    = 1;
+constexpr uint32_t CREATE_ALWAYS = 2;
+constexpr uint32_t OPEN_EXISTING = 3;
 
 constexpr uint32_t FILE_ATTRIBUTE_READONLY            = 0x00000001;
 constexpr uint32_t FILE_ATTRIBUTE_HIDDEN              = 0x00000002;
@@ -36,9 +34,7 @@ constexpr uint32_t FILE_FLAG_OVERLAPPED       = 0x40000000;
 constexpr uint32_t FILE_FLAG_BACKUP_SEMANTICS = 0x02000000;
 constexpr uint32_t FILE_FLAG_SEQUENTIAL_SCAN  = 0x08000000;
 
-constexpr uint32_t FILE_BEGIN   = 0;
-constexpr uint32_t FILE_CURRENT = 1;
-constexpr uint32_t FILE_END     = 2;
+constexpr uint32_t FILE_BEGIN = 0;
 
 struct FILETIME {
     uint32_t dwLowDateTime;

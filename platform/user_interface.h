@@ -69,7 +69,6 @@ inline constexpr GUID GUID_MONITOR_POWER_ON = {
 // user32
 using RegisterWindowMessageWProc = uint32_t (*)(const char16_t *);
 using PostMessageWProc           = BOOL (*)(HWND, uint32_t, WPARAM, LPARAM);
-using SendMessageWProc           = LRESULT (*)(HWND, uint32_t, WPARAM, LPARAM);
 using FindWindowWProc            = HWND (*)(const char16_t *, const char16_t *);
 using LoadIconWProc              = HICON (*)(HINSTANCE, const char16_t *);
 using LoadCursorWProc            = HCURSOR (*)(HINSTANCE, const char16_t *);
@@ -79,14 +78,12 @@ using CreateWindowExWProc  = HWND (*)(uint32_t, const char16_t *, const char16_t
 using PostQuitMessageProc  = void (*)(int32_t);
 using DefWindowProcWProc   = LRESULT (*)(HWND, uint32_t, WPARAM, LPARAM);
 using GetMessageWProc      = BOOL (*)(MSG *, HWND, uint32_t, uint32_t);
-using PeekMessageWProc     = BOOL (*)(MSG *, HWND, uint32_t, uint32_t, uint32_t);
 using TranslateMessageProc = BOOL (*)(const MSG *);
 using DispatchMessageWProc = LRESULT (*)(const MSG *);
 using DestroyWindowProc    = BOOL (*)(HWND);
 using RegisterPowerSettingNotificationProc   = HANDLE (*)(HANDLE, const GUID *, uint32_t);
 using UnregisterPowerSettingNotificationProc = BOOL (*)(HANDLE);
 using ChangeWindowMessageFilterExProc        = BOOL (*)(HWND, uint32_t, uint32_t, void *);
-using GetWindowThreadProcessIdProc           = uint32_t (*)(HWND, uint32_t *);
 // shell32
 using SHFileOperationWProc = int32_t (*)(SHFILEOPSTRUCTW *);
 using ShellExecuteAProc    = HINSTANCE (*)(HWND, const char *, const char *, const char *, const char *, int32_t);

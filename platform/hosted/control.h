@@ -67,11 +67,9 @@ void RemoveFunction(const char *pszLibrary, const char *pszFunction); // GetProc
 void        KeepDebugOutput(bool bKeep);
 const char *TakeDebugOutput(); // valid until the next call
 
-// Session and power events as the system would send them, to the windows of every process of this machine: wParam is
-// WTS_CONSOLE_CONNECT and its like (only to windows registered for session notifications) or PBT_APMSUSPEND and its
-// like (to every window). Result: how many windows got it.
+// A session event (WTS_CONSOLE_CONNECT and its like) as the system would send it, to the windows of every process of
+// this machine that are registered for them. Result: how many windows got it.
 int BroadcastSessionChange(uint64_t wParam);
-int BroadcastPower(uint64_t wParam);
 // This process counts as one of lower integrity: its messages reach only windows whose filter allows them.
 void SetLowStanding(bool bLow);
 int  OpenWindows();          // of this process

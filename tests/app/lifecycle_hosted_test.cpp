@@ -212,8 +212,8 @@ TEST_F(Lifecycle, StartUpWaits500MillisecondsForAPipeThatDoesNotCome)
 TEST_F(Lifecycle, ASenderThatIsStuckInTheServicesPipeIsLeftBehind)
 {
     const HANDLE hMutex = CreateMutexW(nullptr, FALSE, SERVICE_MUTEX_NAME);
-    HANDLE       hPipe =
-        CreateNamedPipeW(SERVICE_PIPE_NAME, PIPE_ACCESS_INBOUND, PIPE_TYPE_MESSAGE, 1, 100, 100, 200, nullptr);
+    HANDLE hPipe = CreateNamedPipeW(SERVICE_PIPE_NAME, PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED, PIPE_TYPE_MESSAGE,
+                                    PIPE_UNLIMITED_INSTANCES, 100, 100, 200, nullptr);
     hosted::SetClockRate(20);
     uint64_t ullStart = 0;
     WhileAgentRuns([&] {

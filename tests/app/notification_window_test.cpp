@@ -29,8 +29,10 @@ class RealWindow : public ServiceTest {
     }
     static void Send(uint32_t uMsg, WPARAM wParam, LPARAM lParam = 0)
     {
-        const auto pfn = reinterpret_cast<SendMessageWProc>(GetBoundFunction("SendMessageW"));
-        pfn(g_hNotificationWindow, uMsg, wParam, lParam);
+        MSG message = {};
+        EXPECT_TRUE(g_pfnPostMessageW(g_hNotificationWindow, uMsg, wParam, lParam));
+        while (message.message != uMsg && g_pfnGetMessageW(&message, nullptr, 0, 0) > 0)
+            g_pfnDispatchMessageW(&message);
     }
     // The loop as the agent runs it, until it ends.
     static void EndWindow(bool bDestroy)

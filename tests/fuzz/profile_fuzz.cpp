@@ -7,11 +7,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t cb)
     const std::string_view sBytes(reinterpret_cast<const char *>(pData), cb);
     hosted::ProfileText    text;
     std::u16string_view    sValue;
-    std::u16string         sKeys;
     text.Load(sBytes);
     text.Read(u"Collection", u"\"Size\"", &sValue);
-    text.Keys(u"Volume", &sKeys);
-    text.Sections();
     text.Write(u"Volume", u"Number", u"3");
     if (!text.Read(u"volume", u"NUMBER", &sValue) || sValue != u"3") std::abort();
     text.RemoveKey(u"Volume", u"Number");

@@ -69,7 +69,7 @@ TEST_F(LinkWindow, HoldsWhenBothInfosHaveCrossedForTheLowerNumber)
     WriteLocalInfo(&g_Session);
     char16_t szFile[MAX_PATH], szValue[8];
     GetProgressFile(LOCAL_INFO_FILE, szFile);
-    EXPECT_EQ(0u, GetPrivateProfileStringW(u"Link", nullptr, u"", szValue, 8, szFile))
+    EXPECT_EQ(0u, GetPrivateProfileStringW(u"Link", SEND_WINDOW_KEY, u"", szValue, 8, szFile))
         << "switched off: not a word of it";
 }
 

@@ -18,7 +18,8 @@ class KernelHosted : public MachineTest {};
 const ChildRole g_HoldRole("hold names", [](const std::string &) {
     CreateMutexW(nullptr, FALSE, u"Global\\VORN held mutex");
     CreateEventW(nullptr, TRUE, TRUE, u"VORN held event");
-    CreateNamedPipeW(u"\\\\.\\pipe\\VORN held pipe", PIPE_ACCESS_INBOUND, PIPE_TYPE_MESSAGE, 255, 512, 512, 0, nullptr);
+    CreateNamedPipeW(u"\\\\.\\pipe\\VORN held pipe", PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED, PIPE_TYPE_MESSAGE,
+                     PIPE_UNLIMITED_INSTANCES, 512, 512, 0, nullptr);
     SetEvent(OpenEventW(EVENT_MODIFY_STATE, FALSE, u"VORN ready"));
     Sleep(INFINITE);
     return 0;

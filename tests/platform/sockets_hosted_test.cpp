@@ -50,20 +50,6 @@ TEST_F(HostedSockets, AStaleSocketNeverReachesALaterOne)
     EXPECT_EQ(0, hosted::OpenSockets());
 }
 
-TEST_F(HostedSockets, TheLastCleanupEndsEverySocket)
-{
-    LinkPair link;
-    char     aByte[1];
-    ASSERT_EQ(2, hosted::OpenSockets());
-    EXPECT_EQ(0, WSACleanup());
-    EXPECT_EQ(0, hosted::OpenSockets());
-    EXPECT_EQ(SOCKET_ERROR, recv(link.hClient, aByte, 1, 0));
-    EXPECT_EQ(WSANOTINITIALISED, WSAGetLastError());
-    WinsockStarted again;
-    EXPECT_EQ(SOCKET_ERROR, recv(link.hClient, aByte, 1, 0));
-    EXPECT_EQ(WSAENOTSOCK, WSAGetLastError());
-}
-
 TEST_F(HostedSockets, TimeoutsFollowTheClockAndTheirReplacement)
 {
     LinkPair link;

@@ -7,7 +7,6 @@
 struct User32Functions {
     platform::RegisterWindowMessageWProc             RegisterWindowMessageW;
     platform::PostMessageWProc                       PostMessageW;
-    platform::SendMessageWProc                       SendMessageW;
     platform::FindWindowWProc                        FindWindowW;
     platform::LoadCursorWProc                        LoadCursorW;
     platform::RegisterClassExWProc                   RegisterClassExW;
@@ -15,13 +14,11 @@ struct User32Functions {
     platform::PostQuitMessageProc                    PostQuitMessage;
     platform::DefWindowProcWProc                     DefWindowProcW;
     platform::GetMessageWProc                        GetMessageW;
-    platform::PeekMessageWProc                       PeekMessageW;
     platform::DispatchMessageWProc                   DispatchMessageW;
     platform::DestroyWindowProc                      DestroyWindow;
     platform::ChangeWindowMessageFilterExProc        ChangeWindowMessageFilterEx;
     platform::RegisterPowerSettingNotificationProc   RegisterPowerSettingNotification;
     platform::UnregisterPowerSettingNotificationProc UnregisterPowerSettingNotification;
-    platform::GetWindowThreadProcessIdProc           GetWindowThreadProcessId;
     platform::WTSRegisterSessionNotificationProc     WTSRegisterSessionNotification;
     platform::WTSUnRegisterSessionNotificationProc   WTSUnRegisterSessionNotification;
 };
@@ -40,7 +37,6 @@ inline const User32Functions &User32()
         const platform::HMODULE hWts    = platform::LoadLibraryW(u"wtsapi32.dll");
         BindFunction(hUser32, "RegisterWindowMessageW", &f.RegisterWindowMessageW);
         BindFunction(hUser32, "PostMessageW", &f.PostMessageW);
-        BindFunction(hUser32, "SendMessageW", &f.SendMessageW);
         BindFunction(hUser32, "FindWindowW", &f.FindWindowW);
         BindFunction(hUser32, "LoadCursorW", &f.LoadCursorW);
         BindFunction(hUser32, "RegisterClassExW", &f.RegisterClassExW);
@@ -48,13 +44,11 @@ inline const User32Functions &User32()
         BindFunction(hUser32, "PostQuitMessage", &f.PostQuitMessage);
         BindFunction(hUser32, "DefWindowProcW", &f.DefWindowProcW);
         BindFunction(hUser32, "GetMessageW", &f.GetMessageW);
-        BindFunction(hUser32, "PeekMessageW", &f.PeekMessageW);
         BindFunction(hUser32, "DispatchMessageW", &f.DispatchMessageW);
         BindFunction(hUser32, "DestroyWindow", &f.DestroyWindow);
         BindFunction(hUser32, "ChangeWindowMessageFilterEx", &f.ChangeWindowMessageFilterEx);
         BindFunction(hUser32, "RegisterPowerSettingNotification", &f.RegisterPowerSettingNotification);
         BindFunction(hUser32, "UnregisterPowerSettingNotification", &f.UnregisterPowerSettingNotification);
-        BindFunction(hUser32, "GetWindowThreadProcessId", &f.GetWindowThreadProcessId);
         BindFunction(hWts, "WTSRegisterSessionNotification", &f.WTSRegisterSessionNotification);
         BindFunction(hWts, "WTSUnRegisterSessionNotification", &f.WTSUnRegisterSessionNotification);
         return f;

@@ -1,8 +1,7 @@
 // messages.cpp: sending and taking messages.
 // Posted messages come in their order, and WM_QUIT when none is left.
-// Differences from Windows: a message is sent (and waited for) within a thread only, to another thread's window it
-// fails with ERROR_NOT_SUPPORTED; of another process's lower standing only the sender's side knows, so that the filter
-// is applied there.
+// Differences from Windows: of another process's lower standing only the sender's side knows, so that the filter is
+// applied there; a queue is read whole (a window or a range of messages: ERROR_NOT_SUPPORTED).
 #include "platform/errors.h"
 #include "platform/hosted/control.h"
 #include "platform/hosted/desktop/user_interface_functions.h"
@@ -19,16 +18,12 @@
 namespace hosted {
 namespace {
 
-constexpr uint32_t WM_NULL        = 0;
-constexpr uint32_t HWND_BROADCAST = 0xFFFF;
-constexpr uint32_t PM_REMOVE      = 1;
-
 std::atomic<bool>  g_bLowStanding{false};
 const OnUseMachine g_Reset([] { g_bLowStanding.store(false); });
 
 bool FilterLets(const WindowRecord &record, uint32_t uMsg)
 {
-    return !g_bLowStanding.load() || uMsg == WM_NULL ||
+    return !g_bLowStanding.load() ||
            std::find(record.aAllowed.begin(), record.aAllowed.end(), uMsg) != record.aAllowed.end();
 }
 
@@ -51,59 +46,18 @@ bool PostTo(uint32_t nWindow, uint32_t uMsg, platform::WPARAM wParam, platform::
     return false;
 }
 
-// [held: the queue's mutex] The next message that fits; null when there is none.
-std::deque<platform::MSG>::iterator NextPosted(MessageQueue &queue, platform::HWND hWnd, uint32_t uFirst,
-                                               uint32_t uLast)
-{
-    return std::find_if(queue.aPosted.begin(), queue.aPosted.end(), [&](const platform::MSG &msg) {
-        return (hWnd == nullptr || msg.hwnd == hWnd) &&
-               ((uFirst == 0 && uLast == 0) || (msg.message >= uFirst && msg.message <= uLast));
-    });
-}
-
-// Takes or looks at the next message; false when there is none and bWait is not set.
-bool Take(platform::MSG *pMsg, platform::HWND hWnd, uint32_t uFirst, uint32_t uLast, bool bRemove, bool bWait)
-{
-    const std::shared_ptr<MessageQueue> pQueue = OwnQueue();
-    std::unique_lock<std::mutex>        lock(pQueue->mutex);
-    for (;;) {
-        const auto it = NextPosted(*pQueue, hWnd, uFirst, uLast);
-        if (it != pQueue->aPosted.end()) {
-            *pMsg = *it;
-            if (bRemove) pQueue->aPosted.erase(it);
-            return true;
-        }
-        if (pQueue->nQuit.has_value()) {
-            *pMsg = {nullptr, platform::WM_QUIT, static_cast<platform::WPARAM>(*pQueue->nQuit), 0, 0, {0, 0}};
-            if (bRemove) pQueue->nQuit.reset();
-            return true;
-        }
-        if (!bWait) return false;
-        pQueue->condition.wait(lock);
-    }
-}
-
-int Broadcast(uint32_t uMsg, platform::WPARAM wParam, platform::LPARAM lParam, bool bRegisteredOnly)
-{
-    int nReached = 0;
-    for (const WindowRecord &record : AllWindows()) { // from the system: no filter
-        if (bRegisteredOnly && record.nSessionRegistrations == 0) continue;
-        if (SendToWindow({WIRE_MAGIC, record.nWindow, uMsg, wParam, lParam})) nReached++;
-    }
-    return nReached;
-}
-
 } // namespace
 
 int BroadcastSessionChange(uint64_t wParam)
 {
     const std::string sSession = MachineSetting("machine", "session", "1");
-    return Broadcast(platform::WM_WTSSESSION_CHANGE, wParam, atoll(sSession.c_str()), true);
-}
-
-int BroadcastPower(uint64_t wParam)
-{
-    return Broadcast(platform::WM_POWERBROADCAST, wParam, 0, false);
+    int               nReached = 0;
+    for (const WindowRecord &record : AllWindows()) { // from the system: no filter
+        if (record.nSessionRegistrations != 0 &&
+            SendToWindow({WIRE_MAGIC, record.nWindow, platform::WM_WTSSESSION_CHANGE, wParam, atoll(sSession.c_str())}))
+            nReached++;
+    }
+    return nReached;
 }
 
 void SetLowStanding(bool bLow)
@@ -116,18 +70,21 @@ namespace user32 {
 BOOL GetMessageW(MSG *pMsg, HWND hWnd, uint32_t uFirst, uint32_t uLast)
 {
     if (FailsNow("GetMessageW")) return -1;
-    if (hWnd != nullptr && WindowOf(NumberOf(hWnd)) == nullptr) {
-        SetError(ERROR_INVALID_WINDOW_HANDLE);
+    if (hWnd != nullptr || uFirst != 0 || uLast != 0) {
+        SetError(ERROR_NOT_SUPPORTED);
         return -1;
     }
-    Take(pMsg, hWnd, uFirst, uLast, true, true);
-    return pMsg->message != WM_QUIT;
-}
-
-BOOL PeekMessageW(MSG *pMsg, HWND hWnd, uint32_t uFirst, uint32_t uLast, uint32_t dwRemove)
-{
-    if (FailsNow("PeekMessageW")) return FALSE;
-    return Take(pMsg, hWnd, uFirst, uLast, (dwRemove & PM_REMOVE) != 0, false);
+    const std::shared_ptr<MessageQueue> pQueue = OwnQueue();
+    std::unique_lock<std::mutex>        lock(pQueue->mutex);
+    pQueue->condition.wait(lock, [&] { return !pQueue->aPosted.empty() || pQueue->nQuit.has_value(); });
+    if (pQueue->aPosted.empty()) {
+        *pMsg = {nullptr, WM_QUIT, static_cast<WPARAM>(*pQueue->nQuit), 0, 0, {0, 0}};
+        pQueue->nQuit.reset();
+        return FALSE;
+    }
+    *pMsg = pQueue->aPosted.front();
+    pQueue->aPosted.pop_front();
+    return TRUE;
 }
 
 BOOL TranslateMessage(const MSG *)
@@ -146,19 +103,7 @@ LRESULT DispatchMessageW(const MSG *pMsg)
 BOOL PostMessageW(HWND hWnd, uint32_t uMsg, WPARAM wParam, LPARAM lParam)
 {
     if (FailsNow("PostMessageW")) return FALSE;
-    if (hWnd == nullptr) return PostToQueue(*OwnQueue(), 0, uMsg, wParam, lParam);
-    if (NumberOf(hWnd) != HWND_BROADCAST) return PostTo(NumberOf(hWnd), uMsg, wParam, lParam);
-    for (const WindowRecord &record : AllWindows()) PostTo(record.nWindow, uMsg, wParam, lParam);
-    return TRUE;
-}
-
-LRESULT SendMessageW(HWND hWnd, uint32_t uMsg, WPARAM wParam, LPARAM lParam)
-{
-    if (FailsNow("SendMessageW")) return 0;
-    const std::shared_ptr<Window> pWindow = WindowOf(NumberOf(hWnd));
-    if (pWindow != nullptr && pWindow->pQueue == OwnQueue()) return CallWindow(*pWindow, uMsg, wParam, lParam);
-    SetError(ERROR_NOT_SUPPORTED);
-    return 0;
+    return PostTo(NumberOf(hWnd), uMsg, wParam, lParam);
 }
 
 void PostQuitMessage(int32_t nExitCode)

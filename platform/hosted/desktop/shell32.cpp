@@ -9,6 +9,7 @@
 #include "platform/hosted/files/disk.h"
 #include "platform/hosted/machine/errors.h"
 #include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/program.h"
 #include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include "platform/user_interface.h"
@@ -38,40 +39,6 @@ constexpr uintptr_t SHELL_STARTED = 42, SE_ERR_FNF = 2, SE_ERR_PNF = 3, SE_ERR_A
 constexpr unsigned ALLOW_ALL       = hosted::SHARE_READ | hosted::SHARE_WRITE | hosted::SHARE_DELETE;
 constexpr uint16_t DELETE_FLAGS    = FOF_SILENT | FOF_NOCONFIRMATION | FOF_NOERRORUI;
 
-// Arguments as a Windows program takes its command line apart: blanks outside quotes separate; backslashes are plain
-// unless a quote follows them, where two make one and an odd one makes the quote plain; "" inside quotes is one quote.
-std::vector<std::string> SplitParameters(const char *pszParameters)
-{
-    std::vector<std::string> aArguments;
-    const char              *p = pszParameters != nullptr ? pszParameters : "";
-    for (;;) {
-        while (*p == ' ' || *p == '\t') p++;
-        if (*p == '\0') return aArguments;
-        std::string sArgument;
-        bool        bQuoted = false;
-        for (; *p != '\0' && (bQuoted || (*p != ' ' && *p != '\t')); p++) {
-            size_t nBackslashes = std::strspn(p, "\\");
-            p += nBackslashes;
-            if (*p != '"') {
-                sArgument.append(nBackslashes, '\\');
-                if (nBackslashes > 0) {
-                    p--; // the loop steps over what was counted, not over what follows
-                    continue;
-                }
-                sArgument += *p;
-                continue;
-            }
-            sArgument.append(nBackslashes / 2, '\\');
-            if (nBackslashes % 2 != 0) sArgument += '"';
-            else if (bQuoted && p[1] == '"') {
-                sArgument += '"';
-                p++;
-            } else bQuoted = !bQuoted;
-        }
-        aArguments.push_back(std::move(sArgument));
-    }
-}
-
 // This process's environment, on its machine, less what pretends trouble in this process.
 std::vector<std::string> ChildEnvironment()
 {
@@ -91,6 +58,7 @@ std::vector<std::string> ChildEnvironment()
 std::vector<char *> Pointers(std::vector<std::string> &aTexts)
 {
     std::vector<char *> aPointers;
+    aPointers.reserve(aTexts.size() + 1);
     for (std::string &sText : aTexts) aPointers.push_back(sText.data());
     aPointers.push_back(nullptr);
     return aPointers;
@@ -154,8 +122,10 @@ HINSTANCE ShellExecuteA(HWND, const char *pszVerb, const char *pszFile, const ch
     if (::stat(szProgram, &status) != 0) return ShellResult(errno == ENOTDIR ? SE_ERR_PNF : SE_ERR_FNF);
     if (!S_ISREG(status.st_mode)) return ShellResult(SE_ERR_ACCESSDENIED);
 
-    std::vector<std::string> aArguments = SplitParameters(pszParameters);
-    aArguments.insert(aArguments.begin(), szProgram);
+    std::vector<std::string> aArguments = {szProgram};
+    if (pszParameters != nullptr)
+        for (const std::u16string &sArgument : hosted::SplitArguments(hosted::ToUtf16(pszParameters).c_str()))
+            aArguments.push_back(hosted::ToUtf8(sArgument));
     switch (SpawnDetached(std::move(aArguments), pszFolder != nullptr ? szFolder : nullptr)) {
     case 0: return ShellResult(SHELL_STARTED);
     case ENOENT: return ShellResult(SE_ERR_FNF);

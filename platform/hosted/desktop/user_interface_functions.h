@@ -8,22 +8,19 @@ namespace hosted::user32 {
 using namespace platform;
 
 // window_lifetime.cpp
-ATOM     RegisterClassExW(const WNDCLASSEXW *pClass);
-HWND     CreateWindowExW(uint32_t dwExStyle, const char16_t *pszClass, const char16_t *pszTitle, uint32_t dwStyle,
-                         int32_t x, int32_t y, int32_t cx, int32_t cy, HWND hParent, HMENU hMenu, HINSTANCE hInstance,
-                         void *pParam);
-BOOL     DestroyWindow(HWND hWnd);
-LRESULT  DefWindowProcW(HWND hWnd, uint32_t uMsg, WPARAM wParam, LPARAM lParam);
-HWND     FindWindowW(const char16_t *pszClass, const char16_t *pszTitle);
-uint32_t GetWindowThreadProcessId(HWND hWnd, uint32_t *pdwProcessId);
+ATOM    RegisterClassExW(const WNDCLASSEXW *pClass);
+HWND    CreateWindowExW(uint32_t dwExStyle, const char16_t *pszClass, const char16_t *pszTitle, uint32_t dwStyle,
+                        int32_t x, int32_t y, int32_t cx, int32_t cy, HWND hParent, HMENU hMenu, HINSTANCE hInstance,
+                        void *pParam);
+BOOL    DestroyWindow(HWND hWnd);
+LRESULT DefWindowProcW(HWND hWnd, uint32_t uMsg, WPARAM wParam, LPARAM lParam);
+HWND    FindWindowW(const char16_t *pszClass, const char16_t *pszTitle);
 
 // messages.cpp
 BOOL    GetMessageW(MSG *pMsg, HWND hWnd, uint32_t uFirst, uint32_t uLast);
-BOOL    PeekMessageW(MSG *pMsg, HWND hWnd, uint32_t uFirst, uint32_t uLast, uint32_t dwRemove);
 BOOL    TranslateMessage(const MSG *pMsg);
 LRESULT DispatchMessageW(const MSG *pMsg);
 BOOL    PostMessageW(HWND hWnd, uint32_t uMsg, WPARAM wParam, LPARAM lParam);
-LRESULT SendMessageW(HWND hWnd, uint32_t uMsg, WPARAM wParam, LPARAM lParam);
 void    PostQuitMessage(int32_t nExitCode);
 
 } // namespace hosted::user32

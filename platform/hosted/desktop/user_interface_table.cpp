@@ -1,7 +1,7 @@
 // user_interface_table.cpp: what user32.dll and Wtsapi32.dll of a hosted machine export, and the small functions among
 // it.
-// Differences from Windows: icons and cursors are tokens; a registration for power settings is counted and gets no
-// first notification; TranslateMessage has nothing to translate.
+// Differences from Windows: a cursor is a token; a registration for power settings is counted and gets no first
+// notification; a message filter only allows; sessions are told of to those who ask for their own.
 #include "platform/hosted/desktop/user_interface_table.h"
 #include "platform/errors.h"
 #include "platform/hosted/control.h"
@@ -9,35 +9,18 @@
 #include "platform/hosted/desktop/window_queues.h"
 #include "platform/hosted/machine/errors.h"
 #include "platform/hosted/machine/faults.h"
-#include <algorithm>
-#include <set>
+#include <atomic>
 
 namespace hosted {
 namespace {
 
-constexpr uint32_t  ERROR_RESOURCE_NAME_NOT_FOUND = 1814;
-constexpr uintptr_t FIRST_SYSTEM_IMAGE = 32512, LAST_SYSTEM_IMAGE = 32651; // IDI_APPLICATION to IDC_HELP
-constexpr uint32_t  NOTIFY_FOR_ALL_SESSIONS = 1;
-constexpr uint32_t  MSGFLT_RESET = 0, MSGFLT_DISALLOW = 2;
-
-struct PowerRegistrationSet {
-    std::mutex          mutex; // guards what follows
-    std::set<uintptr_t> open;
-    uintptr_t           nLast = 0;
-};
-
-PowerRegistrationSet &ThePowerRegistrations()
-{
-    static PowerRegistrationSet &s_Registrations = *new PowerRegistrationSet;
-    return s_Registrations;
-}
+std::atomic<int> g_nPowerRegistrations{0};
 
 } // namespace
 
 int PowerRegistrations()
 {
-    const std::lock_guard<std::mutex> guard(ThePowerRegistrations().mutex);
-    return static_cast<int>(ThePowerRegistrations().open.size());
+    return g_nPowerRegistrations;
 }
 
 namespace user32 {
@@ -49,25 +32,12 @@ uint32_t RegisterWindowMessageW(const char16_t *pszName)
     return AtomOf(pszName == nullptr ? u"" : pszName);
 }
 
-// System images have numbers for names and no module.
-void *LoadSystemImage(HINSTANCE hInstance, const char16_t *pszName)
-{
-    const auto nName = reinterpret_cast<uintptr_t>(pszName);
-    if (hInstance == nullptr && nName >= FIRST_SYSTEM_IMAGE && nName <= LAST_SYSTEM_IMAGE) {
-        return reinterpret_cast<void *>(nName);
-    }
-    SetError(ERROR_RESOURCE_NAME_NOT_FOUND);
-    return nullptr;
-}
-
-HICON LoadIconW(HINSTANCE hInstance, const char16_t *pszName)
-{
-    return FailsNow("LoadIconW") ? nullptr : LoadSystemImage(hInstance, pszName);
-}
-
 HCURSOR LoadCursorW(HINSTANCE hInstance, const char16_t *pszName)
 {
-    return FailsNow("LoadCursorW") ? nullptr : LoadSystemImage(hInstance, pszName);
+    if (FailsNow("LoadCursorW")) return nullptr;
+    if (hInstance == nullptr && pszName == IDC_ARROW) return const_cast<char16_t *>(pszName);
+    SetError(ERROR_NOT_SUPPORTED);
+    return nullptr;
 }
 
 HANDLE RegisterPowerSettingNotification(HANDLE hRecipient, const GUID *pSetting, uint32_t dwFlags)
@@ -77,38 +47,21 @@ HANDLE RegisterPowerSettingNotification(HANDLE hRecipient, const GUID *pSetting,
         SetError(ERROR_INVALID_PARAMETER);
         return nullptr;
     }
-    PowerRegistrationSet             &registrations = ThePowerRegistrations();
-    const std::lock_guard<std::mutex> guard(registrations.mutex);
-    registrations.open.insert(++registrations.nLast);
-    return reinterpret_cast<HANDLE>(registrations.nLast);
+    g_nPowerRegistrations++;
+    return &g_nPowerRegistrations;
 }
 
 BOOL UnregisterPowerSettingNotification(HANDLE hRegistration)
 {
     if (FailsNow("UnregisterPowerSettingNotification")) return FALSE;
-    PowerRegistrationSet             &registrations = ThePowerRegistrations();
-    const std::lock_guard<std::mutex> guard(registrations.mutex);
-    if (registrations.open.erase(reinterpret_cast<uintptr_t>(hRegistration)) != 0) return TRUE;
+    if (hRegistration == &g_nPowerRegistrations && g_nPowerRegistrations-- > 0) return TRUE;
     SetError(ERROR_INVALID_HANDLE);
     return FALSE;
 }
 
-bool Disallow(WindowRecord &record, uint32_t uMsg)
-{
-    std::erase(record.aAllowed, uMsg);
-    return true;
-}
-
 bool Allow(WindowRecord &record, uint32_t uMsg)
 {
-    Disallow(record, uMsg);
     record.aAllowed.push_back(uMsg);
-    return true;
-}
-
-bool DisallowAll(WindowRecord &record, uint32_t)
-{
-    record.aAllowed.clear();
     return true;
 }
 
@@ -128,25 +81,17 @@ bool RemoveSessionRegistration(WindowRecord &record, uint32_t)
 BOOL ChangeWindowMessageFilterEx(HWND hWnd, uint32_t uMsg, uint32_t dwAction, void *pResult)
 {
     if (FailsNow("ChangeWindowMessageFilterEx")) return FALSE;
-    if (pResult != nullptr || dwAction > MSGFLT_DISALLOW) {
-        SetError(pResult != nullptr ? ERROR_NOT_SUPPORTED : ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
-    return ChangeRecord(NumberOf(hWnd),
-                        dwAction == MSGFLT_RESET   ? DisallowAll
-                        : dwAction == MSGFLT_ALLOW ? Allow
-                                                   : Disallow,
-                        uMsg);
+    if (pResult == nullptr && dwAction == MSGFLT_ALLOW) return ChangeRecord(NumberOf(hWnd), Allow, uMsg);
+    SetError(ERROR_NOT_SUPPORTED);
+    return FALSE;
 }
 
 BOOL WTSRegisterSessionNotification(HWND hWnd, uint32_t dwFlags)
 {
     if (FailsNow("WTSRegisterSessionNotification")) return FALSE;
-    if (dwFlags > NOTIFY_FOR_ALL_SESSIONS) {
-        SetError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
-    return ChangeRecord(NumberOf(hWnd), AddSessionRegistration, 0);
+    if (dwFlags == NOTIFY_FOR_THIS_SESSION) return ChangeRecord(NumberOf(hWnd), AddSessionRegistration, 0);
+    SetError(ERROR_NOT_SUPPORTED);
+    return FALSE;
 }
 
 BOOL WTSUnRegisterSessionNotification(HWND hWnd)
@@ -171,16 +116,13 @@ std::span<const NamedProcedure> User32Procedures()
     static const NamedProcedure s_aProcedures[] = {
         Export<RegisterWindowMessageWProc>("RegisterWindowMessageW", user32::RegisterWindowMessageW),
         Export<PostMessageWProc>("PostMessageW", user32::PostMessageW),
-        Export<SendMessageWProc>("SendMessageW", user32::SendMessageW),
         Export<FindWindowWProc>("FindWindowW", user32::FindWindowW),
-        Export<LoadIconWProc>("LoadIconW", user32::LoadIconW),
         Export<LoadCursorWProc>("LoadCursorW", user32::LoadCursorW),
         Export<RegisterClassExWProc>("RegisterClassExW", user32::RegisterClassExW),
         Export<CreateWindowExWProc>("CreateWindowExW", user32::CreateWindowExW),
         Export<PostQuitMessageProc>("PostQuitMessage", user32::PostQuitMessage),
         Export<DefWindowProcWProc>("DefWindowProcW", user32::DefWindowProcW),
         Export<GetMessageWProc>("GetMessageW", user32::GetMessageW),
-        Export<PeekMessageWProc>("PeekMessageW", user32::PeekMessageW),
         Export<TranslateMessageProc>("TranslateMessage", user32::TranslateMessage),
         Export<DispatchMessageWProc>("DispatchMessageW", user32::DispatchMessageW),
         Export<DestroyWindowProc>("DestroyWindow", user32::DestroyWindow),
@@ -189,7 +131,6 @@ std::span<const NamedProcedure> User32Procedures()
         Export<UnregisterPowerSettingNotificationProc>("UnregisterPowerSettingNotification",
                                                        user32::UnregisterPowerSettingNotification),
         Export<ChangeWindowMessageFilterExProc>("ChangeWindowMessageFilterEx", user32::ChangeWindowMessageFilterEx),
-        Export<GetWindowThreadProcessIdProc>("GetWindowThreadProcessId", user32::GetWindowThreadProcessId),
     };
     return s_aProcedures;
 }

@@ -5,6 +5,7 @@
 #include "platform/hosted/kernel/unix_sockets.h"
 #include "platform/hosted/machine/current_machine.h"
 #include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/host_files.h"
 #include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include <algorithm>
@@ -31,18 +32,6 @@ std::string FileOf(uint32_t nWindow, const char *pszKind)
     return szName;
 }
 
-bool WriteText(const std::string &sFile, const std::string &sText)
-{
-    const std::string sNew = sFile + ".new";
-    std::ofstream     file(sNew, std::ios::binary | std::ios::trunc);
-    file << sText;
-    file.close();
-    if (file && rename(sNew.c_str(), sFile.c_str()) == 0) return true; // readers see the old or the new text, whole
-    SetErrorFromErrno();
-    unlink(sNew.c_str());
-    return false;
-}
-
 std::string OneLine(const std::u16string &sText)
 {
     std::string sOut = ToUtf8(sText);
@@ -54,11 +43,12 @@ std::string OneLine(const std::u16string &sText)
 bool StoreRecord(const std::string &sFolder, const WindowRecord &record)
 {
     std::ostringstream text;
-    text << "process " << record.dwProcessId << "\nthread " << record.dwThreadId << "\nsession "
-         << record.nSessionRegistrations << "\nallowed";
+    text << "session " << record.nSessionRegistrations << "\nallowed";
     for (const uint32_t uMsg : record.aAllowed) text << ' ' << uMsg;
     text << "\nclass " << OneLine(record.sClass) << "\ntitle " << OneLine(record.sTitle) << '\n';
-    return WriteText(sFolder + "/" + FileOf(record.nWindow, "window"), text.str());
+    if (WriteWholeFile(sFolder + "/" + FileOf(record.nWindow, "window"), text.str())) return true;
+    SetErrorFromErrno();
+    return false;
 }
 
 bool ReadRecord(const std::string &sFolder, uint32_t nWindow, WindowRecord *pRecord)
@@ -72,8 +62,6 @@ bool ReadRecord(const std::string &sFolder, uint32_t nWindow, WindowRecord *pRec
         std::string        sKey;
         line >> sKey;
         const std::string sRest = sLine.size() > sKey.size() ? sLine.substr(sKey.size() + 1) : "";
-        if (sKey == "process") line >> pRecord->dwProcessId;
-        if (sKey == "thread") line >> pRecord->dwThreadId;
         if (sKey == "session") line >> pRecord->nSessionRegistrations;
         if (sKey == "class") pRecord->sClass = ToUtf16(sRest);
         if (sKey == "title") pRecord->sTitle = ToUtf16(sRest);
@@ -107,9 +95,10 @@ int AddWindow(WindowRecord *pRecord)
     if (sFolder.empty() || !lock.IsHeld()) return -1;
     uint32_t nWindow = FIRST_WINDOW; // numbers are not used again: a stale HWND never names another window
     std::ifstream(sFolder + "/next") >> nWindow;
-    if (!WriteText(sFolder + "/next", std::to_string(nWindow + 2))) return -1;
     pRecord->nWindow = nWindow;
-    const int nFd    = BindLocalSocket(sFolder, FileOf(nWindow, "socket"), SOCK_DGRAM | SOCK_NONBLOCK);
+    const int nFd    = WriteWholeFile(sFolder + "/next", std::to_string(nWindow + 2))
+                           ? BindLocalSocket(sFolder, FileOf(nWindow, "socket"), SOCK_DGRAM | SOCK_NONBLOCK)
+                           : -1;
     if (nFd < 0) {
         SetErrorFromErrno();
         return -1;

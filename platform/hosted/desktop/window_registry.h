@@ -12,8 +12,6 @@ namespace hosted {
 
 struct WindowRecord {
     uint32_t              nWindow               = 0; // the HWND's value
-    uint32_t              dwProcessId           = 0;
-    uint32_t              dwThreadId            = 0;
     uint32_t              nSessionRegistrations = 0;
     std::vector<uint32_t> aAllowed; // messages that processes of lower standing may send
     std::u16string        sClass, sTitle;

@@ -88,7 +88,7 @@ uint32_t MakeNew(const DiskPath &path, const Located &found, const Request &requ
 uint32_t OpenOld(const Located &found, const Request &request, FileObject *pFile)
 {
     if (!S_ISREG(found.st.st_mode)) return ERROR_ACCESS_DENIED; // a pipe or device of the host: opening it might block
-    const bool     bTruncate = request.dwDisposition == CREATE_ALWAYS || request.dwDisposition == TRUNCATE_EXISTING;
+    const bool     bTruncate = request.dwDisposition == CREATE_ALWAYS;
     const unsigned nAccess   = SharingAccess(request.dwAccess);
     const bool     bWrite    = (nAccess & SHARE_WRITE) != 0 || bTruncate;
     uint32_t       dwOld     = 0;
@@ -96,7 +96,7 @@ uint32_t OpenOld(const Located &found, const Request &request, FileObject *pFile
         dwOld = AttributesOf({found.sHost.c_str()}, found.st, found.bLink);
         if ((dwOld & FILE_ATTRIBUTE_READONLY) != 0) return ERROR_ACCESS_DENIED;
         const uint32_t dwKept = dwOld & (FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM);
-        if (request.dwDisposition == CREATE_ALWAYS && (dwKept & ~request.dwFlags) != 0) return ERROR_ACCESS_DENIED;
+        if (bTruncate && (dwKept & ~request.dwFlags) != 0) return ERROR_ACCESS_DENIED;
     }
     if (pFile->nFd < 0) pFile->nFd = open(found.sHost.c_str(), (bWrite ? O_RDWR : O_RDONLY) | O_NONBLOCK | O_CLOEXEC);
     if (pFile->nFd < 0) return ErrorFromErrno(errno);
@@ -107,7 +107,6 @@ uint32_t OpenOld(const Located &found, const Request &request, FileObject *pFile
     if (ftruncate(pFile->nFd, 0) != 0) return ErrorFromErrno(errno);
     pFile->cbKnown = 0;
     Generation(Generations::Files, pFile->nFileKey)++;
-    if (request.dwDisposition != CREATE_ALWAYS) return 0;
     const uint32_t dwNew = dwOld | (request.dwFlags & ATTRIBUTE_BITS) | FILE_ATTRIBUTE_ARCHIVE;
     if ((dwNew & ~FILE_ATTRIBUTE_NORMAL) == dwOld) return 0;
     return SetAttributesOf({found.sHost.c_str(), pFile->nFd}, found.st, dwNew) ? 0 : ErrorFromErrno(errno);
@@ -129,9 +128,7 @@ bool OpenSeenFile(const DiskPath &path, Located *pFound, FileObject *pFile)
 
 uint32_t CheckRequest(const Request &request)
 {
-    if (request.dwDisposition < CREATE_NEW || request.dwDisposition > TRUNCATE_EXISTING) return ERROR_INVALID_PARAMETER;
-    if (request.dwDisposition == TRUNCATE_EXISTING && (request.dwAccess & GENERIC_WRITE) == 0)
-        return ERROR_INVALID_PARAMETER;
+    if (request.dwDisposition < CREATE_NEW || request.dwDisposition > OPEN_EXISTING) return ERROR_INVALID_PARAMETER;
     if ((request.dwAccess & ~KNOWN_ACCESS) != 0 || (request.dwFlags & ~(KNOWN_FLAGS | ATTRIBUTE_BITS)) != 0 ||
         (request.dwShare & ~7u) != 0)
         return ERROR_NOT_SUPPORTED;
@@ -159,8 +156,8 @@ uint32_t OpenOrMake(const char16_t *pszFileName, const Request &request, bool bA
     *pbExisted      = found.bExists;
     if (found.IsFolder()) {
         if (request.dwDisposition == CREATE_NEW) return ERROR_FILE_EXISTS;
-        const bool bPlainOpen = request.dwDisposition == OPEN_EXISTING || request.dwDisposition == OPEN_ALWAYS;
-        if (!bPlainOpen || (request.dwFlags & FILE_FLAG_BACKUP_SEMANTICS) == 0) return ERROR_ACCESS_DENIED;
+        if (request.dwDisposition != OPEN_EXISTING || (request.dwFlags & FILE_FLAG_BACKUP_SEMANTICS) == 0)
+            return ERROR_ACCESS_DENIED;
         return OpenFolder(found, pFile);
     }
     if (path.bEndsInBackslash) return ERROR_INVALID_NAME;
@@ -168,8 +165,7 @@ uint32_t OpenOrMake(const char16_t *pszFileName, const Request &request, bool bA
         if (request.dwDisposition == CREATE_NEW) return ERROR_FILE_EXISTS;
         return OpenOld(found, request, pFile);
     }
-    if (request.dwDisposition == OPEN_EXISTING || request.dwDisposition == TRUNCATE_EXISTING)
-        return ERROR_FILE_NOT_FOUND;
+    if (request.dwDisposition == OPEN_EXISTING) return ERROR_FILE_NOT_FOUND;
     return MakeNew(path, found, request, pFile);
 }
 
@@ -202,7 +198,6 @@ platform::HANDLE platform::CreateFileW(const char16_t *pszFileName, uint32_t dwD
         hosted::SetError(dwError);
         return INVALID_HANDLE_VALUE;
     }
-    const bool bTold = dwCreationDisposition == CREATE_ALWAYS || dwCreationDisposition == OPEN_ALWAYS;
-    hosted::SetError(bTold && bExisted ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
+    hosted::SetError(dwCreationDisposition == CREATE_ALWAYS && bExisted ? ERROR_ALREADY_EXISTS : ERROR_SUCCESS);
     return hosted::AddHandle(std::move(pFile));
 }

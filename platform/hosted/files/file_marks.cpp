@@ -4,6 +4,7 @@
 #include "platform/files.h"
 #include "platform/hosted/files/disk.h"
 #include "platform/hosted/machine/current_machine.h"
+#include "platform/hosted/machine/host_files.h"
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -70,15 +71,7 @@ bool WriteSide(const MarkedFile &file, const char *pszMark, const std::string &s
 {
     std::string sPath, sTie;
     if (!SideFile(file, pszMark, &sPath, &sTie)) return false;
-    const std::string sNew = sPath + ".new"; // replaced whole: a killed process leaves the old mark or the new one
-    const int         nFd  = open(sNew.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (nFd < 0) return false;
-    const std::string sAll = sTie + sValue;
-    const bool        bOk  = write(nFd, sAll.data(), sAll.size()) == static_cast<ssize_t>(sAll.size());
-    close(nFd);
-    if (bOk && rename(sNew.c_str(), sPath.c_str()) == 0) return true;
-    unlink(sNew.c_str());
-    return false;
+    return WriteWholeFile(sPath, sTie + sValue);
 }
 
 } // namespace

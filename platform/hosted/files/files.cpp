@@ -150,22 +150,9 @@ platform::BOOL platform::SetFilePointerEx(HANDLE hFile, int64_t cbDistance, int6
     if (hosted::FailsNow("SetFilePointerEx")) return FALSE;
     const std::shared_ptr<FileObject> pFile = FileOf(hFile, 0);
     if (pFile == nullptr) return FALSE;
-    int64_t nBase = 0;
-    switch (dwMoveMethod) {
-    case FILE_BEGIN: break;
-    case FILE_CURRENT: nBase = pFile->nPosition; break;
-    case FILE_END: {
-        struct stat st;
-        if (fstat(pFile->nFd, &st) != 0) return FailFromErrno();
-        nBase = pFile->cbKnown = st.st_size;
-        break;
-    }
-    default: return Fail(ERROR_INVALID_PARAMETER);
-    }
-    int64_t nNew;
-    if (__builtin_add_overflow(nBase, cbDistance, &nNew)) return Fail(ERROR_INVALID_PARAMETER);
-    if (nNew < 0) return Fail(ERROR_NEGATIVE_SEEK);
-    pFile->nPosition = nNew;
-    if (pcbNewPosition != nullptr) *pcbNewPosition = nNew;
+    if (dwMoveMethod != FILE_BEGIN) return Fail(ERROR_NOT_SUPPORTED);
+    if (cbDistance < 0) return Fail(ERROR_NEGATIVE_SEEK);
+    pFile->nPosition = cbDistance;
+    if (pcbNewPosition != nullptr) *pcbNewPosition = cbDistance;
     return TRUE;
 }

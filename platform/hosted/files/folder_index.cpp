@@ -15,73 +15,45 @@
 #include <dirent.h>
 #include <mutex>
 #include <unordered_map>
-#include <vector>
+#include <unordered_set>
 
 namespace hosted {
 namespace {
 
 constexpr size_t MAX_INDEXES = 512;
-constexpr size_t MAX_HASHES  = 1 << 20; // slots of all indexes together: 4 MiB
+constexpr size_t MAX_HASHES  = 1 << 19; // of all indexes together: some 16 MiB
 
 struct Index {
-    uint64_t              nLastUse = 0;
-    size_t                nUsed    = 0;
-    std::vector<uint32_t> aSlots; // open addressing; 0 is empty; a power of two
+    uint64_t                     nLastUse = 0;
+    std::unordered_set<uint32_t> aHashes;
 };
 
 std::mutex                             &g_Mutex    = *new std::mutex; // guards all below
 std::unordered_map<std::string, Index> &g_aIndexes = *new std::unordered_map<std::string, Index>;
-size_t                                  g_nSlots   = 0;
+size_t                                  g_nHashes  = 0;
 uint64_t                                g_nUses    = 0;
 
-uint32_t SlotHash(std::u16string_view sName)
+uint32_t NameHash(std::u16string_view sName)
 {
     const uint64_t n = HashFolded(sName);
-    const uint32_t h = static_cast<uint32_t>(n ^ n >> 29);
-    return h == 0 ? 1 : h;
-}
-
-bool Holds(const Index &index, uint32_t nHash)
-{
-    if (index.aSlots.empty()) return false;
-    const size_t nMask = index.aSlots.size() - 1;
-    for (size_t i = nHash & nMask; index.aSlots[i] != 0; i = (i + 1) & nMask)
-        if (index.aSlots[i] == nHash) return true;
-    return false;
-}
-
-void Put(std::vector<uint32_t> &aSlots, uint32_t nHash)
-{
-    const size_t nMask = aSlots.size() - 1;
-    size_t       i     = nHash & nMask;
-    while (aSlots[i] != 0 && aSlots[i] != nHash) i = (i + 1) & nMask;
-    aSlots[i] = nHash;
+    return static_cast<uint32_t>(n ^ n >> 29);
 }
 
 void Add(Index &index, uint32_t nHash)
 {
-    if (Holds(index, nHash)) return;
-    if (index.nUsed * 2 >= index.aSlots.size()) {
-        std::vector<uint32_t> aLarger(index.aSlots.empty() ? 16 : index.aSlots.size() * 2);
-        for (const uint32_t n : index.aSlots)
-            if (n != 0) Put(aLarger, n);
-        g_nSlots += aLarger.size() - index.aSlots.size();
-        index.aSlots = std::move(aLarger);
-    }
-    Put(index.aSlots, nHash);
-    index.nUsed++;
+    g_nHashes += index.aHashes.insert(nHash).second;
 }
 
 void Drop(std::unordered_map<std::string, Index>::iterator it)
 {
-    g_nSlots -= it->second.aSlots.size();
+    g_nHashes -= it->second.aHashes.size();
     g_aIndexes.erase(it);
 }
 
 // Makes room, least recently used first; pKeep stays. False when that one alone is too large.
 bool KeepBounds(const std::string &sKeep)
 {
-    while (g_aIndexes.size() > MAX_INDEXES || g_nSlots > MAX_HASHES) {
+    while (g_aIndexes.size() > MAX_INDEXES || g_nHashes > MAX_HASHES) {
         auto itOldest = g_aIndexes.end();
         for (auto it = g_aIndexes.begin(); it != g_aIndexes.end(); ++it)
             if (it->first != sKeep && (itOldest == g_aIndexes.end() || it->second.nLastUse < itOldest->second.nLastUse))
@@ -105,18 +77,18 @@ void TakeNews()
         const auto it = g_aIndexes.find(sFolder);
         switch (eNews) {
         case FolderNews::Added:
-            if (it != g_aIndexes.end()) Add(it->second, SlotHash(ToUtf16(pszName)));
+            if (it != g_aIndexes.end()) Add(it->second, NameHash(ToUtf16(pszName)));
             break;
         case FolderNews::Gone:
             if (it != g_aIndexes.end()) Drop(it);
             break;
         case FolderNews::Unknown:
             g_aIndexes.clear();
-            g_nSlots = 0;
+            g_nHashes = 0;
             break;
         }
     });
-    if (g_nSlots > MAX_HASHES) KeepBounds("");
+    if (g_nHashes > MAX_HASHES) KeepBounds("");
 }
 
 // Reads the folder into a new index and looks for one name on the way; of several, the first in byte order counts.
@@ -139,8 +111,8 @@ IndexAnswer Scan(const std::string &sFolder, std::u16string_view sName, std::str
             bFound      = true;
         }
         if (!bIndexed) continue;
-        Add(g_aIndexes[sFolder], SlotHash(sEntry));
-        bIndexed = g_nSlots <= MAX_HASHES || KeepBounds(sFolder);
+        Add(g_aIndexes[sFolder], NameHash(sEntry));
+        bIndexed = g_nHashes <= MAX_HASHES || KeepBounds(sFolder);
         if (!bIndexed) Drop(g_aIndexes.find(sFolder));
     }
     closedir(pDir);
@@ -152,10 +124,10 @@ IndexAnswer Scan(const std::string &sFolder, std::u16string_view sName, std::str
 Index *IndexWithout(const std::string &sFolder, uint32_t nHash)
 {
     auto it = g_aIndexes.find(sFolder);
-    if (it == g_aIndexes.end() || Holds(it->second, nHash)) return nullptr; // no news takes a hash away
+    if (it == g_aIndexes.end() || it->second.aHashes.contains(nHash)) return nullptr; // no news takes a hash away
     TakeNews();
     it = g_aIndexes.find(sFolder);
-    return it == g_aIndexes.end() || Holds(it->second, nHash) ? nullptr : &it->second;
+    return it == g_aIndexes.end() || it->second.aHashes.contains(nHash) ? nullptr : &it->second;
 }
 
 const OnUseMachine g_Reset(DropIndexes);
@@ -172,7 +144,7 @@ IndexAnswer FindInFolder(const std::string &sFolder, std::u16string_view sName, 
 bool IndexLacks(const std::string &sFolder, std::u16string_view sName)
 {
     const std::lock_guard<std::mutex> guard(g_Mutex);
-    Index                            *pIndex = IndexWithout(sFolder, SlotHash(sName));
+    Index                            *pIndex = IndexWithout(sFolder, NameHash(sName));
     if (pIndex == nullptr) return false;
     pIndex->nLastUse = ++g_nUses;
     return true;
@@ -182,7 +154,7 @@ void DropIndexes()
 {
     const std::lock_guard<std::mutex> guard(g_Mutex);
     g_aIndexes.clear();
-    g_nSlots = 0;
+    g_nHashes = 0;
     UnwatchFolders();
 }
 

@@ -77,11 +77,10 @@ struct NamedEvent : Event {
 struct Mutex : KernelObject {
     explicit Mutex(std::unique_ptr<NamedObject> pObject) : KernelObject(HandleKind::Mutex), pNamed(std::move(pObject))
     {
-        if (pNamed == nullptr) return;
         bSecured         = pNamed->State().bSecured != 0;
         dwEveryoneAccess = pNamed->State().dwEveryoneAccess;
     }
-    std::unique_ptr<NamedObject> pNamed; // null for a mutex without a name
+    std::unique_ptr<NamedObject> pNamed;
 };
 
 bool HasName(const char16_t *pszName)
@@ -101,10 +100,8 @@ std::shared_ptr<KernelObject> MakeMutex(const platform::SECURITY_ATTRIBUTES *pSe
                                         bool *pbExisted)
 {
     if (!HasName(pszName)) {
-        auto pMutex              = std::make_shared<Mutex>(nullptr);
-        pMutex->bSecured         = pSecurity != nullptr;
-        pMutex->dwEveryoneAccess = pSecurity != nullptr ? pSecurity->dwEveryoneAccess : 0;
-        return pMutex;
+        SetError(platform::ERROR_NOT_SUPPORTED); // it would be good for nothing
+        return nullptr;
     }
     NamedState state{};
     SetState(&state, pSecurity, false, false);

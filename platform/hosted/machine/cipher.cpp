@@ -12,7 +12,6 @@
 #include "platform/hosted/machine/faults.h"
 #include "platform/text.h"
 #include <cstring>
-#include <memory>
 #include <new>
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -185,23 +184,18 @@ NTSTATUS BCryptCloseAlgorithmProvider(BCRYPT_ALG_HANDLE hAlgorithm, uint32_t dwF
 NTSTATUS BCryptGetProperty(void *hObject, const char16_t *pszProperty, uint8_t *pbOutput, uint32_t cbOutput,
                            uint32_t *pcbResult, uint32_t dwFlags)
 {
-    NTSTATUS    nStatus = STATUS_SUCCESS;
-    uint32_t    dwValue = 0;
-    const void *pValue  = &dwValue;
-    uint32_t    cbValue = sizeof dwValue;
+    NTSTATUS nStatus = STATUS_SUCCESS;
+    uint32_t dwValue = 0;
     if (Fails("BCryptGetProperty", &nStatus)) return nStatus;
     if (AlgorithmOf(hObject) == nullptr && KeyOf(hObject) == nullptr) return STATUS_INVALID_HANDLE;
     if (pszProperty == nullptr || pcbResult == nullptr || dwFlags != 0) return STATUS_INVALID_PARAMETER;
     if (CompareTextW(pszProperty, BCRYPT_OBJECT_LENGTH) == 0) dwValue = sizeof(KeyObject);
     else if (CompareTextW(pszProperty, BCRYPT_BLOCK_LENGTH) == 0) dwValue = BLOCK_BYTES;
-    else if (CompareTextW(pszProperty, BCRYPT_CHAINING_MODE) == 0) {
-        pValue  = BCRYPT_CHAIN_MODE_CBC; // also before it is set: the system's default for AES
-        cbValue = sizeof BCRYPT_CHAIN_MODE_CBC;
-    } else return STATUS_NOT_SUPPORTED;
-    *pcbResult = cbValue;
+    else return STATUS_NOT_SUPPORTED;
+    *pcbResult = sizeof dwValue;
     if (pbOutput == nullptr) return STATUS_SUCCESS;
-    if (cbOutput < cbValue) return STATUS_BUFFER_TOO_SMALL;
-    std::memcpy(pbOutput, pValue, cbValue);
+    if (cbOutput < sizeof dwValue) return STATUS_BUFFER_TOO_SMALL;
+    std::memcpy(pbOutput, &dwValue, sizeof dwValue);
     return STATUS_SUCCESS;
 }
 
@@ -303,21 +297,8 @@ NTSTATUS BCryptDecrypt(BCRYPT_KEY_HANDLE hKey, uint8_t *pbInput, uint32_t cbInpu
     if (cbInput == 0 || cbInput % BLOCK_BYTES != 0) return STATUS_INVALID_BUFFER_SIZE;
     *pcbResult = cbInput;
     if (pbOutput == nullptr) return STATUS_SUCCESS;
-    if (cbOutput >= cbInput) return Decrypt(*pKey, pbInput, cbInput, pbIV, pbOutput, pcbResult);
-
-    // The text is up to a block shorter than the input, so it may fit all the same.
-    const std::unique_ptr<uint8_t[]> pPlain(new (std::nothrow) uint8_t[cbInput]);
-    uint8_t                          aIV[BLOCK_BYTES];
-    if (pPlain == nullptr) return STATUS_NO_MEMORY;
-    std::memcpy(aIV, pbIV, BLOCK_BYTES);
-    nStatus = Decrypt(*pKey, pbInput, cbInput, aIV, pPlain.get(), pcbResult);
-    if (nStatus == STATUS_SUCCESS && cbOutput < *pcbResult) nStatus = STATUS_BUFFER_TOO_SMALL;
-    if (nStatus == STATUS_SUCCESS) {
-        std::memcpy(pbOutput, pPlain.get(), *pcbResult);
-        std::memcpy(pbIV, aIV, BLOCK_BYTES);
-    }
-    OPENSSL_cleanse(pPlain.get(), cbInput);
-    return nStatus;
+    if (cbOutput < cbInput) return STATUS_BUFFER_TOO_SMALL;
+    return Decrypt(*pKey, pbInput, cbInput, pbIV, pbOutput, pcbResult);
 }
 
 } // namespace platform

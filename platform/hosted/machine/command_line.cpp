@@ -4,9 +4,7 @@
 #include "platform/hosted/machine/counts.h"
 #include "platform/hosted/machine/errors.h"
 #include "platform/hosted/machine/faults.h"
-#include "platform/hosted/machine/machine.h"
 #include "platform/hosted/machine/program.h"
-#include "platform/hosted/machine/utf.h"
 #include "platform/shell.h"
 #include <cstring>
 #include <vector>
@@ -64,6 +62,16 @@ const char16_t *ReadArgument(const char16_t *psz, std::u16string *psArgument)
 
 } // namespace
 
+std::vector<std::u16string> hosted::SplitArguments(const char16_t *psz)
+{
+    std::vector<std::u16string> aArguments;
+    for (;;) {
+        while (IsBlank(*psz)) psz++;
+        if (*psz == 0) return aArguments;
+        psz = ReadArgument(psz, &aArguments.emplace_back());
+    }
+}
+
 const char16_t *platform::GetCommandLineW()
 {
     return hosted::ProgramCommandLine().c_str();
@@ -72,24 +80,13 @@ const char16_t *platform::GetCommandLineW()
 char16_t **platform::CommandLineToArgvW(const char16_t *pszCommandLine, int32_t *pnArgs)
 {
     if (hosted::FailsNow("CommandLineToArgvW")) return nullptr;
-    if (pszCommandLine == nullptr || pnArgs == nullptr) {
-        hosted::SetError(ERROR_INVALID_PARAMETER);
+    if (pszCommandLine == nullptr || *pszCommandLine == 0 || pnArgs == nullptr) {
+        hosted::SetError(ERROR_INVALID_PARAMETER); // an empty line would stand for the program's own path
         return nullptr;
     }
-    std::vector<std::u16string> aArguments(1);
-    const char16_t             *psz = pszCommandLine;
-    if (*psz == 0) {
-        const std::string sDefault = std::string(hosted::PROGRAM_FOLDER) + '\\' + hosted::PROGRAM_NAME;
-        aArguments[0]              = hosted::ToUtf16(hosted::MachineSetting("program", "path", sDefault.c_str()));
-    } else {
-        psz = ReadProgram(psz, &aArguments[0]);
-    }
-    for (;;) {
-        while (IsBlank(*psz)) psz++;
-        if (*psz == 0) break;
-        aArguments.emplace_back();
-        psz = ReadArgument(psz, &aArguments.back());
-    }
+    std::u16string              sProgram;
+    std::vector<std::u16string> aArguments = hosted::SplitArguments(ReadProgram(pszCommandLine, &sProgram));
+    aArguments.insert(aArguments.begin(), sProgram);
     size_t cb = (aArguments.size() + 1) * sizeof(char16_t *);
     for (const std::u16string &sArgument : aArguments) cb += (sArgument.size() + 1) * sizeof(char16_t);
     char16_t **ppszArguments = static_cast<char16_t **>(hosted::AllocBlock(cb));

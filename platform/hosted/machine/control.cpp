@@ -6,6 +6,7 @@
 #include "platform/hosted/machine/current_machine.h"
 #include "platform/hosted/machine/errors.h"
 #include "platform/hosted/machine/faults.h"
+#include "platform/hosted/machine/host_files.h"
 #include "platform/hosted/machine/machine.h"
 #include <atomic>
 #include <cerrno>
@@ -35,15 +36,6 @@ std::deque<std::string> &Folders()
 {
     static auto &s_aFolders = *new std::deque<std::string>;
     return s_aFolders;
-}
-
-bool MakeFolders(const std::string &sPath)
-{
-    for (size_t i = 1; i <= sPath.size(); i++) {
-        if (i < sPath.size() && sPath[i] != '/') continue;
-        if (mkdir(sPath.substr(0, i).c_str(), 0777) != 0 && errno != EEXIST) return false;
-    }
-    return true;
 }
 
 [[noreturn]] void BadSetting(const char *pszName, const char *pszValue)
@@ -127,7 +119,7 @@ bool MoveTo(const char *pszFolder)
     }
     DropWhatBelongsToAMachine();
     g_psFolder.store(nullptr);
-    if (!MakeFolders(sFolder + "/run")) {
+    if (!MakeHostFolders(sFolder + "/run")) {
         SetErrorFromErrno();
         return false;
     }

@@ -5,6 +5,7 @@
 #include "platform/hosted/control.h"
 #include "platform/hosted/files/disk.h"
 #include "platform/hosted/machine/errors.h"
+#include "platform/hosted/machine/host_files.h"
 #include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
 #include <cctype>
@@ -72,15 +73,6 @@ std::string NewSid()
     return sSid + "-1001";
 }
 
-bool MakeHostFolders(const std::string &sPath)
-{
-    for (size_t i = 1; i <= sPath.size(); i++) {
-        if (i < sPath.size() && sPath[i] != '/') continue;
-        if (mkdir(sPath.substr(0, i).c_str(), 0777) != 0 && errno != EEXIST) return false;
-    }
-    return true;
-}
-
 // Makes a Windows folder with its parents; names that exist in another case are used.
 bool MakeWindowsFolder(const std::string &sWindows)
 {
@@ -113,17 +105,7 @@ bool WriteIfMissing(const std::string &sFile, const std::string &sContent)
 {
     if (access(sFile.c_str(), F_OK) == 0) return true;
     const std::string sNew = sFile + '.' + std::to_string(getpid());
-    {
-        std::ofstream file(sNew, std::ios::binary | std::ios::trunc);
-        file << sContent;
-        file.flush();
-        if (!file) {
-            SetErrorFromErrno();
-            unlink(sNew.c_str());
-            return false;
-        }
-    }
-    const bool bOk = link(sNew.c_str(), sFile.c_str()) == 0 || errno == EEXIST;
+    const bool bOk = WriteWholeFile(sNew, sContent) && (link(sNew.c_str(), sFile.c_str()) == 0 || errno == EEXIST);
     if (!bOk) SetErrorFromErrno();
     unlink(sNew.c_str());
     return bOk;

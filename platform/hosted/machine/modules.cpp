@@ -32,56 +32,53 @@ using namespace platform;
 constexpr char16_t SYSTEM_FOLDER[] = u"C:\\Windows\\system32";
 
 // Bound by name, without a behaviour here unless the library's own table has one.
-constexpr const char *g_aUser32Names[] = {
-    "RegisterWindowMessageW",
-    "PostMessageW",
-    "FindWindowW",
-    "FindWindowExW",
-    "LoadIconW",
-    "DestroyIcon",
-    "LoadCursorW",
-    "RegisterClassExW",
-    "CreateWindowExW",
-    "PostQuitMessage",
-    "DefWindowProcW",
-    "GetWindowThreadProcessId",
-    "GetMessageW",
-    "TranslateMessage",
-    "DispatchMessageW",
-    "SetTimer",
-    "KillTimer",
-    "DestroyWindow",
-    "PeekMessageW",
-    "RegisterPowerSettingNotification",
-    "UnregisterPowerSettingNotification",
-    "ChangeWindowMessageFilterEx",
-    "GetLastInputInfo",
-    "GetThreadDesktop",
-    "GetUserObjectInformationW",
-    "SetWindowPos",
-    "GetKeyboardState",
-    "QueryDisplayConfig",
-    "GetDisplayConfigBufferSizes",
-    "DisplayConfigGetDeviceInfo",
-    "SetDisplayConfig",
-    "IsImmersiveProcess",
-    "IsWindowVisible",
-    "GetForegroundWindow",
-    "SystemParametersInfoW",
-    "SendMessageW",
-    "GetDesktopWindow",
-    "GetCaretBlinkTime",
-    "SetCaretBlinkTime",
-    "GetSystemMetrics",
-    "GetDoubleClickTime",
-    "EnumWindows",
-    "GetClassNameW",
-    "GetShellWindow",
-};
+constexpr const char *g_aUser32Names[]  = {"RegisterWindowMessageW",
+                                           "PostMessageW",
+                                           "FindWindowW",
+                                           "FindWindowExW",
+                                           "LoadIconW",
+                                           "DestroyIcon",
+                                           "LoadCursorW",
+                                           "RegisterClassExW",
+                                           "CreateWindowExW",
+                                           "PostQuitMessage",
+                                           "DefWindowProcW",
+                                           "GetWindowThreadProcessId",
+                                           "GetMessageW",
+                                           "TranslateMessage",
+                                           "DispatchMessageW",
+                                           "SetTimer",
+                                           "KillTimer",
+                                           "DestroyWindow",
+                                           "PeekMessageW",
+                                           "RegisterPowerSettingNotification",
+                                           "UnregisterPowerSettingNotification",
+                                           "ChangeWindowMessageFilterEx",
+                                           "GetLastInputInfo",
+                                           "GetThreadDesktop",
+                                           "GetUserObjectInformationW",
+                                           "SetWindowPos",
+                                           "GetKeyboardState",
+                                           "QueryDisplayConfig",
+                                           "GetDisplayConfigBufferSizes",
+                                           "DisplayConfigGetDeviceInfo",
+                                           "SetDisplayConfig",
+                                           "IsImmersiveProcess",
+                                           "IsWindowVisible",
+                                           "GetForegroundWindow",
+                                           "SystemParametersInfoW",
+                                           "SendMessageW",
+                                           "GetDesktopWindow",
+                                           "GetCaretBlinkTime",
+                                           "SetCaretBlinkTime",
+                                           "GetSystemMetrics",
+                                           "GetDoubleClickTime",
+                                           "EnumWindows",
+                                           "GetClassNameW",
+                                           "GetShellWindow"};
 constexpr const char *g_aShell32Names[] = {
-    "ShellExecuteA",    "ShellExecuteW", "ShellExecuteExW", "ExtractIconExW", "SHCreateShellItemArrayFromIDLists",
-    "SHFileOperationW",
-};
+    "ShellExecuteA",   "ShellExecuteW", "ShellExecuteExW", "ExtractIconExW", "SHCreateShellItemArrayFromIDLists",
+    "SHFileOperationW"};
 constexpr const char *g_aWtsapi32Names[] = {"WTSRegisterSessionNotification", "WTSUnRegisterSessionNotification"};
 
 struct Library {
@@ -258,22 +255,11 @@ uint32_t GetModuleFileNameA(HMODULE hModule, char *pszBuffer, uint32_t cch)
 
 bool GetOwnVersionText(const char16_t *pszSubBlock, char16_t *pszBuffer, uint32_t cch)
 {
-    static const struct {
-        const char *pszName, *pszText;
-    } s_aTexts[] = {
-        {"companyname", VORN_COMPANY_NAME},       {"filedescription", VORN_FILE_DESCRIPTION},
-        {"fileversion", VORN_VERSION_TEXT},       {"internalname", VORN_INTERNAL_NAME},
-        {"legalcopyright", VORN_LEGAL_COPYRIGHT}, {"originalfilename", VORN_ORIGINAL_FILENAME},
-        {"productname", VORN_PRODUCT_NAME},       {"productversion", VORN_VERSION_TEXT},
-    };
     if (pszBuffer == nullptr || cch == 0) return false;
     pszBuffer[0] = u'\0';
     if (hosted::FailsNow("GetOwnVersionText") || pszSubBlock == nullptr) return false;
-    // names in a version resource compare without regard to case
-    const std::string sWanted = LowerAscii(hosted::ToUtf8(pszSubBlock));
-    for (const auto &text : s_aTexts)
-        if (sWanted == std::string("\\stringfileinfo\\" VORN_VERSION_BLOCK "\\") + text.pszName)
-            return CopyTextW(pszBuffer, cch, hosted::ToUtf16(text.pszText).c_str());
+    if (CompareTextNoCaseW(pszSubBlock, u"\\StringFileInfo\\" VORN_VERSION_BLOCK "\\ProductVersion") == 0)
+        return CopyTextW(pszBuffer, cch, hosted::ToUtf16(VORN_VERSION_TEXT).c_str());
     hosted::SetError(ERROR_NOT_FOUND);
     return false;
 }

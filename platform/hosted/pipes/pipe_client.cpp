@@ -22,8 +22,6 @@
 namespace hosted {
 namespace {
 
-constexpr uint32_t NMPWAIT_USE_DEFAULT_WAIT = 0; // the time that the pipe's creator gave
-
 struct PipeClient : KernelObject {
     PipeClient(int nFd, uint32_t cbInBuffer)
         : KernelObject(HandleKind::PipeClient), connection(nFd), cbCredit(std::max(cbInBuffer, 1u))
@@ -160,10 +158,14 @@ platform::BOOL platform::WaitNamedPipeW(const char16_t *pszName, uint32_t nTimeO
 {
     using namespace hosted;
     if (FailsNow("WaitNamedPipeW")) return FALSE;
+    if (nTimeOut == 0) { // would be the time that the pipe's creator gave
+        SetError(ERROR_NOT_SUPPORTED);
+        return FALSE;
+    }
     const std::string sFolder = PipeFolder(pszName);
     if (sFolder.empty() || !ListenForWakes()) return FALSE;
-    Deadline deadline = DeadlineAfter(nTimeOut);
-    for (bool bFirst = true, bInTime = true;; bFirst = false) {
+    const Deadline deadline = DeadlineAfter(nTimeOut);
+    for (bool bInTime = true;;) {
         uint64_t nWakes = 0;
         {
             const std::lock_guard<std::mutex> guard(TheWaits().mutex);
@@ -179,7 +181,6 @@ platform::BOOL platform::WaitNamedPipeW(const char16_t *pszName, uint32_t nTimeO
                 SetError(ERROR_SEM_TIMEOUT);
                 return FALSE;
             }
-            if (bFirst && nTimeOut == NMPWAIT_USE_DEFAULT_WAIT) deadline = DeadlineAfter(record.dwDefaultTimeOut);
         }
         std::unique_lock<std::mutex> lock(TheWaits().mutex);
         while (bInTime && TheWaits().nWakes == nWakes) bInTime = WaitUntil(lock, TheWaits().condition, deadline);

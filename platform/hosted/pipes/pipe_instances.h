@@ -11,10 +11,7 @@
 namespace hosted {
 
 struct InstanceRecord {
-    uint32_t nMaxInstances;
     uint32_t cbInBuffer;
-    uint32_t dwDefaultTimeOut; // ms
-    uint32_t dwProcessId;
     uint32_t bSecured;
     uint32_t dwEveryoneAccess;
 };

@@ -2,8 +2,8 @@
 // A connection is a local stream socket. The client may have no more bytes on the way than the instance's in-buffer
 // holds: the server's side answers each read with the number of bytes taken (pipe_credits.h), and a writer without
 // credit waits.
-// Differences from Windows: inbound byte-read message pipes only (others: ERROR_NOT_SUPPORTED); an
-// in-buffer of 0 holds one byte; the number of instances is bounded by the value that each creator gives.
+// Differences from Windows: inbound, overlapped, byte-read message pipes of any number of instances only (others:
+// ERROR_NOT_SUPPORTED); an in-buffer of 0 holds one byte.
 #include "platform/hosted/pipes/pipes.h"
 #include "platform/errors.h"
 #include "platform/hosted/kernel/descriptor_watcher.h"
@@ -38,10 +38,9 @@ struct PipeServer : KernelObject {
     PipeServer() : KernelObject(HandleKind::PipeServer) {}
     ~PipeServer() override;
 
-    std::string sFolder; // this and the next three are fixed once the instance is made
+    std::string sFolder; // this and the next two are fixed once the instance is made
     uint32_t    nNumber     = 0;
     int         nInstanceFd = -1; // holds the lock that says the instance lives
-    bool        bOverlapped = false;
 
     std::mutex                    mutex; // guards what follows; a reader keeps the connection while it reads without it
     State                         eState = State::Disconnected;
@@ -149,6 +148,10 @@ platform::BOOL AlreadyConnected(const PipeServer &server)
 
 platform::BOOL Connect(const std::shared_ptr<PipeServer> &pServer, platform::OVERLAPPED *pOverlapped)
 {
+    if (pOverlapped == nullptr) {
+        SetError(platform::ERROR_NOT_SUPPORTED);
+        return platform::FALSE;
+    }
     std::unique_lock<std::mutex> lock(pServer->mutex);
     if (pServer->eState == PipeServer::State::Disconnected) {
         const MachineLock machine;
@@ -158,22 +161,6 @@ platform::BOOL Connect(const std::shared_ptr<PipeServer> &pServer, platform::OVE
         return platform::FALSE;
     } else if (pServer->eState == PipeServer::State::Connected || Accept(*pServer)) {
         return AlreadyConnected(*pServer);
-    }
-    if (pOverlapped == nullptr || !pServer->bOverlapped) {
-        const std::shared_ptr<Descriptor> pListener = pServer->pListener;
-        lock.unlock();
-        WakeMachine();
-        for (;;) {
-            pollfd request{pListener->nFd, POLLIN, 0};
-            poll(&request, 1, -1);
-            const std::lock_guard<std::mutex> guard(pServer->mutex);
-            if (Accept(*pServer)) return platform::TRUE;
-            const int nErrno = errno;
-            if (pServer->eState == PipeServer::State::Listening && IsWorthWaiting(nErrno)) continue;
-            SetError(pServer->eState == PipeServer::State::Listening ? ErrorFromErrno(nErrno)
-                                                                     : platform::ERROR_PIPE_NOT_CONNECTED);
-            return platform::FALSE;
-        }
     }
     std::shared_ptr<KernelObject> pEvent = ObjectOfKind<KernelObject>(pOverlapped->hEvent, HandleKind::Event);
     if (pEvent == nullptr) return platform::FALSE;
@@ -246,7 +233,7 @@ platform::BOOL StartReading(const std::shared_ptr<PipeServer> &pServer, const st
     std::shared_ptr<KernelObject> pEvent = ObjectOfKind<KernelObject>(pOverlapped->hEvent, HandleKind::Event);
     if (pEvent == nullptr) return platform::FALSE;
     const std::lock_guard<std::mutex> guard(pServer->mutex);
-    if (!pServer->bOverlapped || pServer->pReading != nullptr || pServer->pConnection != pConnection) {
+    if (pServer->pReading != nullptr || pServer->pConnection != pConnection) {
         SetError(platform::ERROR_NOT_SUPPORTED); // one read at a time
         return platform::FALSE;
     }
@@ -310,36 +297,26 @@ platform::BOOL ReadPipe(const std::shared_ptr<KernelObject> &pPipe, void *pBuffe
 } // namespace hosted
 
 platform::HANDLE platform::CreateNamedPipeW(const char16_t *pszName, uint32_t dwOpenMode, uint32_t dwPipeMode,
-                                            uint32_t nMaxInstances, uint32_t, uint32_t nInBufferSize,
-                                            uint32_t dwDefaultTimeOut, SECURITY_ATTRIBUTES *pSecurity)
+                                            uint32_t nMaxInstances, uint32_t, uint32_t nInBufferSize, uint32_t,
+                                            SECURITY_ATTRIBUTES *pSecurity)
 {
     using namespace hosted;
     if (FailsNow("CreateNamedPipeW")) return INVALID_HANDLE_VALUE;
-    if ((dwOpenMode & ~FILE_FLAG_OVERLAPPED) != PIPE_ACCESS_INBOUND ||
+    if (dwOpenMode != (PIPE_ACCESS_INBOUND | FILE_FLAG_OVERLAPPED) || nMaxInstances != PIPE_UNLIMITED_INSTANCES ||
         dwPipeMode != (PIPE_TYPE_MESSAGE | PIPE_READMODE_BYTE | PIPE_WAIT)) {
         SetError(ERROR_NOT_SUPPORTED);
         return INVALID_HANDLE_VALUE;
     }
-    if (nMaxInstances == 0 || nMaxInstances > PIPE_UNLIMITED_INSTANCES) {
-        SetError(ERROR_INVALID_PARAMETER);
-        return INVALID_HANDLE_VALUE;
-    }
-    auto pServer         = std::make_shared<PipeServer>();
-    pServer->bOverlapped = (dwOpenMode & FILE_FLAG_OVERLAPPED) != 0;
-    pServer->sFolder     = PipeFolder(pszName);
+    auto pServer     = std::make_shared<PipeServer>();
+    pServer->sFolder = PipeFolder(pszName);
     if (pServer->sFolder.empty()) return INVALID_HANDLE_VALUE;
     pServer->bSecured         = pSecurity != nullptr;
     pServer->dwEveryoneAccess = pSecurity != nullptr ? pSecurity->dwEveryoneAccess : 0;
-    const InstanceRecord record{nMaxInstances,         nInBufferSize,     dwDefaultTimeOut,
-                                GetCurrentProcessId(), pServer->bSecured, pServer->dwEveryoneAccess};
+    const InstanceRecord record{nInBufferSize, pServer->bSecured, pServer->dwEveryoneAccess};
     uint32_t             dwError = 0;
     {
         const MachineLock lock;
         if (!lock.IsHeld()) return INVALID_HANDLE_VALUE;
-        if (nMaxInstances != PIPE_UNLIMITED_INSTANCES && LiveInstances(pServer->sFolder).size() >= nMaxInstances) {
-            SetError(ERROR_PIPE_BUSY);
-            return INVALID_HANDLE_VALUE;
-        }
         pServer->nInstanceFd = AddInstance(pServer->sFolder, record, &pServer->nNumber);
         if (pServer->nInstanceFd < 0) return INVALID_HANDLE_VALUE;
         if (!Listen(*pServer)) dwError = GetLastError();

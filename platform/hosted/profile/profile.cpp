@@ -8,6 +8,7 @@
 #include "platform/hosted/machine/utf.h"
 #include "platform/hosted/profile/profile_store.h"
 #include "platform/text.h"
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -23,40 +24,28 @@ struct Wide {
     std::u16string  sText;
 };
 
-// *psResult: the value, or a list of names each with its terminator. False: the default is to be given.
+// False: the default is to be given.
 bool Query(const char16_t *pszSection, const char16_t *pszKey, const char16_t *pszFile, std::u16string *psResult)
 {
-    bool           bFound  = false;
-    const uint32_t dwError = hosted::ReadProfile(pszFile, [&](const ProfileText &text) {
-        if (pszSection == nullptr) {
-            *psResult = text.Sections();
-            bFound    = true;
-        } else if (pszKey == nullptr) {
-            bFound = text.Keys(pszSection, psResult);
-        } else {
+    bool     bFound  = false;
+    uint32_t dwError = ERROR_NOT_SUPPORTED; // lists of sections and keys
+    if (pszSection != nullptr && pszKey != nullptr)
+        dwError = hosted::ReadProfile(pszFile, [&](const ProfileText &text) {
             std::u16string_view sValue;
             bFound = text.Read(pszSection, pszKey, &sValue);
             if (bFound) *psResult = sValue;
-        }
-    });
+        });
     if (!bFound) hosted::SetError(dwError != 0 ? dwError : ERROR_FILE_NOT_FOUND);
     return bFound;
 }
 
-// Copies a value (one terminator) or a list (one more at its end); what does not fit is cut.
-template <class Char> uint32_t Give(const std::basic_string<Char> &sResult, bool bList, Char *pszBuffer, uint32_t cch)
+// What does not fit is cut.
+template <class Char> uint32_t Give(const std::basic_string<Char> &sResult, Char *pszBuffer, uint32_t cch)
 {
-    const uint32_t nTerminators = bList ? 2 : 1;
     if (pszBuffer == nullptr || cch == 0) return 0;
-    if (cch < nTerminators) {
-        pszBuffer[0] = 0;
-        return 0;
-    }
-    // The last name of a list brings its own terminator.
-    const size_t nWhole = sResult.size() + (bList && !sResult.empty() ? 1 : nTerminators);
-    const size_t nGive  = nWhole <= cch ? sResult.size() : cch - nTerminators;
+    const size_t nGive = std::min<size_t>(sResult.size(), cch - 1);
     memcpy(pszBuffer, sResult.data(), nGive * sizeof(Char));
-    for (size_t i = nGive; i < cch && i < nGive + nTerminators; i++) pszBuffer[i] = 0;
+    pszBuffer[nGive] = 0;
     return static_cast<uint32_t>(nGive);
 }
 
@@ -66,32 +55,19 @@ std::u16string WithoutTrailingBlanks(std::u16string sText)
     return sText;
 }
 
-// The whole number at the start of a value, as the system reads it: sign, 0x, digits; too large ones wrap.
+// The whole number at the start of a value; too large ones wrap. Signs and other bases are nobody's here.
 uint32_t NumberIn(const std::u16string &sValue)
 {
-    size_t i = 0;
-    while (i < sValue.size() && sValue[i] <= u' ') i++;
-    const bool bNegative = i < sValue.size() && sValue[i] == u'-';
-    if (i < sValue.size() && (sValue[i] == u'-' || sValue[i] == u'+')) i++;
-    const uint32_t nBase = sValue.compare(i, 2, u"0x") == 0 ? 16 : 10;
-    if (nBase == 16) i += 2;
     uint32_t nValue = 0;
-    for (; i < sValue.size(); i++) {
-        const char16_t ch     = sValue[i];
-        const uint32_t nDigit = ch >= u'0' && ch <= u'9'                 ? ch - u'0'
-                                : (ch | 32) >= u'a' && (ch | 32) <= u'f' ? (ch | 32) - u'a' + 10u
-                                                                         : 99;
-        if (nDigit >= nBase) break;
-        nValue = nValue * nBase + nDigit;
-    }
-    return bNegative ? 0 - nValue : nValue;
+    for (size_t i = 0; i < sValue.size() && sValue[i] >= u'0' && sValue[i] <= u'9'; i++)
+        nValue = nValue * 10 + (sValue[i] - u'0');
+    return nValue;
 }
 
 uint32_t QueryNumber(const char16_t *pszSection, const char16_t *pszKey, int32_t nDefault, const char16_t *pszFile)
 {
     std::u16string sValue;
-    if (pszSection == nullptr || pszKey == nullptr || !Query(pszSection, pszKey, pszFile, &sValue) || sValue.empty())
-        return static_cast<uint32_t>(nDefault);
+    if (!Query(pszSection, pszKey, pszFile, &sValue) || sValue.empty()) return static_cast<uint32_t>(nDefault);
     return NumberIn(sValue);
 }
 
@@ -117,23 +93,21 @@ BOOL Change(const char16_t *pszSection, const char16_t *pszKey, const char16_t *
 uint32_t platform::GetPrivateProfileStringA(const char *pszSection, const char *pszKey, const char *pszDefault,
                                             char *pszBuffer, uint32_t cch, const char *pszFile)
 {
-    const bool     bList = pszSection == nullptr || pszKey == nullptr;
     std::u16string sResult;
     if (!hosted::FailsNow("GetPrivateProfileStringA") &&
         Query(Wide(pszSection).Get(), Wide(pszKey).Get(), Wide(pszFile).Get(), &sResult))
-        return Give(hosted::ToUtf8(sResult), bList, pszBuffer, cch);
-    return Give(hosted::ToUtf8(WithoutTrailingBlanks(Wide(pszDefault).sText)), false, pszBuffer, cch);
+        return Give(hosted::ToUtf8(sResult), pszBuffer, cch);
+    return Give(hosted::ToUtf8(WithoutTrailingBlanks(Wide(pszDefault).sText)), pszBuffer, cch);
 }
 
 uint32_t platform::GetPrivateProfileStringW(const char16_t *pszSection, const char16_t *pszKey,
                                             const char16_t *pszDefault, char16_t *pszBuffer, uint32_t cch,
                                             const char16_t *pszFile)
 {
-    const bool     bList = pszSection == nullptr || pszKey == nullptr;
     std::u16string sResult;
     if (!hosted::FailsNow("GetPrivateProfileStringW") && Query(pszSection, pszKey, pszFile, &sResult))
-        return Give(sResult, bList, pszBuffer, cch);
-    return Give(WithoutTrailingBlanks(pszDefault == nullptr ? u"" : pszDefault), false, pszBuffer, cch);
+        return Give(sResult, pszBuffer, cch);
+    return Give(WithoutTrailingBlanks(pszDefault == nullptr ? u"" : pszDefault), pszBuffer, cch);
 }
 
 uint32_t platform::GetPrivateProfileIntA(const char *pszSection, const char *pszKey, int32_t nDefault,

@@ -136,24 +136,6 @@ bool ProfileText::Read(std::u16string_view sSection, std::u16string_view sKey, s
     return true;
 }
 
-std::u16string ProfileText::Sections() const
-{
-    std::u16string      sNames;
-    std::u16string_view sName;
-    for (Line line = LineAt(Start()); line.nAt < m_sText.size(); line = LineAt(line.nNext))
-        if (HeaderName(line.sTrimmed, &sName)) (sNames += sName) += u'\0';
-    return sNames;
-}
-
-bool ProfileText::Keys(std::u16string_view sSection, std::u16string *psKeys) const
-{
-    Section section;
-    Key     key;
-    if (!FindSection(sSection, &section)) return false;
-    for (size_t nAt = section.nBody; NextKey(section, &nAt, &key);) (*psKeys += key.sName) += u'\0';
-    return true;
-}
-
 bool ProfileText::Write(std::u16string_view sSection, std::u16string_view sKey, std::u16string_view sValue)
 {
     Section        section;

@@ -15,9 +15,6 @@ class ProfileText {
 
     // The value with blanks and quotes stripped. False: no such section or key.
     bool Read(std::u16string_view sSection, std::u16string_view sKey, std::u16string_view *psValue) const;
-    // The names, each followed by a terminator.
-    std::u16string Sections() const;
-    bool           Keys(std::u16string_view sSection, std::u16string *psKeys) const;
 
     // False: there was nothing to change.
     bool Write(std::u16string_view sSection, std::u16string_view sKey, std::u16string_view sValue);

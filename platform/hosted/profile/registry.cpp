@@ -13,8 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <mutex>
-#include <set>
 
 namespace {
 
@@ -27,29 +25,9 @@ constexpr char     MACHINE_ROOT[]  = "HKEY_LOCAL_MACHINE";
 struct OpenKey {
     std::string sName;
 };
-std::mutex &Mutex()
+std::string NameOf(HKEY hKey)
 {
-    static std::mutex &s_Mutex = *new std::mutex;
-    return s_Mutex;
-}
-std::set<OpenKey *> &OpenKeys() // [Mutex]
-{
-    static auto &s_aKeys = *new std::set<OpenKey *>;
-    return s_aKeys;
-}
-
-// The whole name of an open key, false when it is none.
-bool NameOf(HKEY hKey, std::string *psName)
-{
-    if (hKey == HKEY_LOCAL_MACHINE) {
-        *psName = MACHINE_ROOT;
-        return true;
-    }
-    const std::lock_guard<std::mutex> guard(Mutex());
-    const auto                        it = OpenKeys().find(static_cast<OpenKey *>(hKey));
-    if (it == OpenKeys().end()) return false;
-    *psName = (*it)->sName;
-    return true;
+    return hKey == HKEY_LOCAL_MACHINE ? MACHINE_ROOT : static_cast<const OpenKey *>(hKey)->sName;
 }
 
 std::string RegistryFile()
@@ -78,16 +56,12 @@ int32_t platform::RegOpenKeyExW(HKEY hKey, const char16_t *pszSubKey, uint32_t d
     uint32_t dwError = 0;
     if (hosted::FailsNow("RegOpenKeyExW", &dwError)) return static_cast<int32_t>(dwError);
     if (dwOptions != 0 || (dwAccess & ~(KEY_QUERY_VALUE | KEY_WOW64_64KEY)) != 0) return ERROR_NOT_SUPPORTED;
-    std::string sName;
-    if (!NameOf(hKey, &sName)) return ERROR_INVALID_HANDLE;
+    std::string sName = NameOf(hKey);
     if (pszSubKey != nullptr && *pszSubKey != 0) sName += '\\' + hosted::ToUtf8(pszSubKey);
     while (sName.back() == '\\') sName.pop_back();
     if (!KeyExists(sName)) return ERROR_FILE_NOT_FOUND;
-    const std::lock_guard<std::mutex> guard(Mutex());
-    OpenKey                          *pKey = new OpenKey{sName};
-    OpenKeys().insert(pKey);
     hosted::g_nBlocks++;
-    *phResult = pKey;
+    *phResult = new OpenKey{sName};
     return ERROR_SUCCESS;
 }
 
@@ -97,8 +71,7 @@ int32_t platform::RegQueryValueExW(HKEY hKey, const char16_t *pszValueName, uint
     uint32_t dwError = 0;
     if (hosted::FailsNow("RegQueryValueExW", &dwError)) return static_cast<int32_t>(dwError);
     if (pdwReserved != nullptr || (pbData != nullptr && pcbData == nullptr)) return ERROR_INVALID_PARAMETER;
-    std::string sName;
-    if (!NameOf(hKey, &sName)) return ERROR_INVALID_HANDLE;
+    const std::string                                sName = NameOf(hKey);
     std::vector<std::pair<std::string, std::string>> aValues;
     const std::string sWanted = pszValueName == nullptr ? "" : hosted::ToUtf8(pszValueName);
     hosted::ReadMachineFile(RegistryFile(), sName.c_str(), &aValues);
@@ -129,9 +102,6 @@ int32_t platform::RegCloseKey(HKEY hKey)
 {
     uint32_t dwError = 0;
     if (hosted::FailsNow("RegCloseKey", &dwError)) return static_cast<int32_t>(dwError);
-    if (hKey == HKEY_LOCAL_MACHINE) return ERROR_SUCCESS;
-    const std::lock_guard<std::mutex> guard(Mutex());
-    if (OpenKeys().erase(static_cast<OpenKey *>(hKey)) == 0) return ERROR_INVALID_HANDLE;
     delete static_cast<OpenKey *>(hKey);
     hosted::g_nBlocks--;
     return ERROR_SUCCESS;

@@ -3,7 +3,6 @@
 #include "platform/hosted/machine/counts.h"
 #include "platform/hosted/machine/faults.h"
 #include "platform/hosted/sockets/socket_table.h"
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <netdb.h>
@@ -21,25 +20,13 @@ struct Entry {
     platform::sockaddr_in address;
 };
 
-// The port in network order. A number, or the name of a TCP service; false when it is neither.
+// The port in network order; false when it is no number: nobody here asks for a service by name.
 bool ReadService(const char *pszService, uint16_t *pnPort)
 {
-    *pnPort = 0;
-    if (pszService == nullptr || *pszService == '\0') return true;
-    if (std::isdigit(static_cast<unsigned char>(*pszService))) {
-        char      *pszEnd = nullptr;
-        const long nPort  = std::strtol(pszService, &pszEnd, 10);
-        if (*pszEnd != '\0' || nPort > 65535) return false;
-        *pnPort = platform::htons(static_cast<uint16_t>(nPort));
-        return true;
-    }
-    ::servent  service = {};
-    ::servent *pFound  = nullptr;
-    char       aBuffer[1024];
-    if (::getservbyname_r(pszService, "tcp", &service, aBuffer, sizeof aBuffer, &pFound) != 0 || pFound == nullptr)
-        return false;
-    *pnPort = static_cast<uint16_t>(pFound->s_port);
-    return true;
+    char      *pszEnd = nullptr;
+    const long nPort  = pszService != nullptr ? std::strtol(pszService, &pszEnd, 10) : -1;
+    *pnPort           = platform::htons(static_cast<uint16_t>(nPort));
+    return nPort >= 0 && nPort <= 65535 && pszEnd != pszService && *pszEnd == '\0';
 }
 
 int32_t ErrorFromResolver(int nResult)
@@ -56,9 +43,7 @@ int32_t ErrorFromResolver(int nResult)
 int32_t Resolve(const char *pszNode, const char *pszService, const platform::addrinfo *pHints,
                 platform::addrinfo **ppResult)
 {
-    const bool bNoNode = pszNode == nullptr || *pszNode == '\0';
-    uint16_t   nPort   = 0;
-    if (bNoNode && (pszService == nullptr || *pszService == '\0')) return platform::WSAHOST_NOT_FOUND;
+    uint16_t nPort = 0;
     if (pHints != nullptr) {
         if (pHints->ai_family != 0 && pHints->ai_family != AF_INET) return hosted::WSAEAFNOSUPPORT;
         if (pHints->ai_socktype != 0 && pHints->ai_socktype != SOCK_STREAM) return hosted::WSAESOCKTNOSUPPORT;
@@ -72,7 +57,7 @@ int32_t Resolve(const char *pszNode, const char *pszService, const platform::add
     hints.ai_socktype  = SOCK_STREAM;
     hints.ai_flags     = pHints != nullptr && (pHints->ai_flags & WINSOCK_AI_PASSIVE) != 0 ? AI_PASSIVE : 0;
     // the resolver wants a node or a service; the port is filled in below
-    const int nResult = ::getaddrinfo(bNoNode ? nullptr : pszNode, bNoNode ? "0" : nullptr, &hints, &pFound);
+    const int nResult = ::getaddrinfo(pszNode, pszNode == nullptr ? "0" : nullptr, &hints, &pFound);
     if (nResult != 0) return ErrorFromResolver(nResult);
 
     platform::addrinfo  *pFirst = nullptr;

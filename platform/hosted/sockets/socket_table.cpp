@@ -204,21 +204,7 @@ int32_t WSAStartup(uint16_t wVersionRequested, WSADATA *pData)
 int32_t WSACleanup()
 {
     if (hosted::FailsNow("WSACleanup")) return SOCKET_ERROR;
-    int nStarts = hosted::g_nWinsockStarts;
-    do {
-        if (nStarts <= 0) return hosted::FailWith(WSANOTINITIALISED);
-    } while (!hosted::g_nWinsockStarts.compare_exchange_weak(nStarts, nStarts - 1));
-    if (nStarts > 1) return 0;
-
-    // the last one takes every open socket with it
-    std::vector<std::shared_ptr<hosted::Connection>> aEnding;
-    {
-        SocketTable                &table = Table();
-        std::lock_guard<std::mutex> lock(table.csTable);
-        for (Slot &slot : table.aSlots)
-            if (slot.pConnection != nullptr) aEnding.push_back(Take(table, slot));
-    }
-    for (const auto &pConnection : aEnding) EndConnection(*pConnection);
+    --hosted::g_nWinsockStarts; // sockets that are still open stay so: they are their opener's fault
     return 0;
 }
 
@@ -234,15 +220,13 @@ void WSASetLastError(int32_t nError)
 
 int32_t shutdown(SOCKET s, int32_t nHow)
 {
-    static_assert(SHUT_RD == 0 && SHUT_WR == 1 && SHUT_RDWR == SD_BOTH, "both systems number the directions alike");
     const std::shared_ptr<hosted::Connection> pConnection = hosted::EnterSocketCall("shutdown", s);
     if (pConnection == nullptr) return SOCKET_ERROR;
-    if (nHow < SHUT_RD || nHow > SHUT_RDWR) return hosted::FailWith(WSAEINVAL);
+    static_assert(SHUT_WR == 1 && SHUT_RDWR == SD_BOTH, "both systems number the directions alike");
+    if (nHow != SHUT_WR && nHow != SHUT_RDWR) return hosted::FailWith(hosted::WSAEOPNOTSUPP);
     if (!pConnection->bConnected) return hosted::FailWith(WSAENOTCONN);
-    if (nHow != SHUT_RD) hosted::PushHeldBytes(*pConnection);
-    pConnection->nShut |= nHow == SHUT_RD   ? hosted::SHUT_FOR_RECV
-                          : nHow == SHUT_WR ? hosted::SHUT_FOR_SEND
-                                            : hosted::SHUT_FOR_RECV | hosted::SHUT_FOR_SEND;
+    hosted::PushHeldBytes(*pConnection);
+    pConnection->nShut |= hosted::SHUT_FOR_SEND | (nHow == SHUT_RDWR ? hosted::SHUT_FOR_RECV : 0);
     if (::shutdown(pConnection->fd, nHow) != 0 && errno != ENOTCONN)
         return hosted::FailWith(hosted::WinsockErrorFromErrno(errno));
     return 0; // ENOTCONN: the peer has already ended the link, and there is nothing left to end

@@ -1,6 +1,7 @@
 // trace_sessions.cpp: switching trace sessions and debugger output of a machine on and off, from any program.
 // A session file is put in place whole, by rename, so that a program never reads half of one.
 #include "platform/hosted/trace/trace_sessions.h"
+#include "platform/hosted/machine/host_files.h"
 #include "platform/hosted/trace/trace_lines.h"
 #include <cerrno>
 #include <cstdio>
@@ -25,21 +26,6 @@ std::string FileOfSession(const char *pszMachine, const char *pszSession, const 
         sName.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_") != sName.npos)
         return "";
     return TraceFolder(pszMachine) + "/" + pszSession + pszSuffix;
-}
-
-bool WriteWholeFile(const std::string &sPath, const std::string &sContent)
-{
-    const std::string sNew = sPath + "." + std::to_string(::getpid()) + ".new";
-    const int         fd   = ::open(sNew.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0) return false;
-    bool bDone = ::write(fd, sContent.data(), sContent.size()) == static_cast<ssize_t>(sContent.size());
-    bDone      = ::close(fd) == 0 && bDone && ::rename(sNew.c_str(), sPath.c_str()) == 0;
-    if (!bDone) {
-        const int nErrno = errno;
-        ::unlink(sNew.c_str());
-        errno = nErrno;
-    }
-    return bDone;
 }
 
 bool MakeTraceFolder(const char *pszMachine)

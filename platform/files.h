@@ -94,7 +94,6 @@ BOOL               GetFileAttributesExW(const char16_t *pszFileName, GET_FILEEX_
 BOOL               DeleteFileW(const char16_t *pszFileName);
 BOOL               DeleteFileA(const char *pszFileName);
 BOOL               CreateDirectoryW(const char16_t *pszPathName, SECURITY_ATTRIBUTES *pSecurity);
-BOOL               RemoveDirectoryW(const char16_t *pszPathName);
 constexpr uint32_t MOVEFILE_REPLACE_EXISTING = 1;
 BOOL               MoveFileExW(const char16_t *pszExistingFileName, const char16_t *pszNewFileName, uint32_t dwFlags);
 

@@ -46,10 +46,9 @@ uint32_t WaitForMultipleObjects(uint32_t nCount, const HANDLE *pHandles, BOOL bW
 
 using ThreadProcedure = uint32_t (*)(void *pParameter);
 // pSecurity null, dwStackSize 0 and dwCreationFlags 0. Null on failure. The handle is signalled when the thread ends.
-HANDLE   CreateThread(void *pSecurity, size_t dwStackSize, ThreadProcedure pStart, void *pParameter,
-                      uint32_t dwCreationFlags, uint32_t *pdwThreadId);
-BOOL     GetExitCodeThread(HANDLE hThread, uint32_t *pdwExitCode);
-uint32_t GetCurrentThreadId();
+HANDLE CreateThread(void *pSecurity, size_t dwStackSize, ThreadProcedure pStart, void *pParameter,
+                    uint32_t dwCreationFlags, uint32_t *pdwThreadId);
+BOOL   GetExitCodeThread(HANDLE hThread, uint32_t *pdwExitCode);
 
 // Recursive lock, as on Windows. A zeroed object is not initialised.
 struct CRITICAL_SECTION {
@@ -58,7 +57,6 @@ struct CRITICAL_SECTION {
 void InitializeCriticalSection(CRITICAL_SECTION *pSection);
 void EnterCriticalSection(CRITICAL_SECTION *pSection);
 void LeaveCriticalSection(CRITICAL_SECTION *pSection);
-void DeleteCriticalSection(CRITICAL_SECTION *pSection);
 // True when the calling thread is inside. Not a Win32 call: what functions that expect a lock assert with.
 bool HoldsCriticalSection(const CRITICAL_SECTION *pSection);
 

@@ -13,12 +13,6 @@ constexpr uint32_t FILE_EVERYONE_ACCESS = 0xFFFFFFFF;
 SECURITY_ATTRIBUTES *CreateEveryoneSecurity(uint32_t dwAccessMask);
 void                 FreeSecurity(SECURITY_ATTRIBUTES *pSecurity);
 
-enum class SecuredObject { File, Kernel };
-// Reads the access list of an open handle back. *pdwAccessMask gets the rights of Everyone's access-allowed entry as
-// the system stores them (0xFFFFFFFF on a file reads as FILE_ALL_ACCESS, 0x1F01FF), *pnEntries the number of entries.
-// False when the object has no access list of its own or it cannot be read.
-bool ReadEveryoneAccess(HANDLE hObject, SecuredObject eKind, uint32_t *pdwAccessMask, uint32_t *pnEntries);
-
 enum SID_NAME_USE : int32_t {
     SidTypeUser     = 1,
     SidTypeGroup    = 2,

@@ -46,8 +46,6 @@ bool InitializeShellLinks();
 void UninitializeShellLinks();
 // IPersistFile::Load(STGM_READWRITE). Null on failure.
 ShellLink *LoadShellLink(const char16_t *pszPath);
-// IPersistFile on a new link; for tools and tests. Null on failure.
-ShellLink *NewShellLink();
 // IShellLinkW::GetPath / SetPath / GetWorkingDirectory / SetWorkingDirectory; cch in UTF-16 units.
 bool GetShellLinkPath(ShellLink *pLink, char16_t *pszPath, int32_t cch);
 bool SetShellLinkPath(ShellLink *pLink, const char16_t *pszPath);

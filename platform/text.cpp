@@ -133,10 +133,6 @@ size_t TextLengthW(const char16_t *pszText)
 {
     return Length(pszText);
 }
-size_t TextLengthBoundedA(const char *pszText, size_t cchMax)
-{
-    return LengthBounded(pszText, cchMax);
-}
 size_t TextLengthBoundedW(const char16_t *pszText, size_t cchMax)
 {
     return LengthBounded(pszText, cchMax);
@@ -159,11 +155,9 @@ int32_t CompareTextNoCaseN_A(const char *pszLeft, const char *pszRight, size_t c
 
 int32_t CompareTextNoCaseN_W(const char16_t *pszLeft, const char16_t *pszRight, size_t cch)
 {
-    static const char16_t szEmpty[] = u"";
-    if (pszLeft == nullptr) pszLeft = szEmpty;
-    if (pszRight == nullptr) pszRight = szEmpty;
     for (size_t i = 0; i < cch; i++) {
-        const char16_t chLeft = FoldCaseW(pszLeft[i]), chRight = FoldCaseW(pszRight[i]);
+        const char16_t chLeft  = pszLeft != nullptr ? FoldCaseW(pszLeft[i]) : u'\0';
+        const char16_t chRight = pszRight != nullptr ? FoldCaseW(pszRight[i]) : u'\0';
         if (chLeft != chRight) return Sign(chLeft, chRight);
         if (chLeft == 0) break;
     }

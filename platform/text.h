@@ -27,7 +27,6 @@ bool AppendTextW(char16_t *pszDest, size_t cchDest, const char16_t *pszSource);
 size_t TextLengthA(const char *pszText);
 size_t TextLengthW(const char16_t *pszText);
 // At most cchMax, for text that may lack a terminator.
-size_t TextLengthBoundedA(const char *pszText, size_t cchMax);
 size_t TextLengthBoundedW(const char16_t *pszText, size_t cchMax);
 
 // Below, at or above 0. Case: simple upper-case folding of the basic plane, as the system compares file names.

@@ -53,6 +53,14 @@ while read -r pair; do
     grep -qxF "$pair" <<<"$ALLOWED_INTO_APP" || fault "${pair% *} includes ${pair#* }: only app/ itself may"
 done < <(awk '$1 !~ /^app\// && $2 ~ /^app\//' "$work/includes")
 
+# ---- the tools' part of the seam ----
+readonly TOOL_HEADERS="platform/tool_seam platform/datagrams"
+for header in $TOOL_HEADERS; do
+    while read -r room; do
+        fault "$room includes $header, which is for tools and tests"
+    done < <(awk -v header="$header" '$2 == header && $1 !~ /^platform\// { print $1 }' "$work/includes")
+done
+
 # ---- headers of their own ----
 for room in $(rooms); do
     if [ ! -f "$room.h" ]; then
@@ -70,6 +78,15 @@ if [ -f "$build/libvorntramsa.a" ]; then
     nm -A --undefined-only "$build/libvorntramsa.a" |
         sed -E 's/^[^:]+:([^:]+)\.cpp\.o: +U (.+)$/\2 \1/' | sort -u >"$work/wanted"
     join "$work/wanted" "$work/defined" | awk '$2 != $3 { print $2, $3 }' | sort -u | sort_rooms "calls"
+    # What the seam declares outside the tools' headers is for the product (or for the backend itself).
+    for header in $TOOL_HEADERS; do grep -oE '\b[A-Za-z0-9]+\(' "$header.h"; done | sort -u >"$work/for-tools"
+    nm -C --undefined-only "$build/libvorntramsa.a" "$build/libvorn_platform.a" | awk '{ print $2 }' |
+        grep -oE '^platform::[A-Za-z_0-9]+\(' | sort -u >"$work/called"
+    while read -r function; do
+        fault "$function stands in the product's part of the seam, and nothing in the product calls it"
+    done < <(nm -C --defined-only "$build/libvorn_platform.a" | awk '$2 == "T" { print $3 }' |
+        grep -oE '^platform::[A-Za-z_0-9]+\(' | sort -u | comm -23 - "$work/called" | sed 's/^platform:://' |
+        grep -vxF -f "$work/for-tools" | tr -d '(')
     # A room's header declares what the room defines: nobody else's does.
     [ -s "$work/defined" ] || fault "$build/libvorntramsa.a defines nothing"
 fi

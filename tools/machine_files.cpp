@@ -1,7 +1,7 @@
 // machine_files.cpp: what a person would do with the machine's own file manager: attributes and shell links. It runs on
 // the machine, so that both backends' ways of keeping them are used.
 #include "platform/files.h"
-#include "platform/shell.h"
+#include "platform/tool_seam.h"
 #include "tools/record_text.h"
 #include <cstdio>
 #include <cstring>

@@ -1,8 +1,13 @@
 // datagrams.cpp: UDP, multicast and the address table, forwarded.
-#include "platform/sockets.h"
+#include "platform/datagrams.h"
 #include "platform/windows/mirror.h"
 
-#define MIRRORED(X) X(MIB_IPADDR_DISCONNECTED) X(MIB_IPADDR_DELETED) X(MIB_IPADDR_TRANSIENT)
+// clang-format off
+#define MIRRORED(X)                                                                                                    \
+    X(SOCK_DGRAM) X(IPPROTO_IP) X(IPPROTO_UDP) X(SO_REUSEADDR) X(IP_MULTICAST_IF) X(IP_MULTICAST_TTL)                  \
+    X(IP_ADD_MEMBERSHIP) X(IP_DROP_MEMBERSHIP) X(POLLIN) X(WSAEMSGSIZE) X(MIB_IPADDR_DISCONNECTED)                     \
+    X(MIB_IPADDR_DELETED) X(MIB_IPADDR_TRANSIENT)
+// clang-format on
 namespace mirror {
 MIRRORED(MIRROR_CAPTURE)
 }

@@ -6,6 +6,7 @@
 //   strcpy_s                    decides the refusals here: the run-time library would call its invalid-parameter
 //                               handler, which ends the process.
 #include "platform/files.h"
+#include "platform/tool_seam.h"
 #include "platform/windows/mirror.h"
 
 // clang-format off

@@ -117,11 +117,6 @@ BOOL GetExitCodeThread(HANDLE hThread, uint32_t *pdwExitCode)
     return ::GetExitCodeThread(hThread, AsSdk(pdwExitCode));
 }
 
-uint32_t GetCurrentThreadId()
-{
-    return ::GetCurrentThreadId();
-}
-
 void InitializeCriticalSection(CRITICAL_SECTION *pSection)
 {
     ::InitializeCriticalSection(AsSdk(pSection));
@@ -135,11 +130,6 @@ void EnterCriticalSection(CRITICAL_SECTION *pSection)
 void LeaveCriticalSection(CRITICAL_SECTION *pSection)
 {
     ::LeaveCriticalSection(AsSdk(pSection));
-}
-
-void DeleteCriticalSection(CRITICAL_SECTION *pSection)
-{
-    ::DeleteCriticalSection(AsSdk(pSection));
 }
 
 bool HoldsCriticalSection(const CRITICAL_SECTION *pSection)

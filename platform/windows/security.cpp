@@ -1,5 +1,6 @@
 // security.cpp: access lists for Everyone and the current user's identity.
 #include "platform/security.h"
+#include "platform/tool_seam.h"
 #include "platform/windows/mirror.h"
 
 // clang-format off

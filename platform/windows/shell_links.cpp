@@ -1,6 +1,6 @@
 // shell_links.cpp: shell links through COM. The caller's thread is one apartment from InitializeShellLinks on, and
 // every link lives and dies in it.
-#include "platform/shell.h"
+#include "platform/tool_seam.h"
 #include "platform/windows/sdk.h"
 
 #include <new>

@@ -7,13 +7,12 @@
 // interface promises WSAENOTSOCK at once on each of them: closesocket cancels what is blocked first, and the cancelled
 // call says so.
 #include "platform/sockets.h"
+#include "platform/tool_seam.h"
 #include "platform/windows/mirror.h"
 
 // clang-format off
 #define MIRRORED(X)                                                                                                    \
     X(INVALID_SOCKET) X(SOCKET_ERROR) X(AF_INET) X(SOCK_STREAM) X(IPPROTO_TCP) X(AI_PASSIVE) X(SOL_SOCKET)             \
-    X(SOCK_DGRAM) X(IPPROTO_IP) X(IPPROTO_UDP) X(SO_REUSEADDR) X(IP_MULTICAST_IF) X(IP_MULTICAST_TTL)                  \
-    X(IP_ADD_MEMBERSHIP) X(IP_DROP_MEMBERSHIP) X(POLLIN) X(WSAEMSGSIZE)                                                \
     X(SO_SNDTIMEO) X(SO_RCVTIMEO) X(SOMAXCONN) X(TCP_NODELAY) X(SD_BOTH) X(WSAEINTR) X(WSAEACCES) X(WSAEINVAL)         \
     X(WSAEMFILE) X(WSAEWOULDBLOCK) X(WSAENOTSOCK) X(WSAEADDRINUSE) X(WSAEADDRNOTAVAIL) X(WSAENETUNREACH)               \
     X(WSAECONNABORTED) X(WSAECONNRESET) X(WSAENOBUFS) X(WSAENOTCONN) X(WSAESHUTDOWN) X(WSAETIMEDOUT)                   \

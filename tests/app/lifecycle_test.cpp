@@ -7,6 +7,7 @@
 #include "platform/pipes.h"
 #include "platform/security.h"
 #include "platform/text.h"
+#include "platform/tool_seam.h"
 #include "tests/ipc/fake_service.h"
 #include <cstring>
 #include <thread>

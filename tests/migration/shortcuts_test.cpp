@@ -3,7 +3,7 @@
 #include "migration/machine_info.h"
 #include "migration/shortcuts.h"
 #include "platform/files.h"
-#include "platform/shell.h"
+#include "platform/tool_seam.h"
 #include "tests/migration/migration_fixture.h"
 
 using namespace platform;

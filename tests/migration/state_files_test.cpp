@@ -2,7 +2,7 @@
 #include "migration/local_info.h"
 #include "platform/errors.h"
 #include "platform/files.h"
-#include "platform/security.h"
+#include "platform/tool_seam.h"
 #include "tests/migration/migration_fixture.h"
 
 using namespace platform;

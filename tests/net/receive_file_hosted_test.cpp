@@ -1,6 +1,6 @@
 // Files as they arrive: where each type is stored, what is answered, and what follows.
 #include "platform/profile.h"
-#include "platform/shell.h"
+#include "platform/tool_seam.h"
 #include "tests/net/observed_hosted.h"
 
 using namespace platform;

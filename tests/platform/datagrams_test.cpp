@@ -1,5 +1,6 @@
 // datagrams_test.cpp: UDP and multicast as discovery uses them. The loopback interface takes part in multicast on every
 // system here, so that nothing leaves this machine.
+#include "platform/datagrams.h"
 #include "platform/errors.h"
 #include "tests/support/link_pair.h"
 #include "tests/support/test_machine.h"

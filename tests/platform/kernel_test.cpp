@@ -189,7 +189,6 @@ TEST_F(Kernel, CriticalSectionIsRecursiveAndKnowsItsOwner)
         EXPECT_TRUE(CloseHandle(hThread));
     }
     EXPECT_EQ(40000, shared.nCount);
-    DeleteCriticalSection(&shared.section);
 }
 
 TEST_F(Kernel, ClockAdvancesWithSleepsAndTimeOuts)

@@ -4,7 +4,7 @@
 #include "platform/files.h"
 #include "platform/hosted/control.h"
 #include "platform/profile.h"
-#include "platform/security.h"
+#include "platform/tool_seam.h"
 #include "tests/support/test_machine.h"
 #include <csignal>
 #include <fstream>

@@ -1,6 +1,6 @@
 // security_test.cpp: the access list for Everyone on named objects. (On files and pipes: state_files_test.cpp,
 // command_pipe_server_test.cpp; the user's identity: path_map_test.cpp, machine_info_hosted_test.cpp.)
-#include "platform/security.h"
+#include "platform/tool_seam.h"
 #include "tests/support/test_machine.h"
 
 using namespace platform;

@@ -1,6 +1,7 @@
 // link_pair.h: two connected sockets of this process, over the loopback interface.
 #pragma once
 #include "platform/sockets.h"
+#include "platform/tool_seam.h"
 #include <gtest/gtest.h>
 
 // A socket that listens on 127.0.0.1; its port in network order.

@@ -2,7 +2,7 @@
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/modules.h"
-#include "platform/shell.h"
+#include "platform/tool_seam.h"
 #include "tests/support/test_machine.h"
 #include <cstdio>
 #include <cstdlib>

@@ -1,7 +1,7 @@
 // network.h: the interfaces of this machine that take part in multicast DNS, one socket for each.
 // A hosted machine has the interfaces of its process (its network namespace), not the adapters that it says it has.
 #pragma once
-#include "platform/sockets.h"
+#include "platform/datagrams.h"
 #include "tools/discovery/browser.h"
 
 struct NetworkInterface {

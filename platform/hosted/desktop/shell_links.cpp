@@ -10,8 +10,8 @@
 #include "platform/hosted/machine/errors.h"
 #include "platform/hosted/machine/faults.h"
 #include "platform/hosted/machine/utf.h"
-#include "platform/shell.h"
 #include "platform/text.h"
+#include "platform/tool_seam.h"
 #include <cerrno>
 #include <fcntl.h>
 #include <fstream>

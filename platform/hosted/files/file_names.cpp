@@ -9,6 +9,7 @@
 #include "platform/hosted/machine/utf.h"
 #include "platform/kernel.h"
 #include "platform/text.h"
+#include "platform/tool_seam.h"
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>

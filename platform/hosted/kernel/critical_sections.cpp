@@ -1,6 +1,6 @@
 // critical_sections.cpp: recursive locks on pthread mutexes, which the thread sanitizer knows.
-// Misuse that corrupts memory on Windows (an uninitialised section, a leave by a stranger, a delete under its owner's
-// feet) ends the process with a message.
+// Misuse that corrupts memory on Windows (an uninitialised section, a leave by a stranger) ends the process with a
+// message.
 #include "platform/hosted/machine/errors.h"
 #include "platform/kernel.h"
 #include <atomic>
@@ -17,8 +17,8 @@ struct Section {
     uint32_t                  nDepth; // of the owner
     uint32_t                  dwState;
 };
-static_assert(sizeof(Section) <= sizeof(platform::CRITICAL_SECTION) &&
-              alignof(Section) <= alignof(platform::CRITICAL_SECTION));
+static_assert(sizeof(Section) <= sizeof(platform::CRITICAL_SECTION));
+static_assert(alignof(Section) <= alignof(platform::CRITICAL_SECTION));
 
 thread_local char t_chSelf; // its address tells threads apart without a system call
 
@@ -60,16 +60,6 @@ void platform::LeaveCriticalSection(CRITICAL_SECTION *pSection)
     if (--pInside->nDepth != 0) return;
     pInside->pOwner.store(nullptr, std::memory_order_relaxed);
     pthread_mutex_unlock(&pInside->mutex);
-}
-
-void platform::DeleteCriticalSection(CRITICAL_SECTION *pSection)
-{
-    Section    *pInside = SectionOf(pSection, "DeleteCriticalSection");
-    const void *pOwner  = pInside->pOwner.load(std::memory_order_relaxed);
-    if (pOwner != nullptr && pOwner != &t_chSelf) hosted::Fatal("DeleteCriticalSection: another thread is inside");
-    if (pOwner != nullptr) pthread_mutex_unlock(&pInside->mutex);
-    pInside->dwState = 0;
-    pthread_mutex_destroy(&pInside->mutex);
 }
 
 bool platform::HoldsCriticalSection(const CRITICAL_SECTION *pSection)

@@ -13,6 +13,7 @@
 #include "platform/hosted/machine/machine.h"
 #include "platform/hosted/machine/utf.h"
 #include "platform/text.h"
+#include "platform/tool_seam.h"
 #include <cstdlib>
 #include <cstring>
 

@@ -32,7 +32,7 @@ void *RunThread(void *pArgument)
     const std::unique_ptr<StartBlock> pBlock(static_cast<StartBlock *>(pArgument));
     {
         const std::lock_guard<std::mutex> guard(TheWaits().mutex);
-        pBlock->pThread->dwId = platform::GetCurrentThreadId();
+        pBlock->pThread->dwId = static_cast<uint32_t>(syscall(SYS_gettid));
     }
     Announce(false);
     const uint32_t dwExitCode = pBlock->pStart(pBlock->pParameter);
@@ -96,9 +96,4 @@ platform::BOOL platform::GetExitCodeThread(HANDLE hThread, uint32_t *pdwExitCode
     const std::lock_guard<std::mutex> guard(hosted::TheWaits().mutex);
     *pdwExitCode = pThread->dwExitCode;
     return TRUE;
-}
-
-uint32_t platform::GetCurrentThreadId()
-{
-    return static_cast<uint32_t>(syscall(SYS_gettid));
 }

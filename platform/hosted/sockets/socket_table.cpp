@@ -10,6 +10,7 @@
 #include "platform/hosted/machine/current_machine.h"
 #include "platform/hosted/machine/errors.h"
 #include "platform/hosted/machine/faults.h"
+#include "platform/tool_seam.h"
 #include <cerrno>
 #include <cstring>
 #include <sys/socket.h>

@@ -5,7 +5,7 @@
 // Locks    Connection::csSend, csRecv: one each for the two directions, held while a call blocks. Nothing that ends a
 //          socket waits for them. The table's own lock is inside socket_table.cpp and held for look-ups only.
 #pragma once
-#include "platform/sockets.h"
+#include "platform/datagrams.h"
 #include <atomic>
 #include <cstddef>
 #include <cstdint>

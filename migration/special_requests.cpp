@@ -51,7 +51,9 @@ static void AddTree(SpecialPlan *pPlan, const char16_t *pszFolder, uint32_t dwOp
     const size_t cch = TextLengthW(szFolder);
     if (cch > 0 && szFolder[cch - 1] == u'\\') szFolder[cch - 1] = u'\0';
     if (!IsListableFolder(szFolder)) return;
-    ListFolderFiles(szFolder, dwOption, 1, &pPlan->Files);
+    // One that breaks off is taken again: to send some files twice costs less than to leave the others behind.
+    if (ListFolderFiles(szFolder, dwOption, 1, &pPlan->Files) < 0)
+        ListFolderFiles(szFolder, dwOption, 1, &pPlan->Files);
 }
 
 // Decides by the request's code; requests of the own service get the shared folder's paths for the peer in place of

@@ -302,6 +302,11 @@ int32_t ReadPathLines(const char16_t *pszFile, StringList *pFolders, StringList 
     hFile = CreateFileW(LongPathForm(pszFile, MAX_PATH, szLong), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
                         nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_SEQUENTIAL_SCAN, nullptr);
     if (hFile == INVALID_HANDLE_VALUE) return 0;
+    if (GetFileSizeEx(hFile, &cbAll) && cbAll > PATH_LIST_BYTES_MAX) {
+        SetLastError(ERROR_FILE_TOO_LARGE);
+        goto Exit;
+    }
+    cbAll  = 0; // from here on as it is read: the file may grow meanwhile
     pPiece = new (std::nothrow) unsigned char[READ_PIECE_BYTES];
     if (pPiece == nullptr) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);

@@ -1,5 +1,6 @@
 // folder_listing.cpp: a tree's files as a list, for transfers that send each of them by rules of their own.
 #include "transfer/folder_listing.h"
+#include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/path.h"
 #include "platform/text.h"
@@ -33,7 +34,7 @@ static int32_t ListSubfolder(char16_t (&szPath)[LISTED_PATH_UNITS], size_t      
 }
 
 // szPath holds the folder and is as it was on return; szLong is room to work in, so that a deep tree costs little
-// stack. 1 listed, 0 not readable, -1 no memory.
+// stack. 1 listed, 0 not readable, -1 no memory, or the listing broke off.
 static int32_t ListFolder(char16_t (&szPath)[LISTED_PATH_UNITS], char16_t (&szLong)[LONG_PATH_UNITS],
                           int32_t bRecursive, StringList *pList, EnteredLink *pWay)
 {
@@ -62,6 +63,7 @@ static int32_t ListFolder(char16_t (&szPath)[LISTED_PATH_UNITS], char16_t (&szLo
         }
         szPath[cchFolder] = 0;
     } while (nRet > 0 && FindNextFileW(hFind, &entry));
+    if (nRet > 0 && GetLastError() != ERROR_NO_MORE_FILES) nRet = -1;
     FindClose(hFind);
     return nRet;
 }
@@ -71,7 +73,5 @@ int32_t ListFolderFiles(const char16_t *pszFolder, uint32_t dwOptions, int32_t b
     static_cast<void>(dwOptions);
     char16_t szPath[LISTED_PATH_UNITS];
     char16_t szLong[LONG_PATH_UNITS];
-    return CopyTextW(szPath, LISTED_PATH_UNITS, pszFolder) && ListFolder(szPath, szLong, bRecursive, pList, nullptr) > 0
-               ? 1
-               : 0;
+    return CopyTextW(szPath, LISTED_PATH_UNITS, pszFolder) ? ListFolder(szPath, szLong, bRecursive, pList, nullptr) : 0;
 }

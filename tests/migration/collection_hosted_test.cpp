@@ -228,6 +228,19 @@ TEST_F(CollectionHosted, NothingIsLeftOpenOrAllocatedHoweverTheWalkEnds)
 }
 
 // A whole drive, translated for a target with another user and another layout.
+TEST_F(CollectionHosted, AListThatIsTooLongIsNotTakenForAnEmptyOne)
+{
+    char     szList[4096];
+    FakePeer Peer;
+    MakeFile(u"1.txt", 5);
+    List({u"1.txt"});
+    ASSERT_TRUE(hosted::HostPath(m_sList.c_str(), szList, sizeof szList));
+    std::filesystem::resize_file(szList, PATH_LIST_BYTES_MAX + 1);
+    Walk();
+    EXPECT_FALSE(IsMarkedComplete());
+    EXPECT_EQ((Lines{"record 2120 -2 0 0 ||"}), Taken(&Peer)) << "the walk has failed";
+}
+
 TEST_F(Collection, AWholeDriveWithoutTheSystemsAndOtherPeoplesFolders)
 {
     StringList System = {};

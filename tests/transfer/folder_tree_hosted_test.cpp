@@ -236,6 +236,15 @@ TEST_F(FolderTreeTest, AnEnumerationThatBreaksOffIsNoEndAndADeadLinkEndsTheWalk)
     Walk();
     EXPECT_TRUE(failed.bUnkept && failed.bUnsettled) << "b was not seen";
     Arrived();
+    MakeFolder(u"sub");
+    for (const int nEntry : {3, 6}) { // in the folder, and in the one below it
+        StringList list = {};
+        hosted::ClearFaults();
+        hosted::FailCall("FindNextFileW", nEntry, ERROR_GEN_FAILURE);
+        EXPECT_EQ(-1, ListFolderFiles(m_sFolder.c_str(), 0, 1, &list)) << nEntry;
+        FreeStringList(&list);
+    }
+    hosted::ClearFaults();
     failed = {};
     Walk();
     EXPECT_FALSE(failed.bUnkept || failed.bUnsettled);

@@ -135,6 +135,7 @@ void ListFolder(ContentsWalk *pWalk, const std::string &sFolder, EnteredLink *pW
     }
     do ListEntry(pWalk, sFolder, entry, nFolder, pWay);
     while (FindNextFileW(hFind, &entry));
+    if (GetLastError() != ERROR_NO_MORE_FILES) LeaveOut(pWalk, sFolder + "\\", "cannot be read to its end");
     FindClose(hFind);
 }
 

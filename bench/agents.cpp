@@ -88,9 +88,8 @@ bool Relink(const AgentPair &pair, Path ePath, int nWindow)
 
 double RunAgents(const AgentPair &pair, const std::string &sSource, const DataSet &set)
 {
-    const fs::path  target = TargetOf(pair, sSource);
-    std::error_code error;
-    fs::remove_all(target, error);
+    const fs::path target = TargetOf(pair, sSource);
+    RetireFolder(target, pair.sWork);
     const auto begin = Clock::now();
     if (!RequestCollection(pair.next, {sSource + "\\"}, set.cb, false) ||
         WaitForCollection(pair.next, std::chrono::seconds(1800)) != 2)
@@ -98,7 +97,7 @@ double RunAgents(const AgentPair &pair, const std::string &sSource, const DataSe
     const double dSeconds = Seconds(begin);
     uint64_t     nFiles   = 0;
     for (const auto &entry : fs::recursive_directory_iterator(target)) nFiles += entry.is_regular_file();
-    fs::remove_all(target, error);
+    RetireFolder(target, pair.sWork);
     return nFiles == set.nFiles ? dSeconds : -1;
 }
 
@@ -107,8 +106,7 @@ bool RunFlatness(const AgentPair &pair, const std::string &sSource, const DataSe
     std::vector<std::pair<double, uint64_t>> samples;
     std::atomic<int>                         nOutcome{100};
     const fs::path                           target = TargetOf(pair, sSource);
-    std::error_code                          error;
-    fs::remove_all(target, error);
+    RetireFolder(target, pair.sWork);
     if (!RequestCollection(pair.next, {sSource + "\\"}, set.cb, false)) return false;
     const auto  begin = Clock::now();
     std::thread waiter([&] { nOutcome = WaitForCollection(pair.next, std::chrono::seconds(1800)); });
@@ -118,7 +116,7 @@ bool RunFlatness(const AgentPair &pair, const std::string &sSource, const DataSe
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     waiter.join();
-    fs::remove_all(target, error);
+    RetireFolder(target, pair.sWork);
     if (nOutcome != 2 || samples.size() < 20 || samples.back().second < set.cb) return false;
     const auto At = [&](uint64_t cb) {
         return std::find_if(samples.begin(), samples.end(), [cb](const auto &s) { return s.second >= cb; })->first;

@@ -21,7 +21,7 @@ double RunCopy(Tool eTool, const BenchOptions &options, const CopyPorts &ports, 
 {
     const fs::path  copy = options.sWork + "/copy";
     std::error_code error;
-    fs::remove_all(copy, error);
+    RetireFolder(copy, options.sWork);
     fs::create_directories(copy, error);
     const std::vector<std::string> command = CommandOf(eTool, options, ports, sSource, copy.string());
     std::string                    sOutput;
@@ -29,6 +29,6 @@ double RunCopy(Tool eTool, const BenchOptions &options, const CopyPorts &ports, 
     const int                      nExit = RunProgram(command, {}, &sOutput);
     const double dSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     if (nExit != 0) std::fprintf(stderr, "%s: %s\n", command[0].c_str(), sOutput.c_str());
-    fs::remove_all(copy, error);
+    RetireFolder(copy, options.sWork);
     return nExit == 0 ? dSeconds : -1;
 }

@@ -64,3 +64,23 @@ DataSet MakeDataSet(char chSet, const fs::path &folder, uint64_t nDivisor)
     if (chSet == 'N') return MakeMany(folder, "N", "very many files of 1 KiB", 1000 / nDivisor, 100, 1024);
     return MakeMixed(folder, nDivisor);
 }
+
+// Its inodes stay until the data set is done: ext4 without a journal passes over every inode that was freed in the last
+// minutes, one by one, so that a run would pay for the one before it.
+void RetireFolder(const fs::path &folder, const std::string &sWork)
+{
+    static int      s_nRetired = 0;
+    const fs::path  retired    = fs::path(sWork) / "retired" / std::to_string(s_nRetired++);
+    std::error_code error;
+    if (!fs::exists(folder)) return;
+    fs::create_directories(retired.parent_path());
+    fs::rename(folder, retired);
+    for (const auto &entry : fs::recursive_directory_iterator(retired))
+        if (entry.is_regular_file()) fs::resize_file(entry.path(), 0, error);
+}
+
+void ForgetRetired(const std::string &sWork)
+{
+    std::error_code error;
+    fs::remove_all(fs::path(sWork) / "retired", error);
+}

@@ -2,6 +2,7 @@
 #pragma once
 #include <cstdint>
 #include <filesystem>
+#include <string>
 
 struct DataSet {
     const char *pszName;
@@ -13,3 +14,6 @@ struct DataSet {
 // levels deep. N: 100,000 files of 1 KiB in 1,000 folders. nDivisor makes each so much smaller. The folder is made
 // anew.
 DataSet MakeDataSet(char chSet, const std::filesystem::path &folder, uint64_t nDivisor);
+// Takes what a run has made out of the way, emptied, into a folder of sWork; ForgetRetired removes it all.
+void RetireFolder(const std::filesystem::path &folder, const std::string &sWork);
+void ForgetRetired(const std::string &sWork);

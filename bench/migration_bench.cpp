@@ -108,6 +108,7 @@ bool MeasureSet(const BenchOptions &options, const AgentPair &pair, const CopyPo
     }
     std::error_code error;
     fs::remove_all(HostPathOf(pair.old, sSource), error);
+    ForgetRetired(options.sWork);
     return bOk;
 }
 

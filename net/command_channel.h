@@ -11,7 +11,8 @@
 
 constexpr uint32_t COMMAND_WORD_BYTES   = 10;
 constexpr uint32_t FILE_PATH_BYTES      = 2050; // the destination path's field; at most 2048 bytes of text
-constexpr size_t   LONG_PATH_FROM_UNITS = 248;  // from this length on a path is opened in its "\\?\" form
+constexpr uint32_t FILE_HEADER_BYTES    = COMMAND_WORD_BYTES + FILE_PATH_BYTES + 17; // type, attributes, flag, size
+constexpr size_t   LONG_PATH_FROM_UNITS = 248; // from this length on a path is opened in its "\\?\" form
 
 // Command words, compared without regard to case. The receiver of a file says "FILEERRDF" or "FileErrDF" for a full
 // disk.

@@ -17,6 +17,7 @@
 #include "platform/text.h"
 #include "trace/debug_output.h"
 #include "transfer/answer_queue.h"
+#include "transfer/receipt_answer.h"
 #include "transfer/socket_io.h"
 #include <cstring>
 #include <new>
@@ -115,6 +116,7 @@ void Dispatch(const ListenerRole &role, SOCKET hSocket, const CommandWord &szWor
 {
     AnswerWord eWord = AnswerWord::Done;
     TraceDebugA("[%s] == get %s cmd == [%s]", role.pszThread, role.pszPeer, szWord);
+    if (!Is(szWord, WORD_SEND_FILE)) ReleaseAnswers();
     if (Is(szWord, WORD_SEND_DATA)) {
         SendDataCMDHandler(hSocket);
     } else if (Is(szWord, WORD_SEND_FILE)) {
@@ -196,6 +198,7 @@ int32_t Listen(const ListenerRole &role, const ListenerStart &start)
     while (!HasEnded(role, start)) { // a command may have taken its time
         CommandWord szWord = "";
         TraceDebugA("[%s] == wait %s cmd begin ==", role.pszThread, role.pszPeer);
+        ReleaseAnswersUnlessThere(start.hSocket, FILE_HEADER_BYTES);
         bool bCommand =
             RecvBuffer(start.hSocket, szWord, COMMAND_WORD_BYTES) == static_cast<int32_t>(COMMAND_WORD_BYTES);
         const int32_t nRecvErr = bCommand ? 0 : WSAGetLastError();

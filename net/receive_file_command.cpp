@@ -188,7 +188,7 @@ int32_t ReceiveFolder(SOCKET hSocket, const char16_t *pszFolder)
     }
     if (CreateFolderTree(pszFolder)) SweepParts(pszFolder);
     else ReportSocketError(OPERATION, u"create folder failed (dwType 2)", false, GetLastError());
-    SendFileDone(hSocket, pszFolder, true, 0);
+    SendFileDone(hSocket, pszFolder, true, AnswerLeaves::WithOthers, 0);
     return 0;
 }
 
@@ -226,7 +226,11 @@ int32_t ReceiveFile(SOCKET hSocket, ReceivedFile *pFile)
         return -8;
     }
     if (pFile->dwType == FILE_TYPE_COLLECTION) CountCollectionFile(pFile);
-    SendFileDone(hSocket, pDisk->szPath, false, pFile->dwType == FILE_TYPE_MACHINE_INFO ? ReadPeerWindow() : 0);
+    // What the other types want done afterwards may take its time.
+    const AnswerLeaves eLeaves =
+        pFile->dwType == FILE_TYPE_COLLECTION ? AnswerLeaves::WithOthers : AnswerLeaves::AtOnce;
+    SendFileDone(hSocket, pDisk->szPath, false, eLeaves,
+                 pFile->dwType == FILE_TYPE_MACHINE_INFO ? ReadPeerWindow() : 0);
     const uint32_t dwAttributes = pFile->dwAttributes & RECEIVED_ATTRIBUTES;
     if (!SetFileAttributesW(pDisk->szLocal, dwAttributes != 0 ? dwAttributes : FILE_ATTRIBUTE_NORMAL))
         ReportSocketError(OPERATION, u"SetFileAttributes failed", false, GetLastError());
@@ -264,6 +268,7 @@ int32_t SendFileCMDHandler(SOCKET hSocket)
 
 void EndReceivingFiles()
 {
+    ReleaseAnswers();
     CloseReceiptJournal();
     ForgetSweptFolders();
 }

@@ -78,5 +78,7 @@ int32_t closesocket(SOCKET s);
 // 0, or SOCKET_ERROR with WSAGetLastError. Holds do not nest; the caller owns the sending side meanwhile.
 void    HoldSends(SOCKET s);
 int32_t FlushSends(SOCKET s);
+// True when receives of cb bytes altogether would not wait. False, too, when it cannot be said: the next receive tells.
+BOOL CanReceive(SOCKET s, uint32_t cb);
 
 } // namespace platform

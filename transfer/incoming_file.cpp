@@ -6,6 +6,7 @@
 #include "platform/kernel.h"
 #include "platform/text.h"
 #include "transfer/file_stream.h"
+#include "transfer/receipt_answer.h"
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -267,6 +268,7 @@ static bool NameFile(IncomingFile *pFile)
             g_ullNoRenaming = HashFolder(pFile->szLocal, FolderUnits(pFile));
         if (bLate || !MayPass(pFile->dwError)) return false;
         if (pFile->bOverwrite) SetFileAttributesW(pFile->szLocal, FILE_ATTRIBUTE_NORMAL); // if a read-only one is there
+        ReleaseAnswers(); // the files before this one are stored
         Sleep(NAMING_PAUSE_MS);
     }
     pFile->szPart[0] = 0;

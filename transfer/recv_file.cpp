@@ -17,6 +17,10 @@
 
 using namespace platform;
 
+// Of a file whose stream is there already: the answers before it wait for its own.
+constexpr uint32_t KEY_ROOM    = 1024;    // for the key and the chunks' lengths and padding
+constexpr int64_t  LARGE_BYTES = 1 << 30; // more than ever waits on a socket
+
 // What RecvFile keeps of one file.
 struct FileReceipt {
     SOCKET            hSocket;
@@ -295,6 +299,7 @@ int64_t RecvFile(SOCKET hSocket, IncomingFile *pFile, uint8_t bEncrypt)
 
     if (!RecvField(&receipt, &cbSize, sizeof cbSize, u"Recv file size failed")) return RECVFILE_NO_SIZE;
     TraceDebugA("[RecvFile] filesize [%I64d]", cbSize);
+    ReleaseAnswersUnlessThere(hSocket, static_cast<uint32_t>(std::clamp<int64_t>(cbSize, 0, LARGE_BYTES)) + KEY_ROOM);
     uint8_t *pbBuffer = TakeChunkBuffer();
     if (pbBuffer == nullptr) {
         gdwErr = ERROR_NOT_ENOUGH_MEMORY;

@@ -374,4 +374,10 @@ int32_t FlushSends(SOCKET s)
     return SOCKET_ERROR;
 }
 
+BOOL CanReceive(SOCKET s, uint32_t cb)
+{
+    u_long cbThere = 0;
+    return ::ioctlsocket(s, FIONREAD, &cbThere) == 0 && cbThere >= cb;
+}
+
 } // namespace platform

@@ -105,3 +105,29 @@ TEST_F(LinkWindow, EveryFileIsClosedByOneWordAndWithoutAWindowAsEver)
         EndLink();
     }
 }
+
+TEST_F(LinkWindow, AnAnswerWaitsForAFileThatIsThereAndForNothingElse)
+{
+    const std::u16string sTo   = TestFolder() + u"\\to";
+    const std::string    sTwo  = FileCommand(sTo + u"1", 3, "a") + FileCommand(sTo + u"2", 3, "b");
+    const std::string    sNext = FileCommand(sTo + u"3", 3, std::string(3000, 'x'));
+    const std::string    sDone = Field("FileDone");
+    Peer                 peer  = OpenServedLink();
+    SetOwn("64");
+    ReceiveInfo(&peer, "\"64\"");
+    EXPECT_EQ(SEND_OK, SendInfo(&peer, "FileDone"));
+    ASSERT_TRUE(Eventually([] { return GetLinkWindow() == 64; }));
+    for (const size_t cb : {size_t{0}, size_t{9}, size_t{10}, size_t{2000}, size_t{2100}, sNext.size() - 1}) {
+        peer.Send(sTwo + sNext.substr(0, cb));
+        EXPECT_EQ(sDone + sDone, peer.Receive(20)) << "while the next file breaks off after " << cb;
+        peer.Send(sNext.substr(cb));
+        EXPECT_EQ(sDone, peer.Receive(10)) << cb;
+    }
+    std::string sMany, sWords;
+    for (int i = 0; i < 20; i++) {
+        sMany += sTwo + FileCommand(u"nowhere", 3, "c");
+        sWords += sDone + sDone + Field("FileError") + Field("FileNone");
+    }
+    peer.Send(sMany);
+    EXPECT_EQ(sWords, peer.Receive(sWords.size())) << "in their order";
+}

@@ -179,6 +179,20 @@ TEST_F(Sockets, ACloseFromAnotherThreadEndsABlockedCall)
     }
 }
 
+TEST_F(Sockets, WhatCanBeReceivedAtOnceIsKnown)
+{
+    LinkPair link;
+    char     aBytes[8];
+    EXPECT_FALSE(CanReceive(link.hServer, 1));
+    EXPECT_TRUE(SendAll(link.hClient, Pattern(4000)));
+    while (!CanReceive(link.hServer, 4000)) std::this_thread::yield();
+    EXPECT_FALSE(CanReceive(link.hServer, 4001));
+    EXPECT_EQ(8, recv(link.hServer, aBytes, 8, 0)); // a backend may have taken more
+    EXPECT_TRUE(CanReceive(link.hServer, 3992));
+    EXPECT_FALSE(CanReceive(link.hServer, 3993));
+    EXPECT_FALSE(CanReceive(INVALID_SOCKET, 1));
+}
+
 TEST_F(Sockets, AFailureBehindAHoldIsReported)
 {
     LinkPair          link;

@@ -58,10 +58,11 @@ struct Connection {
     int32_t                 nHeldError      = 0; // why gathered bytes were lost; until the flush
     int64_t                 nSendTimeoutSet = 0; // what the descriptor has, in microseconds
 
-    std::mutex              csRecv;                  // guards the next four
+    std::mutex              csRecv;                  // guards the next five
     std::unique_ptr<char[]> pAhead;                  // RECV_AHEAD_BYTES, from the first receive on
     size_t                  iAhead = 0, cbAhead = 0; // what is left of it: [iAhead, cbAhead)
     int64_t                 nRecvTimeoutSet = 0;
+    int                     nSleepsDue      = 0; // receives that sleep at once, since looking again was in vain
 };
 
 // The start of every call on a socket: counts it, then null with the error set when it must fail, when Winsock is not

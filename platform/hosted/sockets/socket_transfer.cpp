@@ -12,6 +12,7 @@
 #include <memory>
 #include <netinet/tcp.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -161,18 +162,24 @@ int32_t FlushSends(SOCKET s)
 
 // What the host's recv gives and leaves in errno. To wake a thread on a virtual machine whose processors are halted
 // takes longer than a peer's answer, and two agents that send small files wait for each other all the time: who waits
-// looks again for a moment, letting everybody else run in between, before it sleeps.
-static ssize_t ReceiveBriefly(const hosted::Connection &connection)
+// looks again for a moment, letting everybody else run in between, before it sleeps. Where that was in vain, as between
+// answers that come many at a time, the looking would take the processor from those who work: the next receives sleep
+// at once.
+static ssize_t ReceiveBriefly(hosted::Connection &connection)
 {
     constexpr std::chrono::microseconds LOOK_AGAIN(400);
+    constexpr int                       SLEEPS = 16;
     const auto                          tEnd   = std::chrono::steady_clock::now() + LOOK_AGAIN;
-    int                                 nFlags = MSG_DONTWAIT;
+    int                                 nFlags = connection.nSleepsDue > 0 ? 0 : MSG_DONTWAIT;
+    if (connection.nSleepsDue > 0) connection.nSleepsDue--;
     for (;;) {
         const ssize_t n = ::recv(connection.fd, connection.pAhead.get(), hosted::RECV_AHEAD_BYTES, nFlags);
         if (n >= 0 || (errno != EINTR && (errno != EAGAIN || nFlags == 0))) return n;
         if (nFlags == 0) continue;
         sched_yield();
-        if (connection.bCut || std::chrono::steady_clock::now() >= tEnd) nFlags = 0;
+        if (!connection.bCut && std::chrono::steady_clock::now() < tEnd) continue;
+        nFlags                = 0;
+        connection.nSleepsDue = SLEEPS;
     }
 }
 
@@ -207,6 +214,19 @@ int32_t recv(SOCKET s, char *pBuffer, int32_t cb, int32_t nFlags)
     std::memcpy(pBuffer, connection.pAhead.get() + connection.iAhead, cbPiece);
     connection.iAhead += cbPiece;
     return static_cast<int32_t>(cbPiece);
+}
+
+BOOL CanReceive(SOCKET s, uint32_t cb)
+{
+    const std::shared_ptr<hosted::Connection> pConnection = hosted::EnterSocketCall("CanReceive", s);
+    if (pConnection == nullptr) return FALSE;
+    hosted::Connection         &connection = *pConnection;
+    std::lock_guard<std::mutex> lock(connection.csRecv);
+    if (Obstacle(connection, hosted::SHUT_FOR_RECV) != 0) return FALSE;
+    const size_t cbAhead = connection.cbAhead - connection.iAhead;
+    int          cbThere = 0;
+    if (cbAhead >= cb) return TRUE;
+    return ::ioctl(connection.fd, FIONREAD, &cbThere) == 0 && cbAhead + static_cast<size_t>(cbThere) >= cb;
 }
 
 } // namespace platform

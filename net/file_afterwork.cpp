@@ -48,14 +48,6 @@ int64_t AddSize(int64_t llDone, int64_t llSize)
     return llDone > INT64_MAX - llSize ? INT64_MAX : llDone + llSize;
 }
 
-// The stored file's size; 0 when it cannot be had.
-int64_t StoredSize(const ReceivedFile *pFile)
-{
-    WIN32_FILE_ATTRIBUTE_DATA data = {};
-    if (!GetFileAttributesExW(pFile->disk.szLocal, GetFileExInfoStandard, &data)) return 0;
-    return static_cast<int64_t>(static_cast<uint64_t>(data.nFileSizeHigh) << 32 | data.nFileSizeLow);
-}
-
 // Listener.
 int64_t g_llUncounted   = 0;     // bytes of files that are stored and could not be counted
 bool    g_bProgressLost = false; // a second of tries was in vain: one for each file until one succeeds
@@ -171,7 +163,7 @@ void CountCollectionFile(const ReceivedFile *pFile)
 {
     char16_t szFile[MAX_PATH];
     if (pFile->disk.bKept && pFile->disk.bCounted) return;
-    g_llUncounted = AddSize(g_llUncounted, StoredSize(pFile));
+    g_llUncounted = AddSize(g_llUncounted, pFile->llSize); // what is stored, to the byte
     if (!GetProgressFile(PROGRESS_INFO_FILE, szFile)) return;
     for (uint32_t nTry = 1; !AddProgress(szFile); ++nTry) {
         const uint32_t dwError = GetLastError();

@@ -157,8 +157,7 @@ bool ParentOf(const char16_t *pszPath, char16_t (&szFolder)[INCOMING_PATH_UNITS]
 // The system error when it is not there afterwards; what it means shows when the file is created.
 uint32_t MakeFolderOnce(const char16_t *pszFolder)
 {
-    if (CompareTextW(t_szLastFolder, pszFolder) == 0 && GetFileAttributesW(pszFolder) != INVALID_FILE_ATTRIBUTES)
-        return ERROR_SUCCESS;
+    if (CompareTextW(t_szLastFolder, pszFolder) == 0) return ERROR_SUCCESS; // or gone: CreateIncomingFile makes it anew
     const bool     bMade   = CreateFolderTree(pszFolder) != 0;
     const uint32_t dwError = bMade ? static_cast<uint32_t>(ERROR_SUCCESS) : GetLastError();
     CopyTextW(t_szLastFolder, INCOMING_PATH_UNITS, bMade ? pszFolder : u"");

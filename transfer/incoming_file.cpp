@@ -1,9 +1,11 @@
 // incoming_file.cpp: a file from the peer on this machine's disk.
 #include "transfer/incoming_file.h"
+#include "migration/folders.h"
 #include "migration/receipt_journal.h"
 #include "migration/unique_name.h"
 #include "platform/errors.h"
 #include "platform/kernel.h"
+#include "platform/path.h"
 #include "platform/text.h"
 #include "transfer/file_stream.h"
 #include "transfer/receipt_answer.h"
@@ -145,6 +147,14 @@ static void OpenStoredCopies(IncomingFile *pFile)
     }
 }
 
+// The folder was there for the file before this one, or was made for this one; somebody has taken it away since.
+static void MakeFolderOf(const IncomingFile *pFile)
+{
+    char16_t szFolder[INCOMING_PATH_UNITS];
+    CopyTextW(szFolder, INCOMING_PATH_UNITS, pFile->szPath);
+    if (PathCchRemoveFileSpec(szFolder, INCOMING_PATH_UNITS) == 0) CreateFolderTree(szFolder);
+}
+
 bool CreateIncomingFile(IncomingFile *pFile, int64_t cbSize)
 {
     pFile->cbSize = cbSize;
@@ -152,6 +162,7 @@ bool CreateIncomingFile(IncomingFile *pFile, int64_t cbSize)
     const bool     bTaken  = GetFileAttributesW(pFile->szLocal) != INVALID_FILE_ATTRIBUTES;
     const uint32_t dwError = bTaken ? static_cast<uint32_t>(ERROR_SUCCESS) : GetLastError();
     if (bTaken && !pFile->bOverwrite && !TakeFreeName(pFile)) return false;
+    if (dwError == ERROR_PATH_NOT_FOUND) MakeFolderOf(pFile);
     // A part is made only beside a name that is free: what exists is replaced in place, so that its access list stays,
     // and what cannot be asked is for the destination's own creation to find out.
     const bool bRenames = g_ullNoRenaming != HashFolder(pFile->szLocal, FolderUnits(pFile));

@@ -39,7 +39,8 @@ struct IncomingFile {
 
 // Begins with an empty record: the destination, nothing open.
 void SetIncomingFile(IncomingFile *pFile, const char16_t *pszWanted, bool bOverwrite);
-// Opens what is written; with dwError set already, nothing. False: dwError says why.
+// Opens what is written, in its folder, which is made when it is not there; with dwError set already, nothing. False:
+// dwError says why.
 bool CreateIncomingFile(IncomingFile *pFile, int64_t cbSize);
 // False: dwError says why, and further bytes are discarded. True also while bytes are discarded.
 bool WriteIncomingFile(IncomingFile *pFile, const void *pBytes, uint32_t cb);

@@ -68,6 +68,8 @@ enum class IndexAnswer { Absent, Present, NoFolder };
 IndexAnswer FindInFolder(const std::string &sFolder, std::u16string_view sName, std::string *psHostName);
 // True when the folder has an index, and that lacks the name.
 bool IndexLacks(const std::string &sFolder, std::u16string_view sName);
+// This process has just given the folder that name: a look at it need not wait for the host's news.
+void IndexGains(const std::string &sFolder, std::u16string_view sName);
 void DropIndexes();
 
 // ---- counters in memory that all processes of the machine share (generations.cpp) ----

@@ -82,6 +82,7 @@ uint32_t MakeNew(const DiskPath &path, const Located &found, const Request &requ
     if (dwError == 0 && fstat(pFile->nFd, &st) != 0) dwError = ErrorFromErrno(errno);
     if (dwError == 0) dwError = Join(pFile, st, SharingAccess(request.dwAccess), request.dwShare, true);
     if (dwError != 0) unlink(found.sHost.c_str());
+    else IndexGains(found.sFolder, std::u16string_view(path.sFull).substr(path.LeafAt()));
     return dwError;
 }
 

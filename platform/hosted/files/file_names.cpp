@@ -128,6 +128,7 @@ uint32_t MoveOne(const char16_t *pszFrom, const char16_t *pszTo, bool bReplace)
     if (nResult != 0) return errno == EEXIST && !bSame ? ERROR_ALREADY_EXISTS : hosted::ErrorFromErrno(errno);
     if (IsLongName(source) && !IsLongName(target)) hosted::RemoveMark({target.sHost.c_str()}, hosted::MARK_NAME);
     if (source.IsFolder()) hosted::ForgetFolders();
+    else hosted::IndexGains(target.sFolder, std::u16string_view(to.sFull).substr(to.LeafAt()));
     hosted::Generation(hosted::Generations::Files, hosted::HashFolded(from.sFull))++;
     hosted::Generation(hosted::Generations::Files, hosted::HashFolded(to.sFull))++;
     return 0;

@@ -150,6 +150,13 @@ bool IndexLacks(const std::string &sFolder, std::u16string_view sName)
     return true;
 }
 
+void IndexGains(const std::string &sFolder, std::u16string_view sName)
+{
+    const std::lock_guard<std::mutex> guard(g_Mutex);
+    const auto                        it = g_aIndexes.find(sFolder);
+    if (it != g_aIndexes.end()) Add(it->second, NameHash(sName));
+}
+
 void DropIndexes()
 {
     const std::lock_guard<std::mutex> guard(g_Mutex);

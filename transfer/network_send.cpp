@@ -210,7 +210,9 @@ static int32_t DecideResult(int32_t nRet, const FileOutcome &outcome, int32_t nW
 }
 
 // The checks that need no lock. 0, or the result.
-static int32_t CheckFileSend(const char16_t *pszSource, const char16_t *pszDestination, SOCKET *phSocket)
+//   bPrepared  the source has just been read, and is looked at again before it is sent
+static int32_t CheckFileSend(const char16_t *pszSource, const char16_t *pszDestination, bool bPrepared,
+                             SOCKET *phSocket)
 {
     if (!IsFullPath(pszSource)) {
         TraceDebugW(u"[SendNetworkFile] szSrc format wrong !! [%s]", pszSource);
@@ -237,7 +239,7 @@ static int32_t CheckFileSend(const char16_t *pszSource, const char16_t *pszDesti
     char16_t                  szLong[LONG_PATH_UNITS];
     const char16_t           *pszLong = LongPathForm(pszSource, STREAM_PATH_UNITS + 1, szLong);
     if (pszLong == szLong) TraceDebugW(u"[SendNetworkFile] szSrcUNC [%s]", pszLong);
-    const bool bExists = GetFileAttributesExW(pszLong, GetFileExInfoStandard, &data);
+    const bool bExists = bPrepared || GetFileAttributesExW(pszLong, GetFileExInfoStandard, &data);
     pszLong            = LongPathForm(pszDestination, STREAM_PATH_UNITS + 1, szLong);
     if (pszLong == szLong) TraceDebugW(u"[SendNetworkFile] szDstUNC [%s]", pszLong);
     if (bExists) return 0;
@@ -339,7 +341,7 @@ int32_t CheckNetworkFile(const NetworkFile *pFile)
     SOCKET hSocket = INVALID_SOCKET;
     TraceTextPath("SendNetworkFile szSrc", pFile->pszSource, TRACE_PATH_UNITS);
     TraceTextPath("SendNetworkFile szDest", pFile->pszDestination, TRACE_PATH_UNITS);
-    return CheckFileSend(pFile->pszSource, pFile->pszDestination, &hSocket);
+    return CheckFileSend(pFile->pszSource, pFile->pszDestination, pFile->pPrepared != nullptr, &hSocket);
 }
 
 uint32_t BeginNetworkFiles(const NetworkFile *pFiles, uint32_t nFiles, FileOnTheWay *pWays)
@@ -398,7 +400,7 @@ int32_t SendPreparedNetworkFile(const NetworkFile *pFile, const WaitingWork *pWo
     PreparedFile prepared = {};
     TraceTextPath("SendNetworkFile szSrc", pFile->pszSource, TRACE_PATH_UNITS);
     TraceTextPath("SendNetworkFile szDest", pFile->pszDestination, TRACE_PATH_UNITS);
-    int32_t nResult = CheckFileSend(pFile->pszSource, pFile->pszDestination, &hSocket);
+    int32_t nResult = CheckFileSend(pFile->pszSource, pFile->pszDestination, false, &hSocket);
     if (nResult != 0) return nResult;
     // A source that is slow to give its first chunk (a file that lies in a cloud) is waited for here, not with a header
     // under the hold and everybody else behind the lock.

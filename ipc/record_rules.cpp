@@ -2,8 +2,6 @@
 #include "ipc/record_rules.h"
 #include <iterator>
 
-namespace {
-
 constexpr uint32_t REQUEST = IPC_PARAM_REQUEST, DONE = IPC_PARAM_DONE, FAILED = IPC_PARAM_FAILED;
 constexpr uint32_t ANY = ANY_PARAM, KEEP = KEEP_PARAM, MOST = 0xFFFFFFFF;
 constexpr bool     OWN = true, PEER = true, NO = false;
@@ -51,7 +49,7 @@ constexpr RecordRule RULES[] = {
 };
 // clang-format on
 
-bool Fits(const RecordRule &rule, const IpcMessage *pRecord, RecordOrigin eOrigin)
+static bool Fits(const RecordRule &rule, const IpcMessage *pRecord, RecordOrigin eOrigin)
 {
     const bool bOwn = eOrigin == RecordOrigin::OwnService;
     if (rule.dwCommand != pRecord->dwCommand || !(bOwn ? rule.bFromService : rule.bFromPeer)) return false;
@@ -59,8 +57,6 @@ bool Fits(const RecordRule &rule, const IpcMessage *pRecord, RecordOrigin eOrigi
     if (rule.dwParam3 != ANY_PARAM && pRecord->dwParam3 != rule.dwParam3) return false;
     return !bOwn || (pRecord->dwParam2 >= rule.dwParam2First && pRecord->dwParam2 <= rule.dwParam2Last);
 }
-
-} // namespace
 
 const RecordRule *FindRecordRule(const IpcMessage *pRecord, RecordOrigin eOrigin)
 {

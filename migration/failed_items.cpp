@@ -57,7 +57,7 @@ static bool MakeRoom(FailedItems *pFailed)
     const uint32_t nRoom  = pFailed->nRoom != 0 ? 2 * pFailed->nRoom : FIRST_ROOM;
     auto          *pItems = new (std::nothrow) FailedItem[nRoom];
     if (pItems == nullptr) return false;
-    if (pFailed->nItems != 0) memcpy(pItems, pFailed->pItems, pFailed->nItems * sizeof(*pItems));
+    if (pFailed->nItems != 0) std::memcpy(pItems, pFailed->pItems, pFailed->nItems * sizeof(*pItems));
     delete[] pFailed->pItems;
     pFailed->pItems = pItems;
     pFailed->nRoom  = nRoom;
@@ -71,7 +71,7 @@ static FailedItem *AddItem(FailedItems *pFailed, const char16_t *pszPath)
     if (!MakeRoom(pFailed)) return nullptr;
     auto *pszCopy = new (std::nothrow) char16_t[cch];
     if (pszCopy == nullptr) return nullptr;
-    memcpy(pszCopy, pszPath, cch * sizeof(char16_t));
+    std::memcpy(pszCopy, pszPath, cch * sizeof(char16_t));
     pFailed->pSlots[FindSlot(pFailed, pszPath)] = pFailed->nItems + 1;
     pFailed->pItems[pFailed->nItems]            = {pszCopy, false, false};
     return pFailed->pItems + pFailed->nItems++;
@@ -195,7 +195,7 @@ static bool RewriteFile(const FailedItems *pFailed, const FileMarks *pMarks)
 static void ForgetItems(FailedItems *pFailed)
 {
     for (uint32_t i = 0; i < pFailed->nItems; ++i) delete[] pFailed->pItems[i].pszPath;
-    if (pFailed->pSlots != nullptr) memset(pFailed->pSlots, 0, SLOT_COUNT * sizeof(*pFailed->pSlots));
+    if (pFailed->pSlots != nullptr) std::memset(pFailed->pSlots, 0, SLOT_COUNT * sizeof(*pFailed->pSlots));
     pFailed->nItems = 0;
 }
 

@@ -25,6 +25,6 @@ int32_t SendFailItems(uint32_t dwArgument1, uint32_t dwArgument2, const char16_t
     Record.dwParam1                        = dwArgument1;
     Record.dwParam2                        = dwArgument2;
     CopyTextW(szText, IPC_LONG_TEXT_UNITS, pszText);
-    memcpy(reinterpret_cast<unsigned char *>(&Record) + offsetof(IpcMessage, szText1), szText, sizeof(szText));
+    std::memcpy(reinterpret_cast<unsigned char *>(&Record) + offsetof(IpcMessage, szText1), szText, sizeof(szText));
     return SendNetworkCommand(&Record, 0, 0);
 }

@@ -22,8 +22,6 @@
 
 using namespace platform;
 
-namespace {
-
 constexpr char16_t RECEIPT_FILE[]  = u"receipts.dat";
 constexpr uint32_t JOURNAL_MARK    = 0x4A524E56; // "VNRJ"
 constexpr uint32_t JOURNAL_VERSION = 1;
@@ -60,7 +58,7 @@ static_assert(sizeof(ReceiptSlot) == SLOT_BYTES && offsetof(ReceiptSlot, ullSequ
               offsetof(ReceiptSlot, ullProgress) == 40 && offsetof(ReceiptSlot, ullChecksum) == 56);
 constexpr uint32_t JOURNAL_BYTES = (RECEIPT_SLOTS + 1) * SLOT_BYTES;
 
-CRITICAL_SECTION g_csReceipts;
+static CRITICAL_SECTION g_csReceipts;
 
 // [g_csReceipts] The journal while it is open: from a request's first file to the request's end.
 struct Journal {
@@ -73,28 +71,28 @@ struct Journal {
     uint64_t     ullUncounted; // sequence of the last one if its file has not been counted, else 0
     uint64_t     ullProgress;  // as last heard
 };
-Journal g_journal         = {false, INVALID_HANDLE_VALUE, 0, 1, nullptr, 0, 0, 0};
-bool    g_bMigrationEnded = false; // [g_csReceipts] the next opening, or the link's end, begins a new ring
+static Journal g_journal         = {false, INVALID_HANDLE_VALUE, 0, 1, nullptr, 0, 0, 0};
+static bool    g_bMigrationEnded = false; // [g_csReceipts] the next opening, or the link's end, begins a new ring
 
-uint64_t HashBytes(uint64_t ullHash, const void *pBytes, size_t cb)
+static uint64_t HashBytes(uint64_t ullHash, const void *pBytes, size_t cb)
 {
     const auto *pb = static_cast<const uint8_t *>(pBytes);
     for (size_t i = 0; i < cb; ++i) ullHash = (ullHash ^ pb[i]) * HASH_FACTOR;
     return ullHash;
 }
 
-uint64_t HashText(uint64_t ullHash, const char16_t *pszText)
+static uint64_t HashText(uint64_t ullHash, const char16_t *pszText)
 {
     return HashBytes(ullHash, pszText, (TextLengthW(pszText) + 1) * sizeof(char16_t));
 }
 
-template <class Slot> uint64_t ChecksumOf(const Slot &slot)
+template <class Slot> static uint64_t ChecksumOf(const Slot &slot)
 {
     return HashBytes(HASH_START, &slot, offsetof(Slot, ullChecksum));
 }
 
 // What names the peer of this migration; 0 when it does not say who it is.
-uint64_t HashPeer()
+static uint64_t HashPeer()
 {
     char16_t szFile[STATE_PATH_UNITS], szName[IDENTITY_UNITS], szUser[IDENTITY_UNITS];
     if (!GetProgressFile(TARGET_INFO_FILE, szFile)) return 0;
@@ -104,7 +102,7 @@ uint64_t HashPeer()
     return HashText(HashText(HASH_START, szName), szUser);
 }
 
-bool WriteAt(HANDLE hFile, int64_t cbOffset, const void *pBytes, uint32_t cb)
+static bool WriteAt(HANDLE hFile, int64_t cbOffset, const void *pBytes, uint32_t cb)
 {
     uint32_t cbWritten = 0;
     return SetFilePointerEx(hFile, cbOffset, nullptr, FILE_BEGIN) &&
@@ -112,17 +110,17 @@ bool WriteAt(HANDLE hFile, int64_t cbOffset, const void *pBytes, uint32_t cb)
 }
 
 // A ring of its own for this peer: what the old one's slots hold is nothing from here on.
-bool BeginRing(uint64_t ullPeer, uint64_t ullOldRing)
+static bool BeginRing(uint64_t ullPeer, uint64_t ullOldRing)
 {
     HeaderSlot header  = {JOURNAL_MARK, JOURNAL_VERSION, std::max(ullOldRing + 1, GetTickCount64()), ullPeer, {}, 0};
     header.ullChecksum = ChecksumOf(header);
-    if (!WriteAt(g_journal.hFile, 0, &header, sizeof header)) return false;
+    if (!WriteAt(g_journal.hFile, 0, &header, sizeof(header))) return false;
     g_journal.ullRing = header.ullRing;
     return true;
 }
 
 // The file in its full size, with a slot 0 that counts for nothing yet.
-HANDLE CreateJournal(const char16_t *pszFile)
+static HANDLE CreateJournal(const char16_t *pszFile)
 {
     auto                *pZeros    = new (std::nothrow) uint8_t[JOURNAL_BYTES]();
     SECURITY_ATTRIBUTES *pSecurity = CreateEveryoneSecurity(FILE_EVERYONE_ACCESS);
@@ -143,11 +141,11 @@ HANDLE CreateJournal(const char16_t *pszFile)
 }
 
 // The receipts of the ring into pEarlier, oldest first.
-void TakeReceipts(const uint8_t *pbFile)
+static void TakeReceipts(const uint8_t *pbFile)
 {
     for (uint32_t i = 1; i <= RECEIPT_SLOTS; ++i) {
         ReceiptSlot slot;
-        memcpy(&slot, pbFile + static_cast<size_t>(i) * SLOT_BYTES, sizeof slot);
+        std::memcpy(&slot, pbFile + static_cast<size_t>(i) * SLOT_BYTES, sizeof(slot));
         if (slot.dwMark == RECEIPT_MARK && slot.ullRing == g_journal.ullRing && slot.ullChecksum == ChecksumOf(slot))
             g_journal.pEarlier[g_journal.nEarlier++] = slot;
     }
@@ -160,7 +158,7 @@ void TakeReceipts(const uint8_t *pbFile)
 }
 
 // Reads the file and takes its ring, or begins one. False: nothing can be noted.
-bool LoadJournal(uint64_t ullPeer)
+static bool LoadJournal(uint64_t ullPeer)
 {
     HeaderSlot header  = {};
     uint32_t   cbRead  = 0;
@@ -169,7 +167,7 @@ bool LoadJournal(uint64_t ullPeer)
     bool bLoaded       = pbFile != nullptr && g_journal.pEarlier != nullptr &&
                    ReadFile(g_journal.hFile, pbFile, JOURNAL_BYTES, &cbRead, nullptr);
     if (bLoaded) {
-        memcpy(&header, pbFile, sizeof header);
+        std::memcpy(&header, pbFile, sizeof(header));
         const bool bWhole = cbRead == JOURNAL_BYTES && header.dwMark == JOURNAL_MARK &&
                             header.dwVersion == JOURNAL_VERSION && header.ullChecksum == ChecksumOf(header);
         if (bWhole && header.ullPeer == ullPeer && !g_bMigrationEnded) {
@@ -183,7 +181,7 @@ bool LoadJournal(uint64_t ullPeer)
     return bLoaded;
 }
 
-void CloseJournal()
+static void CloseJournal()
 {
     if (g_journal.hFile != INVALID_HANDLE_VALUE) CloseHandle(g_journal.hFile);
     delete[] g_journal.pEarlier;
@@ -191,7 +189,7 @@ void CloseJournal()
 }
 
 // The file, made when it may be; positioned at its beginning.
-HANDLE OpenJournalFile(const char16_t *pszFile, bool bMayMake)
+static HANDLE OpenJournalFile(const char16_t *pszFile, bool bMayMake)
 {
     int64_t cbFile = 0;
     HANDLE  hFile  = CreateFileW(pszFile, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
@@ -206,7 +204,7 @@ HANDLE OpenJournalFile(const char16_t *pszFile, bool bMayMake)
 }
 
 // True while there is a journal.
-bool OpenJournal(bool bMayMake)
+static bool OpenJournal(bool bMayMake)
 {
     char16_t szFile[STATE_PATH_UNITS];
     if (g_journal.bTried && !g_bMigrationEnded) return g_journal.hFile != INVALID_HANDLE_VALUE;
@@ -226,7 +224,7 @@ bool OpenJournal(bool bMayMake)
     return g_journal.hFile != INVALID_HANDLE_VALUE;
 }
 
-void Note(uint64_t ullDestination, uint32_t nNumber, int64_t cbSize)
+static void Note(uint64_t ullDestination, uint32_t nNumber, int64_t cbSize)
 {
     ReceiptSlot slot = {
         RECEIPT_MARK, nNumber, g_journal.ullRing, g_journal.ullNext, ullDestination, cbSize, g_journal.ullProgress,
@@ -234,11 +232,11 @@ void Note(uint64_t ullDestination, uint32_t nNumber, int64_t cbSize)
     slot.ullChecksum       = ChecksumOf(slot);
     const uint64_t ullSlot = 1 + g_journal.ullNext % RECEIPT_SLOTS;
     ++g_journal.ullNext;
-    if (!WriteAt(g_journal.hFile, static_cast<int64_t>(ullSlot * SLOT_BYTES), &slot, sizeof slot))
+    if (!WriteAt(g_journal.hFile, static_cast<int64_t>(ullSlot * SLOT_BYTES), &slot, sizeof(slot)))
         TraceValueText("!!NoteReceipt", GetLastError(), RECEIPT_FILE, STATE_PATH_UNITS);
 }
 
-uint32_t Find(uint64_t ullDestination, int64_t cbSize, StoredReceipt *pReceipts, uint32_t nMax)
+static uint32_t Find(uint64_t ullDestination, int64_t cbSize, StoredReceipt *pReceipts, uint32_t nMax)
 {
     uint32_t nFound = 0;
     for (uint32_t i = g_journal.nEarlier; i > 0 && nFound < nMax; --i) {
@@ -251,16 +249,14 @@ uint32_t Find(uint64_t ullDestination, int64_t cbSize, StoredReceipt *pReceipts,
     return nFound;
 }
 
-void EnterJournal()
+static void EnterJournal()
 {
     EnterCriticalSection(MadeOnce<&g_csReceipts>());
 }
-void LeaveJournal()
+static void LeaveJournal()
 {
     LeaveCriticalSection(MadeOnce<&g_csReceipts>());
 }
-
-} // namespace
 
 void NoteReceipt(const char16_t *pszDestination, uint32_t nNumber, int64_t cbSize)
 {

@@ -99,7 +99,7 @@ bool ReadRecordLine(LineReader *pReader)
     if (TextLengthW(pReader->szLine) < cch) pReader->szLine[0] = 0; // a zero inside: no line of ours
     if (!pReader->bWide) WidenLine(pReader);
     char16_t *pszStart = Trim(pReader->szLine);
-    memmove(pReader->szLine, pszStart, (TextLengthW(pszStart) + 1) * sizeof(char16_t));
+    std::memmove(pReader->szLine, pszStart, (TextLengthW(pszStart) + 1) * sizeof(char16_t));
     return true;
 }
 
@@ -175,7 +175,7 @@ static bool AddPiece(PieceList *pList, uint64_t ullSection, int64_t llHeader)
         const size_t  nRoom   = pList->nRoom == 0 ? 64 : pList->nRoom + pList->nRoom / 2;
         SectionPiece *pPieces = new (std::nothrow) SectionPiece[nRoom];
         if (pPieces == nullptr) return false;
-        if (pList->nPieces > 0) memcpy(pPieces, pList->pPieces, pList->nPieces * sizeof *pPieces);
+        if (pList->nPieces > 0) std::memcpy(pPieces, pList->pPieces, pList->nPieces * sizeof(*pPieces));
         delete[] pList->pPieces;
         pList->pPieces = pPieces;
         pList->nRoom   = nRoom;
@@ -233,7 +233,7 @@ static bool WriteLine(LineWriter *pWriter, const char16_t *pszLine)
     constexpr size_t ROOM_UNITS = READ_BUFFER_BYTES / sizeof(char16_t);
     const size_t     cch        = TextLengthW(pszLine);
     if (pWriter->nUnits + cch + 2 > ROOM_UNITS && !FlushWriter(pWriter)) return false;
-    memcpy(pWriter->pUnits + pWriter->nUnits, pszLine, cch * sizeof(char16_t));
+    std::memcpy(pWriter->pUnits + pWriter->nUnits, pszLine, cch * sizeof(char16_t));
     pWriter->nUnits += cch;
     pWriter->pUnits[pWriter->nUnits++] = u'\r';
     pWriter->pUnits[pWriter->nUnits++] = u'\n';

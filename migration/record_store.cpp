@@ -193,7 +193,7 @@ static bool EndHalfLine()
     uint32_t          cbWritten         = 0;
     if (!GetFileSizeEx(g_Records.hAppend, &cbFile)) return false;
     const uint32_t nPadding = cbFile % 2 != 0 ? 1 : 0;
-    const uint32_t cb       = sizeof PADDED_LINE_END - 1 + nPadding;
+    const uint32_t cb       = sizeof(PADDED_LINE_END) - 1 + nPadding;
     g_Records.bHalfLine =
         !WriteFile(g_Records.hAppend, PADDED_LINE_END + 1 - nPadding, cb, &cbWritten, nullptr) || cbWritten != cb;
     return !g_Records.bHalfLine;

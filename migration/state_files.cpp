@@ -324,7 +324,7 @@ int32_t ReadPathLines(const char16_t *pszFile, StringList *pFolders, StringList 
         uint32_t       i  = 0;
         for (; i + 1 < cb; i += 2) {
             char16_t ch;
-            memcpy(&ch, pPiece + i, sizeof(ch));
+            std::memcpy(&ch, pPiece + i, sizeof(ch));
             const bool bMark = bFirst && ch == BYTE_ORDER_MARK;
             bFirst           = false;
             if (bMark || TakeUnit(&Line, ch)) continue;

@@ -12,20 +12,18 @@ using namespace platform;
 char g_szLocalIP[16];
 char g_szLocalIPPrefix[16];
 
-namespace {
-
 constexpr uint32_t WLAN_CLIENT_VERSION = 2;
 constexpr size_t   GUID_TEXT_BYTES     = 40;
 
-void FormatAdapterName(const GUID &guid, char (&szName)[GUID_TEXT_BYTES])
+static void FormatAdapterName(const GUID &guid, char (&szName)[GUID_TEXT_BYTES])
 {
     const uint8_t *p = guid.Data4;
-    FormatTextA(szName, sizeof szName, "{%08lX-%04hX-%04hX-%02hhX%02hhX-%02hhX%02hhX%02hhX%02hhX%02hhX%02hhX}",
+    FormatTextA(szName, sizeof(szName), "{%08lX-%04hX-%04hX-%02hhX%02hhX-%02hhX%02hhX%02hhX%02hhX%02hhX%02hhX}",
                 guid.Data1, guid.Data2, guid.Data3, p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7]);
 }
 
 // The four numbers of a dotted address; a part that is missing counts as 0.
-void ReadDottedAddress(const char *pszAddress, int32_t (&aNumbers)[4])
+static void ReadDottedAddress(const char *pszAddress, int32_t (&aNumbers)[4])
 {
     for (int32_t &n : aNumbers) {
         n          = pszAddress != nullptr ? TextToInt32A(pszAddress) & 0xFF : 0;
@@ -35,7 +33,7 @@ void ReadDottedAddress(const char *pszAddress, int32_t (&aNumbers)[4])
 }
 
 // The system's list of adapters, freed with free. Null: logged.
-IP_ADAPTER_INFO *QueryAdapters()
+static IP_ADAPTER_INFO *QueryAdapters()
 {
     uint32_t cb    = sizeof(IP_ADAPTER_INFO);
     auto    *pInfo = static_cast<IP_ADAPTER_INFO *>(std::malloc(cb));
@@ -55,7 +53,7 @@ IP_ADAPTER_INFO *QueryAdapters()
     return nullptr;
 }
 
-void ReadWirelessAddress(const GUID &guid)
+static void ReadWirelessAddress(const GUID &guid)
 {
     char szName[GUID_TEXT_BYTES];
     FormatAdapterName(guid, szName);
@@ -65,16 +63,14 @@ void ReadWirelessAddress(const GUID &guid)
         int32_t a[4];
         ReadDottedAddress(p->IpAddressList.IpAddress, a);
         TraceDebugA("[GetDhcpServerIPAddr] Local IP:[%d.%d.%d.%d].", a[0], a[1], a[2], a[3]);
-        FormatTextA(g_szLocalIP, sizeof g_szLocalIP, "%d.%d.%d.%d", a[0], a[1], a[2], a[3]);
-        FormatTextA(g_szLocalIPPrefix, sizeof g_szLocalIPPrefix, "%d", a[0]);
+        FormatTextA(g_szLocalIP, sizeof(g_szLocalIP), "%d.%d.%d.%d", a[0], a[1], a[2], a[3]);
+        FormatTextA(g_szLocalIPPrefix, sizeof(g_szLocalIPPrefix), "%d", a[0]);
         ReadDottedAddress(p->DhcpServer.IpAddress, a);
         TraceDebugA("[GetDhcpServerIPAddr] Host IP:[%d.%d.%d.%d].", a[0], a[1], a[2], a[3]);
         break;
     }
     std::free(pAdapters);
 }
-
-} // namespace
 
 int32_t GetDhcpServerIPAddr()
 {

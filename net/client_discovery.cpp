@@ -14,8 +14,6 @@
 
 using namespace platform;
 
-namespace {
-
 constexpr uint32_t FORMER_SLEEP_MS   = 100;
 constexpr uint32_t FORMER_SLEEPS     = 101; // about 10 s for a former enumeration
 constexpr uint32_t ROUND_SLEEP_MS    = 100;
@@ -25,9 +23,9 @@ constexpr uint32_t SEARCH_MS         = 15000; // of sleeps after which no furthe
 constexpr uint32_t COUNT_BYTES       = 260;
 constexpr int32_t  MAX_SERVERS       = 256; // looked at in one round, whatever the count says
 
-uint32_t g_dwEnumStart; // the start whose search g_bClientEnuming stands for; role lock
+static uint32_t g_dwEnumStart; // the start whose search g_bClientEnuming stands for; role lock
 
-void AwaitFormerEnumeration(uint32_t dwStart)
+static void AwaitFormerEnumeration(uint32_t dwStart)
 {
     if (!g_bClientEnuming) return;
     uint32_t nCount = 0;
@@ -41,7 +39,7 @@ void AwaitFormerEnumeration(uint32_t dwStart)
 
 // True for one entry of the list as it stands now. Without an address it was the last session's server that was tried:
 // once a round is enough.
-bool IsWorthATry(const char *pszAddress, bool *pbLastTried)
+static bool IsWorthATry(const char *pszAddress, bool *pbLastTried)
 {
     const bool bTry = pszAddress[0] != '\0' || !*pbLastTried;
     if (pszAddress[0] == '\0') *pbLastTried = true;
@@ -49,10 +47,10 @@ bool IsWorthATry(const char *pszAddress, bool *pbLastTried)
 }
 
 // Tries every server that has been found so far. 0, 1111, 9999 or the last attempt's status.
-int32_t CheckFoundServers(const ClientStart *pStart, const char *pszPassword)
+static int32_t CheckFoundServers(const ClientStart *pStart, const char *pszPassword)
 {
     char szCount[COUNT_BYTES];
-    ReadSetting(SECTION_SERVER_ENUM, KEY_COUNT, szCount, sizeof szCount);
+    ReadSetting(SECTION_SERVER_ENUM, KEY_COUNT, szCount, sizeof(szCount));
     const int32_t nCount = TextToInt32A(szCount);
     TraceDebugA("[ClientEnumCheck] ServerEnum count [%s][%d]", szCount, nCount);
     if (nCount < 1) TraceDebugA("[ClientEnumCheck] discover count 0");
@@ -64,10 +62,10 @@ int32_t CheckFoundServers(const ClientStart *pStart, const char *pszPassword)
             TraceDebugA("[ClientEnumCheck] g_bStopClientEnum");
             return CLIENT_CANCELLED;
         }
-        FormatTextA(szKey, sizeof szKey, "%d", i);
-        ReadSetting(SECTION_SERVER_ENUM, szKey, szAddress, sizeof szAddress);
-        FormatTextA(szKey, sizeof szKey, "%d_port", i);
-        ReadSetting(SECTION_SERVER_ENUM, szKey, szPort, sizeof szPort);
+        FormatTextA(szKey, sizeof(szKey), "%d", i);
+        ReadSetting(SECTION_SERVER_ENUM, szKey, szAddress, sizeof(szAddress));
+        FormatTextA(szKey, sizeof(szKey), "%d_port", i);
+        ReadSetting(SECTION_SERVER_ENUM, szKey, szPort, sizeof(szPort));
         if (!IsWorthATry(szAddress, &bLastTried)) continue;
         TraceDebugA("[ClientEnumCheck] ServerEnum [%d]-[%s][%s]", nCount, szAddress, szPort);
         nRet = ClientInitStart(pStart, szAddress, pszPassword, szPort);
@@ -85,7 +83,7 @@ int32_t CheckFoundServers(const ClientStart *pStart, const char *pszPassword)
 }
 
 // Rounds of a second each. 0, or the last round's status.
-int32_t SearchServers(const ClientStart *pStart, const char *pszPassword)
+static int32_t SearchServers(const ClientStart *pStart, const char *pszPassword)
 {
     uint32_t dwElapsed = 0;
     for (;;) {
@@ -110,7 +108,7 @@ int32_t SearchServers(const ClientStart *pStart, const char *pszPassword)
 
 // True when the stored address may be reached from here. Only the first numbers are compared; a wired adapter that is
 // up may lead anywhere.
-bool IsLastServerReachable(const char *pszAddress)
+static bool IsLastServerReachable(const char *pszAddress)
 {
     GetDhcpServerIPAddr();
     if (TextToInt32A(pszAddress) == TextToInt32A(g_szLocalIPPrefix)) return true;
@@ -122,11 +120,11 @@ bool IsLastServerReachable(const char *pszAddress)
 }
 
 // The fallback. 0, the attempt's status, or nSearched when no attempt was made.
-int32_t TryLastServer(const ClientStart *pStart, const char *pszPassword, int32_t nSearched)
+static int32_t TryLastServer(const ClientStart *pStart, const char *pszPassword, int32_t nSearched)
 {
     char szAddress[ADDRESS_BYTES];
     TraceDebugA("[ClientInitEnum] try default.");
-    ReadSetting(SECTION_LAST_CLIENT, KEY_SERVER_IP, szAddress, sizeof szAddress);
+    ReadSetting(SECTION_LAST_CLIENT, KEY_SERVER_IP, szAddress, sizeof(szAddress));
     if (szAddress[0] == '\0') {
         TraceDebugA("[ClientInitEnum] try default, but not get ini ip.");
         return nSearched;
@@ -140,7 +138,7 @@ int32_t TryLastServer(const ClientStart *pStart, const char *pszPassword, int32_
 }
 
 // Steps from the role's taking on. 0, 9999, or the status that the search ended with.
-int32_t EnumerateServers(const ClientStart *pStart, const char *pszPassword)
+static int32_t EnumerateServers(const ClientStart *pStart, const char *pszPassword)
 {
     WritePrivateProfileStringA(SECTION_SERVER_ENUM, nullptr, nullptr, g_szConfigPath); // only fresh results are read
     StartDiscovery(false, pStart->dwLink);
@@ -158,8 +156,6 @@ int32_t EnumerateServers(const ClientStart *pStart, const char *pszPassword)
     // hide what the servers found here said.
     return nRet == 0 ? 0 : nSearched;
 }
-
-} // namespace
 
 int32_t ClientInitEnumStart(const char *pszPassword, uint32_t dwStart, uint32_t *pdwLink)
 {

@@ -16,29 +16,27 @@ using namespace platform;
 
 char g_szServerIP[20];
 
-namespace {
-
 constexpr char16_t CLIENT_EXIT_EVENT[] = u"Global\\VORN Pendrel Client Socket Exit Event";
 constexpr char16_t OPERATION[]         = u"ClientInit";
 constexpr char     DEFAULT_ADDRESS[]   = "127.0.0.1";
 constexpr char     DEFAULT_PORT[]      = "9001";
 constexpr char     ADMITTED_ANSWER[]   = "pwack=1";
 
-bool IsStopped(const ClientStart *pStart)
+static bool IsStopped(const ClientStart *pStart)
 {
     if (!IsClientStopped(pStart)) return false;
     TraceDebugA("[ClientInit] g_bStopClientEnum.");
     return true;
 }
 
-int32_t Failed(const char16_t *pszDescription, int32_t nStatus)
+static int32_t Failed(const char16_t *pszDescription, int32_t nStatus)
 {
     ReportWSAError(OPERATION, pszDescription);
     return nStatus;
 }
 
 // [role lock] 0 or -300.
-int32_t MakeExitEvent()
+static int32_t MakeExitEvent()
 {
     const HANDLE hEvent = CreateEventW(nullptr, FALSE, FALSE, CLIENT_EXIT_EVENT);
     if (hEvent == nullptr) {
@@ -53,7 +51,7 @@ int32_t MakeExitEvent()
 }
 
 // 0, -201, -300 or 9999.
-int32_t BeginAttempt(const ClientStart *pStart)
+static int32_t BeginAttempt(const ClientStart *pStart)
 {
     int32_t nErr = 0;
     EnterRoleChange();
@@ -71,7 +69,8 @@ int32_t BeginAttempt(const ClientStart *pStart)
 }
 
 // The argument, else the last session's value, else the default.
-void ChooseValue(const char *pszArgument, const char *pszKey, const char *pszDefault, char *pszValue, uint32_t cb)
+static void ChooseValue(const char *pszArgument, const char *pszKey, const char *pszDefault, char *pszValue,
+                        uint32_t cb)
 {
     if (pszArgument[0] != '\0') CopyTextA(pszValue, cb, pszArgument);
     else ReadSetting(SECTION_LAST_CLIENT, pszKey, pszValue, cb);
@@ -79,7 +78,7 @@ void ChooseValue(const char *pszArgument, const char *pszKey, const char *pszDef
 }
 
 // A socket that whoever ends this start can close. False: it has been ended, and the socket is closed.
-bool PublishAttempt(const ClientStart *pStart, SOCKET hSocket)
+static bool PublishAttempt(const ClientStart *pStart, SOCKET hSocket)
 {
     EnterRoleChange();
     const bool bWanted = !IsStopped(pStart);
@@ -93,14 +92,14 @@ bool PublishAttempt(const ClientStart *pStart, SOCKET hSocket)
 }
 
 // Takes the socket back. False: whoever ended the attempt has closed it.
-bool TakeAttempt(SOCKET hSocket)
+static bool TakeAttempt(SOCKET hSocket)
 {
     SOCKET hOwn = hSocket;
     return g_ClientAttemptSocket.compare_exchange_strong(hOwn, INVALID_SOCKET);
 }
 
 // One address. 0 with the socket published; -2, -3 or 9999 without one.
-int32_t ConnectTo(const ClientStart *pStart, const addrinfo *pAddress, SOCKET *phSocket)
+static int32_t ConnectTo(const ClientStart *pStart, const addrinfo *pAddress, SOCKET *phSocket)
 {
     const SOCKET hSocket = socket(pAddress->ai_family, pAddress->ai_socktype, pAddress->ai_protocol);
     if (hSocket == INVALID_SOCKET) return Failed(u"socket failed", -2);
@@ -118,7 +117,7 @@ int32_t ConnectTo(const ClientStart *pStart, const addrinfo *pAddress, SOCKET *p
 }
 
 // Connects to the first address that answers. 0 with the socket; -1, -2, -3 or 9999 without one.
-int32_t ConnectToServer(const ClientStart *pStart, const char *pszPort, SOCKET *phSocket)
+static int32_t ConnectToServer(const ClientStart *pStart, const char *pszPort, SOCKET *phSocket)
 {
     addrinfo  hints    = {};
     addrinfo *pResults = nullptr;
@@ -135,7 +134,7 @@ int32_t ConnectToServer(const ClientStart *pStart, const char *pszPort, SOCKET *
 }
 
 // Sends the password and reads the answer. 0, -4, -5, -6 or 9999.
-int32_t ProvePassword(const ClientStart *pStart, SOCKET hSocket)
+static int32_t ProvePassword(const ClientStart *pStart, SOCKET hSocket)
 {
     char szField[HANDSHAKE_FIELD_BYTES]      = "";
     char szAnswer[HANDSHAKE_FIELD_BYTES + 1] = ""; // the peer promises no terminator
@@ -155,7 +154,7 @@ int32_t ProvePassword(const ClientStart *pStart, SOCKET hSocket)
 }
 
 // The server has admitted this machine. 0 with the socket published; -300 or 9999 with the socket left to the caller.
-int32_t BeginLink(const ClientStart *pStart, SOCKET hSocket, const char *pszPort)
+static int32_t BeginLink(const ClientStart *pStart, SOCKET hSocket, const char *pszPort)
 {
     int32_t nErr = CLIENT_CANCELLED;
     char    szPassword[PASSWORD_BYTES];
@@ -175,15 +174,16 @@ int32_t BeginLink(const ClientStart *pStart, SOCKET hSocket, const char *pszPort
 }
 
 // Addresses and password chosen, connected, admitted. A status of ClientInit.
-int32_t RunAttempt(const ClientStart *pStart, const char *pszAddress, const char *pszPassword, const char *pszPort)
+static int32_t RunAttempt(const ClientStart *pStart, const char *pszAddress, const char *pszPassword,
+                          const char *pszPort)
 {
     char   szPort[PORT_BYTES];
     char   szPassword[PASSWORD_BYTES];
     SOCKET hSocket = INVALID_SOCKET;
     AwaitFormerLink(1);
-    ChooseValue(pszAddress, KEY_SERVER_IP, DEFAULT_ADDRESS, g_szServerIP, sizeof g_szServerIP);
+    ChooseValue(pszAddress, KEY_SERVER_IP, DEFAULT_ADDRESS, g_szServerIP, sizeof(g_szServerIP));
     TraceDebugA("[ClientInit] server ip [%s]", g_szServerIP);
-    ChooseValue(pszPort, KEY_PORT, DEFAULT_PORT, szPort, sizeof szPort);
+    ChooseValue(pszPort, KEY_PORT, DEFAULT_PORT, szPort, sizeof(szPort));
     TraceDebugA("[ClientInit] server port [%s]", szPort);
     if (IsStopped(pStart)) return CLIENT_CANCELLED;
     int32_t nErr = ConnectToServer(pStart, szPort, &hSocket);
@@ -192,7 +192,7 @@ int32_t RunAttempt(const ClientStart *pStart, const char *pszAddress, const char
     if (pszPassword[0] != '\0') {
         SetPassword(pszPassword);
     } else {
-        ReadSetting(SECTION_LAST_CLIENT, KEY_PASSWORD, szPassword, sizeof szPassword);
+        ReadSetting(SECTION_LAST_CLIENT, KEY_PASSWORD, szPassword, sizeof(szPassword));
         SetPassword(szPassword);
     }
     GetPassword(szPassword);
@@ -202,8 +202,6 @@ int32_t RunAttempt(const ClientStart *pStart, const char *pszAddress, const char
     if (nErr != 0 && TakeAttempt(hSocket)) closesocket(hSocket);
     return nErr != 0 && IsClientStopped(pStart) ? CLIENT_CANCELLED : nErr;
 }
-
-} // namespace
 
 bool IsClientStopped(const ClientStart *pStart)
 {

@@ -31,7 +31,7 @@ HANDLE GetFileOutcomeEvent()
 bool SendCommandWord(SOCKET hSocket, const char *pszWord)
 {
     char szField[COMMAND_WORD_BYTES] = "";
-    CopyTextA(szField, sizeof szField, pszWord);
+    CopyTextA(szField, sizeof(szField), pszWord);
     return SendBuffer(hSocket, szField, COMMAND_WORD_BYTES) == COMMAND_WORD_BYTES;
 }
 
@@ -80,7 +80,7 @@ int32_t KeepAliveTest(SOCKET hSocket)
         return -2002;
     }
     TraceDebugA("[KeepAliveTest] Recv keepalive ack (%s)", szAnswer);
-    std::memcpy(g_szKeepAliveAck, szAnswer, sizeof g_szKeepAliveAck);
+    std::memcpy(g_szKeepAliveAck, szAnswer, sizeof(g_szKeepAliveAck));
     if (CompareTextNoCaseA(szAnswer, WORD_ACK_ALIVE) == 0) return 0;
     TraceDebugA("[KeepAliveTest] Recv keepalive ack wrong.");
     return KEEP_ALIVE_OTHER_WORD;

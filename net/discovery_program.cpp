@@ -6,12 +6,8 @@
 
 using namespace platform;
 
-namespace {
-
-CRITICAL_SECTION g_csDiscovery;
-uint32_t         g_dwDiscoveryLink; // for which it runs, 0 for none; guarded by the lock
-
-} // namespace
+static CRITICAL_SECTION g_csDiscovery;
+static uint32_t         g_dwDiscoveryLink; // for which it runs, 0 for none; guarded by the lock
 
 void StartDiscovery(bool bServer, uint32_t dwLink)
 {

@@ -9,8 +9,6 @@
 #include <algorithm>
 #include <atomic>
 
-namespace {
-
 constexpr char     SECTION_LINK[]    = "Link";
 constexpr char     KEY_SEND_WINDOW[] = "SendWindow";
 constexpr uint32_t NUMBER_BYTES      = 16;
@@ -18,44 +16,42 @@ constexpr uint32_t NUMBER_BYTES      = 16;
 constexpr uint64_t ROW_GAP_MS = 100; // between two files of a walk, at most
 constexpr uint32_t ROW_FILES  = 4;   // a single file beside a walk is none
 
-std::atomic<uint64_t> g_ullLastReceived{0};
-std::atomic<uint32_t> g_nReceivedInRow{0};
-std::atomic<bool>     g_bReceiving{false};
+static std::atomic<uint64_t> g_ullLastReceived{0};
+static std::atomic<uint32_t> g_nReceivedInRow{0};
+static std::atomic<bool>     g_bReceiving{false};
 
 // The link's number (network_link.h) in the upper half, a count of files in the lower: what is noted is whole to a
 // reader, and is void on another link.
 using LinkNote = std::atomic<uint64_t>;
-LinkNote g_ullPeerWindow{0}; // the peer's number
-LinkNote g_ullSentWindow{0}; // the own, in a machine info that has gone out and is not answered
-LinkNote g_ullOwnWindow{0};  // the own, in one that the peer has stored
-LinkNote g_ullLinkWindow{0}; // what holds
+static LinkNote g_ullPeerWindow{0}; // the peer's number
+static LinkNote g_ullSentWindow{0}; // the own, in a machine info that has gone out and is not answered
+static LinkNote g_ullOwnWindow{0};  // the own, in one that the peer has stored
+static LinkNote g_ullLinkWindow{0}; // what holds
 
-std::atomic<uint32_t> g_nOwnWindow{1}; // what the own machine info says
+static std::atomic<uint32_t> g_nOwnWindow{1}; // what the own machine info says
 
-void Note(LinkNote *pNote, uint32_t nFiles)
+static void Note(LinkNote *pNote, uint32_t nFiles)
 {
     *pNote = static_cast<uint64_t>(g_dwLinkGeneration) << 32 | nFiles;
 }
 
 // 0: nothing was noted on this link.
-uint32_t Noted(const LinkNote &note)
+static uint32_t Noted(const LinkNote &note)
 {
     const uint64_t ullNote = note;
     return ullNote >> 32 == g_dwLinkGeneration ? static_cast<uint32_t>(ullNote) : 0;
 }
 
-void Agree()
+static void Agree()
 {
     const uint32_t nFiles = std::min(Noted(g_ullPeerWindow), Noted(g_ullOwnWindow));
     if (nFiles > 1 && IsThreadLinkCurrent()) Note(&g_ullLinkWindow, nFiles);
 }
 
-} // namespace
-
 uint32_t ReadOwnWindow()
 {
     char szNumber[NUMBER_BYTES];
-    ReadSetting(SECTION_LINK, KEY_SEND_WINDOW, szNumber, sizeof szNumber);
+    ReadSetting(SECTION_LINK, KEY_SEND_WINDOW, szNumber, sizeof(szNumber));
     const int32_t nFiles = szNumber[0] != '\0' ? platform::TextToInt32A(szNumber) : static_cast<int32_t>(OWN_WINDOW);
     g_nOwnWindow         = static_cast<uint32_t>(std::clamp<int32_t>(nFiles, 1, LINK_WINDOW_FILES));
     return g_nOwnWindow;

@@ -21,43 +21,39 @@ std::atomic<uint32_t> g_dwLinkGeneration{1};
 std::atomic<int32_t>  g_nListeners{0};
 std::atomic<int32_t>  g_nAttempts{0};
 
-namespace {
-
 constexpr uint32_t LISTENER_END_MS  = 2500; // as long as shut-down waits for a thread
 constexpr uint32_t LISTENER_POLL_MS = 15;
 constexpr uint16_t WINSOCK_2_2      = 0x0202;
 
-CRITICAL_SECTION      g_csRole;
-CRITICAL_SECTION      g_csPassword; // guards g_szPW
-thread_local uint32_t t_dwLink;     // 0: bound to no link
+static CRITICAL_SECTION      g_csRole;
+static CRITICAL_SECTION      g_csPassword; // guards g_szPW
+static thread_local uint32_t t_dwLink;     // 0: bound to no link
 
-CRITICAL_SECTION *PasswordLock()
+static CRITICAL_SECTION *PasswordLock()
 {
     return MadeOnce<&g_csPassword>();
 }
 
-CRITICAL_SECTION *RoleLock()
+static CRITICAL_SECTION *RoleLock()
 {
     return MadeOnce<&g_csRole>();
 }
 
-void SetLinkOption(SOCKET hSocket, int32_t nLevel, int32_t nOption, uint32_t dwValue)
+static void SetLinkOption(SOCKET hSocket, int32_t nLevel, int32_t nOption, uint32_t dwValue)
 {
-    if (setsockopt(hSocket, nLevel, nOption, reinterpret_cast<const char *>(&dwValue), sizeof dwValue) == SOCKET_ERROR)
+    if (setsockopt(hSocket, nLevel, nOption, reinterpret_cast<const char *>(&dwValue), sizeof(dwValue)) == SOCKET_ERROR)
         ReportWSAError(u"PrepareLinkSocket", u"setsockopt failed");
 }
 
-std::atomic<SOCKET> *LinkSocketOf(bool bServer)
+static std::atomic<SOCKET> *LinkSocketOf(bool bServer)
 {
     return bServer ? &g_ServerSendSocket : &g_ClientRecvSocket;
 }
 
-bool HasLinkSocket()
+static bool HasLinkSocket()
 {
     return g_ServerSendSocket != INVALID_SOCKET || g_ClientRecvSocket != INVALID_SOCKET;
 }
-
-} // namespace
 
 void MakeNetSocketLock()
 {
@@ -72,14 +68,14 @@ void NextLinkGeneration()
 void SetPassword(const char *pszPassword)
 {
     EnterCriticalSection(PasswordLock());
-    platform::strcpy_s(g_szPW, sizeof g_szPW, pszPassword);
+    platform::strcpy_s(g_szPW, sizeof(g_szPW), pszPassword);
     LeaveCriticalSection(PasswordLock());
 }
 
 void GetPassword(char (&szPassword)[10])
 {
     EnterCriticalSection(PasswordLock());
-    platform::strcpy_s(szPassword, sizeof szPassword, g_szPW);
+    platform::strcpy_s(szPassword, sizeof(szPassword), g_szPW);
     LeaveCriticalSection(PasswordLock());
 }
 

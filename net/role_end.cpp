@@ -18,16 +18,14 @@ std::atomic<HANDLE>  g_hServerExitEvent{nullptr};
 std::atomic<HANDLE>  g_hClientExitEvent{nullptr};
 std::atomic<uint8_t> g_bClientEnuming{0};
 
-namespace {
-
-bool IsRoleHeld(bool bServer)
+static bool IsRoleHeld(bool bServer)
 {
     if (!bServer) return g_bClient || g_ClientRecvSocket != INVALID_SOCKET || g_ClientAttemptSocket != INVALID_SOCKET;
     return g_bServer || g_ServerSendSocket != INVALID_SOCKET || g_ServerSrvSocket != INVALID_SOCKET;
 }
 
 // [role lock] The result is the number of the link that has ended.
-uint32_t TakeDownRole(bool bServer, bool bKeepFolders)
+static uint32_t TakeDownRole(bool bServer, bool bKeepFolders)
 {
     const uint32_t dwLink = g_dwLinkGeneration;
     if (IsRoleHeld(bServer)) {
@@ -45,13 +43,13 @@ uint32_t TakeDownRole(bool bServer, bool bKeepFolders)
     return dwLink;
 }
 
-void LogTeardown(bool bServer)
+static void LogTeardown(bool bServer)
 {
     TraceDebugA(bServer ? "[ServerUninit] i am called..." : "[ClientUninit] i am called...");
     if (!bServer && g_bClientEnuming) TraceDebugA("[ClientUninit] g_bClientEnuming..");
 }
 
-void EndRole(bool bServer, uint32_t dwLink)
+static void EndRole(bool bServer, uint32_t dwLink)
 {
     uint32_t dwEnded = 0;
     LogTeardown(bServer);
@@ -62,8 +60,6 @@ void EndRole(bool bServer, uint32_t dwLink)
     if (dwEnded != 0) StopDiscovery(dwEnded);
     if (!bServer) TraceDebugA("[ClientUninit] exit...");
 }
-
-} // namespace
 
 void ServerUninitLink(uint32_t dwLink)
 {

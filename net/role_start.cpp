@@ -5,15 +5,11 @@
 
 using namespace platform;
 
-namespace {
-
 // Role lock.
-uint32_t g_dwLastNumber;    // given so far
-uint32_t g_dwEndedUpTo;     // starts up to this number have been ended
-uint32_t g_aNewestStart[2]; // client, server: announced
-uint32_t g_aHolder[2];      // the start that took the role last
-
-} // namespace
+static uint32_t g_dwLastNumber;    // given so far
+static uint32_t g_dwEndedUpTo;     // starts up to this number have been ended
+static uint32_t g_aNewestStart[2]; // client, server: announced
+static uint32_t g_aHolder[2];      // the start that took the role last
 
 uint32_t NewRoleStart()
 {

@@ -19,13 +19,11 @@
 
 using namespace platform;
 
-namespace {
-
 constexpr uint32_t PATH_TEXT_BYTES = 2048; // of the field, what may hold text
 constexpr char16_t OPERATION[]     = u"SendFileCommand";
 
 // The source's attributes. 0, -301 or -302.
-int32_t ReadSource(const char16_t *pszLocal, uint32_t *pdwAttributes)
+static int32_t ReadSource(const char16_t *pszLocal, uint32_t *pdwAttributes)
 {
     if (_waccess(pszLocal, 0) == -1) {
         TraceDebugA("[SendFileCommand] src file not exist");
@@ -37,12 +35,12 @@ int32_t ReadSource(const char16_t *pszLocal, uint32_t *pdwAttributes)
     return SENDCOMMAND_NO_ATTRIBUTES;
 }
 
-bool SendField(SOCKET hSocket, const void *pField, int32_t cb)
+static bool SendField(SOCKET hSocket, const void *pField, int32_t cb)
 {
     return SendBuffer(hSocket, pField, cb) == cb;
 }
 
-bool SendPath(SOCKET hSocket, const char16_t *pszDestination)
+static bool SendPath(SOCKET hSocket, const char16_t *pszDestination)
 {
     uint8_t      aField[FILE_PATH_BYTES] = {};
     const size_t cb                      = TextLengthW(pszDestination) * sizeof(char16_t);
@@ -55,7 +53,7 @@ bool SendPath(SOCKET hSocket, const char16_t *pszDestination)
 }
 
 // Word, path and type. 0, -21, -22 or -23; *ppszFailure names what failed.
-int32_t SendHeader(SOCKET hSocket, const char16_t *pszDestination, uint32_t dwType, const char16_t **ppszFailure)
+static int32_t SendHeader(SOCKET hSocket, const char16_t *pszDestination, uint32_t dwType, const char16_t **ppszFailure)
 {
     *ppszFailure = u"send cmd failed";
     if (!SendCommandWord(hSocket, WORD_SEND_FILE)) return -21;
@@ -63,23 +61,23 @@ int32_t SendHeader(SOCKET hSocket, const char16_t *pszDestination, uint32_t dwTy
     if (!SendPath(hSocket, pszDestination)) return -22;
     *ppszFailure = u"send type failed";
     TraceDebugA("[SendFileCommand] send type begin [%d]", dwType);
-    if (!SendField(hSocket, &dwType, sizeof dwType)) return -23;
+    if (!SendField(hSocket, &dwType, sizeof(dwType))) return -23;
     TraceDebugA("[SendFileCommand] send type done");
     return 0;
 }
 
 // What a file has and a folder has not: attributes, flag and stream. 0, -24, -25 or SendFile's negative result.
-int32_t SendBody(SOCKET hSocket, const char16_t *pszSource, uint32_t dwAttributes, uint8_t bEncrypt,
-                 const PreparedFile *pPrepared, bool *pbWhole, const char16_t **ppszFailure)
+static int32_t SendBody(SOCKET hSocket, const char16_t *pszSource, uint32_t dwAttributes, uint8_t bEncrypt,
+                        const PreparedFile *pPrepared, bool *pbWhole, const char16_t **ppszFailure)
 {
     *ppszFailure = u"send attribute failed";
     TraceDebugA("[SendFileCommand] send attribute begin [%d]", dwAttributes);
-    if (!SendField(hSocket, &dwAttributes, sizeof dwAttributes)) return -24;
+    if (!SendField(hSocket, &dwAttributes, sizeof(dwAttributes))) return -24;
     TraceDebugA("[SendFileCommand] send attribute done");
     *ppszFailure        = u"send bEncrypt failed";
     const uint8_t bFlag = bEncrypt ? 1 : 0;
     TraceDebugA("[SendFileCommand] send bEncrypt begin [%d]", bFlag);
-    if (!SendField(hSocket, &bFlag, sizeof bFlag)) return -25;
+    if (!SendField(hSocket, &bFlag, sizeof(bFlag))) return -25;
     TraceDebugA("[SendFileCommand] send bEncrypt done");
     *ppszFailure = u"Failed to send file";
     TraceDebugW(u"[SendFileCommand] Be4 send file...[%s]", pszSource);
@@ -87,8 +85,6 @@ int32_t SendBody(SOCKET hSocket, const char16_t *pszSource, uint32_t dwAttribute
     TraceDebugA("[SendFileCommand] After send file...ret[%I64d]", nRet);
     return nRet < 0 ? static_cast<int32_t>(nRet) : 0;
 }
-
-} // namespace
 
 int32_t SendPreparedFileCommand(SOCKET hSocket, const char16_t *pszSource, const char16_t *pszDestination,
                                 uint32_t dwType, uint8_t bEncrypt, const PreparedFile *pPrepared, bool bMore,

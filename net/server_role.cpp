@@ -16,8 +16,6 @@
 
 using namespace platform;
 
-namespace {
-
 constexpr char16_t SERVER_EXIT_EVENT[] = u"Global\\VORN Pendrel Server Socket Exit Event";
 constexpr char16_t OPERATION[]         = u"ServerInit";
 
@@ -28,14 +26,14 @@ struct ServerStart {
     char     szPort[PORT_BYTES]; // the bound port
 };
 
-int32_t Failed(const char16_t *pszDescription, int32_t nStatus)
+static int32_t Failed(const char16_t *pszDescription, int32_t nStatus)
 {
     ReportWSAError(OPERATION, pszDescription);
     return nStatus;
 }
 
 // [role lock] The exit event of this start. 0 or -300.
-int32_t MakeExitEvent()
+static int32_t MakeExitEvent()
 {
     const HANDLE hEvent = CreateEventW(nullptr, FALSE, FALSE, SERVER_EXIT_EVENT);
     if (hEvent == nullptr) {
@@ -50,7 +48,7 @@ int32_t MakeExitEvent()
 }
 
 // Takes the role from whatever an earlier start has left of it. 0, -201, -300 or -1001.
-int32_t TakeServerRole(uint32_t dwStart, uint32_t *pdwLink)
+static int32_t TakeServerRole(uint32_t dwStart, uint32_t *pdwLink)
 {
     int32_t nErr = 0;
     EnterRoleChange();
@@ -72,7 +70,7 @@ int32_t TakeServerRole(uint32_t dwStart, uint32_t *pdwLink)
 }
 
 // The local address with this port ("0": the system chooses). Null: reported.
-addrinfo *ResolveListeningAddress(const char *pszPort, const char16_t *pszFailure)
+static addrinfo *ResolveListeningAddress(const char *pszPort, const char16_t *pszFailure)
 {
     addrinfo  hints    = {};
     addrinfo *pAddress = nullptr;
@@ -86,10 +84,10 @@ addrinfo *ResolveListeningAddress(const char *pszPort, const char16_t *pszFailur
 }
 
 // Makes, publishes and binds the listening socket; pStart gets it and its port. 0, -2, -3 or -1001.
-int32_t BindTo(ServerStart *pStart, const addrinfo *pAddress)
+static int32_t BindTo(ServerStart *pStart, const addrinfo *pAddress)
 {
     sockaddr_in name   = {};
-    int32_t     cbName = sizeof name;
+    int32_t     cbName = sizeof(name);
     pStart->hListen    = socket(pAddress->ai_family, pAddress->ai_socktype, pAddress->ai_protocol);
     if (pStart->hListen == INVALID_SOCKET) return Failed(u"socket failed", -2);
     if (!PublishLinkSocket(&g_ServerSrvSocket, pStart->hListen, pStart->dwLink)) {
@@ -99,17 +97,17 @@ int32_t BindTo(ServerStart *pStart, const addrinfo *pAddress)
     if (bind(pStart->hListen, pAddress->ai_addr, static_cast<int32_t>(pAddress->ai_addrlen)) == SOCKET_ERROR ||
         getsockname(pStart->hListen, reinterpret_cast<sockaddr *>(&name), &cbName) == SOCKET_ERROR)
         return Failed(u"bind failed", -3);
-    FormatTextA(pStart->szPort, sizeof pStart->szPort, "%d", ntohs(name.sin_port));
+    FormatTextA(pStart->szPort, sizeof(pStart->szPort), "%d", ntohs(name.sin_port));
     return 0;
 }
 
 // The port that a client reached last is tried first, so that it stays the same over sessions; the system may have
 // taken it for itself meanwhile (excluded ranges change with every start of Windows), and then any free one will do. 0,
 // -1, or a status of BindTo.
-int32_t BindListeningSocket(ServerStart *pStart)
+static int32_t BindListeningSocket(ServerStart *pStart)
 {
     char szPort[PORT_BYTES];
-    ReadSetting(SECTION_LAST_SERVER, KEY_PORT, szPort, sizeof szPort);
+    ReadSetting(SECTION_LAST_SERVER, KEY_PORT, szPort, sizeof(szPort));
     TraceDebugA("[ServerInit] server port is %s", szPort);
     bool      bStored  = szPort[0] != '\0';
     addrinfo *pAddress = nullptr;
@@ -130,20 +128,20 @@ int32_t BindListeningSocket(ServerStart *pStart)
     return nErr;
 }
 
-void AnnounceServer(const ServerStart *pStart)
+static void AnnounceServer(const ServerStart *pStart)
 {
     TraceDebugA("[ServerInit] Server Port [%s]", pStart->szPort);
     WriteSetting(SECTION_SERVER_MDNS, KEY_PORT, pStart->szPort);
     StartDiscovery(true, pStart->dwLink);
 }
 
-void ChoosePassword(const char *pszPassword)
+static void ChoosePassword(const char *pszPassword)
 {
     char szPassword[PASSWORD_BYTES];
     if (CompareTextNoCaseA(pszPassword, "") != 0) {
         SetServerPassword(pszPassword);
     } else {
-        ReadSetting(SECTION_LAST_SERVER, KEY_PASSWORD, szPassword, sizeof szPassword);
+        ReadSetting(SECTION_LAST_SERVER, KEY_PASSWORD, szPassword, sizeof(szPassword));
         SetPassword(szPassword);
     }
     GetPassword(szPassword);
@@ -151,7 +149,7 @@ void ChoosePassword(const char *pszPassword)
 }
 
 // Closes a peer that was too slow, unless the socket is no longer this start's.
-void DropPeer(SOCKET hPeer, uint32_t dwLink)
+static void DropPeer(SOCKET hPeer, uint32_t dwLink)
 {
     EnterRoleChange();
     if (IsOwnLink(dwLink) && g_ServerSendSocket == hPeer) {
@@ -163,7 +161,7 @@ void DropPeer(SOCKET hPeer, uint32_t dwLink)
 
 // The password was right. The listener runs before the peer learns of it, so that no word of the peer's waits unread.
 // 0; -300 no listener, -1000 the role has ended.
-int32_t AdmitPeer(const ServerStart *pStart, SOCKET hPeer, const char *pszPassword)
+static int32_t AdmitPeer(const ServerStart *pStart, SOCKET hPeer, const char *pszPassword)
 {
     int32_t nErr = 0;
     StopDiscovery(pStart->dwLink);
@@ -183,7 +181,7 @@ int32_t AdmitPeer(const ServerStart *pStart, SOCKET hPeer, const char *pszPasswo
 }
 
 // True when the exit event asks the handshake to end.
-bool IsExitSignalled()
+static bool IsExitSignalled()
 {
     EnterRoleChange();
     const HANDLE hEvent     = g_hServerExitEvent;
@@ -198,7 +196,7 @@ bool IsExitSignalled()
 }
 
 // What a send gives whose socket is no longer this start's.
-int32_t LinkHasEnded()
+static int32_t LinkHasEnded()
 {
     WSASetLastError(WSAENOTSOCK);
     return SOCKET_ERROR;
@@ -207,7 +205,7 @@ int32_t LinkHasEnded()
 constexpr int32_t NEXT_PEER = 1; // of ShakeHands: listen on
 
 // One connected peer: password in, acknowledgement out. 0 admitted, NEXT_PEER, or a status of ServerInit.
-int32_t ShakeHands(const ServerStart *pStart, SOCKET hPeer)
+static int32_t ShakeHands(const ServerStart *pStart, SOCKET hPeer)
 {
     char szReceived[HANDSHAKE_FIELD_BYTES + 1] = ""; // the peer promises no terminator
     char szAnswer[HANDSHAKE_FIELD_BYTES]       = "";
@@ -228,7 +226,7 @@ int32_t ShakeHands(const ServerStart *pStart, SOCKET hPeer)
         const int32_t nErr = AdmitPeer(pStart, hPeer, szReceived);
         if (nErr != 0) return nErr;
     }
-    FormatTextA(szAnswer, sizeof szAnswer, "PWACK=%d", bAdmitted ? 1 : 0);
+    FormatTextA(szAnswer, sizeof(szAnswer), "PWACK=%d", bAdmitted ? 1 : 0);
     TraceDebugA("[ServerInit] Connected, send PWACK [%s] ...", szAnswer);
     EnterCriticalSection(&g_csNetSocket); // nobody's command may come before the acknowledgement
     // While this thread waited for the lock the role may have ended, and the socket's value may be a later one's.
@@ -250,7 +248,7 @@ int32_t ShakeHands(const ServerStart *pStart, SOCKET hPeer)
 }
 
 // Rounds of accept until one peer is admitted. 0 or a status of ServerInit.
-int32_t AcceptPeers(const ServerStart *pStart)
+static int32_t AcceptPeers(const ServerStart *pStart)
 {
     for (;;) {
         TraceDebugA("[ServerInit] Wait client connect...");
@@ -275,7 +273,7 @@ int32_t AcceptPeers(const ServerStart *pStart)
 }
 
 // The role is taken. 0 admitted, else a status of ServerInit.
-int32_t RunServer(ServerStart *pStart, const char *pszPassword)
+static int32_t RunServer(ServerStart *pStart, const char *pszPassword)
 {
     StopDiscovery(pStart->dwLink); // what an earlier start may have left
     AwaitFormerLink(1);
@@ -286,8 +284,6 @@ int32_t RunServer(ServerStart *pStart, const char *pszPassword)
     ChoosePassword(pszPassword);
     return AcceptPeers(pStart);
 }
-
-} // namespace
 
 int32_t ServerInitStart(const char *pszPassword, uint32_t dwStart, uint32_t *pdwLink)
 {

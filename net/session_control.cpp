@@ -28,8 +28,6 @@
 
 using namespace platform;
 
-namespace {
-
 constexpr uint32_t SETTLE_MS            = 2000;  // without a further PIN request, until the role starts
 constexpr uint64_t CONNECT_RETRY_MS     = 10000; // from a network-role request on
 constexpr uint32_t CONNECT_PAUSE_MS     = 500;
@@ -54,13 +52,13 @@ struct PinRequest {
     uint32_t   dwStart;
 };
 
-CRITICAL_SECTION g_csPinOrder;   // held while one PIN is made, told and stored; the session lock is taken under it
-uint32_t         g_dwLastPin;    // the newest request that has stored its PIN; PIN order
-uint32_t         g_dwPinStart;   // the request that the PINs stand for; session lock
-uint32_t         g_dwPinEndUpTo; // requests up to this number have been ended by a disconnect; session lock
+static CRITICAL_SECTION g_csPinOrder; // held while one PIN is made, told and stored; the session lock is taken under it
+static uint32_t         g_dwLastPin;  // the newest request that has stored its PIN; PIN order
+static uint32_t         g_dwPinStart; // the request that the PINs stand for; session lock
+static uint32_t         g_dwPinEndUpTo; // requests up to this number have been ended by a disconnect; session lock
 
 // The stamp of a new request: the time, but never that of the request before, so that of two the newer one is known.
-uint64_t NextStamp(std::atomic<uint64_t> *pullLast)
+static uint64_t NextStamp(std::atomic<uint64_t> *pullLast)
 {
     uint64_t ullLast = pullLast->load(), ullNow;
     do ullNow = GetTickCount64() > ullLast ? GetTickCount64() : ullLast + 1;
@@ -68,13 +66,13 @@ uint64_t NextStamp(std::atomic<uint64_t> *pullLast)
     return ullNow;
 }
 
-int32_t GeneratePin()
+static int32_t GeneratePin()
 {
     int32_t nPin = 0;
     std::srand(GetTickCount());
     for (uint32_t i = 0; i < PIN_DIGITS; i++) nPin = nPin * 10 + std::rand() % 10;
     char szPin[PIN_BYTES];
-    FormatTextA(szPin, sizeof szPin, "%d", nPin);
+    FormatTextA(szPin, sizeof(szPin), "%d", nPin);
     TraceTwoTexts("random generated code", szPin);
     CallServiceNamedPipe(STON_GETPINCODE, ANSWER_PIN_MADE, nPin, 0, nullptr, nullptr, nullptr);
     return nPin;
@@ -83,7 +81,7 @@ int32_t GeneratePin()
 enum class PinStep { ServerExists, ResetTimer, NewThread };
 
 // Stores the PIN and finds out who serves it, waking the thread if it runs: one step to that thread.
-PinStep StorePin(bool bServerPin, const char *pszPin, uint32_t dwStart)
+static PinStep StorePin(bool bServerPin, const char *pszPin, uint32_t dwStart)
 {
     PinStep eStep = PinStep::NewThread;
     EnterSession();
@@ -91,14 +89,14 @@ PinStep StorePin(bool bServerPin, const char *pszPin, uint32_t dwStart)
     const bool   bStands = g_ullLastPinRequest != 0 && g_dwPinStart > g_dwPinEndUpTo;
     if (hTimer != nullptr && bServerPin && g_szServerPin[0] != '\0' && bStands) {
         TraceText("CallPinCodeThread server exist");
-        CopyTextA(g_szServerPin, sizeof g_szServerPin, pszPin);
+        CopyTextA(g_szServerPin, sizeof(g_szServerPin), pszPin);
         eStep = PinStep::ServerExists;
     } else {
         NextStamp(&g_ullLastPinRequest);
         g_dwPinStart = dwStart;
         AnnounceRoleStart(bServerPin, dwStart);
-        CopyTextA(g_szServerPin, sizeof g_szServerPin, bServerPin ? pszPin : "");
-        CopyTextA(g_szClientPin, sizeof g_szClientPin, bServerPin ? "" : pszPin);
+        CopyTextA(g_szServerPin, sizeof(g_szServerPin), bServerPin ? pszPin : "");
+        CopyTextA(g_szClientPin, sizeof(g_szClientPin), bServerPin ? "" : pszPin);
         if (hTimer != nullptr) {
             TraceText("CallPinCodeThread Reset timer"); // before what the woken thread traces
             SetEvent(hTimer);
@@ -110,24 +108,24 @@ PinStep StorePin(bool bServerPin, const char *pszPin, uint32_t dwStart)
 }
 
 // The PINs as they are now; the number of the request that they stand for.
-uint32_t ReadPins(char (&szServerPin)[PIN_BYTES], char (&szClientPin)[PIN_BYTES])
+static uint32_t ReadPins(char (&szServerPin)[PIN_BYTES], char (&szClientPin)[PIN_BYTES])
 {
     EnterSession();
     const uint32_t dwRequest = g_dwPinStart;
-    CopyTextA(szServerPin, sizeof szServerPin, g_szServerPin);
-    CopyTextA(szClientPin, sizeof szClientPin, g_szClientPin);
+    CopyTextA(szServerPin, sizeof(szServerPin), g_szServerPin);
+    CopyTextA(szClientPin, sizeof(szClientPin), g_szClientPin);
     LeaveSession();
     return dwRequest;
 }
 
 // [session lock] The thread ends: its event goes.
-void CloseTimerEvent()
+static void CloseTimerEvent()
 {
     CloseHandle(g_hNetInitTimerEvent.exchange(nullptr));
 }
 
 // True when no newer PIN request has taken this one's place.
-bool IsPinOf(uint32_t dwStart)
+static bool IsPinOf(uint32_t dwStart)
 {
     EnterSession();
     const bool bNewest = g_dwPinStart == dwStart;
@@ -137,7 +135,7 @@ bool IsPinOf(uint32_t dwStart)
 
 // True when a PIN has been served and nothing newer came, or a disconnect ended the request; the event is then gone. A
 // server that failed is tried again, unless another request has the role or a link by now.
-bool EndIfServed(uint32_t dwServed, bool bServerFailed)
+static bool EndIfServed(uint32_t dwServed, bool bServerFailed)
 {
     EnterSession();
     const bool bAgain = bServerFailed && IsStartWanted(true, dwServed) && !IsLinkUp();
@@ -148,7 +146,7 @@ bool EndIfServed(uint32_t dwServed, bool bServerFailed)
 }
 
 // True when the server could not be started.
-bool ServeServerPin(uint32_t dwStart, const char *pszPin)
+static bool ServeServerPin(uint32_t dwStart, const char *pszPin)
 {
     SetServedPin(pszPin);
     char16_t szPeerName[NAME_UNITS] = u"";
@@ -162,7 +160,7 @@ bool ServeServerPin(uint32_t dwStart, const char *pszPin)
     return nRet != 0;
 }
 
-void ServeClientPin(uint32_t dwStart, const char *pszPin)
+static void ServeClientPin(uint32_t dwStart, const char *pszPin)
 {
     char16_t szPeerName[NAME_UNITS] = u"";
     TraceText("call SetNetworkServerClient client");
@@ -174,7 +172,7 @@ void ServeClientPin(uint32_t dwStart, const char *pszPin)
 }
 
 // The requests have settled. True when the thread ends. *pdwFailed: the request whose server failed last, 0 for none.
-bool ServePin(uint32_t *pdwFailed)
+static bool ServePin(uint32_t *pdwFailed)
 {
     char szServerPin[PIN_BYTES], szClientPin[PIN_BYTES];
     TraceText("NetInitializationThread timeout");
@@ -188,10 +186,10 @@ bool ServePin(uint32_t *pdwFailed)
 }
 
 // [PIN order] Makes the PIN of a request, tells it, and has it served.
-void TakePin(bool bServerPin, int32_t nTypedPin, uint32_t dwStart)
+static void TakePin(bool bServerPin, int32_t nTypedPin, uint32_t dwStart)
 {
     char szPin[PIN_BYTES];
-    FormatTextA(szPin, sizeof szPin, "%d", bServerPin ? GeneratePin() : nTypedPin);
+    FormatTextA(szPin, sizeof(szPin), "%d", bServerPin ? GeneratePin() : nTypedPin);
     switch (StorePin(bServerPin, szPin, dwStart)) {
     case PinStep::ServerExists: UpdateServerPW(szPin); break;
     case PinStep::ResetTimer: EndRolesUpTo(dwStart - 1, true); break; // a PIN corrected ends no session's folders
@@ -202,7 +200,7 @@ void TakePin(bool bServerPin, int32_t nTypedPin, uint32_t dwStart)
     }
 }
 
-void TellStandingPin()
+static void TellStandingPin()
 {
     char szServerPin[PIN_BYTES], szClientPin[PIN_BYTES];
     ReadPins(szServerPin, szClientPin);
@@ -211,14 +209,14 @@ void TellStandingPin()
 }
 
 // From here on no PIN request up to this number stands: a new one is not answered with "server exist".
-void EndPinRequests(uint32_t dwUpTo)
+static void EndPinRequests(uint32_t dwUpTo)
 {
     EnterSession();
     g_dwPinEndUpTo = std::max(g_dwPinEndUpTo, dwUpTo);
     LeaveSession();
 }
 
-void Disconnect(const ConnectRequest *pRequest)
+static void Disconnect(const ConnectRequest *pRequest)
 {
     TraceText("call disconnect networkconnect");
     if (pRequest->dwOption == 1) {
@@ -231,20 +229,20 @@ void Disconnect(const ConnectRequest *pRequest)
     EndRolesUpTo(pRequest->dwStart);
 }
 
-bool IsLatest(const ConnectRequest *pRequest)
+static bool IsLatest(const ConnectRequest *pRequest)
 {
     return g_ullLastConnectRequest == pRequest->ullTime;
 }
 
 // True when no further try begins. Of requests in one tick the later ones have stamps ahead of the clock.
-bool IsRetryOver(const ConnectRequest *pRequest)
+static bool IsRetryOver(const ConnectRequest *pRequest)
 {
     const uint64_t ullNow = GetTickCount64();
     return ullNow > pRequest->ullTime && ullNow - pRequest->ullTime >= CONNECT_RETRY_MS;
 }
 
 // Modes 1 and 2.
-void ConnectRole(const ConnectRequest *pRequest)
+static void ConnectRole(const ConnectRequest *pRequest)
 {
     const bool bServer = pRequest->dwMode == MODE_SERVER;
     int32_t    nRet    = 0;
@@ -258,8 +256,6 @@ void ConnectRole(const ConnectRequest *pRequest)
         CallServiceNamedPipe(STON_NETWORKCONNECTION, nRet == 0 ? ANSWER_DONE : ANSWER_FAILED, 0, 0, nullptr, nullptr,
                              nullptr);
 }
-
-} // namespace
 
 int32_t StartPinCodeThread(const IpcMessage *pRecord)
 {
@@ -297,7 +293,7 @@ uint32_t CallPinCodeThread(void *pBlock)
 
 void UpdateServerPW(const char *pszPin)
 {
-    char szOld[sizeof g_szPW];
+    char szOld[sizeof(g_szPW)];
     GetPassword(szOld);
     TraceDebugA("[UpdateServerPW] old[%s], new[%s]", szOld, pszPin);
     if (g_bConnecting) {

@@ -19,14 +19,12 @@
 
 using namespace platform;
 
-namespace {
-
 constexpr uint32_t READY_WAIT_MS   = 10000;
 constexpr uint32_t READY_STEP_MS   = 100; // after which an ended link is noticed
 constexpr int32_t  EXCHANGE_FAILED = -1;
 
 // True when this link's peer has described itself. The event may be an earlier session's word, whose link has gone.
-bool AwaitPeerInfo(HANDLE hReady)
+static bool AwaitPeerInfo(HANDLE hReady)
 {
     const HANDLE   aHandles[] = {g_hAppEvent, hReady};
     const uint64_t ullStart   = GetTickCount64();
@@ -43,18 +41,18 @@ bool AwaitPeerInfo(HANDLE hReady)
 
 // The peer puts the files of its service's answers below the path that it is told here, and the own service is told
 // them as paths below root A: so that root is what the peer has to know, once the service has named it.
-void SetMappingPaths(SessionRecord *pSession)
+static void SetMappingPaths(SessionRecord *pSession)
 {
     if (!GetMappingFolder(pSession->szMappingPath)) return;
     SetSpecialRoot(SpecialRoot::ProgramData, pSession->szMappingPath);
     const SpecialFolders folders = GetSpecialFolders();
     if (folders.szAppDataRoot[0] != u'\0')
-        CopyTextW(pSession->szMappingPath, sizeof pSession->szMappingPath / sizeof(char16_t), folders.szAppDataRoot);
+        CopyTextW(pSession->szMappingPath, sizeof(pSession->szMappingPath) / sizeof(char16_t), folders.szAppDataRoot);
 }
 
 // True when both files have crossed.
-bool ExchangeMachineInfo(SessionRecord *pSession, bool bServer, HANDLE hReady, char16_t *pszPeerName,
-                         uint32_t cchPeerName)
+static bool ExchangeMachineInfo(SessionRecord *pSession, bool bServer, HANDLE hReady, char16_t *pszPeerName,
+                                uint32_t cchPeerName)
 {
     bool bSent = false;
     SetMappingPaths(pSession);
@@ -72,8 +70,6 @@ bool ExchangeMachineInfo(SessionRecord *pSession, bool bServer, HANDLE hReady, c
     if (!bSent || !bReceived) TraceSpecialFileFailure(bSent ? 1 : 0, bReceived ? 1 : 0);
     return bSent && bReceived;
 }
-
-} // namespace
 
 int32_t StartSession(uint32_t dwStart, SessionRecord *pSession, bool bServer, const char *pszPin, char16_t *pszPeerName,
                      uint32_t cchPeerName)

@@ -13,10 +13,8 @@ std::atomic<uint64_t> g_ullLastPinRequest{0};
 std::atomic<uint64_t> g_ullLastConnectRequest{0};
 std::atomic<HANDLE>   g_hNetInitTimerEvent{nullptr};
 
-namespace {
-
-CRITICAL_SECTION g_csSession;
-char             g_szServedPin[260]; // what the session thread starts the server with; session lock
+static CRITICAL_SECTION g_csSession;
+static char             g_szServedPin[260]; // what the session thread starts the server with; session lock
 
 // A readiness event and the calls of SetNetworkServerClient that use it: a request may overtake one that still waits,
 // and the last of them closes the event.
@@ -24,22 +22,20 @@ struct ReadyEvent {
     HANDLE   hEvent;
     uint32_t nUsers;
 };
-ReadyEvent       g_SpecialReady[2]; // for callers with a name buffer, and without
-CRITICAL_SECTION g_csReady;         // guards the two; nothing else is called under it
+static ReadyEvent       g_SpecialReady[2]; // for callers with a name buffer, and without
+static CRITICAL_SECTION g_csReady;         // guards the two; nothing else is called under it
 
-std::atomic<uint32_t> g_dwReadyLink{0}; // whose peer's machine info came last
+static std::atomic<uint32_t> g_dwReadyLink{0}; // whose peer's machine info came last
 
-CRITICAL_SECTION *ReadyLock()
+static CRITICAL_SECTION *ReadyLock()
 {
     return MadeOnce<&g_csReady>();
 }
 
-ReadyEvent *ReadyEventOf(bool bWithName)
+static ReadyEvent *ReadyEventOf(bool bWithName)
 {
     return &g_SpecialReady[bWithName ? 0 : 1];
 }
-
-} // namespace
 
 void EnterSession()
 {
@@ -54,7 +50,7 @@ void LeaveSession()
 void SetServedPin(const char *pszPin)
 {
     EnterSession();
-    CopyTextA(g_szServedPin, sizeof g_szServedPin, pszPin);
+    CopyTextA(g_szServedPin, sizeof(g_szServedPin), pszPin);
     LeaveSession();
 }
 

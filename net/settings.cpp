@@ -24,8 +24,6 @@ using namespace platform;
 char g_szConfigPath[260];
 char g_szmDNSPath[260];
 
-namespace {
-
 constexpr char     FIXED_DATA_FOLDER[] = "C:\\ProgramData\\VORN\\VORN Qelvane\\VORNTramsa";
 constexpr char     DATA_FOLDER_TAIL[]  = "\\VORN\\VORN Qelvane\\VORNTramsa";
 constexpr char     CONFIG_FILE_TAIL[]  = "\\Socket.dat";
@@ -37,34 +35,34 @@ constexpr intptr_t SHELL_EXECUTE_ERROR = 32; // ShellExecuteA's results up to th
 // and everybody may write it: tens of megabytes would keep a role from starting for a minute.
 constexpr uint64_t SETTINGS_LIMIT_BYTES = 256 * 1024;
 
-CRITICAL_SECTION g_csPaths; // guards the first store into the two paths
+static CRITICAL_SECTION g_csPaths; // guards the first store into the two paths
 
-CRITICAL_SECTION *PathLock()
+static CRITICAL_SECTION *PathLock()
 {
     return MadeOnce<&g_csPaths>();
 }
 
-void StorePath(char (&szGlobal)[260], const char *pszPath)
+static void StorePath(char (&szGlobal)[260], const char *pszPath)
 {
     EnterCriticalSection(PathLock());
-    if (std::strcmp(szGlobal, pszPath) != 0) CopyTextA(szGlobal, sizeof szGlobal, pszPath);
+    if (std::strcmp(szGlobal, pszPath) != 0) CopyTextA(szGlobal, sizeof(szGlobal), pszPath);
     LeaveCriticalSection(PathLock());
 }
 
 // The product's data folder, created with its parents.
-void MakeDataFolder(char (&szFolder)[260])
+static void MakeDataFolder(char (&szFolder)[260])
 {
     if (SHGetSpecialFolderPathA(nullptr, szFolder, CSIDL_COMMON_APPDATA, TRUE)) {
-        AppendTextA(szFolder, sizeof szFolder, DATA_FOLDER_TAIL);
+        AppendTextA(szFolder, sizeof(szFolder), DATA_FOLDER_TAIL);
     } else {
         ReportSocketError(u"GetConfigPath", u"SHGetSpecialFolderPathA failed!", true, 0);
-        CopyTextA(szFolder, sizeof szFolder, FIXED_DATA_FOLDER);
+        CopyTextA(szFolder, sizeof(szFolder), FIXED_DATA_FOLDER);
     }
     char16_t szWide[MAX_PATH] = u"";
     if (MultiByteToWideChar(CP_ACP, 0, szFolder, -1, szWide, MAX_PATH) > 0) CreateDirectoryWithParents(szWide);
 }
 
-bool IsUsable(const char *pszPath)
+static bool IsUsable(const char *pszPath)
 {
     WIN32_FILE_ATTRIBUTE_DATA data;
     char16_t                  szWide[MAX_PATH] = u"";
@@ -74,20 +72,18 @@ bool IsUsable(const char *pszPath)
            (static_cast<uint64_t>(data.nFileSizeHigh) << 32 | data.nFileSizeLow) <= SETTINGS_LIMIT_BYTES;
 }
 
-int32_t RunDiscoveryWithConfig(const char *pszFormat)
+static int32_t RunDiscoveryWithConfig(const char *pszFormat)
 {
     char szParameters[260];
-    FormatTextA(szParameters, sizeof szParameters, pszFormat, g_szConfigPath);
+    FormatTextA(szParameters, sizeof(szParameters), pszFormat, g_szConfigPath);
     return RunDiscoveryHelper(szParameters);
 }
-
-} // namespace
 
 void GetConfigPath()
 {
     char szPath[260] = "";
     MakeDataFolder(szPath);
-    AppendTextA(szPath, sizeof szPath, CONFIG_FILE_TAIL);
+    AppendTextA(szPath, sizeof(szPath), CONFIG_FILE_TAIL);
     StorePath(g_szConfigPath, szPath);
     TraceDebugA("[GetConfigPath] g_szConfigPath path is [%s]", szPath);
     if (!IsUsable(szPath)) {
@@ -99,9 +95,9 @@ void GetConfigPath()
         WritePrivateProfileStringA("Init", "Init", "", szPath);
     }
     szPath[0] = '\0';
-    GetModuleFileNameA(nullptr, szPath, sizeof szPath);
+    GetModuleFileNameA(nullptr, szPath, sizeof(szPath));
     PathRemoveFileSpecA(szPath);
-    AppendTextA(szPath, sizeof szPath, DISCOVERY_TAIL);
+    AppendTextA(szPath, sizeof(szPath), DISCOVERY_TAIL);
     StorePath(g_szmDNSPath, szPath);
     TraceDebugA("[GetConfigPath] g_szmDNSPath path is [%s]", szPath);
 }
@@ -146,7 +142,7 @@ int32_t RunDiscoveryClient()
 bool SocketDebugInit()
 {
     HKEY     hKey   = nullptr;
-    uint32_t dwFlag = 0, dwType = 0, cbFlag = sizeof dwFlag;
+    uint32_t dwFlag = 0, dwType = 0, cbFlag = sizeof(dwFlag);
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, DEBUG_KEY, 0, KEY_QUERY_VALUE | KEY_WOW64_64KEY, &hKey) != 0) return false;
     const int32_t nError =
         RegQueryValueExW(hKey, DEBUG_VALUE, nullptr, &dwType, reinterpret_cast<uint8_t *>(&dwFlag), &cbFlag);

@@ -124,7 +124,7 @@ static bool PutProgram(const std::string &sFrom, const char *pszName)
     if (sFrom.empty()) return true;
     char              szFolder[4096];
     const std::string sFolder = hosted::PROGRAM_FOLDER;
-    if (!hosted::HostPath(hosted::ToUtf16(sFolder).c_str(), szFolder, sizeof szFolder))
+    if (!hosted::HostPath(hosted::ToUtf16(sFolder).c_str(), szFolder, sizeof(szFolder)))
         return Refuse("no place for " + sFolder);
     std::error_code error;
     const fs::path  target = fs::path(szFolder) / pszName;
@@ -167,7 +167,7 @@ static int Describe(const std::string &sFolder)
             char        szHost[4096];
             if (std::strcmp(pszSection, "folders") == 0 || std::strcmp(pszSection, "program") == 0) {
                 std::error_code ignored;
-                if (!hosted::HostPath(hosted::ToUtf16(entry.second).c_str(), szHost, sizeof szHost) ||
+                if (!hosted::HostPath(hosted::ToUtf16(entry.second).c_str(), szHost, sizeof(szHost)) ||
                     !fs::exists(szHost, ignored))
                     sMore = "   (missing)";
             }
@@ -263,7 +263,7 @@ static void CheckSettings(const std::string &sFolder)
         }
         char szHost[4096];
         if (!it->second.empty() && (!IsDrivePath(it->second) ||
-                                    !hosted::HostPath(hosted::ToUtf16(it->second).c_str(), szHost, sizeof szHost) ||
+                                    !hosted::HostPath(hosted::ToUtf16(it->second).c_str(), szHost, sizeof(szHost)) ||
                                     !fs::is_directory(szHost)))
             Problem(std::string(known.pszName) + ": missing: " + it->second);
     }

@@ -53,7 +53,7 @@ int Show(const std::string &sFile, bool bFollow)
     if (pFile == nullptr) return Failed(sFile);
     char aBuffer[16384];
     for (;;) {
-        const size_t cb = std::fread(aBuffer, 1, sizeof aBuffer, pFile);
+        const size_t cb = std::fread(aBuffer, 1, sizeof(aBuffer), pFile);
         if (cb > 0) {
             if (std::fwrite(aBuffer, 1, cb, stdout) != cb) break; // the reader of our output has gone
             continue;

@@ -5,8 +5,6 @@
 
 using namespace platform;
 
-namespace {
-
 constexpr uint32_t PLACES = 256; // more than one window and whatever else is sent beside it
 
 struct Place {
@@ -29,30 +27,30 @@ struct AnswerQueue {
     Place    aPlaces[PLACES];
 };
 
-CRITICAL_SECTION g_csAnswers;
-AnswerQueue      g_Queue; // g_csAnswers
+static CRITICAL_SECTION g_csAnswers;
+static AnswerQueue      g_Queue; // g_csAnswers
 
-CRITICAL_SECTION *AnswerLock()
+static CRITICAL_SECTION *AnswerLock()
 {
     static const bool bMade = (InitializeCriticalSection(&g_csAnswers), true);
     static_cast<void>(bMade);
     return &g_csAnswers;
 }
 
-Place *PlaceOf(uint32_t nNumber)
+static Place *PlaceOf(uint32_t nNumber)
 {
     return &g_Queue.aPlaces[nNumber % PLACES];
 }
 
 // [lock] Null for a void ticket.
-Place *FindPlace(const FileTicket *pTicket)
+static Place *FindPlace(const FileTicket *pTicket)
 {
     if (pTicket->dwLink != g_Queue.dwLink || pTicket->dwLink != g_dwLinkGeneration) return nullptr;
     return pTicket->nNumber - g_Queue.nLow < g_Queue.nNext - g_Queue.nLow ? PlaceOf(pTicket->nNumber) : nullptr;
 }
 
 // [lock] After a place has changed.
-void Advance()
+static void Advance()
 {
     AnswerQueue *const p = &g_Queue;
     while (p->nOldest != p->nNext && PlaceOf(p->nOldest)->bClosed) ++p->nOldest;
@@ -62,8 +60,6 @@ void Advance()
     Place *const pTurn = PlaceOf(p->nTurn);
     if (pTurn->bEnded && pTurn->ullTurn == 0) pTurn->ullTurn = GetTickCount64();
 }
-
-} // namespace
 
 bool OpenAnswer(FileTicket *pTicket)
 {

@@ -138,7 +138,7 @@ static uint32_t TypeOf(FileKind eKind)
 static void DriveOf(const char16_t *pszDestination, char16_t (&szKey)[3])
 {
     szKey[0] = szKey[1] = szKey[2] = 0;
-    if (pszDestination[0] != 0 && pszDestination[1] != 0) memcpy(szKey, pszDestination, 2 * sizeof(char16_t));
+    if (pszDestination[0] != 0 && pszDestination[1] != 0) std::memcpy(szKey, pszDestination, 2 * sizeof(char16_t));
 }
 
 // What a send that failed changes for the files after it.
@@ -287,10 +287,10 @@ static void SendSubfolder(TreeWalk *pWalk, TreeLevel *pLevel, const WIN32_FIND_D
         FailEntry(pWalk, SEND_BAD_DESTINATION);
         return;
     }
-    memcpy(pszTarget, pWalk->szTarget, (pLevel->cchTarget + 1) * sizeof(char16_t));
+    std::memcpy(pszTarget, pWalk->szTarget, (pLevel->cchTarget + 1) * sizeof(char16_t));
     if (IsFolderLink(pEntry)) SendLinkedFolder(pWalk, pLevel);
     else SendFolder(pWalk);
-    memcpy(pWalk->szTarget, pszTarget, (pLevel->cchTarget + 1) * sizeof(char16_t));
+    std::memcpy(pWalk->szTarget, pszTarget, (pLevel->cchTarget + 1) * sizeof(char16_t));
     delete[] pszTarget;
 }
 

@@ -28,7 +28,7 @@ static bool GetLengthProperty(BCRYPT_ALG_HANDLE hAlgorithm, const char16_t *pszP
 {
     uint32_t cbResult = 0;
     *pdwLength        = 0;
-    return BCryptGetProperty(hAlgorithm, pszProperty, reinterpret_cast<uint8_t *>(pdwLength), sizeof *pdwLength,
+    return BCryptGetProperty(hAlgorithm, pszProperty, reinterpret_cast<uint8_t *>(pdwLength), sizeof(*pdwLength),
                              &cbResult, 0) == STATUS_SUCCESS;
 }
 
@@ -72,10 +72,10 @@ bool GetKeyAlgHandle(const uint8_t *pbBlob, uint32_t cbBlob, BCRYPT_KEY_HANDLE *
             u"**** [GetKeyAlgHandle] BCryptSetProperty failed!. \n"); // the wrong call's name; logs are searched for it
         return false;
     }
-    char16_t szMode[sizeof BCRYPT_CHAIN_MODE_CBC / sizeof(char16_t)];
-    static_assert(sizeof szMode == 32);
-    memcpy(szMode, BCRYPT_CHAIN_MODE_CBC, sizeof szMode);
-    if (BCryptSetProperty(*phAlgorithm, BCRYPT_CHAINING_MODE, reinterpret_cast<uint8_t *>(szMode), sizeof szMode, 0) !=
+    char16_t szMode[sizeof(BCRYPT_CHAIN_MODE_CBC) / sizeof(char16_t)];
+    static_assert(sizeof(szMode) == 32);
+    std::memcpy(szMode, BCRYPT_CHAIN_MODE_CBC, sizeof(szMode));
+    if (BCryptSetProperty(*phAlgorithm, BCRYPT_CHAINING_MODE, reinterpret_cast<uint8_t *>(szMode), sizeof(szMode), 0) !=
         STATUS_SUCCESS) {
         TraceDebugW(u"**** [GetKeyAlgHandle] BCryptSetProperty failed! \n");
         return false;
@@ -124,11 +124,11 @@ bool EncryptDataWithKeyHandle(BCRYPT_ALG_HANDLE hAlgorithm, BCRYPT_KEY_HANDLE hK
         TraceDebugW(u"**** [EncryptDataWithKeyHandle] BCryptGetProperty failed!. \n");
         return false;
     }
-    if (cbBlock > sizeof aIV) {
+    if (cbBlock > sizeof(aIV)) {
         TraceDebugW(u"**** [EncryptDataWithKeyHandle] Block length is longer than the provided IV length\n");
         return false;
     }
-    memcpy(aIV, INITIALISATION_VECTOR, cbBlock); // a copy for each chunk: the encryption overwrites it
+    std::memcpy(aIV, INITIALISATION_VECTOR, cbBlock); // a copy for each chunk: the encryption overwrites it
     if (BCryptEncrypt(hKey, AsInput(pbData), cbData, nullptr, aIV, cbBlock, nullptr, 0, &cbCipher,
                       BCRYPT_BLOCK_PADDING) != STATUS_SUCCESS) {
         TraceDebugW(u"**** [EncryptDataWithKeyHandle] BCryptEncrypt (get size) failed!. \n");
@@ -164,11 +164,11 @@ bool DecryptDataWithKeyHandle(BCRYPT_ALG_HANDLE hAlgorithm, BCRYPT_KEY_HANDLE hK
         TraceDebugW(u"**** [DecryptDataWithKeyHandle] BCryptGetProperty failed!. \n");
         return false;
     }
-    if (cbBlock > sizeof aIV) {
+    if (cbBlock > sizeof(aIV)) {
         TraceDebugW(u"**** [DecryptDataWithKeyHandle] Block length is longer than the provided IV length\n");
         return false;
     }
-    memcpy(aIV, INITIALISATION_VECTOR, cbBlock);
+    std::memcpy(aIV, INITIALISATION_VECTOR, cbBlock);
     if (BCryptDecrypt(hKey, AsInput(pbCipher), cbCipher, nullptr, aIV, cbBlock, nullptr, 0, &cbPlain,
                       BCRYPT_BLOCK_PADDING) != STATUS_SUCCESS) {
         cbPlain = 0;

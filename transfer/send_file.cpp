@@ -52,7 +52,7 @@ static int64_t SourceSize(const char16_t *pszPath)
 static int64_t SendBlob(SOCKET hSocket, const uint8_t *pbBlob, uint32_t cbBlob)
 {
     TraceDebugW(u"[SendFile] nkeyData [%d]", cbBlob);
-    if (SendBuffer(hSocket, &cbBlob, sizeof cbBlob) < static_cast<int32_t>(sizeof cbBlob)) {
+    if (SendBuffer(hSocket, &cbBlob, sizeof(cbBlob)) < static_cast<int32_t>(sizeof(cbBlob))) {
         ReportSocketError(u"SendFile", u"Send nkeyData failed", true, 0);
         return SENDFILE_KEY_SIZE_NOT_SENT;
     }
@@ -124,20 +124,20 @@ static bool ReadChunk(HANDLE hFile, uint8_t *pbChunk, uint32_t cbChunk)
     if (cbDone == cbChunk) return true;
     gdwErr = GetLastError();
     ReportSocketError(u"SendFile", u"file read failed", false, gdwErr);
-    memset(pbChunk + cbDone, 0, cbChunk - cbDone);
+    std::memset(pbChunk + cbDone, 0, cbChunk - cbDone);
     return false;
 }
 
 static void WriteCancelBlock(uint8_t *pbBlock)
 {
-    memset(pbBlock, 0, CANCEL_BLOCK_BYTES);
-    memcpy(pbBlock, CANCEL_TEXT, CANCEL_TEXT_BYTES);
+    std::memset(pbBlock, 0, CANCEL_BLOCK_BYTES);
+    std::memcpy(pbBlock, CANCEL_TEXT, CANCEL_TEXT_BYTES);
 }
 
 // 0; -3 or -4: the link took no more.
 static int64_t SendCipherText(SOCKET hSocket, const uint8_t *pbCipher, uint32_t cbCipher)
 {
-    if (SendBuffer(hSocket, &cbCipher, sizeof cbCipher) < static_cast<int32_t>(sizeof cbCipher)) {
+    if (SendBuffer(hSocket, &cbCipher, sizeof(cbCipher)) < static_cast<int32_t>(sizeof(cbCipher))) {
         ReportSocketError(u"SendFile", u"Send nEncryptData failed", true, 0);
         return SENDFILE_LENGTH_NOT_SENT;
     }
@@ -233,7 +233,7 @@ static int64_t SendAhead(SOCKET hSocket, const PreparedFile *pFile, bool *pbWhol
     bool             bEncrypted = true;
     assert(HoldsCriticalSection(&g_csNetSocket));
     TraceDebugA("[SendFile] filesize [%I64d]", pFile->cbSize);
-    if (SendBuffer(hSocket, &pFile->cbSize, sizeof pFile->cbSize) < static_cast<int32_t>(sizeof pFile->cbSize)) {
+    if (SendBuffer(hSocket, &pFile->cbSize, sizeof(pFile->cbSize)) < static_cast<int32_t>(sizeof(pFile->cbSize))) {
         ReportSocketError(u"SendFile", u"Send file size failed", true, 0);
         return SENDFILE_SIZE_NOT_SENT;
     }
@@ -282,7 +282,7 @@ int64_t SendFile(SOCKET hSocket, const char16_t *pszSource, uint8_t bEncrypt, bo
     }
     TraceDebugA("[SendFile] filesize [%I64d]", cbSize);
     int64_t nEnd = 0; // not 0: nothing more is sent
-    if (SendBuffer(hSocket, &cbSize, sizeof cbSize) < static_cast<int32_t>(sizeof cbSize)) {
+    if (SendBuffer(hSocket, &cbSize, sizeof(cbSize)) < static_cast<int32_t>(sizeof(cbSize))) {
         ReportSocketError(u"SendFile", u"Send file size failed", true, 0);
         nEnd = SENDFILE_SIZE_NOT_SENT;
     } else if (bEncrypt) {

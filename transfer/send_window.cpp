@@ -234,8 +234,8 @@ static WindowEntry *Append(SendWindow *pWindow, const WindowItem *pItem)
     const size_t cchDestination = TextLengthW(pItem->pszDestination) + 1;
     char16_t    *pszTexts       = new (std::nothrow) char16_t[cchSource + cchDestination];
     if (pszTexts == nullptr) return nullptr;
-    memcpy(pszTexts, pItem->pszSource, cchSource * sizeof(char16_t));
-    memcpy(pszTexts + cchSource, pItem->pszDestination, cchDestination * sizeof(char16_t));
+    std::memcpy(pszTexts, pItem->pszSource, cchSource * sizeof(char16_t));
+    std::memcpy(pszTexts + cchSource, pItem->pszDestination, cchDestination * sizeof(char16_t));
     WindowEntry *const pEntry = EntryAt(pWindow, pWindow->nCount++);
     pEntry->pszSource         = pszTexts;
     pEntry->pszDestination    = pszTexts + cchSource;

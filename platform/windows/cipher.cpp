@@ -109,7 +109,7 @@ NTSTATUS BCryptEncrypt(BCRYPT_KEY_HANDLE hKey, uint8_t *pbInput, uint32_t cbInpu
     const NTSTATUS nStatus = ::BCryptEncrypt(hKey, pbInput, cbInput, pPaddingInfo, pbIV, cbIV, pbOutput, cbOutput,
                                              AsUlong(pcbResult), dwFlags);
     if (nStatus == STATUS_SUCCESS && pbOutput != nullptr && pbIV != nullptr && *pcbResult >= cbIV)
-        memcpy(pbIV, pbOutput + *pcbResult - cbIV, cbIV);
+        std::memcpy(pbIV, pbOutput + *pcbResult - cbIV, cbIV);
     return nStatus;
 }
 
@@ -118,10 +118,10 @@ NTSTATUS BCryptDecrypt(BCRYPT_KEY_HANDLE hKey, uint8_t *pbInput, uint32_t cbInpu
 {
     uint8_t    aLastBlock[CB_BLOCK_MAX]; // taken first: the output may lie over the input
     const bool bMovesOn = pbOutput != nullptr && pbIV != nullptr && cbIV <= sizeof(aLastBlock) && cbInput >= cbIV;
-    if (bMovesOn) memcpy(aLastBlock, pbInput + cbInput - cbIV, cbIV);
+    if (bMovesOn) std::memcpy(aLastBlock, pbInput + cbInput - cbIV, cbIV);
     const NTSTATUS nStatus = ::BCryptDecrypt(hKey, pbInput, cbInput, pPaddingInfo, pbIV, cbIV, pbOutput, cbOutput,
                                              AsUlong(pcbResult), dwFlags);
-    if (nStatus == STATUS_SUCCESS && bMovesOn) memcpy(pbIV, aLastBlock, cbIV);
+    if (nStatus == STATUS_SUCCESS && bMovesOn) std::memcpy(pbIV, aLastBlock, cbIV);
     return nStatus;
 }
 

@@ -216,7 +216,7 @@ int32_t strcpy_s(char *pszDest, size_t cbDest, const char *pszSource)
     if (pszSource == nullptr) return errno = EINVAL;
     const size_t cch = strnlen(pszSource, cbDest);
     if (cch == cbDest) return errno = ERANGE;
-    memcpy(pszDest, pszSource, cch + 1);
+    std::memcpy(pszDest, pszSource, cch + 1);
     return 0;
 }
 

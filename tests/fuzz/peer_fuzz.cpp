@@ -35,10 +35,10 @@ static std::string FileCommand(const uint8_t *pData, size_t cb)
     for (size_t i = 0; i < 8; i++) sWire[2 * i] = "C:\\f.bin"[i];
     const uint32_t dwType = pData[1], dwAttributes = 0x80;
     const int64_t  llSize = static_cast<int64_t>(pData[0] >> 2) * 2500;
-    sWire.append(reinterpret_cast<const char *>(&dwType), sizeof dwType);
-    sWire.append(reinterpret_cast<const char *>(&dwAttributes), sizeof dwAttributes);
+    sWire.append(reinterpret_cast<const char *>(&dwType), sizeof(dwType));
+    sWire.append(reinterpret_cast<const char *>(&dwAttributes), sizeof(dwAttributes));
     sWire.push_back(static_cast<char>(pData[0] >> 1 & 1));
-    if (llSize != 0) sWire.append(reinterpret_cast<const char *>(&llSize), sizeof llSize); // else the stream's own
+    if (llSize != 0) sWire.append(reinterpret_cast<const char *>(&llSize), sizeof(llSize)); // else the stream's own
     return sWire.append(reinterpret_cast<const char *>(pData) + 2, cb - 2);
 }
 
@@ -46,15 +46,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t cb)
 {
     StartOnce();
     sockaddr_in  address = {};
-    int32_t      cbName  = sizeof address;
+    int32_t      cbName  = sizeof(address);
     const SOCKET hListen = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     address.sin_family   = AF_INET;
     address.sin_addr     = 0x0100007F;
-    if (bind(hListen, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 || listen(hListen, 1) != 0 ||
+    if (bind(hListen, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 || listen(hListen, 1) != 0 ||
         getsockname(hListen, reinterpret_cast<sockaddr *>(&address), &cbName) != 0)
         std::abort();
     const SOCKET hPeer = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    if (connect(hPeer, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0) std::abort();
+    if (connect(hPeer, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0) std::abort();
     const SOCKET hOwn = accept(hListen, nullptr, nullptr);
     closesocket(hListen);
     PrepareLinkSocket(hOwn);

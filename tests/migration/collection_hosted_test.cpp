@@ -234,7 +234,7 @@ TEST_F(CollectionHosted, AListThatIsTooLongIsNotTakenForAnEmptyOne)
     FakePeer Peer;
     MakeFile(u"1.txt", 5);
     List({u"1.txt"});
-    ASSERT_TRUE(hosted::HostPath(m_sList.c_str(), szList, sizeof szList));
+    ASSERT_TRUE(hosted::HostPath(m_sList.c_str(), szList, sizeof(szList)));
     std::filesystem::resize_file(szList, PATH_LIST_BYTES_MAX + 1);
     Walk();
     EXPECT_FALSE(IsMarkedComplete());

@@ -162,7 +162,7 @@ inline bool FakePeer::ReceiveRecord()
         return Utf8(std::u16string(psz, platform::TextLengthBoundedW(psz, cch)));
     };
     char16_t aLong[780];
-    memcpy(aLong, reinterpret_cast<const char *>(&Record) + 24, sizeof(aLong));
+    std::memcpy(aLong, reinterpret_cast<const char *>(&Record) + 24, sizeof(aLong));
     Keep(szText + (Record.dwCommand == 0x333 ? Text(aLong, 780)
                                              : Text(Record.szText1, 260) + "|" + Text(Record.szText2, 260) + "|" +
                                                    Text(Record.szText3, 260)));
@@ -206,8 +206,8 @@ inline void FakePeer::Run()
 {
     char aWord[11] = {};
     while (Receive(aWord, 10)) {
-        if (strcmp(aWord, "SendData") == 0 && ReceiveRecord()) continue;
-        if (strcmp(aWord, "SendFile") == 0 && ReceiveFile()) continue;
+        if (std::strcmp(aWord, "SendData") == 0 && ReceiveRecord()) continue;
+        if (std::strcmp(aWord, "SendFile") == 0 && ReceiveFile()) continue;
         break;
     }
     platform::closesocket(m_Pair.hClient);

@@ -42,7 +42,7 @@ class DiscoveryProgram {
         char16_t szWide[260];
         char     szHost[PATH_MAX] = "";
         platform::MultiByteToWideChar(platform::CP_UTF8, 0, pszPath, -1, szWide, 260);
-        EXPECT_TRUE(hosted::HostPath(szWide, szHost, sizeof szHost)) << pszPath;
+        EXPECT_TRUE(hosted::HostPath(szWide, szHost, sizeof(szHost))) << pszPath;
         return szHost;
     }
 };

@@ -43,7 +43,7 @@ inline std::string Field(const std::string &sText, size_t cb = COMMAND_WORD_BYTE
 }
 template <class T> std::string Bytes(T value)
 {
-    return std::string(reinterpret_cast<const char *>(&value), sizeof value);
+    return std::string(reinterpret_cast<const char *>(&value), sizeof(value));
 }
 inline std::string PathField(const std::u16string &sPath)
 {
@@ -90,7 +90,7 @@ class Peer {
     template <class T> T ReceiveValue()
     {
         T value = 0;
-        Receive(sizeof value).copy(reinterpret_cast<char *>(&value), sizeof value);
+        Receive(sizeof(value)).copy(reinterpret_cast<char *>(&value), sizeof(value));
         return value;
     }
     void             Close() { LinkPair::Close(m_pSocket.get()); }
@@ -212,7 +212,7 @@ class NetTest : public ::testing::Test {
     static std::string Setting(const char *pszSection, const char *pszKey)
     {
         char szValue[ADDRESS_BYTES];
-        ReadSetting(pszSection, pszKey, szValue, sizeof szValue);
+        ReadSetting(pszSection, pszKey, szValue, sizeof(szValue));
         return szValue;
     }
     // The port that a starting server announces, taken away so that the next server's is a new one; it listens a
@@ -222,7 +222,7 @@ class NetTest : public ::testing::Test {
         std::string sPort;
         EXPECT_TRUE(Eventually([&] { return (sPort = Setting("ServerMDNS", "Port")) != ""; })) << "no server";
         WriteSetting("ServerMDNS", "Port", "");
-        return static_cast<uint16_t>(atoi(sPort.c_str()));
+        return static_cast<uint16_t>(std::atoi(sPort.c_str()));
     }
 
     WinsockStarted               m_Winsock;

@@ -9,7 +9,7 @@ using namespace platform;
 inline constexpr char16_t PEER_INFO[] =
     u"\xFEFF[SourceMachine]\r\n\"ComputerName\"=\"OLDPC\"\r\n[MappingFolder]\r\n\"AppPath\"=\"D:\\peer map\"\r\n"
     u"[Package]\r\n\"Version\"=\"1.0.4.0\"\r\n";
-inline const std::string PeerInfo(reinterpret_cast<const char *>(PEER_INFO), sizeof PEER_INFO - 2);
+inline const std::string PeerInfo(reinterpret_cast<const char *>(PEER_INFO), sizeof(PEER_INFO) - 2);
 
 // Reads the server's machine info: a "SendFile" with its whole stream.
 inline void TakeMachineInfo(Peer &peer)

@@ -17,7 +17,7 @@ TEST_F(Settings, TheFirstStartMakesTheFolderAndAFileThatHoldsOnlyInit)
     WriteSetting("LastServer", "Port", "12345678901");
     GetConfigPath(); // a file that is there stays
     char szPort[PORT_BYTES];
-    ReadSetting("LastServer", "Port", szPort, sizeof szPort);
+    ReadSetting("LastServer", "Port", szPort, sizeof(szPort));
     EXPECT_STREQ("123456789", szPort) << "cut to the field";
     WriteTestFile(u"C:\\Common\\Data\\VORN\\VORN Qelvane\\VORNTramsa\\Socket.dat", std::string(300000, '\n'));
     GetConfigPath(); // one that would keep each start busy does not

@@ -27,11 +27,11 @@ struct CipherKey {
         uint32_t cbObject = 0, cb = 0;
         EXPECT_EQ(STATUS_SUCCESS, BCryptOpenAlgorithmProvider(&hAlgorithm, BCRYPT_AES_ALGORITHM, nullptr, 0));
         EXPECT_EQ(STATUS_SUCCESS, BCryptGetProperty(hAlgorithm, BCRYPT_OBJECT_LENGTH,
-                                                    reinterpret_cast<uint8_t *>(&cbObject), sizeof cbObject, &cb, 0));
+                                                    reinterpret_cast<uint8_t *>(&cbObject), sizeof(cbObject), &cb, 0));
         aObject.resize(cbObject);
         if (!bImport) {
             char16_t szMode[std::size(BCRYPT_CHAIN_MODE_CBC)];
-            std::memcpy(szMode, BCRYPT_CHAIN_MODE_CBC, sizeof szMode);
+            std::memcpy(szMode, BCRYPT_CHAIN_MODE_CBC, sizeof(szMode));
             EXPECT_EQ(STATUS_SUCCESS,
                       BCryptSetProperty(hAlgorithm, BCRYPT_CHAINING_MODE, reinterpret_cast<uint8_t *>(szMode), 32, 0));
         }

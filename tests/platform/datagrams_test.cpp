@@ -22,13 +22,13 @@ class Datagrams : public MachineTest {
 SOCKET Bound(uint16_t *pnPort, bool bShared)
 {
     sockaddr_in    address = {AF_INET, *pnPort, 0, {}};
-    int32_t        cb      = sizeof address;
+    int32_t        cb      = sizeof(address);
     const uint32_t dwOn    = 1;
     const SOCKET   s       = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
     if (bShared) {
         EXPECT_EQ(0, setsockopt(s, SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char *>(&dwOn), 4));
     }
-    EXPECT_EQ(0, bind(s, reinterpret_cast<sockaddr *>(&address), sizeof address)) << WSAGetLastError();
+    EXPECT_EQ(0, bind(s, reinterpret_cast<sockaddr *>(&address), sizeof(address))) << WSAGetLastError();
     EXPECT_EQ(0, getsockname(s, reinterpret_cast<sockaddr *>(&address), &cb));
     *pnPort = address.sin_port;
     return s;
@@ -38,24 +38,24 @@ int32_t SendTo(SOCKET s, uint32_t dwAddress, uint16_t nPort, const std::string &
 {
     const sockaddr_in to = {AF_INET, nPort, dwAddress, {}};
     return sendto(s, sBytes.data(), static_cast<int32_t>(sBytes.size()), 0, reinterpret_cast<const sockaddr *>(&to),
-                  sizeof to);
+                  sizeof(to));
 }
 
 // What arrives within a second; "" when nothing does.
 std::string ReceiveFrom(SOCKET s, sockaddr_in *pFrom)
 {
     char      aBytes[64];
-    int32_t   cbFrom = sizeof *pFrom;
+    int32_t   cbFrom = sizeof(*pFrom);
     WSAPOLLFD wait   = {s, POLLIN, 0};
     if (WSAPoll(&wait, 1, 1000) != 1 || (wait.revents & POLLIN) == 0) return "";
-    const int32_t cb = recvfrom(s, aBytes, sizeof aBytes, 0, reinterpret_cast<sockaddr *>(pFrom), &cbFrom);
+    const int32_t cb = recvfrom(s, aBytes, sizeof(aBytes), 0, reinterpret_cast<sockaddr *>(pFrom), &cbFrom);
     return cb < 0 ? "error " + std::to_string(WSAGetLastError()) : std::string(aBytes, static_cast<size_t>(cb));
 }
 
 bool Join(SOCKET s, int32_t nOption)
 {
     const ip_mreq member = {GROUP, LOOPBACK};
-    return setsockopt(s, IPPROTO_IP, nOption, reinterpret_cast<const char *>(&member), sizeof member) == 0;
+    return setsockopt(s, IPPROTO_IP, nOption, reinterpret_cast<const char *>(&member), sizeof(member)) == 0;
 }
 
 } // namespace
@@ -66,13 +66,13 @@ TEST_F(Datagrams, OneArrivesWholeWithItsSender)
     const SOCKET hServer = Bound(&nPort, false), hClient = Bound(&nSender, false);
     sockaddr_in  from = {};
     char         aShort[4];
-    int32_t      cbFrom = sizeof from;
+    int32_t      cbFrom = sizeof(from);
     EXPECT_EQ(5, SendTo(hClient, LOOPBACK, nPort, "hello"));
     EXPECT_EQ("hello", ReceiveFrom(hServer, &from));
     EXPECT_EQ(LOOPBACK, from.sin_addr);
     EXPECT_EQ(nSender, from.sin_port);
     EXPECT_EQ(8, SendTo(hClient, LOOPBACK, nPort, "too long"));
-    EXPECT_EQ(SOCKET_ERROR, recvfrom(hServer, aShort, sizeof aShort, 0, reinterpret_cast<sockaddr *>(&from), &cbFrom));
+    EXPECT_EQ(SOCKET_ERROR, recvfrom(hServer, aShort, sizeof(aShort), 0, reinterpret_cast<sockaddr *>(&from), &cbFrom));
     EXPECT_EQ(WSAEMSGSIZE, WSAGetLastError());
     EXPECT_EQ(SOCKET_ERROR, listen(hServer, 1)) << "no stream";
     WSAPOLLFD aWaits[2] = {{hServer, POLLIN, 0}, {hClient, POLLIN, 0}};
@@ -87,7 +87,7 @@ TEST_F(Datagrams, APortIsSharedByThoseThatSaySo)
     const SOCKET hFirst = Bound(&nShared, true), hSecond = Bound(&nShared, true), hOwn = Bound(&nOwn, false);
     sockaddr_in  address = {AF_INET, nOwn, 0, {}}, from = {};
     const SOCKET hThird = socket(AF_INET, SOCK_DGRAM, 0), hSender = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-    EXPECT_EQ(SOCKET_ERROR, bind(hThird, reinterpret_cast<sockaddr *>(&address), sizeof address));
+    EXPECT_EQ(SOCKET_ERROR, bind(hThird, reinterpret_cast<sockaddr *>(&address), sizeof(address)));
     EXPECT_EQ(WSAEADDRINUSE, WSAGetLastError());
 
     // every member gets a copy of a multicast, with the hops asked for or more; who has left gets none

@@ -22,7 +22,7 @@ class HostedFiles : public MachineTest {};
 std::string HostOf(const std::u16string &sPath)
 {
     char sz[4096];
-    EXPECT_TRUE(hosted::HostPath(sPath.c_str(), sz, sizeof sz));
+    EXPECT_TRUE(hosted::HostPath(sPath.c_str(), sz, sizeof(sz)));
     return sz;
 }
 

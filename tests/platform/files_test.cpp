@@ -139,7 +139,7 @@ TEST_F(Files, PositionsSizesAndRightsOfAHandle)
     char                 sz[16];
     ASSERT_TRUE(WriteFile(hFile, "0123456789", 10, &cb, nullptr) && cb == 10);
     EXPECT_TRUE(SetFilePointerEx(hFile, 5, &n, FILE_BEGIN) && n == 5);
-    EXPECT_TRUE(ReadFile(hFile, sz, 3, &cb, nullptr) && cb == 3 && memcmp(sz, "567", 3) == 0);
+    EXPECT_TRUE(ReadFile(hFile, sz, 3, &cb, nullptr) && cb == 3 && std::memcmp(sz, "567", 3) == 0);
     EXPECT_TRUE(WriteFile(hFile, "ab!", 3, &cb, nullptr) && cb == 3);
     EXPECT_TRUE(ReadFile(hFile, sz, 16, &cb, nullptr) && cb == 0) << "the end of a file is no failure";
     EXPECT_TRUE(GetFileSizeEx(hFile, &n) && n == 11);

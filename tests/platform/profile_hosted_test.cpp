@@ -24,7 +24,7 @@ class HostedProfile : public MachineTest {
         FreshMachine();
         sFile = TestFolder() + u"\\t.ini";
         char sz[4096];
-        ASSERT_TRUE(hosted::HostPath(sFile.c_str(), sz, sizeof sz));
+        ASSERT_TRUE(hosted::HostPath(sFile.c_str(), sz, sizeof(sz)));
         sHost = sz;
     }
     std::u16string Get(const std::u16string &sSection, const std::u16string &sKey)

@@ -75,14 +75,14 @@ TEST_F(HostedSockets, AHoldSendsOnceAndLeavesNothingBehind)
     for (int i = 0; i < 10; i++) ASSERT_EQ(10, send(link.hClient, "0123456789", 10, 0));
     ExpectReceiveTimeout(link.hServer);
     EXPECT_EQ(0, FlushSends(link.hClient));
-    EXPECT_EQ(100, recv(link.hServer, aBytes, sizeof aBytes, 0));
+    EXPECT_EQ(100, recv(link.hServer, aBytes, sizeof(aBytes), 0));
     EXPECT_EQ(10, hosted::CallCount("send"));
     // a close in the middle of a hold gives the bytes away as a plain send would have
     HoldSends(link.hClient);
     ASSERT_EQ(4, send(link.hClient, "last", 4, 0));
     LinkPair::Close(&link.hClient);
-    EXPECT_EQ(4, recv(link.hServer, aBytes, sizeof aBytes, 0));
-    EXPECT_EQ(0, recv(link.hServer, aBytes, sizeof aBytes, 0));
+    EXPECT_EQ(4, recv(link.hServer, aBytes, sizeof(aBytes), 0));
+    EXPECT_EQ(0, recv(link.hServer, aBytes, sizeof(aBytes), 0));
 }
 
 TEST_F(HostedSockets, ATimeoutBehindAHoldEndsTheExchange)
@@ -120,11 +120,11 @@ TEST_F(HostedSockets, ACutBreaksTheConnectionsOfItsMoment)
     EXPECT_EQ(5, send(link.hClient, "0123456789", 10, 0));
     EXPECT_EQ(SOCKET_ERROR, send(link.hClient, "0123456789", 10, 0));
     EXPECT_EQ(WSAECONNRESET, WSAGetLastError());
-    EXPECT_EQ(SOCKET_ERROR, recv(link.hServer, aBytes, sizeof aBytes, 0));
+    EXPECT_EQ(SOCKET_ERROR, recv(link.hServer, aBytes, sizeof(aBytes), 0));
     EXPECT_EQ(WSAECONNRESET, WSAGetLastError());
     receiver.join();
     EXPECT_EQ(WSAECONNRESET, nError);
     LinkPair later;
     EXPECT_EQ(10, send(later.hClient, "0123456789", 10, 0));
-    EXPECT_EQ(10, recv(later.hServer, aBytes, sizeof aBytes, 0));
+    EXPECT_EQ(10, recv(later.hServer, aBytes, sizeof(aBytes), 0));
 }

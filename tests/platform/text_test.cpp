@@ -13,8 +13,8 @@ namespace {
 template <class... Args> std::string A(const char *pszFormat, Args... args)
 {
     char          sz[200];
-    const int32_t n = FormatTextA(sz, sizeof sz, pszFormat, args...);
-    EXPECT_EQ(static_cast<int32_t>(strlen(sz)), n);
+    const int32_t n = FormatTextA(sz, sizeof(sz), pszFormat, args...);
+    EXPECT_EQ(static_cast<int32_t>(std::strlen(sz)), n);
     return sz;
 }
 
@@ -63,7 +63,7 @@ TEST(FormatText, TextIsOfTheFormatsOwnWidthUnlessTheConversionSaysOtherwise)
 TEST(FormatText, CutsAndTerminatesAndSaysSo)
 {
     char sz[8];
-    memset(sz, '#', sizeof sz);
+    std::memset(sz, '#', sizeof(sz));
     EXPECT_EQ(-1, FormatTextA(sz, 5, "%s", "abcdef"));
     EXPECT_STREQ("abcd", sz);
     EXPECT_EQ('#', sz[5]);

@@ -22,14 +22,14 @@ class RoleEnvironment : public ::testing::Environment {
   public:
     void SetUp() override
     {
-        const char *pszRole = getenv("VORN_TEST_ROLE");
+        const char *pszRole = std::getenv("VORN_TEST_ROLE");
         if (pszRole == nullptr) return;
         const auto it = Roles().find(pszRole);
         if (it == Roles().end()) {
-            fprintf(stderr, "no role \"%s\"\n", pszRole);
+            std::fprintf(stderr, "no role \"%s\"\n", pszRole);
             exit(127);
         }
-        const int nResult = it->second(getenv("VORN_TEST_ARGUMENT"));
+        const int nResult = it->second(std::getenv("VORN_TEST_ARGUMENT"));
         exit(::testing::Test::HasFailure() ? 126 : nResult);
     }
 };

@@ -9,11 +9,11 @@ inline platform::SOCKET ListenOnLoopback(uint16_t *pnPort)
 {
     using namespace platform;
     sockaddr_in  address = {};
-    int32_t      cb      = sizeof address;
+    int32_t      cb      = sizeof(address);
     const SOCKET hListen = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     address.sin_family   = AF_INET;
     address.sin_addr     = 0x0100007F; // 127.0.0.1
-    EXPECT_EQ(0, bind(hListen, reinterpret_cast<sockaddr *>(&address), sizeof address)) << WSAGetLastError();
+    EXPECT_EQ(0, bind(hListen, reinterpret_cast<sockaddr *>(&address), sizeof(address))) << WSAGetLastError();
     EXPECT_EQ(0, listen(hListen, SOMAXCONN)) << WSAGetLastError();
     EXPECT_EQ(0, getsockname(hListen, reinterpret_cast<sockaddr *>(&address), &cb));
     *pnPort = address.sin_port;
@@ -27,7 +27,7 @@ inline int32_t ConnectToLoopback(platform::SOCKET s, uint16_t nPort)
     address.sin_family            = platform::AF_INET;
     address.sin_port              = nPort;
     address.sin_addr              = 0x0100007F;
-    return platform::connect(s, reinterpret_cast<platform::sockaddr *>(&address), sizeof address);
+    return platform::connect(s, reinterpret_cast<platform::sockaddr *>(&address), sizeof(address));
 }
 
 // Winsock must be started. Closes what is still open.
@@ -60,7 +60,7 @@ struct LinkPair {
     static void SetTimeout(platform::SOCKET s, int32_t nOption, uint32_t dwMilliseconds)
     {
         EXPECT_EQ(0, platform::setsockopt(s, platform::SOL_SOCKET, nOption,
-                                          reinterpret_cast<const char *>(&dwMilliseconds), sizeof dwMilliseconds));
+                                          reinterpret_cast<const char *>(&dwMilliseconds), sizeof(dwMilliseconds)));
     }
 };
 

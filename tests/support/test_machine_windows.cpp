@@ -43,11 +43,11 @@ bool UnderWine()
 // On a machine that somebody uses the product's data folder is not a test's to empty.
 static void RefuseRealMachines()
 {
-    const char *pszAllowed = getenv("VORN_TESTS_MAY_EMPTY_PROGRAMDATA");
-    if (UnderWine() || (pszAllowed != nullptr && strcmp(pszAllowed, "yes") == 0)) return;
-    fputs("These tests empty %ProgramData%\\VORN and C:\\vorn-test. On a machine where that does no harm, set\n"
-          "VORN_TESTS_MAY_EMPTY_PROGRAMDATA=yes.\n",
-          stderr);
+    const char *pszAllowed = std::getenv("VORN_TESTS_MAY_EMPTY_PROGRAMDATA");
+    if (UnderWine() || (pszAllowed != nullptr && std::strcmp(pszAllowed, "yes") == 0)) return;
+    std::fputs("These tests empty %ProgramData%\\VORN and C:\\vorn-test. On a machine where that does no harm, set\n"
+               "VORN_TESTS_MAY_EMPTY_PROGRAMDATA=yes.\n",
+               stderr);
     fflush(stderr);
     _exit(2);
 }

@@ -66,8 +66,8 @@ TEST_F(PayloadCipherTest, EachFailingStepHasItsLineAndLeavesNothing)
         EXPECT_EQ(0u, std::string(hosted::TakeDebugOutput()).find(c.pszLine)) << c.pszLine;
         ReleaseKeyHandle(own.hAlgorithm, own.hKey, own.pbObject);
         ReleaseKeyHandle(peer.hAlgorithm, peer.hKey, peer.pbObject);
-        EXPECT_EQ(peer.hKey == nullptr,
-                  strstr(hosted::TakeDebugOutput(), "**** [ReleaseKeyHandle] BCryptDestroyKey failed!. \n") != nullptr);
+        EXPECT_EQ(peer.hKey == nullptr, std::strstr(hosted::TakeDebugOutput(),
+                                                    "**** [ReleaseKeyHandle] BCryptDestroyKey failed!. \n") != nullptr);
         delete[] pbBlob;
         delete[] pbCipher;
         delete[] pbPlain;

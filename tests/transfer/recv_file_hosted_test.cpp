@@ -205,10 +205,10 @@ TEST_F(RecvFileTest, EachBadStreamHasItsCodeAndItsWord)
     std::string sBlob = "firstK" + std::string(69988, '.') + "lastKE";
     EXPECT_EQ(-121, Receive(Bytes(int64_t{0}) + Bytes(uint32_t{70000}) + sBlob, 1));
     EXPECT_EQ(70000u, g_dwKeySize);
-    EXPECT_EQ(0, memcmp(g_szFileKey, sBlob.data(), 580));
+    EXPECT_EQ(0, std::memcmp(g_szFileKey, sBlob.data(), 580));
     EXPECT_NE(nullptr,
-              strstr(hosted::TakeDebugOutput(), "g_dwKeySize[70000], g_szFileKey [0x66][0x69][0x72][0x73][0x74] - "
-                                                "[0x61][0x73][0x74][0x4B][0x45]"));
+              std::strstr(hosted::TakeDebugOutput(), "g_dwKeySize[70000], g_szFileKey [0x66][0x69][0x72][0x73][0x74] - "
+                                                     "[0x61][0x73][0x74][0x4B][0x45]"));
 }
 
 TEST_F(RecvFileTest, EachFailingCallHasItsCode)

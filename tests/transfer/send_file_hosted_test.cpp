@@ -136,7 +136,7 @@ TEST_F(SendFileTest, EachFailingCallHasItsCodeAndLeavesNothingOpen)
     }
     KeepLines();
     EXPECT_EQ(-2, Send(1, "send", 1, WSAECONNRESET));
-    EXPECT_EQ(nullptr, strstr(hosted::TakeDebugOutput(), "ReleaseKeyHandle")) << "there is no key yet";
+    EXPECT_EQ(nullptr, std::strstr(hosted::TakeDebugOutput(), "ReleaseKeyHandle")) << "there is no key yet";
     EXPECT_EQ(-3, Send(0, "send", 2, WSAECONNRESET));
     EXPECT_EQ(-103, Send(0, "ReadFile", 1, ERROR_GEN_FAILURE));
     EXPECT_EQ(CancelBlock(), m_sStream.substr(8, 50));
@@ -161,7 +161,7 @@ TEST_F(SendFileTest, AFileThatShrinksIsCancelledAndOneThatGrowsKeepsItsSize)
             return std::exchange(nCalls, hosted::CallCount("send")) == hosted::CallCount("send") && nCalls > 100;
         }));
         char sHost[1024];
-        ASSERT_TRUE(hosted::HostPath(m_sFile.c_str(), sHost, sizeof sHost));
+        ASSERT_TRUE(hosted::HostPath(m_sFile.c_str(), sHost, sizeof(sHost)));
         ASSERT_EQ(0, truncate(sHost, bShrinks ? 1000 : 7 << 20));
         auto drain = Drain(link.hServer);
         sender.join();
@@ -180,7 +180,7 @@ TEST_F(SendFileTest, ASizeAboveFourGigabytesIsAnnouncedAndACancelEndsIt)
     constexpr int64_t SIZE = 5LL << 30;
     char              sHost[1024];
     WriteTestFile(m_sFile, "");
-    ASSERT_TRUE(hosted::HostPath(m_sFile.c_str(), sHost, sizeof sHost));
+    ASSERT_TRUE(hosted::HostPath(m_sFile.c_str(), sHost, sizeof(sHost)));
     ASSERT_EQ(0, truncate(sHost, SIZE)); // holes: the disk holds nothing of it
     InitThreadExecutionList();
     g_hSendExecution = AddThreadExecution();

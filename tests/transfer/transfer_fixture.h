@@ -79,7 +79,7 @@ inline std::future<std::string> Drain(platform::SOCKET h)
     return std::async(std::launch::async, [h] {
         std::string s;
         char        aPiece[65536];
-        for (int32_t n; (n = platform::recv(h, aPiece, sizeof aPiece, 0)) > 0;)
+        for (int32_t n; (n = platform::recv(h, aPiece, sizeof(aPiece), 0)) > 0;)
             s.append(aPiece, static_cast<size_t>(n));
         return s;
     });

@@ -26,7 +26,7 @@ std::string ComputerName()
     uint32_t cch = 256;
     if (GetComputerNameW(aName, &cch) == 0) return "";
     const int32_t cb =
-        WideCharToMultiByte(CP_UTF8, 0, aName, static_cast<int32_t>(cch), aUtf8, sizeof aUtf8, nullptr, nullptr);
+        WideCharToMultiByte(CP_UTF8, 0, aName, static_cast<int32_t>(cch), aUtf8, sizeof(aUtf8), nullptr, nullptr);
     return std::string(aUtf8, static_cast<size_t>(std::max(cb, 0)));
 }
 

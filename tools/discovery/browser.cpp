@@ -57,7 +57,7 @@ bool IsOfUse(const Browser &browser, const DnsMessage &message, const DnsRecord 
 bool IsHostAddress(uint32_t dwAddress)
 {
     uint8_t aBytes[4];
-    std::memcpy(aBytes, &dwAddress, sizeof aBytes);
+    std::memcpy(aBytes, &dwAddress, sizeof(aBytes));
     return aBytes[0] != 0 && aBytes[0] != 127 && aBytes[0] < 224;
 }
 
@@ -151,7 +151,7 @@ std::string Dotted(uint32_t dwAddress)
 {
     uint8_t     aBytes[4];
     std::string sText;
-    std::memcpy(aBytes, &dwAddress, sizeof aBytes);
+    std::memcpy(aBytes, &dwAddress, sizeof(aBytes));
     for (const uint8_t n : aBytes) sText += (sText.empty() ? "" : ".") + std::to_string(n);
     return sText;
 }

@@ -101,7 +101,7 @@ DnsRecord ReadRecord(Reader &reader)
         record.nPort     = ReadWord(data);
     }
     if (record.nType == DNS_TYPE_A) {
-        const std::string sAddress = ReadBytes(data, sizeof record.dwAddress);
+        const std::string sAddress = ReadBytes(data, sizeof(record.dwAddress));
         std::copy(sAddress.begin(), sAddress.end(), reinterpret_cast<char *>(&record.dwAddress));
     } else if (record.nType == DNS_TYPE_PTR || record.nType == DNS_TYPE_SRV || record.nType == DNS_TYPE_NSEC) {
         record.target = ReadName(data);
@@ -164,7 +164,7 @@ void WriteContent(Writer &writer, const DnsRecord &record)
         WriteWord(writer, record.nPort);
     }
     if (record.nType == DNS_TYPE_A) {
-        writer.sBytes.append(reinterpret_cast<const char *>(&record.dwAddress), sizeof record.dwAddress);
+        writer.sBytes.append(reinterpret_cast<const char *>(&record.dwAddress), sizeof(record.dwAddress));
         return;
     }
     // In other records than PTR old readers do not look for pointers.

@@ -23,7 +23,7 @@ constexpr uint8_t  LOOPBACK_NET  = 127;
 
 bool SetNumber(SOCKET s, int32_t nLevel, int32_t nOption, uint32_t dwValue)
 {
-    return setsockopt(s, nLevel, nOption, reinterpret_cast<const char *>(&dwValue), sizeof dwValue) == 0;
+    return setsockopt(s, nLevel, nOption, reinterpret_cast<const char *>(&dwValue), sizeof(dwValue)) == 0;
 }
 
 // A member of the group on the interface of that address; INVALID_SOCKET with WSAGetLastError.
@@ -34,8 +34,8 @@ SOCKET OpenSocket(uint32_t dwAddress)
     const sockaddr_in address = {AF_INET, htons(MDNS_PORT), 0, {}};
     const ip_mreq     member  = {MDNS_GROUP, dwAddress};
     if (SetNumber(s, SOL_SOCKET, SO_REUSEADDR, 1) && SetNumber(s, SOL_SOCKET, SO_RCVTIMEO, RECV_LIMIT_MS) &&
-        bind(s, reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 &&
-        setsockopt(s, IPPROTO_IP, IP_ADD_MEMBERSHIP, reinterpret_cast<const char *>(&member), sizeof member) == 0 &&
+        bind(s, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0 &&
+        setsockopt(s, IPPROTO_IP, IP_ADD_MEMBERSHIP, reinterpret_cast<const char *>(&member), sizeof(member)) == 0 &&
         SetNumber(s, IPPROTO_IP, IP_MULTICAST_IF, dwAddress) && SetNumber(s, IPPROTO_IP, IP_MULTICAST_TTL, HOPS))
         return s;
     const int32_t nError = WSAGetLastError();
@@ -54,7 +54,7 @@ std::vector<MIB_IPADDRROW> ReadAddresses()
     }
     if (dwError != ERROR_SUCCESS || aBytes.size() < sizeof(MIB_IPADDRTABLE)) return {};
     MIB_IPADDRTABLE head;
-    std::memcpy(&head, aBytes.data(), sizeof head);
+    std::memcpy(&head, aBytes.data(), sizeof(head));
     const size_t               nRoom = (aBytes.size() - offsetof(MIB_IPADDRTABLE, table)) / sizeof(MIB_IPADDRROW);
     std::vector<MIB_IPADDRROW> aRows(std::min<size_t>(head.dwNumEntries, nRoom));
     if (!aRows.empty())
@@ -75,7 +75,7 @@ std::map<uint32_t, LinkView> ReadInterfaces()
     std::map<uint32_t, LinkView> links;
     for (const MIB_IPADDRROW &row : ReadAddresses()) {
         uint8_t nFirst;
-        std::memcpy(&nFirst, &row.dwAddr, sizeof nFirst);
+        std::memcpy(&nFirst, &row.dwAddr, sizeof(nFirst));
         if (nFirst == 0 || nFirst == LOOPBACK_NET || row.dwMask == 0 || (row.wType & UNUSABLE) != 0) continue;
         if (links.size() >= MAX_INTERFACES && links.count(row.dwIndex) == 0) continue;
         LinkView &link = links[row.dwIndex];
@@ -162,7 +162,7 @@ void SendPacket(const NetworkInterface &networkInterface, const OutPacket &packe
     // a packet that cannot leave now is asked for, or sent, again: an interface that is gone is found by RefreshNetwork
     const sockaddr_in to = {AF_INET, htons(packet.nPort), packet.dwAddress, {}};
     sendto(networkInterface.hSocket, packet.sBytes.data(), static_cast<int32_t>(packet.sBytes.size()), 0,
-           reinterpret_cast<const sockaddr *>(&to), sizeof to);
+           reinterpret_cast<const sockaddr *>(&to), sizeof(to));
 }
 
 std::vector<InPacket> ReceivePackets(const Network &network, uint32_t nWaitMs)
@@ -183,9 +183,9 @@ std::vector<InPacket> ReceivePackets(const Network &network, uint32_t nWaitMs)
             if (aWaits[i].revents == 0) continue;
             static char   aBytes[DNS_MAX_PACKET];
             sockaddr_in   from   = {};
-            int32_t       cbFrom = sizeof from;
+            int32_t       cbFrom = sizeof(from);
             const int32_t cb =
-                recvfrom(aWaits[i].fd, aBytes, sizeof aBytes, 0, reinterpret_cast<sockaddr *>(&from), &cbFrom);
+                recvfrom(aWaits[i].fd, aBytes, sizeof(aBytes), 0, reinterpret_cast<sockaddr *>(&from), &cbFrom);
             const LinkView &link = network.aInterfaces[i].link;
             InPacket        packet;
             nTaken++;

@@ -21,7 +21,7 @@ std::string PortKey(size_t n)
 std::string ReadValue(const std::string &sKey, const char *pszFile)
 {
     char szValue[64];
-    GetPrivateProfileStringA(SECTION, sKey.c_str(), "", szValue, sizeof szValue, pszFile);
+    GetPrivateProfileStringA(SECTION, sKey.c_str(), "", szValue, sizeof(szValue), pszFile);
     return szValue;
 }
 
@@ -75,7 +75,7 @@ std::string ReadLastAdmission(const char *pszFile)
     std::string sAdmission;
     for (const char *pszKey : {"Port", "PW"}) {
         char szValue[64];
-        GetPrivateProfileStringA("LastServer", pszKey, "", szValue, sizeof szValue, pszFile);
+        GetPrivateProfileStringA("LastServer", pszKey, "", szValue, sizeof(szValue), pszFile);
         sAdmission += szValue + std::string(" ");
     }
     return sAdmission;
@@ -88,7 +88,7 @@ bool IsPortTaken(uint16_t nPort)
     sockaddr_in address = {};
     address.sin_family  = AF_INET;
     address.sin_port    = htons(nPort);
-    const bool bTaken   = bind(hSocket, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0;
+    const bool bTaken   = bind(hSocket, reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0;
     closesocket(hSocket);
     return bTaken;
 }

@@ -54,7 +54,8 @@ int BroadcastSessionChange(uint64_t wParam)
     int               nReached = 0;
     for (const WindowRecord &record : AllWindows()) { // from the system: no filter
         if (record.nSessionRegistrations != 0 &&
-            SendToWindow({WIRE_MAGIC, record.nWindow, platform::WM_WTSSESSION_CHANGE, wParam, atoll(sSession.c_str())}))
+            SendToWindow(
+                {WIRE_MAGIC, record.nWindow, platform::WM_WTSSESSION_CHANGE, wParam, std::atoll(sSession.c_str())}))
             nReached++;
     }
     return nReached;

@@ -115,9 +115,9 @@ HINSTANCE ShellExecuteA(HWND, const char *pszVerb, const char *pszFile, const ch
     if (hosted::FailsNow("ShellExecuteA", &dwError)) return ShellResult(dwError <= 32 ? dwError : SE_ERR_ACCESSDENIED);
     if (pszVerb != nullptr && CompareTextNoCaseA(pszVerb, "open") != 0) return ShellResult(SE_ERR_NOASSOC);
     if (nShow != SW_HIDE) return ShellResult(SE_ERR_NOASSOC); // there is nothing to show a window on
-    if (pszFile == nullptr || !hosted::HostPath(hosted::ToUtf16(pszFile).c_str(), szProgram, sizeof szProgram))
+    if (pszFile == nullptr || !hosted::HostPath(hosted::ToUtf16(pszFile).c_str(), szProgram, sizeof(szProgram)))
         return ShellResult(SE_ERR_FNF);
-    if (pszFolder != nullptr && !hosted::HostPath(hosted::ToUtf16(pszFolder).c_str(), szFolder, sizeof szFolder))
+    if (pszFolder != nullptr && !hosted::HostPath(hosted::ToUtf16(pszFolder).c_str(), szFolder, sizeof(szFolder)))
         return ShellResult(SE_ERR_PNF);
     if (::stat(szProgram, &status) != 0) return ShellResult(errno == ENOTDIR ? SE_ERR_PNF : SE_ERR_FNF);
     if (!S_ISREG(status.st_mode)) return ShellResult(SE_ERR_ACCESSDENIED);

@@ -79,7 +79,7 @@ platform::HRESULT platform::SHGetKnownFolderPath(const GUID &rfid, uint32_t dwFl
     if (hosted::FailsNow("SHGetKnownFolderPath", &dwError)) return ResultFromError(dwError);
     if (dwFlags != 0 || hToken != nullptr) return ResultFromError(ERROR_NOT_SUPPORTED);
     for (const NamedFolder &folder : g_aFolders) {
-        if (memcmp(folder.pId, &rfid, sizeof rfid) != 0) continue;
+        if (std::memcmp(folder.pId, &rfid, sizeof(rfid)) != 0) continue;
         std::u16string sPath;
         if ((dwError = Resolve(folder.pszName, &sPath)) != 0) return ResultFromError(dwError);
         *ppszPath = static_cast<char16_t *>(hosted::AllocBlock((sPath.size() + 1) * sizeof(char16_t)));

@@ -64,7 +64,7 @@ struct Reader {
 
 void Put(std::string *ps, uint64_t n, size_t cb)
 {
-    for (size_t i = 0; i < cb; i++) *ps += static_cast<char>(i < sizeof n ? n >> (8 * i) : 0);
+    for (size_t i = 0; i < cb; i++) *ps += static_cast<char>(i < sizeof(n) ? n >> (8 * i) : 0);
 }
 
 void PutWide(std::string *ps, std::u16string_view sText)

@@ -28,7 +28,7 @@ constexpr uint32_t ERROR_NO_SYSTEM_RESOURCES = 1450;
 std::string FileOf(uint32_t nWindow, const char *pszKind)
 {
     char szName[32];
-    snprintf(szName, sizeof(szName), "%08x.%s", nWindow, pszKind);
+    std::snprintf(szName, sizeof(szName), "%08x.%s", nWindow, pszKind);
     return szName;
 }
 
@@ -140,7 +140,8 @@ std::vector<WindowRecord> AllWindows()
     std::vector<uint32_t> aNumbers;
     while (const dirent *pEntry = readdir(pDir)) {
         const std::string_view sName = pEntry->d_name;
-        if (sName.ends_with(".window")) aNumbers.push_back(static_cast<uint32_t>(strtoul(pEntry->d_name, nullptr, 16)));
+        if (sName.ends_with(".window"))
+            aNumbers.push_back(static_cast<uint32_t>(std::strtoul(pEntry->d_name, nullptr, 16)));
     }
     closedir(pDir);
     std::sort(aNumbers.rbegin(), aNumbers.rend());

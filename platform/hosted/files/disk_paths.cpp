@@ -162,8 +162,8 @@ std::string HostName(std::u16string_view sName)
     std::u16string sSalted = u"\x0001";
     sSalted += sName;
     char szHash[40];
-    snprintf(szHash, sizeof szHash, "%016llx%016llx", static_cast<unsigned long long>(HashFolded(sName)),
-             static_cast<unsigned long long>(HashFolded(sSalted)));
+    std::snprintf(szHash, sizeof(szHash), "%016llx%016llx", static_cast<unsigned long long>(HashFolded(sName)),
+                  static_cast<unsigned long long>(HashFolded(sSalted)));
     return std::string(LONG_NAME_PREFIX) + szHash;
 }
 

@@ -60,12 +60,13 @@ bool ComesBefore(const char *pszLeft, const char *pszRight)
         const unsigned nLeft  = FoldCaseW(static_cast<char16_t>(chLeft)),
                        nRight = FoldCaseW(static_cast<char16_t>(chRight));
         if (nLeft != nRight) return nLeft < nRight;
-        if (chLeft == 0) return strcmp(pszLeft, pszRight) < 0; // two that differ in case only: planted from outside
+        if (chLeft == 0)
+            return std::strcmp(pszLeft, pszRight) < 0; // two that differ in case only: planted from outside
     }
     const std::u16string sLeft  = ToUtf16(reinterpret_cast<const char *>(pLeft));
     const std::u16string sRight = ToUtf16(reinterpret_cast<const char *>(pRight));
     const int32_t        n      = CompareTextNoCaseW(sLeft.c_str(), sRight.c_str());
-    return n != 0 ? n < 0 : strcmp(pszLeft, pszRight) < 0;
+    return n != 0 ? n < 0 : std::strcmp(pszLeft, pszRight) < 0;
 }
 
 // 0, or an error. Long names sort by their stored form; with them the order is made of the names themselves.

@@ -60,9 +60,9 @@ bool ReadSide(const MarkedFile &file, const char *pszMark, std::string *psValue)
     const int nFd = open(sPath.c_str(), O_RDONLY | O_CLOEXEC);
     if (nFd < 0) return false;
     char          aValue[CB_VALUE_MAX + 64];
-    const ssize_t cb = read(nFd, aValue, sizeof aValue);
+    const ssize_t cb = read(nFd, aValue, sizeof(aValue));
     close(nFd);
-    if (cb < static_cast<ssize_t>(sTie.size()) || memcmp(aValue, sTie.data(), sTie.size()) != 0) return false;
+    if (cb < static_cast<ssize_t>(sTie.size()) || std::memcmp(aValue, sTie.data(), sTie.size()) != 0) return false;
     psValue->assign(aValue + sTie.size(), static_cast<size_t>(cb) - sTie.size());
     return true;
 }
@@ -79,8 +79,8 @@ bool WriteSide(const MarkedFile &file, const char *pszMark, const std::string &s
 bool ReadMark(const MarkedFile &file, const char *pszMark, std::string *psValue)
 {
     char          aValue[CB_VALUE_MAX];
-    const ssize_t cb = file.nFd >= 0 ? fgetxattr(file.nFd, pszMark, aValue, sizeof aValue)
-                                     : getxattr(file.pszPath, pszMark, aValue, sizeof aValue);
+    const ssize_t cb = file.nFd >= 0 ? fgetxattr(file.nFd, pszMark, aValue, sizeof(aValue))
+                                     : getxattr(file.pszPath, pszMark, aValue, sizeof(aValue));
     if (cb >= 0) {
         psValue->assign(aValue, static_cast<size_t>(cb));
         return true;
@@ -117,14 +117,14 @@ bool ReadHexMark(const MarkedFile &file, const char *pszMark, uint32_t *pdwValue
     std::string sValue;
     if (!ReadMark(file, pszMark, &sValue) || sValue.empty()) return false;
     char *pszEnd = nullptr;
-    *pdwValue    = static_cast<uint32_t>(strtoul(sValue.c_str(), &pszEnd, 16));
+    *pdwValue    = static_cast<uint32_t>(std::strtoul(sValue.c_str(), &pszEnd, 16));
     return *pszEnd == '\0';
 }
 
 bool WriteHexMark(const MarkedFile &file, const char *pszMark, uint32_t dwValue)
 {
     char szValue[16];
-    snprintf(szValue, sizeof szValue, "%x", dwValue);
+    std::snprintf(szValue, sizeof(szValue), "%x", dwValue);
     return WriteMark(file, pszMark, szValue);
 }
 

@@ -101,15 +101,15 @@ void TakeFolderNews(const FolderNewsUse &use)
         g_Watches.aFolders.size() > MAX_WATCHES)
         startAnew();
     while (g_Watches.nFd >= 0) {
-        const ssize_t cb = read(g_Watches.nFd, aEvents, sizeof aEvents);
+        const ssize_t cb = read(g_Watches.nFd, aEvents, sizeof(aEvents));
         if (cb < 0 && errno == EINTR) continue;
         if (cb < 0 && errno != EAGAIN) startAnew();
         for (ssize_t nAt = 0; nAt < cb && g_Watches.nFd >= 0;) {
             const auto *pEvent = reinterpret_cast<const inotify_event *>(aEvents + nAt);
             Tell(*pEvent, use);
-            nAt += static_cast<ssize_t>(sizeof *pEvent + pEvent->len);
+            nAt += static_cast<ssize_t>(sizeof(*pEvent) + pEvent->len);
         }
-        if (cb < 0 || static_cast<size_t>(cb) <= sizeof aEvents - LARGEST) return; // there was room for one more
+        if (cb < 0 || static_cast<size_t>(cb) <= sizeof(aEvents) - LARGEST) return; // there was room for one more
     }
 }
 

@@ -43,14 +43,14 @@ std::string EscapedName(const std::string &sName)
         const auto by     = static_cast<unsigned char>(ch);
         ullHash           = (ullHash ^ by) * 1099511628211u;
         const bool bPlain = (by >= '0' && by <= '9') || (by >= 'A' && by <= 'Z') || (by >= 'a' && by <= 'z') ||
-                            strchr("-_ {}()", ch) != nullptr || by >= 0x80;
+                            std::strchr("-_ {}()", ch) != nullptr || by >= 0x80;
         char szEscaped[4];
-        if (!bPlain || by == 0) snprintf(szEscaped, sizeof(szEscaped), "%%%02X", by);
+        if (!bPlain || by == 0) std::snprintf(szEscaped, sizeof(szEscaped), "%%%02X", by);
         sOut += bPlain && by != 0 ? std::string(1, ch) : szEscaped;
     }
     if (sOut.size() > LONGEST_NAME) {
         char szHash[20];
-        snprintf(szHash, sizeof(szHash), "~%016llx", static_cast<unsigned long long>(ullHash));
+        std::snprintf(szHash, sizeof(szHash), "~%016llx", static_cast<unsigned long long>(ullHash));
         sOut = sOut.substr(0, LONGEST_NAME) + szHash;
     }
     return sOut;
@@ -98,7 +98,7 @@ std::unique_ptr<NamedObject> NamedObject::Open(const char16_t *pszName, HandleKi
         pMapped->bSecured         = pState->bSecured;
         pMapped->dwEveryoneAccess = pState->dwEveryoneAccess;
         pMapped->bSignalled.store(pState->bSignalled.load());
-        snprintf(pMapped->szName, sizeof(pMapped->szName), "%s", ToUtf8(sFull).c_str());
+        std::snprintf(pMapped->szName, sizeof(pMapped->szName), "%s", ToUtf8(sFull).c_str());
         pMapped->dwMagic = MAGIC;
     } else if (pMapped->dwMagic != MAGIC || pMapped->dwKind != static_cast<uint32_t>(eKind)) {
         dwError = platform::ERROR_INVALID_HANDLE; // Windows' answer for a name that an object of another kind has

@@ -23,6 +23,6 @@ platform::BOOL platform::ProcessIdToSessionId(uint32_t dwProcessId, uint32_t *pd
         return FALSE;
     }
     *pdwSessionId =
-        static_cast<uint32_t>(strtoul(hosted::MachineSetting("machine", "session", "1").c_str(), nullptr, 10));
+        static_cast<uint32_t>(std::strtoul(hosted::MachineSetting("machine", "session", "1").c_str(), nullptr, 10));
     return TRUE;
 }

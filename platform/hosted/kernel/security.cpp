@@ -54,7 +54,7 @@ bool SidFromText(const std::string &sText, std::string *psSid)
     if (psz[0] != 'S') return false;
     for (psz++; *psz == '-' && nParts < 17;) {
         char *pszEnd     = nullptr;
-        aParts[nParts++] = strtoull(psz + 1, &pszEnd, 10);
+        aParts[nParts++] = std::strtoull(psz + 1, &pszEnd, 10);
         if (pszEnd == psz + 1) return false;
         psz = pszEnd;
     }
@@ -73,7 +73,7 @@ std::string TextFromSid(const uint8_t *pSid)
     std::string sText = "S-1-" + std::to_string(nAuthority);
     for (int n = 0; n < pSid[1]; n++) {
         uint32_t dwPart;
-        memcpy(&dwPart, pSid + 8 + 4 * n, sizeof dwPart);
+        std::memcpy(&dwPart, pSid + 8 + 4 * n, sizeof(dwPart));
         sText += '-' + std::to_string(dwPart);
     }
     return sText;
@@ -191,7 +191,7 @@ platform::BOOL platform::LookupAccountNameW(const char16_t *pszSystemName, const
         hosted::SetError(ERROR_INSUFFICIENT_BUFFER);
         return FALSE;
     }
-    memcpy(pSid, account.sSid.data(), account.sSid.size());
+    std::memcpy(pSid, account.sSid.data(), account.sSid.size());
     CopyTextW(pszDomain, *pcchDomain, account.sDomain.c_str());
     *pcchDomain = static_cast<uint32_t>(account.sDomain.size());
     *peUse      = account.eUse;

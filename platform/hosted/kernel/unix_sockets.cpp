@@ -19,7 +19,7 @@ int MakeLocalSocket(const std::string &sFolder, const std::string &sName, int nT
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     const int cch =
-        snprintf(address.sun_path, sizeof(address.sun_path), "/proc/self/fd/%d/%s", folder.nFd, sName.c_str());
+        std::snprintf(address.sun_path, sizeof(address.sun_path), "/proc/self/fd/%d/%s", folder.nFd, sName.c_str());
     if (cch < 0 || static_cast<size_t>(cch) >= sizeof(address.sun_path)) {
         errno = ENAMETOOLONG;
         return -1;

@@ -192,10 +192,10 @@ NTSTATUS BCryptGetProperty(void *hObject, const char16_t *pszProperty, uint8_t *
     if (CompareTextW(pszProperty, BCRYPT_OBJECT_LENGTH) == 0) dwValue = sizeof(KeyObject);
     else if (CompareTextW(pszProperty, BCRYPT_BLOCK_LENGTH) == 0) dwValue = BLOCK_BYTES;
     else return STATUS_NOT_SUPPORTED;
-    *pcbResult = sizeof dwValue;
+    *pcbResult = sizeof(dwValue);
     if (pbOutput == nullptr) return STATUS_SUCCESS;
-    if (cbOutput < sizeof dwValue) return STATUS_BUFFER_TOO_SMALL;
-    std::memcpy(pbOutput, &dwValue, sizeof dwValue);
+    if (cbOutput < sizeof(dwValue)) return STATUS_BUFFER_TOO_SMALL;
+    std::memcpy(pbOutput, &dwValue, sizeof(dwValue));
     return STATUS_SUCCESS;
 }
 
@@ -206,8 +206,8 @@ NTSTATUS BCryptSetProperty(void *hObject, const char16_t *pszProperty, uint8_t *
     if (Fails("BCryptSetProperty", &nStatus)) return nStatus;
     if (AlgorithmOf(hObject) == nullptr && KeyOf(hObject) == nullptr) return STATUS_INVALID_HANDLE;
     if (pszProperty == nullptr || pbInput == nullptr || dwFlags != 0) return STATUS_INVALID_PARAMETER;
-    if (CompareTextW(pszProperty, BCRYPT_CHAINING_MODE) != 0 || cbInput < sizeof BCRYPT_CHAIN_MODE_CBC ||
-        std::memcmp(pbInput, BCRYPT_CHAIN_MODE_CBC, sizeof BCRYPT_CHAIN_MODE_CBC) != 0)
+    if (CompareTextW(pszProperty, BCRYPT_CHAINING_MODE) != 0 || cbInput < sizeof(BCRYPT_CHAIN_MODE_CBC) ||
+        std::memcmp(pbInput, BCRYPT_CHAIN_MODE_CBC, sizeof(BCRYPT_CHAIN_MODE_CBC)) != 0)
         return STATUS_NOT_SUPPORTED;
     return STATUS_SUCCESS; // it is the only mode, so there is nothing to keep
 }

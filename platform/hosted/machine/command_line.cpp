@@ -94,7 +94,7 @@ char16_t **platform::CommandLineToArgvW(const char16_t *pszCommandLine, int32_t 
     char16_t *pText = reinterpret_cast<char16_t *>(ppszArguments + aArguments.size() + 1);
     for (size_t i = 0; i < aArguments.size(); i++) {
         ppszArguments[i] = pText;
-        memcpy(pText, aArguments[i].c_str(), (aArguments[i].size() + 1) * sizeof(char16_t));
+        std::memcpy(pText, aArguments[i].c_str(), (aArguments[i].size() + 1) * sizeof(char16_t));
         pText += aArguments[i].size() + 1;
     }
     *pnArgs = static_cast<int32_t>(aArguments.size());

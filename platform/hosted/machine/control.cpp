@@ -40,7 +40,7 @@ std::deque<std::string> &Folders()
 
 [[noreturn]] void BadSetting(const char *pszName, const char *pszValue)
 {
-    fprintf(stderr, "%s=%s: not understood\n", pszName, pszValue);
+    std::fprintf(stderr, "%s=%s: not understood\n", pszName, pszValue);
     _exit(2);
 }
 
@@ -62,14 +62,14 @@ bool NumberFrom(const char *pszName, const std::string &sValue, int64_t *pnValue
 {
     char *pszEnd = nullptr;
     errno        = 0;
-    *pnValue     = strtoll(sValue.c_str(), &pszEnd, 10);
+    *pnValue     = std::strtoll(sValue.c_str(), &pszEnd, 10);
     if (sValue.empty() || *pszEnd != '\0' || errno != 0 || *pnValue < 0) BadSetting(pszName, sValue.c_str());
     return true;
 }
 
 bool NumberSetting(const char *pszName, int64_t *pnValue)
 {
-    const char *pszValue = getenv(pszName);
+    const char *pszValue = std::getenv(pszName);
     return pszValue != nullptr && NumberFrom(pszName, pszValue, pnValue);
 }
 
@@ -132,17 +132,17 @@ bool MoveTo(const char *pszFolder)
 void ReadEnvironment()
 {
     int64_t     nValue   = 0;
-    const char *pszValue = getenv("VORN_MACHINE");
+    const char *pszValue = std::getenv("VORN_MACHINE");
     if (pszValue != nullptr && *pszValue != '\0' && !MoveTo(pszValue)) {
-        fprintf(stderr, "VORN_MACHINE=%s: no machine can be made there (error %u)\n", pszValue,
-                platform::GetLastError());
+        std::fprintf(stderr, "VORN_MACHINE=%s: no machine can be made there (error %u)\n", pszValue,
+                     platform::GetLastError());
         _exit(2);
     }
-    if ((pszValue = getenv("VORN_FAULTS")) != nullptr && *pszValue != '\0') ReadFaults(pszValue);
-    if ((pszValue = getenv("VORN_DRIVE_FULL")) != nullptr && *pszValue != '\0') ReadDriveLimits(pszValue);
-    if ((pszValue = getenv("VORN_MISSING")) != nullptr && *pszValue != '\0') ReadMissing(pszValue);
-    if ((pszValue = getenv("VORN_INTEGRITY")) != nullptr && *pszValue != '\0') {
-        if (strcmp(pszValue, "low") != 0) BadSetting("VORN_INTEGRITY", pszValue);
+    if ((pszValue = std::getenv("VORN_FAULTS")) != nullptr && *pszValue != '\0') ReadFaults(pszValue);
+    if ((pszValue = std::getenv("VORN_DRIVE_FULL")) != nullptr && *pszValue != '\0') ReadDriveLimits(pszValue);
+    if ((pszValue = std::getenv("VORN_MISSING")) != nullptr && *pszValue != '\0') ReadMissing(pszValue);
+    if ((pszValue = std::getenv("VORN_INTEGRITY")) != nullptr && *pszValue != '\0') {
+        if (std::strcmp(pszValue, "low") != 0) BadSetting("VORN_INTEGRITY", pszValue);
         SetLowStanding(true);
     }
     if (NumberSetting("VORN_CLOCK_RATE", &nValue)) {

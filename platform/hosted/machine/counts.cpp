@@ -11,7 +11,7 @@ std::atomic<int> g_nSockets{0}, g_nLiveThreads{0}, g_nCiphers{0}, g_nBlocks{0}, 
 
 void *AllocBlock(size_t cb)
 {
-    void *pMem = calloc(1, cb == 0 ? 1 : cb);
+    void *pMem = std::calloc(1, cb == 0 ? 1 : cb);
     if (pMem == nullptr) {
         SetError(platform::ERROR_NOT_ENOUGH_MEMORY);
     } else {

@@ -8,7 +8,7 @@
 int main()
 {
     if (*hosted::MachineFolder() == '\0') { // reads the environment
-        fputs("VORN_MACHINE is not set: it names the folder of the machine that this program runs on.\n", stderr);
+        std::fputs("VORN_MACHINE is not set: it names the folder of the machine that this program runs on.\n", stderr);
         return 2;
     }
     // WinMain's command line lacks the program's name, which is always quoted here.

@@ -75,9 +75,9 @@ void hosted::Fatal(const char *pszFormat, ...)
 {
     va_list args;
     va_start(args, pszFormat);
-    fputs("hosted machine: ", stderr);
-    vfprintf(stderr, pszFormat, args);
-    fputc('\n', stderr);
+    std::fputs("hosted machine: ", stderr);
+    std::vfprintf(stderr, pszFormat, args);
+    std::fputc('\n', stderr);
     va_end(args);
-    abort();
+    std::abort();
 }

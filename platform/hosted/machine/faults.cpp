@@ -55,7 +55,7 @@ Slot *FindSlot(const char *pszName, bool bMake)
                 return &slot;
             }
         }
-        if (strcmp(pszStored, pszName) == 0) return &slot;
+        if (std::strcmp(pszStored, pszName) == 0) return &slot;
     }
     hosted::Fatal("more than %zu call names", SLOTS);
 }

@@ -201,7 +201,7 @@ std::string MachineSetting(const char *pszSection, const char *pszKey, const cha
 std::string KnownFolderSetting(const char *pszName)
 {
     for (const KnownFolder &folder : KnownFolders()) {
-        if (strcmp(folder.pszName, pszName) != 0) continue;
+        if (std::strcmp(folder.pszName, pszName) != 0) continue;
         std::string sPath = folder.pszTail;
         if (sPath.empty() || sPath[0] == '\\')
             sPath = "C:\\Users\\" + MachineSetting("machine", "user", "User") + sPath;
@@ -221,7 +221,7 @@ bool CreateMachine(const std::string &sFolder, const MachinePlan &plan)
     Entries aDrives;
     ReadMachineFile(sFolder + "/machine.ini", "drives", &aDrives);
     for (const auto &drive : aDrives) {
-        if (drive.first.size() != 1 || isalpha(static_cast<unsigned char>(drive.first[0])) == 0) continue;
+        if (drive.first.size() != 1 || std::isalpha(static_cast<unsigned char>(drive.first[0])) == 0) continue;
         const std::string sDrive = sFolder + "/drive_" + static_cast<char>(drive.first[0] | 32);
         if (mkdir(sDrive.c_str(), 0777) != 0 && errno != EEXIST) {
             SetErrorFromErrno();

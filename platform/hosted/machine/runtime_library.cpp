@@ -59,6 +59,6 @@ int32_t platform::strcpy_s(char *pszDest, size_t cbDest, const char *pszSource)
         pszDest[0]   = '\0';
         return errno = ERANGE;
     }
-    memcpy(pszDest, pszSource, cb + 1);
+    std::memcpy(pszDest, pszSource, cb + 1);
     return 0;
 }

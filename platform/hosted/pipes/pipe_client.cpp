@@ -52,7 +52,7 @@ bool TakeCredits(PipeClient &client, bool bWait)
             client.aPart[client.cbPart++] = aSaid[i];
             if (client.cbPart < sizeof(client.aPart)) continue;
             uint32_t cbRead = 0;
-            memcpy(&cbRead, client.aPart, sizeof(cbRead));
+            std::memcpy(&cbRead, client.aPart, sizeof(cbRead));
             client.cbPart = 0;
             client.cbCredit += cbRead == CREDIT_DISCONNECTED ? 0 : cbRead;
             if (cbRead == CREDIT_DISCONNECTED) client.dwError = platform::ERROR_PIPE_NOT_CONNECTED;

@@ -27,7 +27,7 @@ constexpr size_t              LONGEST_NAME = 256; // with the prefix
 std::string Numbered(uint32_t nNumber, const char *pszKind)
 {
     char szName[40];
-    snprintf(szName, sizeof(szName), "%08u%s", nNumber, pszKind);
+    std::snprintf(szName, sizeof(szName), "%08u%s", nNumber, pszKind);
     return szName;
 }
 
@@ -39,7 +39,7 @@ std::vector<uint32_t> InstanceNumbers(const std::string &sFolder)
     while (const dirent *pEntry = readdir(pDir)) {
         const std::string_view sName = pEntry->d_name;
         if (sName.ends_with(".instance"))
-            aNumbers.push_back(static_cast<uint32_t>(strtoul(pEntry->d_name, nullptr, 10)));
+            aNumbers.push_back(static_cast<uint32_t>(std::strtoul(pEntry->d_name, nullptr, 10)));
     }
     closedir(pDir);
     std::sort(aNumbers.begin(), aNumbers.end());

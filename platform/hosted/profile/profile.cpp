@@ -44,7 +44,7 @@ template <class Char> uint32_t Give(const std::basic_string<Char> &sResult, Char
 {
     if (pszBuffer == nullptr || cch == 0) return 0;
     const size_t nGive = std::min<size_t>(sResult.size(), cch - 1);
-    memcpy(pszBuffer, sResult.data(), nGive * sizeof(Char));
+    std::memcpy(pszBuffer, sResult.data(), nGive * sizeof(Char));
     pszBuffer[nGive] = 0;
     return static_cast<uint32_t>(nGive);
 }

@@ -54,7 +54,7 @@ void ProfileText::Load(std::string_view sBytes)
     m_bUtf16 = sBytes.starts_with(UTF16_MARK);
     if (m_bUtf16) {
         m_sText.resize(sBytes.size() / 2 - 1); // half a unit at the end is dropped
-        memcpy(m_sText.data(), sBytes.data() + UTF16_MARK.size(), m_sText.size() * sizeof(char16_t));
+        std::memcpy(m_sText.data(), sBytes.data() + UTF16_MARK.size(), m_sText.size() * sizeof(char16_t));
     } else {
         m_sText = ToUtf16(sBytes);
     }

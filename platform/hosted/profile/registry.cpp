@@ -80,8 +80,8 @@ int32_t platform::RegQueryValueExW(HKEY hKey, const char16_t *pszValueName, uint
         std::string sData;
         const bool  bNumber = value.second.compare(0, 6, "dword:") == 0;
         if (bNumber) {
-            const uint32_t dwValue = static_cast<uint32_t>(strtoul(value.second.c_str() + 6, nullptr, 16));
-            sData.assign(reinterpret_cast<const char *>(&dwValue), sizeof dwValue);
+            const uint32_t dwValue = static_cast<uint32_t>(std::strtoul(value.second.c_str() + 6, nullptr, 16));
+            sData.assign(reinterpret_cast<const char *>(&dwValue), sizeof(dwValue));
         } else {
             const std::u16string sText = hosted::ToUtf16(value.second);
             sData.assign(reinterpret_cast<const char *>(sText.c_str()), (sText.size() + 1) * sizeof(char16_t));
@@ -92,7 +92,7 @@ int32_t platform::RegQueryValueExW(HKEY hKey, const char16_t *pszValueName, uint
         *pcbData         = static_cast<uint32_t>(sData.size());
         if (pbData == nullptr) return ERROR_SUCCESS;
         if (!bFits) return ERROR_MORE_DATA;
-        memcpy(pbData, sData.data(), sData.size());
+        std::memcpy(pbData, sData.data(), sData.size());
         return ERROR_SUCCESS;
     }
     return ERROR_FILE_NOT_FOUND;

@@ -156,8 +156,8 @@ uint32_t GetAdaptersInfo(IP_ADAPTER_INFO *pInfo, uint32_t *pcb)
         info.Index = info.ComboIndex = static_cast<uint32_t>(i + 1);
         info.Type                    = adapter.bWireless ? IF_TYPE_IEEE80211 : MIB_IF_TYPE_ETHERNET;
         info.DhcpEnabled             = adapter.sDhcp.empty() ? 0 : 1;
-        CopyTextA(info.AdapterName, sizeof info.AdapterName, hosted::GuidText(adapter.guid).c_str());
-        CopyTextA(info.Description, sizeof info.Description, adapter.sDescription.c_str());
+        CopyTextA(info.AdapterName, sizeof(info.AdapterName), hosted::GuidText(adapter.guid).c_str());
+        CopyTextA(info.Description, sizeof(info.Description), adapter.sDescription.c_str());
         CopyAddress(info.IpAddressList.IpAddress, adapter.sAddress);
         CopyAddress(info.IpAddressList.IpMask, adapter.sMask);
         CopyAddress(info.GatewayList.IpAddress, adapter.sGateway);

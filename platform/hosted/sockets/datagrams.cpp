@@ -73,11 +73,11 @@ namespace hosted {
 
 bool ReadAddress(const platform::sockaddr *pName, int32_t cbName, platform::sockaddr_in *pInner)
 {
-    if (pName == nullptr || cbName < static_cast<int32_t>(sizeof *pInner)) {
+    if (pName == nullptr || cbName < static_cast<int32_t>(sizeof(*pInner))) {
         FailWith(hosted::WSAEFAULT);
         return false;
     }
-    std::memcpy(pInner, pName, sizeof *pInner);
+    std::memcpy(pInner, pName, sizeof(*pInner));
     if (pInner->sin_family == AF_INET) return true;
     FailWith(hosted::WSAEAFNOSUPPORT);
     return false;
@@ -87,7 +87,7 @@ int OpenDatagramSocket()
 {
     const int fd   = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP);
     const int nOff = 0;
-    if (fd >= 0) ::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_ALL, &nOff, sizeof nOff);
+    if (fd >= 0) ::setsockopt(fd, IPPROTO_IP, IP_MULTICAST_ALL, &nOff, sizeof(nOff));
     return fd;
 }
 
@@ -99,24 +99,24 @@ int32_t SetDatagramOption(Connection &connection, int32_t nLevel, int32_t nOptio
     if (pValue == nullptr || cbValue < static_cast<int32_t>(cb)) return FailWith(WSAEFAULT);
     if (bMember) {
         ::ip_mreq request = {};
-        std::memcpy(&request, pValue, sizeof request);
+        std::memcpy(&request, pValue, sizeof(request));
         const bool bAdd = nOption == WINSOCK_IP_ADD_MEMBERSHIP;
         return SetHostOption(connection, IPPROTO_IP, bAdd ? IP_ADD_MEMBERSHIP : IP_DROP_MEMBERSHIP, &request,
-                             sizeof request);
+                             sizeof(request));
     }
     uint32_t dwValue = 0;
-    std::memcpy(&dwValue, pValue, sizeof dwValue);
+    std::memcpy(&dwValue, pValue, sizeof(dwValue));
     if (nLevel == WINSOCK_SOL_SOCKET && nOption == WINSOCK_SO_REUSEADDR) {
         const int bOn = dwValue != 0;
-        return SetHostOption(connection, SOL_SOCKET, SO_REUSEADDR, &bOn, sizeof bOn);
+        return SetHostOption(connection, SOL_SOCKET, SO_REUSEADDR, &bOn, sizeof(bOn));
     }
     if (nLevel == WINSOCK_IPPROTO_IP && nOption == WINSOCK_IP_MULTICAST_TTL) {
         const int nHops = static_cast<int>(dwValue);
-        return SetHostOption(connection, IPPROTO_IP, IP_MULTICAST_TTL, &nHops, sizeof nHops);
+        return SetHostOption(connection, IPPROTO_IP, IP_MULTICAST_TTL, &nHops, sizeof(nHops));
     }
     if (nLevel == WINSOCK_IPPROTO_IP && nOption == WINSOCK_IP_MULTICAST_IF) {
         const ::in_addr address = {dwValue};
-        return SetHostOption(connection, IPPROTO_IP, IP_MULTICAST_IF, &address, sizeof address);
+        return SetHostOption(connection, IPPROTO_IP, IP_MULTICAST_IF, &address, sizeof(address));
     }
     return FailWith(WSAENOPROTOOPT);
 }
@@ -134,7 +134,7 @@ int32_t sendto(SOCKET s, const char *pBuffer, int32_t cb, int32_t nFlags, const 
     if (cb < 0 || (pBuffer == nullptr && cb > 0)) return FailWith(hosted::WSAEFAULT);
     for (;;) {
         const ssize_t n = ::sendto(pConnection->fd, pBuffer, static_cast<size_t>(cb), 0,
-                                   reinterpret_cast<const ::sockaddr *>(&to), sizeof to);
+                                   reinterpret_cast<const ::sockaddr *>(&to), sizeof(to));
         if (n >= 0) {
             pConnection->bNamed = true;
             return static_cast<int32_t>(n);
@@ -156,11 +156,11 @@ int32_t recvfrom(SOCKET s, char *pBuffer, int32_t cb, int32_t nFlags, sockaddr *
     const int64_t               nWanted = hosted::RealSocketTimeout(pConnection->dwRecvTimeout);
     if (nWanted != pConnection->nRecvTimeoutSet) {
         const timeval value = {static_cast<time_t>(nWanted / 1000000), static_cast<suseconds_t>(nWanted % 1000000)};
-        if (::setsockopt(pConnection->fd, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value) == 0)
+        if (::setsockopt(pConnection->fd, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof(value)) == 0)
             pConnection->nRecvTimeoutSet = nWanted;
     }
     ::sockaddr_in from   = {};
-    socklen_t     cbFrom = sizeof from;
+    socklen_t     cbFrom = sizeof(from);
     ssize_t       n;
     do
         n = ::recvfrom(pConnection->fd, pBuffer, static_cast<size_t>(cb), MSG_TRUNC,
@@ -169,8 +169,8 @@ int32_t recvfrom(SOCKET s, char *pBuffer, int32_t cb, int32_t nFlags, sockaddr *
     if (pConnection->bClosed) return FailWith(WSAENOTSOCK);
     if (n < 0) return FailWith(errno == ECONNREFUSED ? WSAECONNRESET : WinsockErrorFromErrno(errno));
     if (pFrom != nullptr) {
-        std::memcpy(pFrom, &from, sizeof from);
-        *pcbFrom = sizeof from;
+        std::memcpy(pFrom, &from, sizeof(from));
+        *pcbFrom = sizeof(from);
     }
     return n > cb ? FailWith(WSAEMSGSIZE) : static_cast<int32_t>(n);
 }
@@ -215,7 +215,7 @@ uint32_t GetIpAddrTable(MIB_IPADDRTABLE *pTable, uint32_t *pcb, BOOL bOrder)
     }
     if (bOrder != 0) {
         std::sort(aRows.begin(), aRows.end(), [](const MIB_IPADDRROW &a, const MIB_IPADDRROW &b) {
-            return std::memcmp(&a.dwAddr, &b.dwAddr, sizeof a.dwAddr) < 0;
+            return std::memcmp(&a.dwAddr, &b.dwAddr, sizeof(a.dwAddr)) < 0;
         });
     }
     pTable->dwNumEntries = static_cast<uint32_t>(aRows.size());

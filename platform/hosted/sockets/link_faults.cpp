@@ -109,8 +109,8 @@ void BreakConnection(Connection &connection)
     // thread is woken by the shutdown and tries again on its way out, and the linger setting makes the close reset too.
     const linger     noLinger    = {1, 0};
     const ::sockaddr unspecified = {AF_UNSPEC, {}};
-    ::setsockopt(connection.fd, SOL_SOCKET, SO_LINGER, &noLinger, sizeof noLinger);
-    if (::connect(connection.fd, &unspecified, sizeof unspecified) != 0) ::shutdown(connection.fd, SHUT_RD);
+    ::setsockopt(connection.fd, SOL_SOCKET, SO_LINGER, &noLinger, sizeof(noLinger));
+    if (::connect(connection.fd, &unspecified, sizeof(unspecified)) != 0) ::shutdown(connection.fd, SHUT_RD);
 }
 
 } // namespace hosted

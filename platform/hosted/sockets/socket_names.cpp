@@ -70,12 +70,12 @@ int32_t Resolve(const char *pszNode, const char *pszService, const platform::add
             nError = WSA_NOT_ENOUGH_MEMORY;
             break;
         }
-        std::memcpy(&pEntry->address, p->ai_addr, sizeof pEntry->address);
+        std::memcpy(&pEntry->address, p->ai_addr, sizeof(pEntry->address));
         pEntry->address.sin_port = nPort;
         pEntry->info.ai_family   = AF_INET;
         pEntry->info.ai_socktype = pHints != nullptr ? pHints->ai_socktype : 0;
         pEntry->info.ai_protocol = pHints != nullptr ? pHints->ai_protocol : 0;
-        pEntry->info.ai_addrlen  = sizeof pEntry->address;
+        pEntry->info.ai_addrlen  = sizeof(pEntry->address);
         pEntry->info.ai_addr     = reinterpret_cast<platform::sockaddr *>(&pEntry->address);
         *ppNext                  = &pEntry->info;
         ppNext                   = &pEntry->info.ai_next;

@@ -24,7 +24,7 @@ using hosted::WinsockErrorFromErrno;
 void AllowAddressReuse(int fd)
 {
     const int bOn = 1;
-    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &bOn, sizeof bOn);
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &bOn, sizeof(bOn));
 }
 
 bool HasRoom(const platform::sockaddr *pName, const int32_t *pcbName)
@@ -39,7 +39,7 @@ int FinishConnect(int fd)
 {
     pollfd    wait   = {fd, POLLOUT, 0};
     int       nErrno = 0;
-    socklen_t cb     = sizeof nErrno;
+    socklen_t cb     = sizeof(nErrno);
     while (::poll(&wait, 1, -1) < 0) {
         if (errno != EINTR) return errno;
     }
@@ -104,12 +104,12 @@ int32_t bind(SOCKET s, const sockaddr *pName, int32_t cbName)
     sockaddr_in                       address     = {};
     if (pConnection == nullptr || !hosted::ReadAddress(pName, cbName, &address)) return SOCKET_ERROR;
     const auto *pAddress = reinterpret_cast<const ::sockaddr *>(&address);
-    if (::bind(pConnection->fd, pAddress, sizeof address) != 0) {
+    if (::bind(pConnection->fd, pAddress, sizeof(address)) != 0) {
         if (errno != EADDRINUSE || pConnection->bDatagram) return FailWith(WinsockErrorFromErrno(errno));
         // Only sockets that have the mark themselves (old connections, see listen and accept) make way for a second
         // try; one that is merely bound has none, and one that listens never makes way.
         AllowAddressReuse(pConnection->fd);
-        if (::bind(pConnection->fd, pAddress, sizeof address) != 0) return FailWith(WinsockErrorFromErrno(errno));
+        if (::bind(pConnection->fd, pAddress, sizeof(address)) != 0) return FailWith(WinsockErrorFromErrno(errno));
     }
     pConnection->bNamed = true;
     return 0;
@@ -133,7 +133,7 @@ SOCKET accept(SOCKET s, sockaddr *pAddr, int32_t *pcbAddr)
     if (pListener == nullptr) return INVALID_SOCKET;
     if ((pAddr != nullptr || pcbAddr != nullptr) && !HasRoom(pAddr, pcbAddr)) return INVALID_SOCKET;
     ::sockaddr_in address = {};
-    socklen_t     cb      = sizeof address;
+    socklen_t     cb      = sizeof(address);
     int           fd;
     do fd = ::accept4(pListener->fd, reinterpret_cast<::sockaddr *>(&address), &cb, SOCK_CLOEXEC);
     while (fd < 0 && !pListener->bClosed && IsLostBeforeAccept(errno));
@@ -148,8 +148,8 @@ SOCKET accept(SOCKET s, sockaddr *pAddr, int32_t *pcbAddr)
     pConnection->dwSendTimeout = pListener->dwSendTimeout.load();
     pConnection->dwRecvTimeout = pListener->dwRecvTimeout.load();
     if (pAddr != nullptr) {
-        std::memcpy(pAddr, &address, sizeof address);
-        *pcbAddr = sizeof address;
+        std::memcpy(pAddr, &address, sizeof(address));
+        *pcbAddr = sizeof(address);
     }
     return hosted::AddConnection(std::move(pConnection));
 }
@@ -164,7 +164,7 @@ int32_t connect(SOCKET s, const sockaddr *pName, int32_t cbName)
     if (address.sin_addr == 0 || address.sin_port == 0) return FailWith(WSAEADDRNOTAVAIL);
     AllowAddressReuse(pConnection->fd); // a port that this connection used is free for a listener when it has ended
     int nErrno =
-        ::connect(pConnection->fd, reinterpret_cast<const ::sockaddr *>(&address), sizeof address) == 0 ? 0 : errno;
+        ::connect(pConnection->fd, reinterpret_cast<const ::sockaddr *>(&address), sizeof(address)) == 0 ? 0 : errno;
     if (nErrno == EINTR) nErrno = FinishConnect(pConnection->fd);
     if (pConnection->bClosed) return FailWith(WSAENOTSOCK);
     if (nErrno != 0) return FailWith(WinsockErrorFromErrno(nErrno));
@@ -179,11 +179,11 @@ int32_t getsockname(SOCKET s, sockaddr *pName, int32_t *pcbName)
     if (pConnection == nullptr || !HasRoom(pName, pcbName)) return SOCKET_ERROR;
     if (!pConnection->bNamed) return FailWith(WSAEINVAL);
     ::sockaddr_in address = {};
-    socklen_t     cb      = sizeof address;
+    socklen_t     cb      = sizeof(address);
     if (::getsockname(pConnection->fd, reinterpret_cast<::sockaddr *>(&address), &cb) != 0)
         return FailWith(WinsockErrorFromErrno(errno));
-    std::memcpy(pName, &address, sizeof address);
-    *pcbName = sizeof address;
+    std::memcpy(pName, &address, sizeof(address));
+    *pcbName = sizeof(address);
     return 0;
 }
 
@@ -195,8 +195,8 @@ int32_t setsockopt(SOCKET s, int32_t nLevel, int32_t nOption, const char *pValue
     if (pConnection->bDatagram && !bTimeout)
         return hosted::SetDatagramOption(*pConnection, nLevel, nOption, pValue, cbValue);
     uint32_t dwValue = 0;
-    if (pValue == nullptr || cbValue != static_cast<int32_t>(sizeof dwValue)) return FailWith(hosted::WSAEFAULT);
-    std::memcpy(&dwValue, pValue, sizeof dwValue);
+    if (pValue == nullptr || cbValue != static_cast<int32_t>(sizeof(dwValue))) return FailWith(hosted::WSAEFAULT);
+    std::memcpy(&dwValue, pValue, sizeof(dwValue));
     if (nLevel == hosted::WINSOCK_SOL_SOCKET && nOption == hosted::WINSOCK_SO_SNDTIMEO) {
         pConnection->dwSendTimeout = dwValue;
         return 0;
@@ -207,7 +207,7 @@ int32_t setsockopt(SOCKET s, int32_t nLevel, int32_t nOption, const char *pValue
     }
     if (nLevel == hosted::WINSOCK_IPPROTO_TCP && nOption == hosted::WINSOCK_TCP_NODELAY) {
         const int bOn = dwValue != 0;
-        if (::setsockopt(pConnection->fd, IPPROTO_TCP, TCP_NODELAY, &bOn, sizeof bOn) == 0) return 0;
+        if (::setsockopt(pConnection->fd, IPPROTO_TCP, TCP_NODELAY, &bOn, sizeof(bOn)) == 0) return 0;
         return FailWith(WinsockErrorFromErrno(errno));
     }
     return FailWith(hosted::WSAENOPROTOOPT);

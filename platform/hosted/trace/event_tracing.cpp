@@ -171,7 +171,7 @@ void ControlProvider(Provider &provider, const std::vector<Enabling> &aEnablings
         break;
     }
     if (hLogger == provider.hLogger) return;
-    uint32_t    cbBuffer = sizeof hLogger;
+    uint32_t    cbBuffer = sizeof(hLogger);
     TRACEHANDLE hTold    = hLogger; // what the callback's buffer holds
     provider.hLogger     = hLogger;
     provider.pCallback(hLogger != 0 ? WMI_ENABLE_EVENTS : WMI_DISABLE_EVENTS, provider.pContext, &cbBuffer, &hTold);
@@ -194,12 +194,12 @@ void WatchTraceFolder(int fdChanges, int fdStop, std::string sFolder)
         if (aWaits[1].revents != 0) break;
         if ((aWaits[0].revents & POLLIN) == 0) continue;
         bool          bSessions = false;
-        const ssize_t cb        = ::read(fdChanges, aEvents, sizeof aEvents);
+        const ssize_t cb        = ::read(fdChanges, aEvents, sizeof(aEvents));
         for (ssize_t i = 0; i < cb;) {
             const auto *pEvent = reinterpret_cast<const inotify_event *>(aEvents + i);
             bSessions          = bSessions || (pEvent->mask & IN_Q_OVERFLOW) != 0 ||
                         (pEvent->len > 0 && std::string_view(pEvent->name).ends_with(hosted::SESSION_SUFFIX));
-            i += static_cast<ssize_t>(sizeof *pEvent + pEvent->len);
+            i += static_cast<ssize_t>(sizeof(*pEvent) + pEvent->len);
         }
         if (bSessions) ControlEveryProvider(sFolder);
     }
@@ -240,7 +240,7 @@ void EndWatch(const EndingWatch &watch)
 {
     if (watch.pWatcher == nullptr) return;
     const uint64_t nOne = 1;
-    if (::write(watch.fdStop, &nOne, sizeof nOne) == static_cast<ssize_t>(sizeof nOne)) watch.pWatcher->join();
+    if (::write(watch.fdStop, &nOne, sizeof(nOne)) == static_cast<ssize_t>(sizeof(nOne))) watch.pWatcher->join();
     else watch.pWatcher->detach(); // cannot happen to a fresh counter
     ::close(watch.fdStop);
     delete watch.pWatcher;
@@ -262,14 +262,14 @@ void AppendArgument(std::string &sLine, const Argument &argument, char chType)
     }
     if ((chType == 'u' || chType == 'x') && argument.cb == sizeof(uint32_t)) {
         uint32_t dwValue;
-        std::memcpy(&dwValue, argument.pValue, sizeof dwValue);
-        std::snprintf(szValue, sizeof szValue, chType == 'u' ? "%u" : "0x%X", dwValue);
+        std::memcpy(&dwValue, argument.pValue, sizeof(dwValue));
+        std::snprintf(szValue, sizeof(szValue), chType == 'u' ? "%u" : "0x%X", dwValue);
         sLine += szValue;
         return;
     }
     sLine += '<';
     for (size_t i = 0; i < std::min(argument.cb, MAX_ARGUMENT_BYTES); i++) {
-        std::snprintf(szValue, sizeof szValue, "%02X", static_cast<const uint8_t *>(argument.pValue)[i]);
+        std::snprintf(szValue, sizeof(szValue), "%02X", static_cast<const uint8_t *>(argument.pValue)[i]);
         sLine += szValue;
     }
     sLine += '>';
@@ -353,7 +353,7 @@ uint32_t UnregisterTraceGuids(TRACEHANDLE hRegistration)
 TRACEHANDLE GetTraceLoggerHandle(void *pBuffer)
 {
     TRACEHANDLE hLogger = 0;
-    if (pBuffer != nullptr) std::memcpy(&hLogger, pBuffer, sizeof hLogger);
+    if (pBuffer != nullptr) std::memcpy(&hLogger, pBuffer, sizeof(hLogger));
     return hLogger;
 }
 
@@ -401,9 +401,9 @@ uint32_t TraceMessage(TRACEHANDLE hLogger, uint32_t dwMessageFlags, const GUID *
     if (pSession == nullptr) return ERROR_INVALID_HANDLE;
     char szHead[48];
     if ((dwMessageFlags & TRACE_MESSAGE_GUID) != 0)
-        std::snprintf(szHead, sizeof szHead, "%u %08x/%u: ", ++pSession->nSequence, pMessageGuid->Data1,
+        std::snprintf(szHead, sizeof(szHead), "%u %08x/%u: ", ++pSession->nSequence, pMessageGuid->Data1,
                       nMessageNumber);
-    else std::snprintf(szHead, sizeof szHead, "%u %u: ", ++pSession->nSequence, nMessageNumber);
+    else std::snprintf(szHead, sizeof(szHead), "%u %u: ", ++pSession->nSequence, nMessageNumber);
     std::string sLine = hosted::LineStart() + szHead;
     AppendMessage(sLine, static_cast<uint16_t>(nMessageNumber), aArguments);
     return hosted::WriteLine(pSession->fd, std::move(sLine)) ? ERROR_SUCCESS : hosted::ErrorFromErrno(errno);

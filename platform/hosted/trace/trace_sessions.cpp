@@ -63,7 +63,7 @@ bool StartTraceSession(const char *pszMachine, const char *pszSession, uint8_t n
         errno = EINVAL;
         return false;
     }
-    std::snprintf(szLine, sizeof szLine, "* %u 0x%X\n", static_cast<unsigned>(nLevel), dwFlags);
+    std::snprintf(szLine, sizeof(szLine), "* %u 0x%X\n", static_cast<unsigned>(nLevel), dwFlags);
     return MakeTraceFolder(pszMachine) && WriteWholeFile(sFile, szLine);
 }
 
@@ -92,8 +92,8 @@ std::string LineStart()
     char                           szDate[32], szStart[80];
     ::clock_gettime(CLOCK_REALTIME, &now);
     ::gmtime_r(&now.tv_sec, &parts);
-    std::strftime(szDate, sizeof szDate, "%Y-%m-%d %H:%M:%S", &parts);
-    std::snprintf(szStart, sizeof szStart, "%s.%06ld %d.%ld ", szDate, now.tv_nsec / 1000, ::getpid(), s_nThread);
+    std::strftime(szDate, sizeof(szDate), "%Y-%m-%d %H:%M:%S", &parts);
+    std::snprintf(szStart, sizeof(szStart), "%s.%06ld %d.%ld ", szDate, now.tv_nsec / 1000, ::getpid(), s_nThread);
     return szStart;
 }
 
@@ -106,7 +106,7 @@ void AppendOneLine(std::string &sLine, std::string_view sText, size_t cbMax)
         else if (ch == '\t') sLine += "\\t";
         else if (nCode < 0x20 || nCode == 0x7F) {
             char szHex[8];
-            std::snprintf(szHex, sizeof szHex, "\\x%02X", nCode);
+            std::snprintf(szHex, sizeof(szHex), "\\x%02X", nCode);
             sLine += szHex;
         } else sLine += ch;
     }

@@ -243,23 +243,3 @@ TEST_F(HostedFiles, NamesLongerThanTheHostsAreKeptWhole)
     WriteTestFile(sVerbatim + sLower + u"\\in", "in");
     EXPECT_EQ("in", ReadTestFile(sVerbatim + sOther + u"\\in"));
 }
-
-TEST_F(HostedFiles, ThingsOfTheHostThatWindowsDoesNotHaveDoNoHarm)
-{
-    const std::u16string sFolder = TestFolder();
-    const std::string    sHost   = HostOf(sFolder);
-    ASSERT_EQ(0, mkfifo((sHost + "/fifo").c_str(), 0666));
-    ASSERT_EQ(0, symlink("/nowhere", (sHost + "/dangling").c_str()));
-    ASSERT_EQ(0, symlink(".", (sHost + "/loop").c_str()));
-    Plant(sHost + "/what?", "x");
-    EXPECT_EQ(ERROR_ACCESS_DENIED, ErrorOf(ReadTestFile(sFolder + u"\\fifo") == "<missing>"))
-        << "opening it does not wait for a writer";
-    EXPECT_EQ("<missing>", ReadTestFile(sFolder + u"\\dangling"));
-    EXPECT_EQ(FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT,
-              GetFileAttributesW((sFolder + u"\\loop").c_str()));
-    EXPECT_EQ(6u, NamesOf(sFolder + u"\\*").size())
-        << "an entry that cannot be opened is listed, so that somebody reports it";
-    WIN32_FIND_DATAW data;
-    EXPECT_EQ(ERROR_NOT_SUPPORTED,
-              ErrorOf(FindFirstFileW((sFolder + u"\\*.txt").c_str(), &data) == INVALID_HANDLE_VALUE));
-}

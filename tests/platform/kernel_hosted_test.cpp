@@ -1,4 +1,4 @@
-// kernel_hosted_test.cpp: named objects between processes, and what the hosted machine pretends and counts.
+// kernel_hosted_test.cpp: named objects between processes.
 #include "platform/errors.h"
 #include "platform/hosted/control.h"
 #include "platform/kernel.h"
@@ -33,20 +33,6 @@ const ChildRole g_TakeRole("take items", [](const std::string &) {
     int          nTaken     = 0;
     for (; WaitForMultipleObjects(2, ahWaits, FALSE, LONG_WAIT_MS) == WAIT_OBJECT_0 + 1; nTaken++) SetEvent(hTaken);
     return nTaken;
-});
-
-// The clock and the fault that the environment asks for.
-const ChildRole g_EnvironmentRole("environment", [](const std::string &) {
-    const uint64_t ullFrom = GetTickCount64();
-    Sleep(60000);
-    if (GetTickCount64() - ullFrom < 60000) return 1;
-    if (CreateEventW(nullptr, TRUE, TRUE, nullptr) == nullptr) return 2;
-    if (CreateEventW(nullptr, TRUE, TRUE, nullptr) != nullptr || GetLastError() != 8) return 3;
-    if (CreateEventW(nullptr, TRUE, TRUE, nullptr) == nullptr) return 4;
-    for (int i = 0; i < 3; i++) {
-        if (OpenMutexW(SYNCHRONIZE, FALSE, u"VORN none") != nullptr || GetLastError() != 5) return 5;
-    }
-    return 0;
 });
 
 } // namespace
@@ -86,41 +72,4 @@ TEST_F(KernelHosted, AutoResetEventIsConsumedOnceAcrossProcesses)
     const int nFirst = first.Wait(), nSecond = second.Wait();
     EXPECT_EQ(100, nFirst + nSecond) << nFirst << " and " << nSecond;
     for (const HANDLE h : {hItem, hTaken, hStop}) EXPECT_TRUE(CloseHandle(h));
-}
-
-TEST_F(KernelHosted, EnvironmentDrivesAWholeProcess)
-{
-    ChildProcess child("environment", "", {"VORN_CLOCK_RATE=1000", "VORN_FAULTS=CreateEventW:2:8,OpenMutexW:1:5:on"});
-    EXPECT_EQ(0, child.Wait());
-    ChildProcess misspelt("environment", "", {"VORN_FAULTS=CreateEventW:two:8"});
-    EXPECT_EQ(2, misspelt.Wait());
-}
-
-TEST_F(KernelHosted, StaleHandleNeverNamesANewObject)
-{
-    const HANDLE hStale = CreateEventW(nullptr, TRUE, TRUE, nullptr);
-    EXPECT_TRUE(CloseHandle(hStale));
-    for (int i = 0; i < 1000; i++) {
-        const HANDLE hNew = CreateEventW(nullptr, TRUE, TRUE, nullptr);
-        EXPECT_NE(hStale, hNew);
-        EXPECT_EQ(WAIT_FAILED, WaitForSingleObject(hStale, 0));
-        EXPECT_EQ(6u, GetLastError());
-        EXPECT_TRUE(CloseHandle(hNew));
-    }
-}
-
-TEST_F(KernelHosted, FastClockShortensSleepsWaitsAndTicksAlike)
-{
-    hosted::SetClockRate(1000);
-    const HANDLE   hEvent  = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    const uint64_t ullFrom = GetTickCount64();
-    Sleep(10000);
-    EXPECT_EQ(static_cast<uint32_t>(WAIT_TIMEOUT), WaitForSingleObject(hEvent, 10000));
-    EXPECT_GE(GetTickCount64() - ullFrom, 20000u);
-    hosted::SetClockRate(1);
-    const uint64_t ullNow = GetTickCount64();
-    hosted::AdvanceClock(86400000);
-    EXPECT_GE(GetTickCount64() - ullNow, 86400000u);
-    EXPECT_LT(GetTickCount64() - ullNow, 86400000u + LONG_WAIT_MS);
-    EXPECT_TRUE(CloseHandle(hEvent));
 }

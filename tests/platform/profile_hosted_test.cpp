@@ -1,5 +1,5 @@
-// profile_hosted_test.cpp: what a hosted machine adds to the profile functions: lines kept byte for byte, malformed
-// files, several processes, full drives.
+// profile_hosted_test.cpp: what a hosted machine adds to the profile functions: lines kept byte for byte, several
+// processes, full drives. (Malformed files: profile_fuzz.cpp.)
 #include "platform/errors.h"
 #include "platform/files.h"
 #include "platform/hosted/control.h"
@@ -7,9 +7,6 @@
 #include "platform/tool_seam.h"
 #include "tests/support/test_machine.h"
 #include <csignal>
-#include <fstream>
-#include <map>
-#include <random>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,9 +20,6 @@ class HostedProfile : public MachineTest {
     {
         FreshMachine();
         sFile = TestFolder() + u"\\t.ini";
-        char sz[4096];
-        ASSERT_TRUE(hosted::HostPath(sFile.c_str(), sz, sizeof(sz)));
-        sHost = sz;
     }
     std::u16string Get(const std::u16string &sSection, const std::u16string &sKey)
     {
@@ -38,7 +32,6 @@ class HostedProfile : public MachineTest {
         return WritePrivateProfileStringW(sSection.c_str(), sKey.c_str(), sValue.c_str(), sFile.c_str());
     }
     std::u16string sFile;
-    std::string    sHost;
 };
 
 std::u16string Number(int n)
@@ -68,55 +61,6 @@ TEST_F(HostedProfile, OtherLinesStayAsTheyAre)
         EXPECT_TRUE(Put(u"S", u"k", u"v"));
         EXPECT_EQ(c.pszAfter, ReadTestFile(sFile)) << c.pszBefore;
         EXPECT_EQ(u"v", Get(u"S", u"k")) << c.pszBefore;
-    }
-}
-
-TEST_F(HostedProfile, ManyChangesGiveWhatAFreshReaderSees)
-{
-    constexpr int                            SECTIONS = 12, KEYS = 60;
-    std::mt19937                             random(20240607);
-    std::map<std::u16string, std::u16string> aExpected[SECTIONS];
-    const auto                               Section = [](int n) { return u"Folder " + Number(n) + u" [x]\\"; };
-    const auto                               Key     = [](int n) { return u"\"Datei " + Number(n) + u" ä.txt\""; };
-    WriteTestFile(sFile, "\xFF\xFE");
-    for (int i = 0; i < 1000; i++) {
-        const auto           nSection = static_cast<int>(random() % SECTIONS);
-        const std::u16string sSection = Section(nSection), sKey = Key(static_cast<int>(random() % KEYS));
-        const auto           nWhat  = random() % 20; // 0 removes the section, 1 the key
-        const std::u16string sValue = Number(static_cast<int>(random() % (nWhat < 10 ? 10 : 100000)));
-        ASSERT_TRUE(WritePrivateProfileStringW(sSection.c_str(), nWhat == 0 ? nullptr : sKey.c_str(),
-                                               nWhat < 2 ? nullptr : sValue.c_str(), sFile.c_str()));
-        if (nWhat == 0) aExpected[nSection].clear();
-        else if (nWhat == 1) aExpected[nSection].erase(sKey);
-        else aExpected[nSection][sKey] = sValue;
-    }
-    for (int nPass = 0; nPass < 2; nPass++) {
-        for (int i = 0; i < SECTIONS * KEYS; i++) {
-            const auto it = aExpected[i / KEYS].find(Key(i % KEYS));
-            ASSERT_EQ(it == aExpected[i / KEYS].end() ? u"DEF" : it->second, Get(Section(i / KEYS), Key(i % KEYS)))
-                << nPass << ' ' << i;
-        }
-        const std::string sBytes = ReadTestFile(sFile); // the second pass reads a file that nobody remembers
-        ASSERT_TRUE(DeleteFileW(sFile.c_str()));
-        WriteTestFile(sFile, sBytes);
-    }
-}
-
-TEST_F(HostedProfile, MalformedFilesAreReadAsFarAsTheyGo) // and profile_fuzz.cpp, without the files
-{
-    const std::string aFiles[] = {
-        "\xFF",
-        "\xFE\xFF[\0S\0]\0",
-        std::string("\xFF\xFE[\0S\0]\0\r\0\n\0a\0=\0", 17),
-        std::string(1000, '\0'),
-        "[S]\r\na=" + std::string(1 << 20, 'y'),
-        "[" + std::string(1 << 20, 'z') + "]\r\na=1\r\n",
-        std::string("\xFF\xFE\0\xD8=\0\0\xDC", 8),
-    };
-    for (const std::string &sContent : aFiles) {
-        std::ofstream(sHost, std::ios::binary | std::ios::trunc) << sContent;
-        EXPECT_TRUE(Put(u"New", u"k", u"v")) << sContent.substr(0, 20) << GetLastError();
-        EXPECT_EQ(u"v", Get(u"New", u"k")) << sContent.substr(0, 20);
     }
 }
 

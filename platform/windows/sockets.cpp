@@ -131,7 +131,9 @@ static void ResetAtClose(SOCKET s, bool bReset)
 
 SOCKET socket(int32_t nFamily, int32_t nType, int32_t nProtocol)
 {
-    const SOCKET s = ::socket(nFamily, nType, nProtocol);
+    // Not for the programs that are started meanwhile: the peer would see the connection end only with the last of them.
+    const SOCKET s = ::WSASocketW(nFamily, nType, nProtocol, nullptr, 0,
+                                  WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
     if (s != INVALID_SOCKET && nType == SOCK_STREAM) ResetAtClose(s, true);
     return s;
 }
@@ -155,8 +157,12 @@ SOCKET accept(SOCKET s, sockaddr *pAddr, int32_t *pcbAddr)
         hAccepted = ::accept(s, AsSdk(pAddr), pcbAddr);
     } while (hAccepted == INVALID_SOCKET &&
              (::WSAGetLastError() == WSAECONNRESET || ::WSAGetLastError() == WSAECONNABORTED));
-    if (hAccepted == INVALID_SOCKET) NoteClosedSocket(s);
-    else ResetAtClose(hAccepted, true);
+    if (hAccepted == INVALID_SOCKET) {
+        NoteClosedSocket(s);
+    } else {
+        ::SetHandleInformation(reinterpret_cast<::HANDLE>(hAccepted), HANDLE_FLAG_INHERIT, 0);
+        ResetAtClose(hAccepted, true);
+    }
     return hAccepted;
 }
 

@@ -171,7 +171,9 @@ int32_t CountSilence(const ListenerRole &role, SOCKET hSocket, Silence *pSilence
     if (pSilence->bTimedOut) pSilence->nSeconds += SILENCE_STEP_S;
     pSilence->bTimedOut = true;
     if (pSilence->nSeconds <= SILENCE_LIMIT_S) return 0;
-    if (g_bSendingFile || IsAnswerOwed()) {
+    // A file under way has the line. One that went out whole is answered within seconds by a peer that is still there:
+    // after so long a silence it is asked, though it owes answers, or a peer that hangs would never be noticed.
+    if (g_bSendingFile) {
         TraceDebugA("[%s] g_bSendingFile, skip KeepAliveTest", role.pszThread);
         pSilence->nSeconds = 0;
         return 0;

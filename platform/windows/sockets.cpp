@@ -132,8 +132,8 @@ static void ResetAtClose(SOCKET s, bool bReset)
 SOCKET socket(int32_t nFamily, int32_t nType, int32_t nProtocol)
 {
     // Not for the programs that are started meanwhile: the peer would see the connection end only with the last of them.
-    const SOCKET s = ::WSASocketW(nFamily, nType, nProtocol, nullptr, 0,
-                                  WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
+    const SOCKET s =
+        ::WSASocketW(nFamily, nType, nProtocol, nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
     if (s != INVALID_SOCKET && nType == SOCK_STREAM) ResetAtClose(s, true);
     return s;
 }
@@ -191,23 +191,39 @@ static bool IsReset(SOCKET s)
     return ::send(s, "", 0, 0) == SOCKET_ERROR;
 }
 
-// Waits until a receive would not wait, for the socket's SO_RCVTIMEO. False: it ran out. A receive that itself runs out
-// of that time leaves the socket in an indeterminate state, by the documentation of SO_RCVTIMEO, and the product goes
-// on receiving after a time-out.
-static bool AwaitReadable(SOCKET s)
+// Waits until a receive would not wait, for the socket's SO_RCVTIMEO. 0, or the error that the receive gives. A receive
+// that itself runs out of that time leaves the socket in an indeterminate state, by the documentation of SO_RCVTIMEO,
+// and the product goes on receiving after a time-out. A receive of no bytes ends when there is something to receive,
+// and takes nothing along when it is cancelled. (WSAPoll does as well on Windows; Wine keeps the socket of a process
+// that is killed inside it open for ever, and the peer waits for its death.)
+static int32_t AwaitReadable(SOCKET s)
 {
-    DWORD       dwTimeout = 0;
-    int         cb        = sizeof dwTimeout;
-    ::WSAPOLLFD fd        = {s, POLLIN, 0};
-    if (::getsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&dwTimeout), &cb) != 0 || dwTimeout == 0)
-        return true;                                            // no time-out, or no socket: the receive says so
-    return ::WSAPoll(&fd, 1, static_cast<INT>(dwTimeout)) != 0; // an error, too, is the receive's to tell
+    DWORD           dwTimeout = 0, cbNone = 0, dwFlags = 0;
+    int             cb      = sizeof dwTimeout;
+    u_long          cbThere = 0;
+    ::WSABUF        nothing = {0, nullptr};
+    ::WSAOVERLAPPED wait    = {};
+    if (::getsockopt(s, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<char *>(&dwTimeout), &cb) != 0 || dwTimeout == 0 ||
+        (::ioctlsocket(s, FIONREAD, &cbThere) == 0 && cbThere > 0))
+        return 0; // no time-out, no socket, nothing to wait for: the receive says so
+    wait.hEvent = ::CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    if (wait.hEvent == nullptr) return WSAENOBUFS;
+    bool    bTimedOut = false;
+    int32_t nError    = ::WSARecv(s, &nothing, 1, nullptr, &dwFlags, &wait, nullptr) == 0 ? 0 : ::WSAGetLastError();
+    if (nError == WSA_IO_PENDING) {
+        bTimedOut = ::WaitForSingleObject(wait.hEvent, dwTimeout) == WAIT_TIMEOUT;
+        if (bTimedOut) ::CancelIoEx(reinterpret_cast<::HANDLE>(s), &wait);
+        nError = ::WSAGetOverlappedResult(s, &wait, &cbNone, TRUE, &dwFlags) ? 0 : ::WSAGetLastError();
+    }
+    ::CloseHandle(wait.hEvent);
+    if (nError != WSA_OPERATION_ABORTED) return 0; // other errors, too, are the receive's to tell
+    return bTimedOut ? WSAETIMEDOUT : WSAENOTSOCK; // but for its time-out only closesocket and shutdown cancel
 }
 
 int32_t recv(SOCKET s, char *pBuffer, int32_t cb, int32_t nFlags)
 {
-    if (!AwaitReadable(s)) {
-        ::WSASetLastError(WSAETIMEDOUT);
+    if (const int32_t nError = AwaitReadable(s); nError != 0) {
+        ::WSASetLastError(nError);
         return SOCKET_ERROR;
     }
     const int32_t cbReceived = ::recv(s, pBuffer, cb, nFlags);

@@ -210,6 +210,17 @@ TEST_F(Sockets, AFailureBehindAHoldIsReported)
 
 // A dead peer's connection stays broken however often it is asked: a receive that says "closed in good order" after the
 // reset would be waited on until the link's own time-outs.
+TEST_F(Sockets, ASendThatNobodyTakesTimesOut)
+{
+    LinkPair          link;
+    const std::string sPiece(16384, 'x');
+    int32_t           nSent = 0;
+    LinkPair::SetTimeout(link.hClient, SO_SNDTIMEO, 200);
+    for (int i = 0; i < 10000 && nSent >= 0; i++) nSent = send(link.hClient, sPiece.data(), 16384, 0);
+    EXPECT_EQ(SOCKET_ERROR, nSent);
+    EXPECT_EQ(WSAETIMEDOUT, WSAGetLastError());
+}
+
 TEST_F(Sockets, AResetIsSaidByEveryReceiveThatFollows)
 {
     for (const bool bWaiting : {false, true}) {

@@ -131,7 +131,7 @@ static void ResetAtClose(SOCKET s, bool bReset)
 
 SOCKET socket(int32_t nFamily, int32_t nType, int32_t nProtocol)
 {
-    // Not for the programs that are started meanwhile: the peer would see the connection end only with the last of them.
+    // Programs that are started meanwhile get none: the peer would see the connection end with the last of them only.
     const SOCKET s =
         ::WSASocketW(nFamily, nType, nProtocol, nullptr, 0, WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT);
     if (s != INVALID_SOCKET && nType == SOCK_STREAM) ResetAtClose(s, true);

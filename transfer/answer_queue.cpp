@@ -2,6 +2,7 @@
 #include "transfer/answer_queue.h"
 #include "net/command_channel.h"
 #include "net/network_link.h"
+#include "platform/made_once.h"
 
 using namespace platform;
 
@@ -32,9 +33,7 @@ static AnswerQueue      g_Queue; // g_csAnswers
 
 static CRITICAL_SECTION *AnswerLock()
 {
-    static const bool bMade = (InitializeCriticalSection(&g_csAnswers), true);
-    static_cast<void>(bMade);
-    return &g_csAnswers;
+    return MadeOnce<&g_csAnswers>();
 }
 
 static Place *PlaceOf(uint32_t nNumber)

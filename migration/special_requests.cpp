@@ -51,9 +51,15 @@ static void AddTree(SpecialPlan *pPlan, const char16_t *pszFolder, uint32_t dwOp
     const size_t cch = TextLengthW(szFolder);
     if (cch > 0 && szFolder[cch - 1] == u'\\') szFolder[cch - 1] = u'\0';
     if (!IsListableFolder(szFolder)) return;
-    // One that breaks off is taken again: to send some files twice costs less than to leave the others behind.
-    if (ListFolderFiles(szFolder, dwOption, 1, &pPlan->Files) < 0)
-        ListFolderFiles(szFolder, dwOption, 1, &pPlan->Files);
+    StringList Found = {};
+    if (ListFolderFiles(szFolder, dwOption, 1, &Found) <
+        0) { // one that breaks off is taken once more, from its beginning
+        FreeStringList(&Found);
+        ListFolderFiles(szFolder, dwOption, 1, &Found);
+    }
+    for (const StringEntry *pEntry = Found.pFirst; pEntry != nullptr; pEntry = pEntry->pNext)
+        AppendString(&pPlan->Files, StringText(pEntry), static_cast<uint32_t>(TextLengthW(StringText(pEntry))) + 1);
+    FreeStringList(&Found);
 }
 
 // Decides by the request's code; requests of the own service get the shared folder's paths for the peer in place of

@@ -17,6 +17,7 @@ std::atomic<uint8_t> g_bRemoteFileFull{0};
 std::atomic<uint8_t> g_bRemoteFileAllFull{0};
 std::atomic<uint8_t> g_bRemoteFileTypeUnknown{0};
 std::atomic<uint8_t> g_bSendingFile{0};
+std::atomic<uint8_t> g_bAwaitingAnswer{0};
 std::atomic<uint8_t> g_bRecvFileTypeUnknown{0};
 char                 g_szKeepAliveAck[10];
 

@@ -50,6 +50,8 @@ extern std::atomic<uint8_t> g_bRemoteFileFull;
 extern std::atomic<uint8_t> g_bRemoteFileAllFull;
 extern std::atomic<uint8_t> g_bRemoteFileTypeUnknown;
 extern std::atomic<uint8_t> g_bSendingFile; // 1 while a worker sends a file; SendNetworkFile writes, listener reads
+extern std::atomic<uint8_t>
+    g_bAwaitingAnswer; // 1 while that file has gone out whole and only its answer is missing; same
 extern std::atomic<uint8_t> g_bRecvFileTypeUnknown; // set by SendFileCMDHandler, read by RecvFile; listener thread
 extern char                 g_szKeepAliveAck[10];   // the last answer that KeepAliveTest received; listener thread
 

@@ -1,8 +1,8 @@
 // listener.cpp: the one reader of a link: words in, handlers called, silence tested, the break reported.
 // Only the listener receives, so receiving takes no lock. It runs a whole file stream on its own thread; a probe sent
 // while the own side sends a file would be stored as file content, hence no keep-alive test while g_bSendingFile is
-// set. A peer that closes its side in good order can answer nothing any more: the line is probed at once, and while a
-// file is being sent taken for broken without the probe.
+// set, until only the file's answer is missing. A peer that closes its side in good order can answer nothing any more:
+// the line is probed at once, and while a file is being sent taken for broken without the probe.
 // The own side's teardown looks to recv like any other break. The link's number tells the two apart: it is another one
 // by then. The listener owns its socket (network_link.h) and looks at the number before each receive and each answer.
 #include "net/listener.h"
@@ -143,6 +143,7 @@ bool HasEnded(const ListenerRole &role, const ListenerStart &start)
 struct Silence {
     uint32_t nSeconds;
     bool     bTimedOut; // the previous receive timed out
+    bool     bOwed;     // in its last round an answer was owed
 };
 
 // Asks the peer for an answer. 0: it is there, with a command in szWord when *pbCommand; else the listener's last
@@ -158,6 +159,7 @@ int32_t Probe(const ListenerRole &role, SOCKET hSocket, Silence *pSilence, Comma
     TraceDebugA("[%s] KeepAliveTest - After CS. nRet[%d]", role.pszThread, nRet);
     if (nRet != 0 && nRet != KEEP_ALIVE_OTHER_WORD) return nRet;
     pSilence->nSeconds = 0;
+    pSilence->bOwed    = false;
     if (nRet == KEEP_ALIVE_OTHER_WORD) {
         pSilence->bTimedOut = false;
         *pbCommand          = true;
@@ -171,11 +173,15 @@ int32_t CountSilence(const ListenerRole &role, SOCKET hSocket, Silence *pSilence
     if (pSilence->bTimedOut) pSilence->nSeconds += SILENCE_STEP_S;
     pSilence->bTimedOut = true;
     if (pSilence->nSeconds <= SILENCE_LIMIT_S) return 0;
-    // A file under way has the line. One that went out whole is answered within seconds by a peer that is still there:
-    // after so long a silence it is asked, though it owes answers, or a peer that hangs would never be noticed.
-    if (g_bSendingFile) {
+    if (g_bSendingFile && !g_bAwaitingAnswer) {
         TraceDebugA("[%s] g_bSendingFile, skip KeepAliveTest", role.pszThread);
-        pSilence->nSeconds = 0;
+        *pSilence = {0, true, false};
+        return 0;
+    }
+    // A file that went out whole is answered within seconds by a peer that is still there. One that has owed an answer
+    // for a round of this silence is asked, or nobody would notice a peer that hangs.
+    if ((g_bSendingFile || IsAnswerOwed()) && !pSilence->bOwed) {
+        pSilence->bOwed = true;
         return 0;
     }
     return Probe(role, hSocket, pSilence, szWord, pbCommand);

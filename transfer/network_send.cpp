@@ -297,7 +297,9 @@ static int32_t SendAndWait(SOCKET hSocket, const NetworkFile *pFile, const Waiti
 
     if (nRet == 0) {
         if (pWork != nullptr) pWork->pDo(pWork->pContext);
+        g_bAwaitingAnswer     = 1;
         const uint32_t nCount = WaitForAnswer(dwLink);
+        g_bAwaitingAnswer     = 0;
         outcome               = GetCurrentOutcome();
         TraceDebugW(u"[SendNetworkFile] Leave CS, nCount[%d], g_bRemoteFileError[%d], g_bRemoteFileDone[%d], "
                     u"g_bRemoteFileFull[%d], g_bRemoteFileTypeUnknown[%d], [%s]",

@@ -39,6 +39,32 @@ TEST_F(Listener, WhileAFileIsSentTheLineIsNotTested)
     EXPECT_EQ(Field("KeepAlive"), peer.Receive(10));
 }
 
+TEST_F(Listener, APeerThatHangsWhileItOwesAnAnswerIsNoticed)
+{
+    static const struct {
+        const char *pszHow;
+        void (*pOwe)(FileTicket *pTicket);
+    } aCases[] = {
+        {"stop-and-wait", [](FileTicket *) { g_bSendingFile = g_bAwaitingAnswer = 1; }},
+        {"window",
+         [](FileTicket *pTicket) {
+             ASSERT_TRUE(OpenAnswer(pTicket));
+             EndStream(pTicket, true);
+         }},
+    };
+    for (const auto &c : aCases) {
+        FileTicket ticket = {};
+        hosted::SetSocketTimeout(10);
+        Peer peer = OpenServedLink();
+        c.pOwe(&ticket);
+        EXPECT_EQ(Field("KeepAlive"), peer.Receive(10)) << c.pszHow; // and hears nothing
+        EXPECT_TRUE(Reported(818, 102)) << c.pszHow;
+        EXPECT_TRUE(Eventually([] { return g_nListeners == 0; })) << c.pszHow;
+        g_bSendingFile = g_bAwaitingAnswer = 0;
+        hosted::SetSocketTimeout(0);
+    }
+}
+
 TEST_F(Listener, ABrokenLinkIsReportedOnceAndReleased)
 {
     static const struct {

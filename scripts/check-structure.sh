@@ -54,7 +54,7 @@ while read -r pair; do
 done < <(awk '$1 !~ /^app\// && $2 ~ /^app\//' "$work/includes")
 
 # ---- the tools' part of the seam ----
-readonly TOOL_HEADERS="platform/tool_seam platform/datagrams"
+readonly TOOL_HEADERS="platform/tool_seam platform/datagrams platform/console"
 for header in $TOOL_HEADERS; do
     while read -r room; do
         fault "$room includes $header, which is for tools and tests"

@@ -2,6 +2,7 @@
 #include "platform/modules.h"
 #include "platform/windows/sdk.h"
 
+#include <string>
 #include <vector>
 
 namespace platform {
@@ -26,8 +27,33 @@ BOOL FreeLibrary(HMODULE hModule)
     return ::FreeLibrary(static_cast<::HMODULE>(hModule));
 }
 
+// A folder with characters that the system's code page lacks has a short name without them: nothing can be opened
+// by a path with question marks, or with letters that only look like its own. False when the path lacks nothing, or
+// there is no other one.
+static bool ShortenToCodePage(::HMODULE hModule, char *pszBuffer, uint32_t cch)
+{
+    constexpr DWORD LONGEST_PATH = 32768;
+    std::wstring    sPath(LONGEST_PATH, L'\0'), sShort(LONGEST_PATH, L'\0');
+    const auto      LosesNothing = [](const std::wstring &sText) {
+        ::BOOL bLost = FALSE; // a code page that has all characters refuses to tell, and the call fails
+        ::WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, sText.c_str(), -1, nullptr, 0, nullptr, &bLost);
+        return !bLost;
+    };
+    sPath.resize(::GetModuleFileNameW(hModule, sPath.data(), LONGEST_PATH));
+    if (LosesNothing(sPath)) return false;
+    const size_t nName     = sPath.rfind(L'\\') + 1;
+    const DWORD  cchFolder = ::GetShortPathNameW(sPath.substr(0, nName).c_str(), sShort.data(), LONGEST_PATH);
+    sShort.resize(cchFolder < LONGEST_PATH ? cchFolder : 0);
+    if (!sShort.empty() && sShort.back() != L'\\') sShort += L'\\';
+    sShort += sPath.substr(nName);
+    return cchFolder != 0 && LosesNothing(sShort) &&
+           ::WideCharToMultiByte(CP_ACP, 0, sShort.c_str(), -1, pszBuffer, static_cast<int>(cch), nullptr, nullptr) > 0;
+}
+
 uint32_t GetModuleFileNameA(HMODULE hModule, char *pszBuffer, uint32_t cch)
 {
+    if (ShortenToCodePage(static_cast<::HMODULE>(hModule), pszBuffer, cch))
+        return static_cast<uint32_t>(::strlen(pszBuffer));
     const uint32_t cb = ::GetModuleFileNameA(static_cast<::HMODULE>(hModule), pszBuffer, cch);
     if (cb == cch && cch != 0) {
         pszBuffer[cch - 1] = '\0'; // Wine leaves a name that did not fit without terminator and error

@@ -69,7 +69,7 @@ static bool CreateWine(const MachinePtr &machine, std::string *psError)
     const fs::path  folder = HostPathOf(machine, PROGRAM_FOLDER);
     std::error_code error;
     fs::create_directories(folder, error);
-    for (const char *pszName : {"VornTramsaNet", "VornTramsaNetMDNS"}) {
+    for (const char *pszName : {"VornTramsaNet", "VornTramsaNetMDNS", "migrate"}) {
         fs::copy_file(ProgramFile(*machine, pszName), folder / (std::string(pszName) + ".exe"),
                       fs::copy_options::overwrite_existing, error);
         if (error) {
@@ -148,6 +148,12 @@ int RunTool(const MachinePtr &machine, const std::string &sTool, const std::vect
     return RunProgram(command, machine->environment, psOutput);
 }
 
+std::vector<std::string> InstalledCommand(const MachinePtr &machine, const std::string &sName)
+{
+    const bool bWine = machine->plan.eKind == MachineKind::Wine;
+    return ProgramCommand(*machine, bWine ? PROGRAM_FOLDER + "\\" + sName + ".exe" : ProgramFile(*machine, sName));
+}
+
 static void OnConsoleLine(Machine *pMachine, const std::string &sLine)
 {
     const json value = json::parse(sLine, nullptr, false);
@@ -184,10 +190,8 @@ bool StartAgent(const MachinePtr &machine, const std::map<std::string, std::stri
 {
     auto environment = machine->environment;
     environment.insert(extraEnvironment.begin(), extraEnvironment.end());
-    const std::string sAgent = machine->plan.eKind == MachineKind::Wine ? PROGRAM_FOLDER + "\\VornTramsaNet.exe"
-                                                                        : ProgramFile(*machine, "VornTramsaNet");
-    machine->agent =
-        StartChild(ProgramCommand(*machine, sAgent), environment, nullptr, machine->plan.sFolder + ".agent.log");
+    machine->agent = StartChild(InstalledCommand(machine, "VornTramsaNet"), environment, nullptr,
+                                machine->plan.sFolder + ".agent.log");
     return machine->agent != nullptr;
 }
 

@@ -45,6 +45,9 @@ std::string HostPathOf(const MachinePtr &machine, const std::string &sWindowsPat
 // Progress.
 std::string ProfileFolder(const MachinePtr &machine);
 std::string KnownFolder(const MachinePtr &machine, const std::string &sName);
+// The command that starts a program where the machine has it installed ("VornTramsaNet", "migrate"); it wants the
+// machine's environment.
+std::vector<std::string> InstalledCommand(const MachinePtr &machine, const std::string &sName);
 // Runs one of the machine's own tools on it ("machine-files"). The exit code.
 int RunTool(const MachinePtr &machine, const std::string &sTool, const std::vector<std::string> &arguments,
             std::string *psOutput);

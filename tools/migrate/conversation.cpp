@@ -1,17 +1,13 @@
 // conversation.cpp: the service's side of the pipes as migrate needs it.
 #include "tools/migrate/conversation.h"
+#include "platform/console.h"
 #include "platform/kernel.h"
-#include "platform/modules.h"
-#include "platform/path.h"
-#include "platform/system_library.h"
 #include "platform/text.h"
-#include "platform/user_interface.h"
-#include "tools/migrate/machine_text.h"
 #include "tools/record_text.h"
 #include "tools/service_pipes.h"
 #include <algorithm>
+#include <atomic>
 #include <condition_variable>
-#include <csignal>
 #include <deque>
 #include <mutex>
 
@@ -19,12 +15,11 @@ using namespace platform;
 
 namespace {
 
-constexpr char     AGENT_NAME[]   = "VornTramsaNet.exe";
+constexpr char16_t AGENT_NAME[]   = u"VornTramsaNet.exe";
 constexpr uint32_t AGENT_START_MS = 30000;
 constexpr uint32_t AGENT_END_MS   = 15000;
 constexpr uint32_t PIPE_MS        = 5000;
-constexpr auto     STOP_POLL      = std::chrono::milliseconds(100); // a signal handler wakes nobody
-constexpr intptr_t SHELL_ERROR    = 32;
+constexpr auto     STOP_POLL      = std::chrono::milliseconds(100); // its handler wakes nobody
 
 std::mutex              g_Lock; // guards g_Records
 std::condition_variable g_Arrived;
@@ -32,33 +27,7 @@ std::deque<IpcMessage>  g_Records;
 uint32_t                g_dwSession     = 0;
 bool                    g_bStartedAgent = false;
 
-volatile std::sig_atomic_t g_bStopAsked = 0;
-
-extern "C" void OnInterrupt(int)
-{
-    g_bStopAsked = 1;
-    std::signal(SIGINT, OnInterrupt); // Windows' run-time library forgets the handler once it has been called
-}
-
-bool StartAgent(const std::string &sAgent)
-{
-    const HMODULE hShell = LoadSystemLibrary(u"Shell32.dll");
-    if (hShell == nullptr) return false;
-    const auto pShellExecute = reinterpret_cast<ShellExecuteAProc>(GetProcAddress(hShell, "ShellExecuteA"));
-    const bool bStarted =
-        pShellExecute != nullptr && reinterpret_cast<intptr_t>(pShellExecute(nullptr, "open", sAgent.c_str(), nullptr,
-                                                                             nullptr, SW_HIDE)) > SHELL_ERROR;
-    FreeLibrary(hShell);
-    return bStarted;
-}
-
-std::string AgentPath()
-{
-    char szPath[MAX_PATH] = "";
-    GetModuleFileNameA(nullptr, szPath, MAX_PATH);
-    PathRemoveFileSpecA(szPath);
-    return JoinPath(szPath, AGENT_NAME);
-}
+std::atomic<bool> g_bStopAsked{false};
 
 } // namespace
 
@@ -79,9 +48,9 @@ bool OpenConversation(Trouble *pTrouble)
         return false;
     }
     if (WaitForAgent(g_dwSession, true, 0)) return true;
-    const std::string sAgent = AgentPath();
-    if (!StartAgent(sAgent) || !WaitForAgent(g_dwSession, true, AGENT_START_MS)) {
-        *pTrouble = {"The agent " + sAgent + " does not start.",
+    char16_t szAgent[MAX_PATH] = u"";
+    if (!StartProgramBeside(AGENT_NAME, szAgent) || !WaitForAgent(g_dwSession, true, AGENT_START_MS)) {
+        *pTrouble = {"The agent " + ToUtf8(szAgent, MAX_PATH) + " does not start.",
                      "Unpack the whole archive into one folder, allow the program if a virus scanner asks, and start "
                      "again."};
         return false;
@@ -160,17 +129,17 @@ bool IsLinkLost(const IpcMessage &record)
 
 void WatchForStop()
 {
-    std::signal(SIGINT, OnInterrupt);
+    WatchConsoleStop([] { g_bStopAsked = true; });
 }
 
 bool StopAsked()
 {
-    return g_bStopAsked != 0;
+    return g_bStopAsked;
 }
 
 void ForgetStop()
 {
-    g_bStopAsked = 0;
+    g_bStopAsked = false;
 }
 
 std::string Text1Of(const IpcMessage &record)

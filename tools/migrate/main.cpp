@@ -1,27 +1,30 @@
 // main.cpp: migrate, the migration service for two people who have none. It plays the service of its own PC's agent;
 // everything that moves, the agents move.
+#include "platform/console.h"
+#include "platform/errors.h"
+#include "platform/shell.h"
 #include "tools/migrate/exit_codes.h"
 #include "tools/migrate/give.h"
 #include "tools/migrate/show.h"
 #include "tools/migrate/take.h"
+#include "tools/record_text.h"
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <unistd.h>
 
 static int Usage(const std::string &sWhy)
 {
-    std::fprintf(
-        stderr,
-        "migrate: %s\n"
+    const std::string sText =
+        "migrate: " + Harmless(sWhy) +
+        "\n"
         "usage: migrate give [--resume] [--json]            on the old PC: shows a PIN and waits\n"
         "       migrate take PIN [ITEM...] [OPTIONS]        on the new PC: ITEM is Documents, D:\\Photos, ...\n"
         "       migrate take --resume [OPTIONS]             goes on with what was broken off\n"
         "  --preview   only shows what would come, and where\n"
         "  --yes       does not ask\n"
         "  --json      one JSON object a line\n"
-        "ends with 0 all there, 1 some items failed, 2 wrong usage, 3 not linked, 4 broken off and resumable\n",
-        sWhy.c_str());
+        "ends with 0 all there, 1 some items failed, 2 wrong usage, 3 not linked, 4 broken off and resumable\n";
+    platform::WriteStandard(platform::Standard::Error, sText.c_str());
     return EXIT_USAGE;
 }
 
@@ -31,14 +34,26 @@ static bool IsPin(const std::string &sWord)
            std::all_of(sWord.begin(), sWord.end(), [](char ch) { return ch >= '0' && ch <= '9'; });
 }
 
-static int RunCommandLine(int argc, char **argv)
+// What follows the program's name, whatever code page the system has.
+static std::vector<std::string> Arguments()
+{
+    std::vector<std::string> arguments;
+    int32_t                  nArguments = 0;
+    char16_t               **ppsz       = platform::CommandLineToArgvW(platform::GetCommandLineW(), &nArguments);
+    for (int32_t i = 1; ppsz != nullptr && i < nArguments; i++)
+        arguments.push_back(ToUtf8(ppsz[i], std::char_traits<char16_t>::length(ppsz[i])));
+    platform::LocalFree(ppsz);
+    return arguments;
+}
+
+static int RunCommandLine(const std::vector<std::string> &arguments)
 {
     TakeOptions       options;
-    const std::string sVerb = argc > 1 ? argv[1] : "";
+    const std::string sVerb = arguments.empty() ? "" : arguments[0];
     const bool        bTake = sVerb == "take";
     if (!bTake && sVerb != "give") return Usage("say give or take");
-    for (int i = 2; i < argc; i++) {
-        const std::string sArg = argv[i];
+    for (size_t i = 1; i < arguments.size(); i++) {
+        const std::string &sArg = arguments[i];
         if (sArg == "--json") UseJson();
         else if (sArg == "--resume") options.bResume = true;
         else if (bTake && sArg == "--preview") options.bPreview = true;
@@ -49,15 +64,14 @@ static int RunCommandLine(int argc, char **argv)
     }
     if (!bTake) return Give(options.bResume);
     if (options.sPin.empty() && !options.bResume) return Usage("the PIN that the old PC shows is missing");
-    if (!options.bYes && !options.bPreview && (IsJson() || !isatty(0)))
+    if (!options.bYes && !options.bPreview && (IsJson() || !platform::IsConsole(platform::Standard::Input)))
         return Usage("nobody can be asked here: say --yes or --preview");
     return Take(options);
 }
 
-int main(int argc, char **argv)
+int main()
 {
-    PrepareConsole();
-    const int nExit = RunCommandLine(argc, argv);
+    const int nExit = RunCommandLine(Arguments());
     std::fflush(stdout);
     std::_Exit(nExit); // a peer that keeps its connection open would keep a pipe thread reading for ever
 }

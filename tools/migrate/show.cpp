@@ -1,12 +1,13 @@
 // show.cpp: lines, bar and JSON.
 #include "tools/migrate/show.h"
-#include "platform/modules.h"
+#include "platform/console.h"
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <unistd.h>
 
 using nlohmann::json;
+using platform::Standard;
+using platform::WriteStandard;
 
 static bool g_bJson      = false;
 static int  g_nLastTenth = -1;
@@ -22,29 +23,22 @@ bool IsJson()
     return g_bJson;
 }
 
-void PrepareConsole()
+void SayPart(const std::string &sText)
 {
-    using SetConsoleOutputCPProc    = int32_t (*)(uint32_t);
-    constexpr uint32_t      UTF8    = 65001;
-    const platform::HMODULE hKernel = platform::LoadLibraryW(u"kernel32.dll"); // a hosted machine has no console
-    const platform::FARPROC pfn =
-        hKernel != nullptr ? platform::GetProcAddress(hKernel, "SetConsoleOutputCP") : nullptr;
-    if (pfn != nullptr) reinterpret_cast<SetConsoleOutputCPProc>(pfn)(UTF8);
+    if (g_bJson) return;
+    EndProgress();
+    WriteStandard(Standard::Output, sText.c_str());
 }
 
 void Say(const std::string &sLine)
 {
-    if (g_bJson) return;
-    EndProgress();
-    std::printf("%s\n", sLine.c_str());
-    std::fflush(stdout);
+    SayPart(sLine + "\n");
 }
 
 void Tell(const json &object)
 {
     if (!g_bJson) return;
-    std::printf("%s\n", object.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
-    std::fflush(stdout);
+    WriteStandard(Standard::Output, (object.dump(-1, ' ', false, json::error_handler_t::replace) + "\n").c_str());
 }
 
 void SayTrouble(const Trouble &trouble)
@@ -52,7 +46,7 @@ void SayTrouble(const Trouble &trouble)
     Tell({{"event", "trouble"}, {"cause", trouble.sCause}, {"advice", trouble.sAdvice}});
     if (g_bJson) return;
     EndProgress();
-    std::fprintf(stderr, "%s\n%s\n", trouble.sCause.c_str(), trouble.sAdvice.c_str());
+    WriteStandard(Standard::Error, (trouble.sCause + "\n" + trouble.sAdvice + "\n").c_str());
 }
 
 std::string BytesText(uint64_t cb)
@@ -120,30 +114,46 @@ std::string ProgressText(const ProgressView &view)
     return sText;
 }
 
+std::string CutToColumns(const std::string &sText, size_t nColumns)
+{
+    size_t nAt = 0;
+    while (nAt < sText.size()) {
+        size_t nNext = nAt + 1;
+        while (nNext < sText.size() && (sText[nNext] & 0xC0) == 0x80) nNext++;
+        const size_t nWidth = static_cast<unsigned char>(sText[nAt]) >= 0xE1 ? 2 : 1; // from U+1000 on
+        if (nWidth > nColumns) break;
+        nColumns -= nWidth;
+        nAt = nNext;
+    }
+    return sText.substr(0, nAt);
+}
+
+// One line that is written over: one that reaches the last column would make a new line each time.
+static void ShowBar(const ProgressView &view)
+{
+    constexpr size_t  BAR = 20, COLUMNS = 80;
+    const auto        nFull    = static_cast<size_t>(PartOf(view) * BAR);
+    const uint32_t    nScreen  = platform::ConsoleColumns(Standard::Output);
+    const size_t      nColumns = nScreen > 1 ? nScreen - 1 : COLUMNS - 1;
+    const std::string sText    = "[" + std::string(nFull, '#') + std::string(BAR - nFull, '.') + "] " +
+                              ProgressText(view) + "  " + Harmless(view.sFolder);
+    const std::string sCut = CutToColumns(sText, nColumns);
+    WriteStandard(Standard::Output, ("\r" + std::string(nColumns, ' ') + "\r" + sCut).c_str());
+    g_bBarShown = true;
+}
+
 void ShowProgress(const ProgressView &view)
 {
-    constexpr size_t BAR = 24, FOLDER = 30;
     if (g_bJson) return;
-    if (isatty(1)) {
-        const auto  nFull   = static_cast<size_t>(PartOf(view) * BAR);
-        std::string sFolder = view.sFolder;
-        if (sFolder.size() > FOLDER) {
-            size_t nFrom = sFolder.size() - FOLDER;
-            while (nFrom < sFolder.size() && (sFolder[nFrom] & 0xC0) == 0x80) nFrom++; // no character is cut
-            sFolder = "..." + sFolder.substr(nFrom);
-        }
-        std::printf("\r[%s%s] %s  %s    ", std::string(nFull, '#').c_str(), std::string(BAR - nFull, '.').c_str(),
-                    ProgressText(view).c_str(), Harmless(sFolder).c_str());
-        g_bBarShown = true;
-    } else if (const int nTenth = static_cast<int>(PartOf(view) * 10); nTenth != g_nLastTenth) {
-        g_nLastTenth = nTenth;
-        std::printf("%s  %s\n", ProgressText(view).c_str(), Harmless(view.sFolder).c_str());
-    }
-    std::fflush(stdout);
+    if (platform::IsConsole(Standard::Output)) return ShowBar(view);
+    const int nTenth = static_cast<int>(PartOf(view) * 10);
+    if (nTenth == g_nLastTenth) return;
+    g_nLastTenth = nTenth;
+    WriteStandard(Standard::Output, (ProgressText(view) + "  " + Harmless(view.sFolder) + "\n").c_str());
 }
 
 void EndProgress()
 {
-    if (g_bBarShown) std::printf("\n");
+    if (g_bBarShown) WriteStandard(Standard::Output, "\n");
     g_bBarShown = false;
 }

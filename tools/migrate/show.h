@@ -7,9 +7,9 @@
 
 void UseJson();
 bool IsJson();
-void PrepareConsole(); // UTF-8 where the console has to be told
 
 void Say(const std::string &sLine);      // nothing with --json
+void SayPart(const std::string &sText);  // the same without an end of line
 void Tell(const nlohmann::json &object); // nothing without
 void SayTrouble(const Trouble &trouble); // either way; plain lines go to standard error
 
@@ -25,5 +25,7 @@ struct ProgressView {
     std::string sFolder;
 };
 std::string ProgressText(const ProgressView &view);
+// At most nColumns wide on a screen; no character is cut. Those of East Asia are two columns wide.
+std::string CutToColumns(const std::string &sText, size_t nColumns);
 void        ShowProgress(const ProgressView &view); // on a terminal one line that grows; else a line each tenth
 void        EndProgress();

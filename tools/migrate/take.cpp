@@ -206,8 +206,7 @@ bool AskPerson(const Plan &plan)
         std::string       sLine;
     };
     const auto reply = std::make_shared<Reply>();
-    std::cout << "Move " << CountText(plan.nFiles, "file", "files") << ", " << BytesText(plan.cb)
-              << ", to this PC? [y/N] " << std::flush;
+    SayPart("Move " + CountText(plan.nFiles, "file", "files") + ", " + BytesText(plan.cb) + ", to this PC? [y/N] ");
     std::thread([reply] {
         std::getline(std::cin, reply->sLine);
         reply->bThere = true;

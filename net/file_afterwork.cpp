@@ -25,8 +25,6 @@ uint32_t g_dwReceiveProgressTag   = NO_PROGRESS_TAG;
 int64_t  g_llReceiveProgressDone  = 0;
 int64_t  g_llReceiveProgressTotal = 0;
 
-namespace {
-
 constexpr char16_t OPERATION[]            = u"SendFileCMDHandler";
 constexpr size_t   FOLDER_SETTINGS_UNITS  = 1024;
 constexpr uint32_t NUMBER_UNITS           = 32;
@@ -35,7 +33,7 @@ constexpr int32_t  SPECIAL_SHARE_PERCENT  = 80; // of special data, behind the 1
 constexpr int32_t  SPECIAL_OFFSET_PERCENT = 10;
 
 // nScale parts of llDone in llTotal (at least 1), whole, held to 0...nScale.
-int32_t WholeParts(int64_t llDone, int64_t llTotal, int32_t nScale)
+static int32_t WholeParts(int64_t llDone, int64_t llTotal, int32_t nScale)
 {
     llDone = std::clamp<int64_t>(llDone, 0, llTotal);
     if (llTotal > INT64_MAX / nScale)
@@ -43,17 +41,17 @@ int32_t WholeParts(int64_t llDone, int64_t llTotal, int32_t nScale)
     return static_cast<int32_t>(llDone * nScale / llTotal);
 }
 
-int64_t AddSize(int64_t llDone, int64_t llSize)
+static int64_t AddSize(int64_t llDone, int64_t llSize)
 {
     return llDone > INT64_MAX - llSize ? INT64_MAX : llDone + llSize;
 }
 
 // Listener.
-int64_t g_llUncounted   = 0;     // bytes of files that are stored and could not be counted
-bool    g_bProgressLost = false; // a second of tries was in vain: one for each file until one succeeds
+static int64_t g_llUncounted   = 0;     // bytes of files that are stored and could not be counted
+static bool    g_bProgressLost = false; // a second of tries was in vain: one for each file until one succeeds
 
 // The collection's two numbers. False when they cannot be read now; a number that is not there is 0.
-bool ReadProgress(const char16_t *pszFile, int64_t *pllTotal, int64_t *pllDone)
+static bool ReadProgress(const char16_t *pszFile, int64_t *pllTotal, int64_t *pllDone)
 {
     const struct {
         const char16_t *pszKey;
@@ -74,7 +72,7 @@ bool ReadProgress(const char16_t *pszFile, int64_t *pllTotal, int64_t *pllDone)
 }
 
 // Adds what waits to be counted. False when the file could not be read or written now.
-bool AddProgress(const char16_t *pszFile)
+static bool AddProgress(const char16_t *pszFile)
 {
     char16_t szSize[NUMBER_UNITS];
     int64_t  llTotal = 0, llDone = 0;
@@ -93,13 +91,13 @@ bool AddProgress(const char16_t *pszFile)
     return true;
 }
 
-int32_t SpecialPercent(int64_t llDone)
+static int32_t SpecialPercent(int64_t llDone)
 {
     const int32_t nParts = WholeParts(llDone, g_llReceiveProgressTotal, SPECIAL_SHARE_PERCENT);
     return std::clamp(nParts + SPECIAL_OFFSET_PERCENT, 0, WHOLE_PERCENT);
 }
 
-void CountSpecialFile(const ReceivedFile *pFile)
+static void CountSpecialFile(const ReceivedFile *pFile)
 {
     if (g_llReceiveProgressTotal < 1 || g_dwReceiveProgressTag == NO_PROGRESS_TAG || pFile->llSize < 1) return;
     const int64_t llBefore  = g_llReceiveProgressDone;
@@ -110,13 +108,13 @@ void CountSpecialFile(const ReceivedFile *pFile)
                              nullptr, nullptr);
 }
 
-uint32_t FixShortcutsThread(void *pRequest)
+static uint32_t FixShortcutsThread(void *pRequest)
 {
     return static_cast<uint32_t>(FixShortcuts(static_cast<const ShortcutRequest *>(pRequest)));
 }
 
 // On a thread of its own, since it enters a COM apartment; the request lives on this stack, so the wait has no limit.
-void FixReceivedShortcut(const ReceivedFile *pFile)
+static void FixReceivedShortcut(const ReceivedFile *pFile)
 {
     ShortcutRequest request = {nullptr, pFile->disk.szPath};
     const HANDLE    hThread = CreateThread(nullptr, 0, FixShortcutsThread, &request, 0, nullptr);
@@ -131,7 +129,7 @@ void FixReceivedShortcut(const ReceivedFile *pFile)
 }
 
 // The machine's own settings of a folder win over the peer's.
-void FinishFolderSettings(const ReceivedFile *pFile)
+static void FinishFolderSettings(const ReceivedFile *pFile)
 {
     if (pFile->bIniExists || pFile->disk.nNumber > 1) {                 // it was there before, or has come meanwhile
         SetFileAttributesW(pFile->disk.szLocal, FILE_ATTRIBUTE_NORMAL); // the copy may have come read-only
@@ -144,8 +142,6 @@ void FinishFolderSettings(const ReceivedFile *pFile)
     PathCchRemoveFileSpec(szFolder, FOLDER_SETTINGS_UNITS);
     PathMakeSystemFolderW(szFolder);
 }
-
-} // namespace
 
 void StartReceiveProgress(uint32_t dwTag, int64_t llTotal)
 {

@@ -30,8 +30,6 @@ struct ListenerStart {
     LinkRelease link;       // what the listener may release when the link breaks
 };
 
-namespace {
-
 constexpr uint32_t SILENCE_STEP_S     = SOCKET_TIMEOUT_MS / 1000; // what a silent round after a silent round adds
 constexpr uint32_t SILENCE_LIMIT_S    = 30;                       // silence above this is tested
 constexpr int32_t  DISCONNECTED_STAGE = 102;                      // first parameter of code 818
@@ -54,19 +52,19 @@ constexpr ListenerRole CLIENT_LISTENER = {
 
 using CommandWord = char[COMMAND_WORD_BYTES + 1]; // the peer promises no terminator
 
-bool Is(const CommandWord &szWord, const char *pszWanted)
+static bool Is(const CommandWord &szWord, const char *pszWanted)
 {
     return CompareTextNoCaseA(szWord, pszWanted) == 0;
 }
 
-void SetOutcome(std::atomic<uint8_t> *pFlag)
+static void SetOutcome(std::atomic<uint8_t> *pFlag)
 {
     *pFlag = 1;
     SetEvent(GetFileOutcomeEvent());
 }
 
 // What a word says of a file. False: nothing.
-bool IsAnswerWord(const CommandWord &szWord, AnswerWord *peWord)
+static bool IsAnswerWord(const CommandWord &szWord, AnswerWord *peWord)
 {
     if (Is(szWord, WORD_FILE_DONE)) *peWord = AnswerWord::Done;
     else if (Is(szWord, WORD_FILE_NONE) && GetLinkWindow() > 1) *peWord = AnswerWord::None;
@@ -79,7 +77,7 @@ bool IsAnswerWord(const CommandWord &szWord, AnswerWord *peWord)
 }
 
 // An answer: of a file in the window, else of the one file that is under way.
-void TakeAnswer(AnswerWord eWord)
+static void TakeAnswer(AnswerWord eWord)
 {
     if (NoteAnswer(eWord)) return;
     NoteInfoAnswer(eWord == AnswerWord::Done);
@@ -94,14 +92,14 @@ void TakeAnswer(AnswerWord eWord)
 }
 
 // [g_csNetSocket] Nothing is said on a link that has ended.
-void SendAckAlive(const ListenerRole &role, SOCKET hSocket)
+static void SendAckAlive(const ListenerRole &role, SOCKET hSocket)
 {
     if (!IsThreadLinkCurrent()) return;
     if (!SendCommandWord(hSocket, WORD_ACK_ALIVE)) ReportWSAError(role.pszOperation, u"send keepalive ack failed");
     TraceDebugA("[%s] Send keepalive ack done", role.pszThread);
 }
 
-void AnswerKeepAlive(const ListenerRole &role, SOCKET hSocket)
+static void AnswerKeepAlive(const ListenerRole &role, SOCKET hSocket)
 {
     TraceDebugA("[%s] Be4 send keepalive ack", role.pszThread);
     TraceDebugA("[%s] Be4 CS (ack alive)", role.pszThread);
@@ -112,7 +110,7 @@ void AnswerKeepAlive(const ListenerRole &role, SOCKET hSocket)
     TraceDebugA("[%s] Leave CS (ack alive)", role.pszThread);
 }
 
-void Dispatch(const ListenerRole &role, SOCKET hSocket, const CommandWord &szWord)
+static void Dispatch(const ListenerRole &role, SOCKET hSocket, const CommandWord &szWord)
 {
     AnswerWord eWord = AnswerWord::Done;
     TraceDebugA("[%s] == get %s cmd == [%s]", role.pszThread, role.pszPeer, szWord);
@@ -131,7 +129,7 @@ void Dispatch(const ListenerRole &role, SOCKET hSocket, const CommandWord &szWor
 }
 
 // True when the own side has ended the link. The event is an auto-reset one; this consumes it.
-bool HasEnded(const ListenerRole &role, const ListenerStart &start)
+static bool HasEnded(const ListenerRole &role, const ListenerStart &start)
 {
     const bool bSignalled = WaitForSingleObject(start.hExitEvent, 0) == WAIT_OBJECT_0;
     if (!bSignalled && IsOwnLink(start.link.dwLink)) return false;
@@ -148,7 +146,7 @@ struct Silence {
 
 // Asks the peer for an answer. 0: it is there, with a command in szWord when *pbCommand; else the listener's last
 // error.
-int32_t Probe(const ListenerRole &role, SOCKET hSocket, Silence *pSilence, CommandWord &szWord, bool *pbCommand)
+static int32_t Probe(const ListenerRole &role, SOCKET hSocket, Silence *pSilence, CommandWord &szWord, bool *pbCommand)
 {
     TraceDebugA("[%s] KeepAliveTest - Be4 CS", role.pszThread);
     EnterCriticalSection(&g_csNetSocket);
@@ -168,7 +166,8 @@ int32_t Probe(const ListenerRole &role, SOCKET hSocket, Silence *pSilence, Comma
 }
 
 // One receive timed out. As Probe.
-int32_t CountSilence(const ListenerRole &role, SOCKET hSocket, Silence *pSilence, CommandWord &szWord, bool *pbCommand)
+static int32_t CountSilence(const ListenerRole &role, SOCKET hSocket, Silence *pSilence, CommandWord &szWord,
+                            bool *pbCommand)
 {
     if (pSilence->bTimedOut) pSilence->nSeconds += SILENCE_STEP_S;
     pSilence->bTimedOut = true;
@@ -188,8 +187,8 @@ int32_t CountSilence(const ListenerRole &role, SOCKET hSocket, Silence *pSilence
 }
 
 // The receive failed with nRecvErr. As Probe.
-int32_t OnReceiveFailed(const ListenerRole &role, SOCKET hSocket, int32_t nRecvErr, Silence *pSilence,
-                        CommandWord &szWord, bool *pbCommand)
+static int32_t OnReceiveFailed(const ListenerRole &role, SOCKET hSocket, int32_t nRecvErr, Silence *pSilence,
+                               CommandWord &szWord, bool *pbCommand)
 {
     if (nRecvErr == WSAETIMEDOUT) return CountSilence(role, hSocket, pSilence, szWord, pbCommand);
     if (nRecvErr == WSAEDISCON && !g_bSendingFile && !IsAnswerOwed())
@@ -200,7 +199,7 @@ int32_t OnReceiveFailed(const ListenerRole &role, SOCKET hSocket, int32_t nRecvE
 }
 
 // Reads until the link ends. 0 when the own side has ended it, else why it is broken.
-int32_t Listen(const ListenerRole &role, const ListenerStart &start)
+static int32_t Listen(const ListenerRole &role, const ListenerStart &start)
 {
     Silence silence = {};
     while (!HasEnded(role, start)) { // a command may have taken its time
@@ -223,7 +222,7 @@ int32_t Listen(const ListenerRole &role, const ListenerStart &start)
     return 0;
 }
 
-uint32_t RunListener(const ListenerRole &role, ListenerStart *pStart)
+static uint32_t RunListener(const ListenerRole &role, ListenerStart *pStart)
 {
     BindThreadToLink(pStart->link.dwLink);
     int32_t nErr = Listen(role, *pStart);
@@ -249,8 +248,8 @@ uint32_t RunListener(const ListenerRole &role, ListenerStart *pStart)
     return 0;
 }
 
-int32_t StartListener(const ListenerRole &role, ThreadProcedure pThread, bool bServer, SOCKET hSocket,
-                      HANDLE hExitEvent)
+static int32_t StartListener(const ListenerRole &role, ThreadProcedure pThread, bool bServer, SOCKET hSocket,
+                             HANDLE hExitEvent)
 {
     auto *pStart = new (std::nothrow) ListenerStart{hSocket, nullptr, {bServer, g_dwLinkGeneration}};
     if (pStart == nullptr) return 0;
@@ -272,8 +271,6 @@ int32_t StartListener(const ListenerRole &role, ThreadProcedure pThread, bool bS
     delete pStart;
     return 0;
 }
-
-} // namespace
 
 int32_t SendDataCMDHandler(SOCKET hSocket)
 {

@@ -24,8 +24,6 @@
 
 using namespace platform;
 
-namespace {
-
 constexpr char16_t OPERATION[]       = u"SendFileCMDHandler";
 constexpr size_t   LONG_PREFIX_UNITS = 4; // of "\\?\"
 constexpr size_t   DRIVE_UNITS       = 3; // of "X:\"
@@ -38,15 +36,15 @@ static_assert(INCOMING_PATH_UNITS * sizeof(char16_t) == FILE_PATH_BYTES + sizeof
               "the peer promises no terminator, so a path holds one unit more than the field carries");
 
 // The folder that this listener made last: ten thousand files in one folder need it made once.
-thread_local char16_t t_szLastFolder[INCOMING_PATH_UNITS];
+static thread_local char16_t t_szLastFolder[INCOMING_PATH_UNITS];
 
-int32_t Failed(const char16_t *pszDescription, int32_t nStatus)
+static int32_t Failed(const char16_t *pszDescription, int32_t nStatus)
 {
     ReportWSAError(OPERATION, pszDescription);
     return nStatus;
 }
 
-bool ReceiveField(SOCKET hSocket, void *pField, int32_t cb)
+static bool ReceiveField(SOCKET hSocket, void *pField, int32_t cb)
 {
     return RecvBuffer(hSocket, pField, cb) == cb;
 }
@@ -59,7 +57,7 @@ const char16_t *WithoutPrefix(const char16_t *pszPath)
 
 // A name that means a device wherever it stands and whatever extension follows ("NUL.txt"; blanks before the dot do not
 // count): what is written there is gone, or never ends. As the documentation lists them, superscript digits too.
-bool IsDeviceName(const char16_t *pszName, size_t cchName)
+static bool IsDeviceName(const char16_t *pszName, size_t cchName)
 {
     static constexpr const char16_t *NAMES[]        = {u"CON", u"PRN", u"AUX", u"NUL", u"CONIN$", u"CONOUT$"};
     static constexpr const char16_t *NUMBERED[]     = {u"COM", u"LPT"};
@@ -96,14 +94,14 @@ const char *WhyNoPlace(const char16_t *pszPath)
 }
 
 // Nothing is opened for a refused path: RecvFile reads the stream and answers "FileError".
-void RefusePath(ReceivedFile *pFile, const char *pszReason)
+static void RefusePath(ReceivedFile *pFile, const char *pszReason)
 {
     TraceDebugA("[SendFileCMDHandler] path refused: %s", pszReason);
     SetIncomingFile(&pFile->disk, u"", false);
     pFile->disk.dwError = ERROR_INVALID_NAME;
 }
 
-bool IniExists(const IncomingFile *pDisk)
+static bool IniExists(const IncomingFile *pDisk)
 {
     const HANDLE hFile =
         CreateFileW(pDisk->szLocal, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
@@ -113,7 +111,7 @@ bool IniExists(const IncomingFile *pDisk)
 }
 
 // The peer's machine info has one place here, whatever the peer calls it.
-void RedirectMachineInfo(ReceivedFile *pFile)
+static void RedirectMachineInfo(ReceivedFile *pFile)
 {
     char16_t szTarget[MAX_PATH];
     if (!GetProgressFile(TARGET_INFO_FILE, szTarget)) return;
@@ -123,7 +121,7 @@ void RedirectMachineInfo(ReceivedFile *pFile)
 }
 
 // What the type wants of the destination before the file arrives.
-void PrepareDestination(ReceivedFile *pFile, const char16_t *pszSent)
+static void PrepareDestination(ReceivedFile *pFile, const char16_t *pszSent)
 {
     const bool bOverwrite = pFile->dwType == FILE_TYPE_PLAIN || pFile->dwType == FILE_TYPE_SPECIAL ||
                             pFile->dwType == FILE_TYPE_MACHINE_INFO;
@@ -148,14 +146,14 @@ void PrepareDestination(ReceivedFile *pFile, const char16_t *pszSent)
 }
 
 // What a path is in. False when nothing was removed.
-bool ParentOf(const char16_t *pszPath, char16_t (&szFolder)[INCOMING_PATH_UNITS])
+static bool ParentOf(const char16_t *pszPath, char16_t (&szFolder)[INCOMING_PATH_UNITS])
 {
     CopyTextW(szFolder, INCOMING_PATH_UNITS, pszPath);
     return PathCchRemoveFileSpec(szFolder, INCOMING_PATH_UNITS) == 0;
 }
 
 // The system error when it is not there afterwards; what it means shows when the file is created.
-uint32_t MakeFolderOnce(const char16_t *pszFolder)
+static uint32_t MakeFolderOnce(const char16_t *pszFolder)
 {
     if (CompareTextW(t_szLastFolder, pszFolder) == 0) return ERROR_SUCCESS; // or gone: CreateIncomingFile makes it anew
     const bool     bMade   = CreateFolderTree(pszFolder) != 0;
@@ -164,7 +162,7 @@ uint32_t MakeFolderOnce(const char16_t *pszFolder)
     return dwError;
 }
 
-void MakeParentFolder(IncomingFile *pDisk)
+static void MakeParentFolder(IncomingFile *pDisk)
 {
     char16_t       szFolder[INCOMING_PATH_UNITS];
     const bool     bRemoved = ParentOf(pDisk->szPath, szFolder);
@@ -178,7 +176,7 @@ void MakeParentFolder(IncomingFile *pDisk)
 }
 
 // A folder is answered as soon as it has been made. 0, or -8 for a path that cannot be a place here.
-int32_t ReceiveFolder(SOCKET hSocket, const char16_t *pszFolder)
+static int32_t ReceiveFolder(SOCKET hSocket, const char16_t *pszFolder)
 {
     if (const char *pszReason = WhyNoPlace(pszFolder)) {
         TraceDebugA("[SendFileCMDHandler] path refused: %s", pszReason);
@@ -192,21 +190,21 @@ int32_t ReceiveFolder(SOCKET hSocket, const char16_t *pszFolder)
 }
 
 // True for the results of RecvFile after which the next command cannot be found.
-bool IsStreamBroken(int64_t llResult)
+static bool IsStreamBroken(int64_t llResult)
 {
     return llResult == RECVFILE_NO_SIZE || llResult == RECVFILE_NO_KEY_SIZE || llResult == RECVFILE_NO_KEY ||
            llResult == RECVFILE_NO_LENGTH || llResult == RECVFILE_NO_CHUNK;
 }
 
 // Attributes, flag and stream of a file, stored and answered. A status of SendFileCMDHandler.
-int32_t ReceiveFile(SOCKET hSocket, ReceivedFile *pFile)
+static int32_t ReceiveFile(SOCKET hSocket, ReceivedFile *pFile)
 {
     uint8_t       bEncrypt = 0;
     IncomingFile *pDisk    = &pFile->disk;
-    if (!ReceiveField(hSocket, &pFile->dwAttributes, sizeof pFile->dwAttributes))
+    if (!ReceiveField(hSocket, &pFile->dwAttributes, sizeof(pFile->dwAttributes)))
         return Failed(u"recv attribute failed", -6);
     TraceDebugA("[SendFileCMDHandler] recv attribute done [%d]", pFile->dwAttributes);
-    if (!ReceiveField(hSocket, &bEncrypt, sizeof bEncrypt)) return Failed(u"recv bEncrypt failed", -7);
+    if (!ReceiveField(hSocket, &bEncrypt, sizeof(bEncrypt))) return Failed(u"recv bEncrypt failed", -7);
     TraceDebugA("[SendFileCMDHandler] recv bEncrypt done [%d]", bEncrypt);
     if (CompareTextW(pDisk->szPath, pDisk->szLocal) != 0)
         TraceDebugW(u"[SendFileCMDHandler] szDstUNC [%s]", pDisk->szLocal);
@@ -238,20 +236,18 @@ int32_t ReceiveFile(SOCKET hSocket, ReceivedFile *pFile)
 }
 
 // A status of SendFileCMDHandler.
-int32_t HandleFile(SOCKET hSocket, ReceivedFile *pFile)
+static int32_t HandleFile(SOCKET hSocket, ReceivedFile *pFile)
 {
     char16_t szSent[INCOMING_PATH_UNITS] = {};
     g_bRecvFileTypeUnknown               = 0;
     if (!ReceiveField(hSocket, szSent, FILE_PATH_BYTES)) return Failed(u"recv path failed", -2);
     TraceDebugW(u"[SendFileCMDHandler] recv path done [%s]", szSent);
-    if (!ReceiveField(hSocket, &pFile->dwType, sizeof pFile->dwType)) return Failed(u"recv type failed", -4);
+    if (!ReceiveField(hSocket, &pFile->dwType, sizeof(pFile->dwType))) return Failed(u"recv type failed", -4);
     TraceDebugA("[SendFileCMDHandler] recv type done [%d]", pFile->dwType);
     if (pFile->dwType == FILE_TYPE_FOLDER) return ReceiveFolder(hSocket, szSent);
     PrepareDestination(pFile, szSent);
     return ReceiveFile(hSocket, pFile);
 }
-
-} // namespace
 
 int32_t SendFileCMDHandler(SOCKET hSocket)
 {

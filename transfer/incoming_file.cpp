@@ -196,7 +196,7 @@ static bool ReadsSame(HANDLE hCopy, const uint8_t *pb, uint32_t cb)
     while (cb > 0) {
         uint32_t cbRead = 0;
         if (!ReadFile(hCopy, aPiece, std::min(cb, COMPARE_BYTES), &cbRead, nullptr) || cbRead == 0 ||
-            memcmp(aPiece, pb, cbRead) != 0)
+            std::memcmp(aPiece, pb, cbRead) != 0)
             return false;
         pb += cbRead;
         cb -= cbRead;

@@ -83,8 +83,8 @@ int32_t SendNetworkCommand(const IpcMessage *pRecord, int32_t nUnused, uint64_t 
     }
     const IpcMessage record = *pRecord;
     uint8_t          a[5];
-    memcpy(a, &record, sizeof a);
-    TraceDebugW(u"[SendNetworkCommand] [%d][0x%X][0x%X][0x%X][0x%X][0x%X]", static_cast<int32_t>(sizeof record), a[0],
+    std::memcpy(a, &record, sizeof(a));
+    TraceDebugW(u"[SendNetworkCommand] [%d][0x%X][0x%X][0x%X][0x%X][0x%X]", static_cast<int32_t>(sizeof(record)), a[0],
                 a[1], a[2], a[3], a[4]);
     TraceDebugW(u"[SendNetworkCommand] Be4 CS [0x%X][0x%X][0x%X][0x%X][0x%X]", a[0], a[1], a[2], a[3], a[4]);
     EnterCriticalSection(&g_csNetSocket);

@@ -58,7 +58,7 @@ static void AddAnswer(SOCKET hSocket, const char *pszWord)
 {
     if (t_Waiting.nWords == 0) t_Waiting.ullOldest = GetTickCount64();
     char *const pWord = t_Waiting.aWords[t_Waiting.nWords++];
-    memset(pWord, 0, COMMAND_WORD_BYTES);
+    std::memset(pWord, 0, COMMAND_WORD_BYTES);
     CopyTextA(pWord, COMMAND_WORD_BYTES, pszWord);
     t_Waiting.hSocket = hSocket;
 }

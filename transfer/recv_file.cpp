@@ -84,7 +84,7 @@ static bool DiscardBytes(const FileReceipt *pReceipt, uint8_t *pbBuffer, uint32_
 static int64_t RecvKey(FileReceipt *pReceipt, uint8_t *pbBuffer)
 {
     uint32_t cbKey = 0;
-    if (!RecvField(pReceipt, &cbKey, sizeof cbKey, u"Recv key size failed")) return RECVFILE_NO_KEY_SIZE;
+    if (!RecvField(pReceipt, &cbKey, sizeof(cbKey), u"Recv key size failed")) return RECVFILE_NO_KEY_SIZE;
     TraceDebugW(u"[RecvFile] nkeyData [%d]", cbKey);
     g_dwKeySize = cbKey;
     if (cbKey == 0) {
@@ -93,19 +93,19 @@ static int64_t RecvKey(FileReceipt *pReceipt, uint8_t *pbBuffer)
     }
     const uint32_t cbHeld = std::min(cbKey, CIPHER_CHUNK_BYTES);
     if (!RecvField(pReceipt, pbBuffer, cbHeld, u"Recv key failed")) return RECVFILE_NO_KEY;
-    memcpy(g_szFileKey, pbBuffer, std::min(cbHeld, FILE_KEY_BYTES));
+    std::memcpy(g_szFileKey, pbBuffer, std::min(cbHeld, FILE_KEY_BYTES));
 
     constexpr uint32_t SHOWN_BYTES         = 5;
     uint8_t            aFirst[SHOWN_BYTES] = {};
     uint8_t            aLast[SHOWN_BYTES]  = {};
-    memcpy(aFirst, pbBuffer, std::min(cbHeld, SHOWN_BYTES));
+    std::memcpy(aFirst, pbBuffer, std::min(cbHeld, SHOWN_BYTES));
     if (cbKey > cbHeld) { // the last bytes come on their own, whatever the length
         if (!DiscardBytes(pReceipt, pbBuffer, cbKey - cbHeld - std::min(cbKey - cbHeld, SHOWN_BYTES),
                           u"Recv key failed") ||
             !RecvField(pReceipt, aLast, std::min(cbKey - cbHeld, SHOWN_BYTES), u"Recv key failed"))
             return RECVFILE_NO_KEY;
     } else {
-        memcpy(aLast, pbBuffer + cbHeld - std::min(cbHeld, SHOWN_BYTES), std::min(cbHeld, SHOWN_BYTES));
+        std::memcpy(aLast, pbBuffer + cbHeld - std::min(cbHeld, SHOWN_BYTES), std::min(cbHeld, SHOWN_BYTES));
     }
     if (cbKey >= FILE_KEY_BYTES) TraceDebugW(u"[RecvFile] nkeyData >= 580 !");
     TraceDebugW(
@@ -146,7 +146,7 @@ static void WriteChunk(FileReceipt *pReceipt, const uint8_t *pbPlain, uint32_t c
 
 static bool IsCancelText(const uint8_t *pb, uint32_t cb)
 {
-    return cb >= CANCEL_TEXT_BYTES && memcmp(pb, CANCEL_TEXT, CANCEL_TEXT_BYTES) == 0;
+    return cb >= CANCEL_TEXT_BYTES && std::memcmp(pb, CANCEL_TEXT, CANCEL_TEXT_BYTES) == 0;
 }
 
 // The bytes of a chunk that cannot be content: the sender is told, and nothing more is written.
@@ -160,7 +160,7 @@ static void RefuseChunk(FileReceipt *pReceipt, int64_t nError)
 // set.
 static bool RecvCipherText(FileReceipt *pReceipt, uint8_t *pbBuffer, CipherChunk *pChunk)
 {
-    if (!RecvField(pReceipt, &pChunk->cbCipher, sizeof pChunk->cbCipher, u"Recv encrypt size failed")) {
+    if (!RecvField(pReceipt, &pChunk->cbCipher, sizeof(pChunk->cbCipher), u"Recv encrypt size failed")) {
         pReceipt->nPending = RECVFILE_NO_LENGTH;
         return false;
     }
@@ -295,9 +295,9 @@ int64_t RecvFile(SOCKET hSocket, IncomingFile *pFile, uint8_t bEncrypt)
     if (CompareTextW(pFile->szPath, pFile->szLocal) != 0) TraceDebugW(u"[RecvFile] szDstUNC [%s]", pFile->szLocal);
     g_dwKeySize        = 0;
     g_nRecvFileWritten = 0;
-    memset(g_szFileKey, 0, sizeof g_szFileKey);
+    std::memset(g_szFileKey, 0, sizeof(g_szFileKey));
 
-    if (!RecvField(&receipt, &cbSize, sizeof cbSize, u"Recv file size failed")) return RECVFILE_NO_SIZE;
+    if (!RecvField(&receipt, &cbSize, sizeof(cbSize), u"Recv file size failed")) return RECVFILE_NO_SIZE;
     TraceDebugA("[RecvFile] filesize [%I64d]", cbSize);
     ReleaseAnswersUnlessThere(hSocket, static_cast<uint32_t>(std::clamp<int64_t>(cbSize, 0, LARGE_BYTES)) + KEY_ROOM);
     uint8_t *pbBuffer = TakeChunkBuffer();

@@ -126,7 +126,7 @@ void freeaddrinfo(addrinfo *pResult)
 static void ResetAtClose(SOCKET s, bool bReset)
 {
     const ::linger value = {static_cast<u_short>(bReset ? 1 : 0), 0};
-    ::setsockopt(s, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char *>(&value), sizeof value);
+    ::setsockopt(s, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char *>(&value), sizeof(value));
 }
 
 SOCKET socket(int32_t nFamily, int32_t nType, int32_t nProtocol)
@@ -199,7 +199,7 @@ static bool IsReset(SOCKET s)
 static int32_t AwaitReadable(SOCKET s)
 {
     DWORD           dwTimeout = 0, cbNone = 0, dwFlags = 0;
-    int             cb      = sizeof dwTimeout;
+    int             cb      = sizeof(dwTimeout);
     u_long          cbThere = 0;
     ::WSABUF        nothing = {0, nullptr};
     ::WSAOVERLAPPED wait    = {};

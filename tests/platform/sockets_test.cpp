@@ -32,7 +32,7 @@ std::string ReceiveAll(SOCKET s)
 {
     std::string sAll;
     char        aPiece[4096];
-    for (int32_t cb; (cb = recv(s, aPiece, sizeof aPiece, 0)) > 0;) sAll.append(aPiece, static_cast<size_t>(cb));
+    for (int32_t cb; (cb = recv(s, aPiece, sizeof(aPiece), 0)) > 0;) sAll.append(aPiece, static_cast<size_t>(cb));
     return sAll;
 }
 
@@ -76,7 +76,7 @@ TEST_F(Sockets, AddressesAreResolved)
         if (c.nExpected != 0) continue;
         ASSERT_NE(nullptr, pResult) << sCase;
         sockaddr_in address;
-        std::memcpy(&address, pResult->ai_addr, sizeof address);
+        std::memcpy(&address, pResult->ai_addr, sizeof(address));
         EXPECT_EQ(c.nAddress, address.sin_addr) << sCase;
         EXPECT_EQ(c.nPort, ntohs(address.sin_port)) << sCase;
         freeaddrinfo(pResult);
@@ -89,15 +89,15 @@ TEST_F(Sockets, APortIsTakenWhileBoundAndFreeAfterOldConnections)
     uint16_t    nPort   = 0;
     SOCKET      hListen = ListenOnLoopback(&nPort), hClient = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
     SOCKET      hBound = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP), hOther = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    int32_t     cb     = sizeof address;
+    int32_t     cb     = sizeof(address);
     address.sin_family = AF_INET;
     address.sin_addr   = 0x0100007F;
-    ASSERT_EQ(0, bind(hBound, reinterpret_cast<sockaddr *>(&address), sizeof address));
+    ASSERT_EQ(0, bind(hBound, reinterpret_cast<sockaddr *>(&address), sizeof(address)));
     ASSERT_EQ(0, getsockname(hBound, reinterpret_cast<sockaddr *>(&address), &cb));
-    EXPECT_EQ(SOCKET_ERROR, bind(hOther, reinterpret_cast<sockaddr *>(&address), sizeof address)) << "merely bound";
+    EXPECT_EQ(SOCKET_ERROR, bind(hOther, reinterpret_cast<sockaddr *>(&address), sizeof(address))) << "merely bound";
     EXPECT_EQ(WSAEADDRINUSE, WSAGetLastError());
     address.sin_port = nPort;
-    EXPECT_EQ(SOCKET_ERROR, bind(hOther, reinterpret_cast<sockaddr *>(&address), sizeof address)) << "listening";
+    EXPECT_EQ(SOCKET_ERROR, bind(hOther, reinterpret_cast<sockaddr *>(&address), sizeof(address))) << "listening";
     EXPECT_EQ(WSAEADDRINUSE, WSAGetLastError());
 
     // the accepting side ends first, so its end of the connection waits out its time on this port
@@ -108,7 +108,7 @@ TEST_F(Sockets, APortIsTakenWhileBoundAndFreeAfterOldConnections)
     EXPECT_EQ(0, recv(hClient, aByte, 1, 0));
     EXPECT_EQ(0, closesocket(hClient));
     EXPECT_EQ(0, closesocket(hListen));
-    EXPECT_EQ(0, bind(hOther, reinterpret_cast<sockaddr *>(&address), sizeof address)) << WSAGetLastError();
+    EXPECT_EQ(0, bind(hOther, reinterpret_cast<sockaddr *>(&address), sizeof(address))) << WSAGetLastError();
     EXPECT_EQ(0, listen(hOther, SOMAXCONN)) << WSAGetLastError();
     closesocket(hOther);
     closesocket(hBound);
@@ -123,9 +123,9 @@ TEST_F(Sockets, AReceiveTakesWhatIsThereAndThenTimesOut)
         ASSERT_EQ(10, send(link.hClient, "0123456789", 10, 0));
         ASSERT_EQ(4, recv(link.hServer, aBytes, 4, 0)) << WSAGetLastError();
         EXPECT_EQ("0123", std::string(aBytes, 4));
-        ASSERT_EQ(6, recv(link.hServer, aBytes, sizeof aBytes, 0)) << "no wait for the rest of the buffer";
+        ASSERT_EQ(6, recv(link.hServer, aBytes, sizeof(aBytes), 0)) << "no wait for the rest of the buffer";
         EXPECT_EQ("456789", std::string(aBytes, 6));
-        EXPECT_EQ(SOCKET_ERROR, recv(link.hServer, aBytes, sizeof aBytes, 0));
+        EXPECT_EQ(SOCKET_ERROR, recv(link.hServer, aBytes, sizeof(aBytes), 0));
         EXPECT_EQ(WSAETIMEDOUT, WSAGetLastError());
         EXPECT_EQ(10060u, GetLastError());
     }
@@ -138,7 +138,7 @@ TEST_F(Sockets, AnOrderlyCloseComesAfterTheBytesAndStays)
     ASSERT_EQ(3, send(link.hClient, "end", 3, 0));
     LinkPair::Close(&link.hClient);
     EXPECT_EQ("end", ReceiveAll(link.hServer));
-    for (int i = 0; i < 3; i++) EXPECT_EQ(0, recv(link.hServer, aBytes, sizeof aBytes, 0));
+    for (int i = 0; i < 3; i++) EXPECT_EQ(0, recv(link.hServer, aBytes, sizeof(aBytes), 0));
 }
 
 TEST_F(Sockets, ACloseFromAnotherThreadEndsABlockedCall)

@@ -32,7 +32,8 @@ uint32_t ParsePath(const char16_t *pszPath, DiskPath *pPath, size_t cchLimit = P
 // Equal as they stand.
 inline bool SameUnits(std::u16string_view sLeft, std::u16string_view sRight)
 {
-    return sLeft.size() == sRight.size() && memcmp(sLeft.data(), sRight.data(), sLeft.size() * sizeof(char16_t)) == 0;
+    return sLeft.size() == sRight.size() &&
+           std::memcmp(sLeft.data(), sRight.data(), sLeft.size() * sizeof(char16_t)) == 0;
 }
 // The name a Windows name has on the host, and back. sFolder is needed for long names only.
 std::string    HostName(std::u16string_view sName);

@@ -104,7 +104,7 @@ IndexAnswer Scan(const std::string &sFolder, std::u16string_view sName, std::str
     if (bIndexed) g_aIndexes[sFolder].nLastUse = ++g_nUses;
     while (const dirent *pEntry = readdir(pDir)) {
         const char *psz = pEntry->d_name;
-        if (strcmp(psz, ".") == 0 || strcmp(psz, "..") == 0) continue;
+        if (std::strcmp(psz, ".") == 0 || std::strcmp(psz, "..") == 0) continue;
         const std::u16string sEntry = ToUtf16(psz);
         if (EqualNames(sEntry, sName) && (!bFound || *psHostName > psz)) {
             *psHostName = psz;

@@ -88,7 +88,7 @@ Connection::~Connection()
 void ResetAtClose(int fd, bool bReset)
 {
     const linger value = {bReset ? 1 : 0, 0};
-    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &value, sizeof value);
+    ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &value, sizeof(value));
 }
 
 int32_t FailWith(int32_t nWinsockError)
@@ -196,8 +196,8 @@ int32_t WSAStartup(uint16_t wVersionRequested, WSADATA *pData)
     if (pData == nullptr) return hosted::WSAEFAULT;
     if ((wVersionRequested & 0xFF) == 0) return hosted::WSAVERNOTSUPPORTED;
     const uint16_t aVersions[2] = {std::min(wVersionRequested, VERSION_2_2), VERSION_2_2};
-    std::memset(pData, 0, sizeof *pData);
-    std::memcpy(pData, aVersions, sizeof aVersions); // wVersion and wHighVersion stand first
+    std::memset(pData, 0, sizeof(*pData));
+    std::memcpy(pData, aVersions, sizeof(aVersions)); // wVersion and wHighVersion stand first
     ++hosted::g_nWinsockStarts;
     return 0;
 }

@@ -25,7 +25,7 @@ void ApplyTimeout(int fd, int nOption, uint32_t dwMilliseconds, int64_t &nCurren
     const int64_t nWanted = hosted::RealSocketTimeout(dwMilliseconds);
     if (nWanted == nCurrent) return;
     const timeval value = {static_cast<time_t>(nWanted / 1000000), static_cast<suseconds_t>(nWanted % 1000000)};
-    if (::setsockopt(fd, SOL_SOCKET, nOption, &value, sizeof value) == 0) nCurrent = nWanted;
+    if (::setsockopt(fd, SOL_SOCKET, nOption, &value, sizeof(value)) == 0) nCurrent = nWanted;
 }
 
 // What forbids a call in this direction: 0 or a Winsock error.
@@ -42,7 +42,7 @@ int32_t Obstacle(const hosted::Connection &connection, int nDirection)
 bool IsReset(int fd)
 {
     tcp_info  info = {};
-    socklen_t cb   = sizeof info;
+    socklen_t cb   = sizeof(info);
     return ::getsockopt(fd, SOL_TCP, TCP_INFO, &info, &cb) == 0 && info.tcpi_state == TCP_CLOSE;
 }
 

@@ -162,7 +162,14 @@ stage_e2e() {
 
 stage_torture() {
     built dev || return
-    run_counted torture scripts/torture.sh --short
+    local code other # two halves side by side: each mostly waits for time-outs
+    local run=(env VORN_E2E_PROGRAMS="$PWD/build/dev" build/dev/tests/torture/torture --short)
+    "${run[@]}" kill-sender kill-receiver kill-both outage sessions cancel >"$work/half.log" 2>&1 &
+    other=$!
+    run_counted torture "${run[@]}" calls disk-full bits state-junk pipe-junk peer-junk pressure
+    wait $other
+    code=$?
+    run_counted torture sh -c "cat '$work/half.log'; exit $code"
 }
 
 stage_windows() {

@@ -164,9 +164,9 @@ stage_torture() {
     built dev || return
     local code other # two halves side by side: each mostly waits for time-outs
     local run=(env VORN_E2E_PROGRAMS="$PWD/build/dev" build/dev/tests/torture/torture --short)
-    "${run[@]}" kill-sender kill-receiver kill-both outage sessions cancel >"$work/half.log" 2>&1 &
+    "${run[@]}" kill-sender kill-receiver kill-both outage calls sessions cancel >"$work/half.log" 2>&1 &
     other=$!
-    run_counted torture "${run[@]}" calls disk-full bits state-junk pipe-junk peer-junk pressure
+    run_counted torture "${run[@]}" disk-full bits state-junk pipe-junk peer-junk pressure
     wait $other
     code=$?
     run_counted torture sh -c "cat '$work/half.log'; exit $code"

@@ -2,6 +2,7 @@
 #include "tests/torture/pair.h"
 #include "tools/driver/profile.h"
 #include "tools/driver/scenario.h"
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -370,15 +371,18 @@ void Pair::Compare(bool bAltered)
         else if (bAltered) ++pTally->notes["other file or folder"];
         else if (entry.is_regular_file()) Fault(&Tally::nTwice, relative.string() + " is more than was there");
     }
+    if (!bAltered && !IsStateGone()) Fault(&Tally::nLeftover, "state is left on the old machine");
+    CheckLogs();
+}
+
+bool Pair::IsStateGone() const
+{
     const fs::path progress = HostPathOf(old, KnownFolder(old, "Progress"));
     const auto     IsState  = [&] {
-        for (const char *pszName : STATE_FILES)
-            if (fs::exists(progress / pszName)) return true;
-        return false;
+        return std::any_of(std::begin(STATE_FILES), std::end(STATE_FILES),
+                                [&](const char *pszName) { return fs::exists(progress / pszName); });
     };
-    if (!bAltered && !Await([&] { return !IsState() || !IsChildRunning(old->agent); }, 3000))
-        Fault(&Tally::nLeftover, "state is left on the old machine");
-    CheckLogs();
+    return Await([&] { return !IsState() || !IsChildRunning(old->agent); }, 3000);
 }
 
 void Pair::CheckProgress()

@@ -49,6 +49,8 @@ struct Pair {
     void Complete(bool bRequested);
     // The comparison alone. bAltered: content and names may differ (counted as notes).
     void Compare(bool bAltered);
+    // The old machine keeps nothing of a request any more, after a moment; true also when its agent does not run.
+    bool IsStateGone() const;
     void Unlink(const MachinePtr &machine); // as its service orders it
     void Stop(const MachinePtr &machine);   // in order; a fault when it does not end well
     void Kill(const MachinePtr &machine);

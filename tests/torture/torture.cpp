@@ -108,6 +108,16 @@ static void Outage(Pair *pPair, RunPlace *p)
     pPair->Complete(true);
 }
 
+// True when a request has ended with nothing left to ask for. A failed item is told by a record, which the eight behind
+// it push out of the service's queue when all come at once; what failed is then known to the old machine alone.
+static bool IsWhole(Pair *pPair, int nEnd, size_t nFailedBefore)
+{
+    if (nEnd != 2 || Heard(pPair->next, FAILED_ITEM, 1) != nFailedBefore) return false;
+    if (pPair->IsStateGone()) return true;
+    ++pPair->pTally->notes["a failed item's record was pushed out of the service's queue"];
+    return false;
+}
+
 static void CallFails(Pair *pPair, RunPlace *p)
 {
     static const auto CALLS =
@@ -148,8 +158,9 @@ static void CallFails(Pair *pPair, RunPlace *p)
     if (nEnd == -100 && bMute) ++pPair->pTally->notes["could not tell its service"];
     else if (nEnd == -100) pPair->Fault(&Tally::nHang, "no end was told");
     if (pPair->pTally->Faults() != nBefore) return;
+    const bool bWhole = IsWhole(pPair, nEnd, nFailed);
     pPair->Kill(victim); // it may not hear the order to end
-    if (nEnd == 2 && Heard(pPair->next, FAILED_ITEM, 1) == nFailed) return pPair->Compare(false);
+    if (bWhole) return pPair->Compare(false);
     pPair->Complete(false);
 }
 
@@ -167,7 +178,7 @@ static void DiskFull(Pair *pPair, RunPlace *p)
     const int    nEnd    = bWent && pPair->Request(false) ? pPair->AwaitEnd() : 0;
     ++pPair->pTally->notes[nEnd == 2 ? "first answer 2" : nEnd == -2 ? "first answer -2" : "no link with it"];
     if (nEnd == -100) pPair->Fault(&Tally::nHang, "no end was told");
-    const bool bWhole = nEnd == 2 && Heard(pPair->next, FAILED_ITEM, 1) == nFailed;
+    const bool bWhole = IsWhole(pPair, nEnd, nFailed);
     pPair->Stop(victim);
     if (bWhole) return pPair->Compare(false);
     pPair->Complete(false); // there is space again

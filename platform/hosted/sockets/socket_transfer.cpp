@@ -4,6 +4,7 @@
 // SEND_HOLD_BYTES. A receive never waits for more than there is: it blocks only while nothing has arrived.
 // When gathered bytes cannot be sent (time-out, reset), the rest of that hold is dropped and every send up to the flush
 // gives the same error, the flush too: half an exchange is never followed by more of it.
+#include "platform/hosted/machine/faults.h"
 #include "platform/hosted/sockets/socket_table.h"
 #include <algorithm>
 #include <cerrno>
@@ -150,9 +151,16 @@ void HoldSends(SOCKET s)
 
 int32_t FlushSends(SOCKET s)
 {
-    const std::shared_ptr<hosted::Connection> pConnection = hosted::EnterSocketCall("FlushSends", s);
+    uint32_t   dwPretended = 0; // such a failure, too, ends the hold and loses what was held
+    const bool bFails      = hosted::FailsNow("FlushSends", &dwPretended);
+
+    const std::shared_ptr<hosted::Connection> pConnection = hosted::EnterSocketCall("hold of FlushSends", s);
     if (pConnection == nullptr) return SOCKET_ERROR;
     std::lock_guard<std::mutex> lock(pConnection->csSend);
+    if (bFails) {
+        pConnection->cbHeld     = 0;
+        pConnection->nHeldError = static_cast<int32_t>(dwPretended);
+    }
     if (pConnection->nHeldError == 0) SendHeld(*pConnection);
     const int32_t nError    = pConnection->nHeldError;
     pConnection->bHolding   = false;

@@ -51,8 +51,8 @@ tidy() {
     mapfile -t files < <(git diff --name-only --diff-filter=d "$base" -- '*.cpp' |
         grep -vE '^(tests|bench)/|^platform/windows/|_windows\.cpp$')
     [ ${#files[@]} != 0 ] || return 0
-    cmake --preset dev || return 1
-    printf '%s\n' "${files[@]}" | xargs -n 4 -P "$(nproc)" clang-tidy -p build/dev --quiet --warnings-as-errors='*'
+    cmake --preset dev -B build/tidy || return 1 # a folder of its own: build/dev may be building meanwhile
+    printf '%s\n' "${files[@]}" | xargs -n 4 -P "$(nproc)" clang-tidy -p build/tidy --quiet --warnings-as-errors='*'
 }
 
 check "every source is as clang-format writes it" formatted

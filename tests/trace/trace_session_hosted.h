@@ -30,7 +30,7 @@ class TraceSession {
         std::vector<std::string> aLines;
         std::ifstream            file(hosted::TraceLogFile(hosted::MachineFolder(), "test"));
         file.seekg(m_nRead);
-        for (std::string sLine; std::getline(file, sLine);) {
+        for (std::string sLine; std::getline(file, sLine) && !file.eof();) { // its end: a line half written
             m_nRead += static_cast<std::streamoff>(sLine.size() + 1);
             const std::string sClass = " eab78ba6/";
             const size_t      nClass = sLine.find(sClass);

@@ -94,7 +94,20 @@ std::string TwoMachines::Happened()
     std::string sText;
     for (const MachinePtr &machine : {old, next}) {
         sText += machine->plan.sComputer + ": " + machine->sLastError + "\n  has received:\n";
-        for (const auto &record : ReceivedRecords(machine)) sText += "    " + record.dump() + "\n";
+        std::string sLast; // of many equal records in a row one is shown: reports keep the end of what is printed
+        size_t      nTimes = 0;
+        const auto  tell   = [&](const std::string &sRecord) {
+            if (nTimes > 0 && sRecord != sLast) sText += "    " + std::to_string(nTimes) + " x " + sLast + "\n";
+            nTimes = sRecord == sLast ? nTimes + 1 : 1;
+            sLast  = sRecord;
+        };
+        for (const auto &record : ReceivedRecords(machine)) {
+            std::string sRecord = record.value("label", "");
+            for (const char *pszPart : {"p1", "p2", "p3", "t1", "t2", "t3"})
+                if (record.contains(pszPart) && record[pszPart] != "") sRecord += " " + record[pszPart].dump();
+            tell(sRecord);
+        }
+        tell("");
     }
     return sText;
 }

@@ -17,6 +17,8 @@ PACKAGES=(
     openssh-client openssh-server rsync
     # the network of two machines that discovery is tried on, and somebody else's discovery to try it against
     iproute2 avahi-daemon avahi-utils dbus
+    # looks into a release
+    unzip
 )
 
 case "${1-}" in

@@ -10,7 +10,8 @@
 #   e2e-windows     the whole-machine scenarios on two Wine machines, and between a hosted and a Wine machine, both ways
 #   discovery       the discovery program beside another implementation, in network namespaces, hosted and under Wine
 #   tsan            the threaded unit tests under the thread sanitizer
-#   windows-build   checks of the Windows programs, and a second build that must give the same bytes
+#   windows-build   checks of the Windows programs, a second build that must give the same bytes, and a release that is
+#                   unpacked and used under Wine
 #   fuzz            each fuzz program for a few seconds
 # While the tests of one build run, the next builds go on behind them at low priority. Each stage prints a closing
 # line of its own; the last line of all is "N passed, N failed". Exit code 0 when all passed, 1 when not, 2 for a
@@ -97,7 +98,7 @@ presets_of() { # stage
         dev | e2e | torture) echo dev ;;
         windows) echo windows ;;
         e2e-windows | discovery) echo dev windows ;;
-        windows-build) echo windows second ;;
+        windows-build) echo dev windows second ;;
         *) echo "$1" ;;
     esac
 }
@@ -207,8 +208,9 @@ stage_tsan() {
 }
 
 stage_windows-build() {
-    built windows second || return
+    built dev windows second || return
     run_counted windows-build cat "$work/second.log"
+    run_counted package scripts/check-package.sh
 }
 
 stage_fuzz() {

@@ -79,7 +79,9 @@ done
 [ -n "$pin" ]
 report "the old machine shows a PIN" $? "$work/give"
 on new timeout 120 wine "$program" take "${pin:-0}" Documents --yes >"$work/take" 2>&1 </dev/null
-report "migrate take ends with 0" $? "$work/take"
+code=$?
+report "migrate take ends with 0" $code "$work/take"
+[ $code = 0 ] || kill $giver # it would wait for another try
 wait $giver
 report "migrate give ends with 0" $? "$work/give"
 giver=

@@ -35,6 +35,7 @@ TEST_F(OverlappingRequests, AnOlderSearchLeavesTheNewerOnesLinkAlone)
         Request(2337, 5);
         EXPECT_TRUE(Reported(2337, 2)) << bCancelled;
         EXPECT_TRUE(Eventually([] { return hosted::LiveThreads() == 1; })) << "the listener alone";
+        EXPECT_TRUE(Eventually([&] { return server.Served() > 0; })) << "its side may hear the last word later";
         EXPECT_TRUE(IsAlive(server.Last())) << bCancelled;
         EXPECT_EQ(1u, server.Served()) << "nobody else has connected";
         EXPECT_EQ(0, g_bClientEnuming);

@@ -79,8 +79,9 @@ static bool Disturb(Pair *pPair, RunPlace *p, const std::function<void()> &fn)
 static void KillRun(Pair *pPair, RunPlace *p, bool bOld, bool bNext)
 {
     const bool bStarted = Disturb(pPair, p, [pPair, bOld, bNext] {
-        if (bOld) KillChild(pPair->old->agent);
-        if (bNext) KillChild(pPair->next->agent);
+        const Child oldAgent = pPair->old->agent, nextAgent = pPair->next->agent; // Kill below may come in between
+        if (bOld) KillChild(oldAgent);
+        if (bNext) KillChild(nextAgent);
     });
     if (!bStarted) return;
     // Whoever is left is told of it; an end that was told before is one.

@@ -2,13 +2,14 @@
 # Makes and removes a small network of this host's own: two network namespaces that a virtual cable joins, and nothing
 # else.
 #   scripts/lan.sh check         exit code 0 when this user may make one here; otherwise a sentence why not, and 1
-#   scripts/lan.sh make NAME     namespaces NAME-1 (10.77.0.1) and NAME-2 (10.77.0.2), interface lan0, both /24; an
-#   old NAME is replaced scripts/lan.sh remove NAME   ends what still runs in them and removes both
+#   scripts/lan.sh make NAME     namespaces NAME-1 (10.77.0.1) and NAME-2 (10.77.0.2), interface lan0, both /24
+#   scripts/lan.sh remove NAME   ends what still runs in them and removes both
+# make replaces an old NAME.
 # A program runs there with:  ip netns exec NAME-1 PROGRAM...
 # What runs in one reaches the other alone: no other network, no name server, and multicast on lan0.
 set -u
 
-usage() { sed -n '3,5s/^# *//p' "$0" >&2; exit 2; }
+usage() { sed -n '4,6s/^# *//p' "$0" >&2; exit 2; }
 
 missing() {
     command -v ip >/dev/null || { echo "the command ip is missing (package iproute2)"; return; }

@@ -38,9 +38,9 @@ bool Unlink(const MachinePtr &machine)
 
 bool WaitForBrokenLink(const MachinePtr &machine)
 {
-    // A frozen peer is noticed after 96 s when it was in the middle of a file: its piece times out after 8 s and is tried
-    // eleven times more. A killed one closes its connection at once, but Wine's server can keep that of a process killed
-    // within a receive.
+    // A frozen peer is noticed after 96 s when it was in the middle of a file: its piece times out after 8 s and is
+    // tried eleven times more. A killed one closes its connection at once, but Wine's server can keep that of a process
+    // killed within a receive.
     return Command(machine, "expect NTOS_ERRORCONTROL p1=102 within=180");
 }
 

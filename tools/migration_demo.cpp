@@ -3,6 +3,7 @@
 #include "tools/driver/process.h"
 #include "tools/driver/profile.h"
 #include "tools/driver/scenario.h"
+#include "tools/migrate/exit_codes.h"
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
@@ -15,7 +16,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr auto SHOWN_TIME  = std::chrono::seconds(120); // until a PIN is there, on a busy machine
+constexpr auto SHOWN_TIME  = std::chrono::milliseconds(120000); // until a PIN is there, on a busy machine
+constexpr auto LOOK_TIME   = std::chrono::milliseconds(200);
 constexpr auto DONE_TIME   = std::chrono::minutes(60);
 constexpr auto END_TIME    = std::chrono::seconds(60);
 constexpr char PIN_WORDS[] = "migrate take ";
@@ -87,7 +89,7 @@ void Heard(Person *pPerson, const std::string &sLine)
 }
 
 // Types "migrate ..." on the person's machine.
-bool Type(Person *pPerson, const std::vector<std::string> &arguments)
+bool Type(Person *pPerson, const std::vector<std::string> &arguments, std::string *psError)
 {
     std::vector<std::string> command = InstalledCommand(pPerson->machine, "migrate");
     std::string              sTyped  = std::string("\n") + Label(*pPerson) + " > migrate";
@@ -102,7 +104,10 @@ bool Type(Person *pPerson, const std::vector<std::string> &arguments)
     pPerson->command = StartChild(
         command, pPerson->machine->environment, [pPerson](const std::string &sLine) { Heard(pPerson, sLine); },
         pPerson->machine->plan.sFolder + ".migrate.log");
-    if (pPerson->command == nullptr) return false;
+    if (pPerson->command == nullptr) {
+        *psError = "migrate does not start";
+        return false;
+    }
     g_aCommands[pPerson->bOld ? 0 : 1] = static_cast<pid_t>(ChildPid(pPerson->command));
     return true;
 }
@@ -122,14 +127,19 @@ void Leave(Person *pPerson)
 // The command's exit code, -1 when it does not end.
 int End(Person *pPerson)
 {
-    int nExit = -1;
-    return WaitForChild(pPerson->command, DONE_TIME, &nExit) ? nExit : -1;
+    int        nExit  = -1;
+    const bool bEnded = WaitForChild(pPerson->command, DONE_TIME, &nExit);
+    if (bEnded) g_aCommands[pPerson->bOld ? 0 : 1] = 0; // the number may soon be another process's
+    return bEnded ? nExit : -1;
 }
 
 std::string AwaitPin(Person *pPerson)
 {
     std::unique_lock<std::mutex> lock(pPerson->lock);
-    pPerson->shown.wait_for(lock, SHOWN_TIME, [pPerson] { return !pPerson->sPin.empty(); });
+    for (auto left = SHOWN_TIME; pPerson->sPin.empty() && left > LOOK_TIME; left -= LOOK_TIME) {
+        pPerson->shown.wait_for(lock, LOOK_TIME);
+        if (!IsChildRunning(pPerson->command)) break;
+    }
     return pPerson->sPin;
 }
 
@@ -158,15 +168,15 @@ bool InterruptAndResume(Person *pTaker, const Profile &profile, std::string *psE
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     Step(std::string(Label(*pTaker)) + " > Ctrl-C");
     kill(static_cast<pid_t>(ChildPid(pTaker->command)), SIGINT);
-    if (const int nExit = End(pTaker); nExit != 4) {
-        *psError = nExit == 0 ? "the migration was over before it could be interrupted"
-                              : "the interrupted migrate take ended with " + std::to_string(nExit);
+    if (const int nExit = End(pTaker); nExit != EXIT_BROKEN_OFF) {
+        *psError = nExit == EXIT_ALL_THERE ? "the migration was over before it could be interrupted"
+                                           : "the interrupted migrate take ended with " + std::to_string(nExit);
         return false;
     }
     const auto finished = FinishedFiles(next, profile);
     Step("\n" + std::to_string(finished.size()) + " files are complete on the new machine.");
-    if (!Type(pTaker, {"take", "--resume", "--yes"})) return false;
-    if (const int nExit = End(pTaker); nExit != 0) {
+    if (!Type(pTaker, {"take", "--resume", "--yes"}, psError)) return false;
+    if (const int nExit = End(pTaker); nExit != EXIT_ALL_THERE) {
         *psError = "migrate take --resume ended with " + std::to_string(nExit);
         return false;
     }
@@ -180,10 +190,7 @@ bool InterruptAndResume(Person *pTaker, const Profile &profile, std::string *psE
 
 bool Migrate(const DemoOptions &options, Person *pGiver, Person *pTaker, const Profile &profile, std::string *psError)
 {
-    if (!Type(pGiver, {"give"})) {
-        *psError = "migrate does not start";
-        return false;
-    }
+    if (!Type(pGiver, {"give"}, psError)) return false;
     const std::string sPin = AwaitPin(pGiver);
     if (sPin.empty()) {
         *psError = "migrate give shows no PIN";
@@ -192,14 +199,14 @@ bool Migrate(const DemoOptions &options, Person *pGiver, Person *pTaker, const P
     std::vector<std::string> arguments = {"take", sPin};
     for (const std::string &sItem : RequestLines(profile)) arguments.push_back(sItem);
     arguments.push_back("--yes");
-    if (!Type(pTaker, arguments)) return false;
+    if (!Type(pTaker, arguments, psError)) return false;
     if (options.bInterrupt) {
         if (!InterruptAndResume(pTaker, profile, psError)) return false;
-    } else if (const int nExit = End(pTaker); nExit != 0) {
+    } else if (const int nExit = End(pTaker); nExit != EXIT_ALL_THERE) {
         *psError = "migrate take ended with " + std::to_string(nExit);
         return false;
     }
-    if (const int nExit = End(pGiver); nExit != 0) {
+    if (const int nExit = End(pGiver); nExit != EXIT_ALL_THERE) {
         *psError = "migrate give ended with " + std::to_string(nExit);
         return false;
     }
@@ -239,6 +246,8 @@ bool RunDemo(const DemoOptions &options, const MachinePtr &old, const MachinePtr
         giver.sNamespace = options.sLan + "-1";
         taker.sNamespace = options.sLan + "-2";
     }
+    signal(SIGINT, PassOn);
+    signal(SIGTERM, PassOn);
     const bool bMoved = Migrate(options, &giver, &taker, profile, psError);
     Leave(&taker);
     Leave(&giver);
@@ -283,8 +292,6 @@ int main(int argc, char **argv)
     std::printf("Migration from an old machine to a new one (%s)\n",
                 options.bWine ? "two Wine prefixes" : "two hosted machines");
     std::fflush(stdout);
-    signal(SIGINT, PassOn);
-    signal(SIGTERM, PassOn);
     std::string      sError;
     const MachinePtr old  = MakeOne(options, true, &sError);
     const MachinePtr next = old ? MakeOne(options, false, &sError) : nullptr;

@@ -140,12 +140,6 @@ std::vector<SpecialData> UsualSpecialData()
     return all;
 }
 
-const char *SpecialKindText(SpecialKind eKind)
-{
-    static const char *const apszTexts[] = {"supported settings", "supported applications", "setting", "application"};
-    return apszTexts[static_cast<size_t>(eKind)];
-}
-
 std::string CacheFolder(const MachinePtr &machine, const SpecialData &data)
 {
     return KnownFolder(machine, "ProgramData") + "\\VORN\\VORN Qelvane\\VornTramsa\\cache\\" + data.sName;

@@ -18,7 +18,6 @@ struct SpecialData {
 };
 // One of each kind, and a second setting.
 std::vector<SpecialData> UsualSpecialData();
-const char              *SpecialKindText(SpecialKind eKind);
 
 // Makes the files in the old user's application data, has the new machine's service ask and the old one's gather and
 // answer, and compares what came, byte by byte. False with *psError. The machines are linked, and the new one's service
